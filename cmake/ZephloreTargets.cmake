@@ -1,0 +1,34 @@
+# Every source directory holds one library: its *.cc files, minus the tests
+# (*_test.cc) and the program entry points (*_main.cc), which are built by the
+# directory itself. Tests live beside the code they test and are gathered into
+# one GoogleTest binary per directory.
+
+function(zephlore_library name dir)
+  file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cc)
+  list(FILTER srcs EXCLUDE REGEX "(_test|_main)\\.cc$")
+  if(NOT srcs)
+    # A layer with nothing built yet still carries its include path and links.
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} INTERFACE ${ARGN})
+    return()
+  endif()
+  add_library(${name} STATIC ${srcs})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARGN})
+endfunction()
+
+function(zephlore_tests name dir)
+  file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*_test.cc)
+  if(NOT srcs)
+    return()
+  endif()
+  add_executable(${name} ${srcs})
+  target_link_libraries(${name} PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    ZEPHLORE_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    ZEPHLORE_BINARY_DIR="${CMAKE_BINARY_DIR}")
+  # Each test in its own process: the single instances of the helper live for a
+  # whole process, so one test's instance must never leak into the next.
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()

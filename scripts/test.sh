@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# test.sh: installs what is missing, builds, and runs every test: the normal
+# build, then ASan+UBSan, then TSan over the threaded parts, then a bounded
+# fuzzing run of the format parser.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+jobs=$(nproc)
+
+echo "== build and test (RelWithDebInfo)"
+bash scripts/build.sh build
+ctest --test-dir build --output-on-failure -j "$jobs"
+
+echo "== ASan + UBSan"
+bash scripts/build.sh build-asan -DZEPHLORE_SANITIZE=address -DZEPHLORE_BENCH=OFF
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+# Suites named *Heavy* (many processes, big files) gain nothing from TSan.
+echo "== TSan (threaded parts)"
+bash scripts/build.sh build-tsan -DZEPHLORE_SANITIZE=thread -DZEPHLORE_BENCH=OFF
+TSAN_OPTIONS=halt_on_error=1 \
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -E Heavy
+
+if [ -d fuzz ] && ls fuzz/*.cc >/dev/null 2>&1; then
+  echo "== fuzzing (bounded)"
+  bash scripts/build.sh build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DZEPHLORE_FUZZ=ON -DZEPHLORE_BENCH=OFF -DZEPHLORE_SANITIZE=address
+  bash fuzz/run.sh build-fuzz
+fi

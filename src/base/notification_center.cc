@@ -1,0 +1,57 @@
+#include "base/notification_center.h"
+
+#include <algorithm>
+
+namespace zephlore {
+
+namespace {
+template <typename T>
+const T* lookup(const UserInfo& info, const std::string& key) {
+  auto it = info.find(key);
+  return it == info.end() ? nullptr : std::get_if<T>(&it->second);
+}
+}  // namespace
+
+const std::string* userInfoString(const UserInfo& info, const std::string& key) {
+  return lookup<std::string>(info, key);
+}
+const int64_t* userInfoNumber(const UserInfo& info, const std::string& key) {
+  return lookup<int64_t>(info, key);
+}
+const std::vector<std::string>* userInfoStrings(const UserInfo& info, const std::string& key) {
+  return lookup<std::vector<std::string>>(info, key);
+}
+
+NotificationCenter& NotificationCenter::defaultCenter() {
+  static NotificationCenter* center = new NotificationCenter;
+  return *center;
+}
+
+NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name, const void* object,
+                                                               Handler handler) {
+  std::lock_guard lock(mutex_);
+  ObserverId id = next_id_++;
+  observers_.push_back(Observer{id, std::move(name), object, std::move(handler)});
+  return id;
+}
+
+void NotificationCenter::removeObserver(ObserverId id) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(observers_, [id](const Observer& o) { return o.id == id; });
+}
+
+void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
+  std::vector<Handler> matching;
+  {
+    std::lock_guard lock(mutex_);
+    for (const Observer& o : observers_) {
+      if ((o.name.empty() || o.name == name) && (!o.object || o.object == object)) {
+        matching.push_back(o.handler);
+      }
+    }
+  }
+  Notification note{name, object, std::move(userInfo)};
+  for (const Handler& h : matching) h(note);
+}
+
+}  // namespace zephlore
