@@ -1,1 +1,22 @@
-int main() { return 0; }
+// zephlore: compress, decompress, inspect and read files and trees, and steer
+// the background helper.
+#include <CLI/CLI.hpp>
+
+#include "base/log.h"
+#include "cli/commands.h"
+
+int main(int argc, char** argv) {
+  zephlore::setLogTarget(zephlore::LogTarget::kStderr);
+  CLI::App app{"zephlore: transparent file compression, and the control surface of zephlore-helper"};
+  app.require_subcommand(1);
+  int exit_code = 0;
+  zephlore::cli::addFileCommands(app, &exit_code);
+  zephlore::cli::addPaneCommands(app, &exit_code);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int status = app.exit(e);
+    return status == 0 ? 0 : 2;
+  }
+  return exit_code;
+}
