@@ -1,0 +1,218 @@
+// Env: every operating-system call the engine makes goes through one
+// interface, so that tests can make any of them fail on demand
+// (FaultInjectingEnv) and the engine above reads like plain file logic.
+//
+// Conventions:
+// - A failing call returns -1 (or false / none) and leaves errno set, exactly
+//   as the system call would; callers turn errno into messages themselves.
+// - Paths are byte strings. A final symbolic link is never followed by open()
+//   and the attribute calls unless the caller asks for it.
+// - Extended attributes are named with the system's own names
+//   ("com.apple.decmpfs"); they live in the Linux "user." namespace, and
+//   listing returns only those, with the prefix removed.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zephlore {
+
+// Linux namespace that holds the system's attributes.
+inline constexpr const char* kUserXattrPrefix = "user.";
+// The kernel refuses to list a file's attributes once their names (with
+// namespace prefixes and terminating zeros) pass this many bytes.
+inline constexpr size_t kXattrListMax = 65536;
+
+// The target of an attribute call: an open descriptor, or a path whose final
+// symbolic link is followed only when `traverseLink` is set. A descriptor is
+// the safe choice when the name could be swapped between two calls.
+struct FileRef {
+  int fd = -1;
+  std::string path;
+  bool traverseLink = false;
+
+  static FileRef descriptor(int fd) { return FileRef{fd, {}, false}; }
+  static FileRef atPath(std::string path, bool traverseLink = false) {
+    return FileRef{-1, std::move(path), traverseLink};
+  }
+  bool isDescriptor() const { return fd >= 0; }
+  // The path, or "descriptor N", for messages.
+  std::string describe() const;
+};
+
+// One process using a file: its descriptor's access mode (O_RDONLY 0,
+// O_WRONLY 1, O_RDWR 2) or kFileUserCurrentDirectory.
+struct FileUser {
+  pid_t pid = 0;
+  uint32_t mode = 0;
+};
+inline constexpr uint32_t kFileUserCurrentDirectory = 0xFFFF;
+
+// What the system can tell about the volume holding a path.
+struct VolumeDescription {
+  dev_t device = 0;
+  std::string fileSystemType;  // "ext4", "xfs", "btrfs", "tmpfs", ..., "Unknown"
+  std::string mountPoint;      // "" when the mount table has no entry
+  bool removable = false;      // the disk says its medium can be removed
+  bool ejectable = false;      // removable, or on an external bus
+  bool internal = false;       // a real disk on an internal bus
+  bool external = false;       // a real disk on an external bus (USB, ...)
+  bool writable = false;       // not mounted read-only
+};
+
+// Owns a descriptor and closes it (plain close(2), not through Env).
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  explicit operator bool() const { return valid(); }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  void reset(int fd = -1);
+
+ private:
+  int fd_ = -1;
+};
+
+class Env {
+ public:
+  virtual ~Env() = default;
+
+  // The process-wide Env: the real system unless a test installed another.
+  static Env& shared();
+  // Installs `env` (nullptr restores the system). The caller keeps ownership
+  // and must outlive every user of it.
+  static void setShared(Env* env);
+  // The real system, whatever is installed.
+  static Env& system();
+
+  // --- Descriptors ---------------------------------------------------------
+
+  // open(2) with O_CLOEXEC and O_NOFOLLOW always added: a final symbolic link
+  // fails with ELOOP. Returns the descriptor or -1.
+  virtual int open(const std::string& path, int flags, mode_t mode = 0) = 0;
+  // open() followed by flock(LOCK_EX | LOCK_NB): a lock held elsewhere (by
+  // another process, or through another open of the same file in this one)
+  // fails at once with EWOULDBLOCK, and the descriptor is closed again.
+  virtual int openLocked(const std::string& path, int flags, mode_t mode = 0) = 0;
+  // A new unnamed read-write file in directory `dir` (O_TMPFILE): it vanishes
+  // with its last descriptor unless linkTmpFile() names it. EOPNOTSUPP where
+  // the file system cannot.
+  virtual int openTmpFile(const std::string& dir, mode_t mode) = 0;
+  // Gives a file from openTmpFile() the name `path`; EEXIST if the name is
+  // taken (never replaces anything).
+  virtual int linkTmpFile(int fd, const std::string& path) = 0;
+  virtual int close(int fd) = 0;
+
+  virtual ssize_t pread(int fd, void* buf, size_t n, uint64_t offset) = 0;
+  virtual ssize_t pwrite(int fd, const void* buf, size_t n, uint64_t offset) = 0;
+  virtual int fsync(int fd) = 0;
+  virtual int ftruncate(int fd, uint64_t length) = 0;
+  virtual int fstat(int fd, struct stat* st) = 0;
+  virtual int fstatfs(int fd, struct statfs* st) = 0;
+
+  virtual int fchmod(int fd, mode_t mode) = 0;
+  virtual int fchown(int fd, uid_t uid, gid_t gid) = 0;
+  // times[0] access, times[1] modification, nanoseconds kept.
+  virtual int futimens(int fd, const struct timespec times[2]) = 0;
+
+  // The POSIX access ACL of a file in a portable external form; an empty
+  // value when it says nothing beyond the mode bits or the file system has
+  // no ACLs. None (errno set) on failure.
+  virtual std::optional<std::vector<uint8_t>> getAcl(int fd) = 0;
+  // Sets an ACL from getAcl(); an empty value reduces the file's ACL to its
+  // mode bits (dropping one inherited from a directory default).
+  virtual int setAcl(int fd, const std::vector<uint8_t>& acl) = 0;
+
+  // --- Paths -----------------------------------------------------------------
+
+  virtual int lstat(const std::string& path, struct stat* st) = 0;
+  virtual int stat(const std::string& path, struct stat* st) = 0;  // follows links
+  virtual int statfs(const std::string& path, struct statfs* st) = 0;
+  virtual int statvfs(const std::string& path, struct statvfs* st) = 0;
+  virtual int rename(const std::string& from, const std::string& to) = 0;
+  // Atomically swaps the two names (renameat2 RENAME_EXCHANGE); both must
+  // exist on one volume. EINVAL where the file system cannot.
+  virtual int exchange(const std::string& a, const std::string& b) = 0;
+  virtual int unlink(const std::string& path) = 0;
+  virtual int mkdir(const std::string& path, mode_t mode) = 0;
+  // Flushes a directory's entries (after a create, rename or exchange in it).
+  virtual int fsyncDirectory(const std::string& path) = 0;
+  // realpath(3); none (errno set) on failure.
+  virtual std::optional<std::string> realPath(const std::string& path) = 0;
+
+  // --- Extended attributes, by the system's names ---------------------------
+
+  // Size query when `n` is 0 (buf may be null); else reads the value.
+  // ENODATA when absent, ERANGE when `n` is too small.
+  virtual ssize_t getxattr(const FileRef& file, const std::string& name, void* buf,
+                           size_t n) = 0;
+  // flags: 0 (create or replace), XATTR_CREATE or XATTR_REPLACE.
+  virtual int setxattr(const FileRef& file, const std::string& name, const void* value,
+                       size_t n, int flags) = 0;
+  virtual int removexattr(const FileRef& file, const std::string& name) = 0;
+  // The names in the order the file system lists them. E2BIG when the full
+  // list passes kXattrListMax.
+  virtual std::optional<std::vector<std::string>> listxattr(const FileRef& file) = 0;
+  // Bytes of the file's whole attribute name list, every namespace included:
+  // what kXattrListMax limits.
+  virtual ssize_t xattrListSize(const FileRef& file) = 0;
+
+  // --- Processes and volumes -------------------------------------------------
+
+  // Processes this process may inspect that have the file (device, inode)
+  // open or as their current directory: one entry per process, the current
+  // directory first, else the first matching descriptor. Processes of other
+  // users that cannot be read are left out. None (errno set) when /proc
+  // cannot be read at all.
+  virtual std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) = 0;
+  // The volume holding `path` (following links). None (errno set) when the
+  // path cannot be examined.
+  virtual std::optional<VolumeDescription> describeVolume(const std::string& path) = 0;
+
+  // --- Conveniences built on the calls above ---------------------------------
+
+  // Reads up to `n` bytes at `offset`, retrying short reads. Returns the bytes
+  // read (fewer only at end of file) or -1.
+  ssize_t preadFully(int fd, void* buf, size_t n, uint64_t offset);
+  // Writes all `n` bytes at `offset`. False with errno set (EIO when the
+  // system stopped writing without saying why).
+  bool pwriteFully(int fd, const void* buf, size_t n, uint64_t offset);
+  // A whole attribute value (size query, then read; retried if it grew).
+  std::optional<std::vector<uint8_t>> getxattrValue(const FileRef& file, const std::string& name);
+  // fsync of the directory that holds `path`.
+  int fsyncParentDirectory(const std::string& path);
+};
+
+// Installs an Env as the shared one for the lifetime of a scope (tests).
+class ScopedSharedEnv {
+ public:
+  explicit ScopedSharedEnv(Env* env) { Env::setShared(env); }
+  ~ScopedSharedEnv() { Env::setShared(nullptr); }
+  ScopedSharedEnv(const ScopedSharedEnv&) = delete;
+  ScopedSharedEnv& operator=(const ScopedSharedEnv&) = delete;
+};
+
+// The directory part of a path ("." when there is none, "/" for "/x").
+std::string parentDirectory(const std::string& path);
+
+}  // namespace zephlore
