@@ -101,6 +101,7 @@ bool ManualClock::waitUntil(std::unique_lock<std::mutex>& lock, std::condition_v
 }
 
 void ManualClock::advance(Duration d) {
+  if (d < Duration(0)) return;
   elapsed_ns_ += d.count();
   wall_ns_ += d.count();
   std::vector<std::function<void()>> observers;

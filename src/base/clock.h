@@ -20,9 +20,15 @@ using Duration = std::chrono::nanoseconds;
 using TimePoint = std::chrono::time_point<std::chrono::steady_clock, Duration>;
 using WallTime = std::chrono::time_point<std::chrono::system_clock, Duration>;
 
-// Seconds as a double (the unit the rest of the system speaks) to a Duration.
+// Seconds as a double (the unit the rest of the system speaks) to a Duration,
+// rounded to the nearest nanosecond (0.3 s is 300,000,000 ns, not one less).
+// Out-of-range values saturate and NaN is zero, so no input is undefined.
 constexpr Duration seconds(double s) {
-  return Duration(static_cast<int64_t>(s * 1e9));
+  if (!(s == s)) return Duration(0);
+  if (s >= 9.2e9) return Duration::max();
+  if (s <= -9.2e9) return Duration::min();
+  const double ns = s * 1e9;
+  return Duration(static_cast<int64_t>(ns < 0 ? ns - 0.5 : ns + 0.5));
 }
 inline double toSeconds(Duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -90,6 +96,9 @@ class ManualClock final : public Clock {
   uint64_t addAdvanceObserver(std::function<void()> observer) override;
   void removeAdvanceObserver(uint64_t id) override;
 
+  // Moves both clocks forward by `d` (negative: nothing; monotonic time never
+  // goes back) and wakes the waiters whose deadline has come. Must not be
+  // called while holding a mutex that a thread passes to waitUntil().
   void advance(Duration d);
   void setWall(WallTime wall);  // moves calendar time only (a clock change)
 

@@ -40,18 +40,28 @@ void NotificationCenter::removeObserver(ObserverId id) {
   std::erase_if(observers_, [id](const Observer& o) { return o.id == id; });
 }
 
+bool NotificationCenter::isRegistered(ObserverId id) {
+  std::lock_guard lock(mutex_);
+  return std::any_of(observers_.begin(), observers_.end(),
+                     [id](const Observer& o) { return o.id == id; });
+}
+
 void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
-  std::vector<Handler> matching;
+  std::vector<std::pair<ObserverId, Handler>> matching;
   {
     std::lock_guard lock(mutex_);
     for (const Observer& o : observers_) {
       if ((o.name.empty() || o.name == name) && (!o.object || o.object == object)) {
-        matching.push_back(o.handler);
+        matching.emplace_back(o.id, o.handler);
       }
     }
   }
   Notification note{name, object, std::move(userInfo)};
-  for (const Handler& h : matching) h(note);
+  for (const auto& [id, handler] : matching) {
+    // An observer removed by an earlier handler of this post (its owner may
+    // be gone already) is not called.
+    if (isRegistered(id)) handler(note);
+  }
 }
 
 }  // namespace zephlore

@@ -39,11 +39,15 @@ class NotificationCenter {
   ObserverId addObserver(std::string name, const void* object, Handler handler);
   void removeObserver(ObserverId id);
 
-  // Delivers to the observers registered when the post begins; handlers may
-  // add or remove observers meanwhile.
+  // Delivers to the observers registered when the post begins and still
+  // registered when their turn comes; handlers may add or remove observers
+  // meanwhile. Removal does not wait for a delivery already running on
+  // another thread: an observer that outlives its owner must not assume so.
   void post(const std::string& name, const void* object = nullptr, UserInfo userInfo = {});
 
  private:
+  bool isRegistered(ObserverId id);
+
   struct Observer {
     ObserverId id;
     std::string name;

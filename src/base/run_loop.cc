@@ -96,7 +96,9 @@ bool RunLoop::postAndWait(std::function<void()> fn) {
   {
     std::lock_guard lock(mutex_);
     if (shut_down_) return false;
-    posted_.push_back([fn = std::move(fn), done]() mutable {
+    // The posted call must hold the only reference: a copy kept here would
+    // keep the promise alive and turn a dropped call into a wait for ever.
+    posted_.push_back([fn = std::move(fn), done = std::move(done)]() mutable {
       fn();
       done->set_value();
     });
@@ -133,6 +135,11 @@ void RunLoop::wake() {
   (void)ignored;
 }
 
+size_t RunLoop::pendingCalls() const {
+  std::lock_guard lock(mutex_);
+  return posted_.size();
+}
+
 void RunLoop::bindThread() { thread_ = std::this_thread::get_id(); }
 
 bool RunLoop::isLoopThread() const { return thread_.load() == std::this_thread::get_id(); }
@@ -149,15 +156,22 @@ int RunLoop::runPosted() {
 
 int RunLoop::runDueTimers() {
   int ran = 0;
-  // Only timers due at entry run in this pass, so a timer that re-arms itself
-  // with zero delay cannot starve the rest of the loop.
+  // Only timers that existed and were due at entry run in this pass, so a
+  // call that re-arms itself with zero delay cannot starve the rest of the
+  // loop (under a manual clock its deadline equals `now`).
   const TimePoint now = clock_.now();
+  TimerId first_new_id;
+  {
+    std::lock_guard lock(mutex_);
+    first_new_id = next_id_;
+  }
   for (;;) {
     Timer timer;
     TimePoint deadline;
     {
       std::lock_guard lock(mutex_);
       auto it = timers_.begin();
+      while (it != timers_.end() && it->first <= now && it->second.id >= first_new_id) ++it;
       if (it == timers_.end() || it->first > now) break;
       deadline = it->first;
       timer = it->second;
@@ -191,7 +205,11 @@ int RunLoop::pollOnce(bool may_block) {
     if (may_block && posted_.empty() && !stop_requested_) {
       timeout_ms = -1;
       if (!timers_.empty()) {
-        std::optional<Duration> wait = clock_.realTimeUntil(timers_.begin()->first);
+        const TimePoint first = timers_.begin()->first;
+        // A manual clock gives no real wait; a timer already due (armed at
+        // zero delay during the last pass) must not leave us blocked.
+        std::optional<Duration> wait =
+            first <= clock_.now() ? Duration(0) : clock_.realTimeUntil(first);
         if (wait) {
           // Round up so that we never wake just before the deadline and spin.
           auto ms = std::chrono::ceil<std::chrono::milliseconds>(*wait).count();
@@ -218,6 +236,13 @@ int RunLoop::pollOnce(bool may_block) {
       std::lock_guard lock(mutex_);
       for (const Watch& w : watches_) {
         if (w.id == ids[i - 1]) fn = w.fn;  // skip watches removed meanwhile
+      }
+      if (fn && (fds[i].revents & POLLNVAL)) {
+        // A descriptor closed behind our back would report this on every
+        // poll and spin the loop; drop the watch instead.
+        KRLog("*** RunLoop: descriptor %d was closed while watched; watch removed", fds[i].fd);
+        std::erase_if(watches_, [&](const Watch& w) { return w.id == ids[i - 1]; });
+        fn = nullptr;
       }
     }
     if (fn) {

@@ -76,6 +76,9 @@ class RunLoop {
   // pending posted calls are dropped. Any thread.
   void shutdown();
 
+  // Posted calls not yet run (lets a test know a hop has been queued).
+  size_t pendingCalls() const;
+
   bool isLoopThread() const;
   Clock& clock() const { return clock_; }
 

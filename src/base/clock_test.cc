@@ -1,0 +1,165 @@
+#include "base/clock.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+#include <vector>
+
+namespace zephlore {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(ManualClock, TimeMovesOnlyWhenAdvanced) {
+  ManualClock clock;
+  const TimePoint start = clock.now();
+  const WallTime wall = clock.wallNow();
+  EXPECT_EQ(clock.now(), start);
+
+  clock.advance(seconds(1.5));
+  EXPECT_EQ(clock.now() - start, 1500ms);
+  EXPECT_EQ(clock.wallNow() - wall, 1500ms);
+
+  clock.advance(-10s);  // monotonic time never goes back
+  EXPECT_EQ(clock.now() - start, 1500ms);
+
+  clock.setWall(wall - 24h);  // a calendar change leaves monotonic time alone
+  EXPECT_EQ(clock.wallNow(), wall - 24h);
+  EXPECT_EQ(clock.now() - start, 1500ms);
+
+  EXPECT_FALSE(clock.realTimeUntil(start + 1h));
+}
+
+TEST(ManualClock, SecondsConversionRoundsAndSaturates) {
+  EXPECT_EQ(seconds(0.3), 300ms);
+  EXPECT_EQ(seconds(0.2), 200ms);
+  EXPECT_EQ(seconds(-0.3), -300ms);
+  EXPECT_EQ(seconds(17 * 3600.0), 17h);
+  EXPECT_EQ(seconds(1e300), Duration::max());
+  EXPECT_EQ(seconds(-1e300), Duration::min());
+  EXPECT_EQ(seconds(std::nan("")), Duration(0));
+  EXPECT_DOUBLE_EQ(toSeconds(2500ms), 2.5);
+}
+
+TEST(ManualClock, SleepersWakeInDeadlineOrderOnAdvance) {
+  ManualClock clock;
+  const TimePoint start = clock.now();
+  std::vector<TimePoint> woke(3);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&, i] {
+      clock.sleepFor(seconds(10.0 * (i + 1)));
+      woke[static_cast<size_t>(i)] = clock.now();
+    });
+  }
+  clock.waitForSleepers(3);
+
+  clock.advance(seconds(9.999999));  // just short: nobody leaves
+  EXPECT_EQ(clock.sleepers(), 3);
+  clock.advance(1us);
+  threads[0].join();
+  EXPECT_EQ(woke[0] - start, 10s);
+  EXPECT_EQ(clock.sleepers(), 2);
+
+  clock.advance(25s);  // passes both remaining deadlines at once
+  threads[1].join();
+  threads[2].join();
+  EXPECT_EQ(clock.sleepers(), 0);
+  EXPECT_EQ(woke[2] - start, 35s);
+}
+
+TEST(ManualClock, WaitUntilEndsOnReadinessOrDeadline) {
+  ManualClock clock;
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool ready = false;
+
+  // Deadline: a 30 s settle wait passes in no real time.
+  bool result = true;
+  std::thread timed([&] {
+    std::unique_lock lock(mutex);
+    result = clock.waitUntil(lock, cv, clock.now() + 30s, [&] { return ready; });
+  });
+  clock.waitForSleepers(1);
+  clock.advance(29s);
+  EXPECT_EQ(clock.sleepers(), 1);
+  clock.advance(1s);
+  timed.join();
+  EXPECT_FALSE(result);
+
+  // Readiness, signalled by the caller's own condition variable.
+  std::thread signalled([&] {
+    std::unique_lock lock(mutex);
+    result = clock.waitUntil(lock, cv, clock.now() + 1h, [&] { return ready; });
+  });
+  clock.waitForSleepers(1);
+  {
+    std::lock_guard lock(mutex);
+    ready = true;
+  }
+  cv.notify_all();
+  signalled.join();
+  EXPECT_TRUE(result);
+  EXPECT_EQ(clock.sleepers(), 0);
+
+  // Already past the deadline: answers at once.
+  std::unique_lock lock(mutex);
+  ready = false;
+  EXPECT_FALSE(clock.waitUntil(lock, cv, clock.now(), [&] { return ready; }));
+}
+
+TEST(ManualClock, ManyWaitersOnOneConditionAcrossManyAdvances) {
+  ManualClock clock;
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::atomic<int> timed_out{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([&, i] {
+      std::unique_lock lock(mutex);
+      if (!clock.waitUntil(lock, cv, clock.now() + seconds(i + 1.0), [] { return false; })) {
+        ++timed_out;
+      }
+    });
+  }
+  clock.waitForSleepers(6);
+  for (int i = 0; i < 12; ++i) clock.advance(500ms);
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(timed_out, 6);
+}
+
+TEST(Clock, SharedClockIsInstalledAndRestored) {
+  Clock* system = &Clock::shared();
+  {
+    ScopedManualClock manual;
+    EXPECT_EQ(&Clock::shared(), &*manual);
+    const TimePoint before = Clock::shared().now();
+    manual->advance(17h);
+    EXPECT_EQ(Clock::shared().now() - before, 17h);
+  }
+  EXPECT_EQ(&Clock::shared(), system);
+
+  // The real clock: a deadline already past is not waited for.
+  SystemClock& real = static_cast<SystemClock&>(*system);
+  EXPECT_EQ(real.realTimeUntil(real.now() - 1s), Duration(0));
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::unique_lock lock(mutex);
+  EXPECT_TRUE(real.waitUntil(lock, cv, real.now() + 1h, [] { return true; }));
+}
+
+TEST(ManualClock, AdvanceObserversAreCalledUntilRemoved) {
+  ManualClock clock;
+  int calls = 0;
+  uint64_t id = clock.addAdvanceObserver([&] { ++calls; });
+  clock.advance(1s);
+  clock.advance(1s);
+  clock.removeAdvanceObserver(id);
+  clock.advance(1s);
+  EXPECT_EQ(calls, 2);
+}
+
+}  // namespace
+}  // namespace zephlore
