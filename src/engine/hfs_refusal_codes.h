@@ -1,0 +1,24 @@
+// Codes of our own in the engine's error domain (kHFSErrorDomain), after the
+// classic 700..706: files the engine refuses to convert or expand because
+// doing so could lose data or touch the wrong file.
+#pragma once
+
+namespace zephlore {
+
+enum HFSRefusalCode : int {
+  // Exchanging names would leave the old data under the file's other names.
+  kHFSErrorHardLinks = 707,         // "File at path %@ has more than one hard link"
+  // Data written into a compressed file lands in its data fork while the old
+  // compressed data stays in the attributes: neither version is complete.
+  kHFSErrorWrittenAfterCompression = 708,  // "File at path %@ was written after it was compressed"
+  kHFSErrorNotRegularFile = 709,    // "File at path %@ is not a regular file"
+  // The crash-recovery record cuts a path at its first line feed.
+  kHFSErrorLineFeedInPath = 710,    // "Path %@ contains a line feed"
+  kHFSErrorPathTooLong = 711,       // "Path %@ is too long"
+  kHFSErrorOpenForWriting = 712,    // "File at path %@ is open for writing by another process"
+  kHFSErrorModified = 713,          // "File at path %@ was modified while compressing"
+  kHFSErrorSwapFailed = 714,        // "Could not replace file at path %@ with its compressed copy"
+  kHFSErrorVolumeCannotHold = 715,  // "The volume of %@ cannot hold the compressed form"
+};
+
+}  // namespace zephlore
