@@ -1,0 +1,70 @@
+#include "cli/file_outcome.h"
+
+#include <cstring>
+
+namespace zephlore::cli {
+
+const char* skipReasonKey(SkipReason reason) {
+  switch (reason) {
+    case SkipReason::kNone: return "none";
+    case SkipReason::kDirectory: return "directory";
+    case SkipReason::kOtherVolume: return "other_volume";
+    case SkipReason::kNotRegular: return "not_regular";
+    case SkipReason::kTooSmall: return "too_small";
+    case SkipReason::kAlreadyCompressed: return "already_compressed";
+    case SkipReason::kMarkedNotCompressible: return "marked_not_compressible";
+    case SkipReason::kCompressionAttributes: return "compression_attributes";
+    case SkipReason::kNotOwned: return "not_owned";
+    case SkipReason::kNotWritable: return "not_writable";
+    case SkipReason::kHardLinks: return "hard_links";
+    case SkipReason::kNotCompressible: return "not_compressible";
+    case SkipReason::kNotCompressed: return "not_compressed";
+    case SkipReason::kVanished: return "vanished";
+  }
+  return "unknown";
+}
+
+const char* skipReasonText(SkipReason reason) {
+  switch (reason) {
+    case SkipReason::kNone: return "not skipped";
+    case SkipReason::kDirectory: return "a directory (use -r)";
+    case SkipReason::kOtherVolume: return "on another volume";
+    case SkipReason::kNotRegular: return "not a regular file";
+    case SkipReason::kTooSmall: return "smaller than 4096 bytes";
+    case SkipReason::kAlreadyCompressed: return "already compressed";
+    case SkipReason::kMarkedNotCompressible: return "marked not compressible";
+    case SkipReason::kCompressionAttributes: return "written after compression";
+    case SkipReason::kNotOwned: return "not owned by you";
+    case SkipReason::kNotWritable: return "not writable";
+    case SkipReason::kHardLinks: return "has other hard links";
+    case SkipReason::kNotCompressible: return "does not shrink (marked)";
+    case SkipReason::kNotCompressed: return "not compressed";
+    case SkipReason::kVanished: return "vanished";
+  }
+  return "unknown";
+}
+
+const char* outcomeKey(Outcome outcome, Operation op) {
+  const bool compress = op == Operation::kCompress;
+  switch (outcome) {
+    case Outcome::kConverted: return compress ? "compressed" : "decompressed";
+    case Outcome::kWouldConvert: return compress ? "would_compress" : "would_decompress";
+    case Outcome::kSkipped: return "skipped";
+    case Outcome::kFailed: return "failed";
+  }
+  return "unknown";
+}
+
+const char* operationName(Operation op) {
+  return op == Operation::kCompress ? "compress" : "decompress";
+}
+
+Error posixError(int err, const std::string& what) {
+  Error e;
+  e.domain = kPosixErrorDomain;
+  e.code = err;
+  e.message = what.empty() ? std::string(strerror(err)) : what + ": " + strerror(err);
+  return e;
+}
+
+}  // namespace zephlore::cli

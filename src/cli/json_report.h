@@ -1,0 +1,26 @@
+// JSON forms of a run's reports: one object per file (with --verbose) and
+// one summary object, each written on one line.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "base/clock.h"
+#include "cli/file_outcome.h"
+#include "cli/run_summary.h"
+
+namespace zephlore::cli {
+
+// A path as JSON fields: "path" (valid UTF-8; bytes that are not UTF-8 shown
+// as U+FFFD) and, only for such names, "path_bytes" with the exact bytes in
+// hexadecimal.
+void addPathFields(nlohmann::json& object, const std::string& path);
+
+nlohmann::json errorJson(const Error& error);
+nlohmann::json fileJson(const FileResult& result, Operation op);
+nlohmann::json summaryJson(const RunSummary& summary, Duration elapsed, bool interrupted);
+
+// One line of compact JSON; never throws on text that is not UTF-8.
+std::string dumpLine(const nlohmann::json& value);
+
+}  // namespace zephlore::cli

@@ -1,0 +1,102 @@
+#include "cli/tree_walker.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace zephlore::cli {
+namespace {
+
+struct Level {
+  DIR* dir;
+  size_t path_length;  // length of this directory's path in the path buffer
+};
+
+bool isDotOrDotDot(const char* name) {
+  return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
+}
+
+}  // namespace
+
+void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
+  if (stopped()) return;
+  struct stat st;
+  if (lstat(root.c_str(), &st) != 0) {
+    visitor.walkError(root, errno, "stat");
+    return;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kNone);
+    return;
+  }
+  if (!options_.recursive) {
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kDirectory);
+    return;
+  }
+  const dev_t volume = st.st_dev;
+  // O_NOFOLLOW: the argument was a directory a moment ago; should it have been
+  // replaced by a link since, the open fails instead of walking elsewhere.
+  int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+  if (!dir) {
+    const int err = errno;
+    if (fd >= 0) close(fd);
+    visitor.walkError(root, err, "open directory");
+    return;
+  }
+
+  std::string path = root;
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  std::vector<Level> stack;
+  stack.push_back({dir, path.size()});
+
+  while (!stack.empty()) {
+    if (stopped()) break;
+    Level& level = stack.back();
+    errno = 0;
+    struct dirent* d = readdir(level.dir);
+    if (!d) {
+      const int err = errno;
+      path.resize(level.path_length);
+      if (err != 0) visitor.walkError(path, err, "read directory");
+      closedir(level.dir);
+      stack.pop_back();
+      continue;
+    }
+    if (isDotOrDotDot(d->d_name)) continue;
+    path.resize(level.path_length);
+    if (path.empty() || path.back() != '/') path += '/';
+    path += d->d_name;
+
+    const int parent = dirfd(level.dir);
+    if (fstatat(parent, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      visitor.walkError(path, errno, "stat");
+      continue;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kNone);
+      continue;
+    }
+    if (!options_.cross_volumes && st.st_dev != volume) {
+      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kOtherVolume);
+      continue;
+    }
+    fd = openat(parent, d->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* child = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!child) {
+      const int err = errno;
+      if (fd >= 0) close(fd);
+      visitor.walkError(path, err, "open directory");
+      continue;
+    }
+    // `level` may dangle after the push; nothing uses it past this point.
+    stack.push_back({child, path.size()});
+  }
+  for (const Level& level : stack) closedir(level.dir);
+}
+
+}  // namespace zephlore::cli
