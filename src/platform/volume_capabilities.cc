@@ -1,0 +1,237 @@
+#include "platform/volume_capabilities.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "platform/attribute_fork.h"
+#include "platform/attribute_names.h"
+#include "platform/platform_error.h"
+#include "platform/temporary_files.h"
+
+namespace zephlore {
+namespace {
+
+constexpr size_t kLargestPiece = 65536;
+constexpr size_t kSmallestPiece = 64;  // a volume taking less holds no fork worth having
+// The probe's name is at least as long as any piece name a listable fork can
+// have (fewer than 10000 pieces), so every piece fits where the probe did.
+static_assert(sizeof("com.quorvane.zephlore.probe") >= sizeof("com.apple.ResourceFork.9999"));
+
+struct VolumeKey {
+  dev_t device;
+  int64_t type;
+  bool operator<(const VolumeKey& other) const {
+    return device != other.device ? device < other.device : type < other.type;
+  }
+};
+
+struct Facts {
+  std::optional<size_t> pieceSize;
+  std::optional<bool> canHold;
+  std::optional<bool> exchange;
+};
+
+std::mutex g_mutex;
+std::map<VolumeKey, Facts>& facts() {
+  static auto* map = new std::map<VolumeKey, Facts>;  // never destroyed
+  return *map;
+}
+
+template <typename T>
+std::optional<T> known(const VolumeKey& key, std::optional<T> Facts::*field) {
+  std::lock_guard lock(g_mutex);
+  auto it = facts().find(key);
+  return it == facts().end() ? std::nullopt : it->second.*field;
+}
+
+template <typename T>
+void learn(const VolumeKey& key, std::optional<T> Facts::*field, T value) {
+  std::lock_guard lock(g_mutex);
+  facts()[key].*field = value;
+}
+
+std::optional<VolumeKey> keyOf(const FileRef& file) {
+  Env& env = Env::shared();
+  struct stat st;
+  struct statfs fs;
+  if (file.isDescriptor()) {
+    if (env.fstat(file.fd, &st) != 0 || env.fstatfs(file.fd, &fs) != 0) return std::nullopt;
+  } else {
+    int rc = file.traverseLink ? env.stat(file.path, &st) : env.lstat(file.path, &st);
+    if (rc != 0 || env.statfs(file.path, &fs) != 0) return std::nullopt;
+  }
+  return VolumeKey{st.st_dev, static_cast<int64_t>(fs.f_type)};
+}
+
+enum class Put { kOk, kTooBig, kUnsupported, kFailed };
+
+Put tryPut(const FileRef& file, const std::vector<uint8_t>& buf, size_t n) {
+  Env& env = Env::shared();
+  if (env.setxattr(file, attr::kProbe, buf.data(), n, 0) == 0) {
+    // Removed at once: on volumes where a file's attributes share one block
+    // the previous probe value must not crowd the next.
+    env.removexattr(file, attr::kProbe);
+    return Put::kOk;
+  }
+  switch (errno) {
+    case ENOSPC:
+    case E2BIG:
+    case ERANGE:
+    case EDQUOT:
+      return Put::kTooBig;
+    case ENOTSUP:
+      return Put::kUnsupported;
+    default:
+      return Put::kFailed;
+  }
+}
+
+// The largest value the probe attribute takes on `file`: halving from 64 KiB
+// until one fits, then bisecting up to the exact limit.
+std::optional<size_t> measurePieceSize(const FileRef& file, Error* error) {
+  const std::vector<uint8_t> buf(kLargestPiece, 0x5A);
+  auto failed = [&] {
+    failWithErrno(error, errno, "cannot measure the attribute space of " + file.describe());
+    return std::nullopt;
+  };
+  size_t fits = 0, refused = kLargestPiece + 1;
+  for (size_t size = kLargestPiece; size >= kSmallestPiece; size /= 2) {
+    Put put = tryPut(file, buf, size);
+    if (put == Put::kOk) {
+      fits = size;
+      break;
+    }
+    if (put == Put::kUnsupported) return size_t{0};
+    if (put == Put::kFailed) return failed();
+    refused = size;
+  }
+  if (fits == 0) return size_t{0};
+  while (refused - fits > 1) {
+    size_t mid = fits + (refused - fits) / 2;
+    Put put = tryPut(file, buf, mid);
+    if (put == Put::kFailed || put == Put::kUnsupported) return failed();
+    (put == Put::kOk ? fits : refused) = mid;
+  }
+  return fits;
+}
+
+std::string directoryOf(const std::string& path) {
+  struct stat st;
+  if (Env::shared().stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return path;
+  return parentDirectory(path);
+}
+
+// Places on `device` where scratch files may be made: the private temporary
+// directory when it is there, and `dir`.
+std::vector<std::string> scratchPlaces(const std::string& dir, dev_t device, bool privateFirst) {
+  std::vector<std::string> places{dir};
+  struct stat st;
+  std::optional<std::string> own = TemporaryFiles::privateDirectory();
+  if (own && Env::shared().stat(*own, &st) == 0 && st.st_dev == device) {
+    places.insert(privateFirst ? places.begin() : places.end(), *own);
+  }
+  return places;
+}
+
+bool onDevice(int fd, dev_t device) {
+  struct stat st;
+  return Env::shared().fstat(fd, &st) == 0 && st.st_dev == device;
+}
+
+// An unnamed scratch file on `device`: O_TMPFILE where the file system has
+// it, else a file unlinked right after it is made.
+UniqueFd scratchFile(const std::string& dir, dev_t device) {
+  Env& env = Env::shared();
+  for (const std::string& place : scratchPlaces(dir, device, false)) {
+    UniqueFd fd(env.openTmpFile(place, 0600));
+    if (!fd) {
+      if (auto made = TemporaryFiles::create(".zephlore-probe-", nullptr, place)) {
+        env.unlink(made->path);
+        fd = std::move(made->fd);
+      }
+    }
+    if (fd && onDevice(fd.get(), device)) return fd;
+  }
+  return UniqueFd();
+}
+
+}  // namespace
+
+std::optional<size_t> VolumeCapabilities::attributePieceSize(const FileRef& file, Error* error) {
+  std::optional<VolumeKey> key = keyOf(file);
+  if (!key) {
+    failWithErrno(error, errno, "cannot find the volume of " + file.describe());
+    return std::nullopt;
+  }
+  if (auto size = known(*key, &Facts::pieceSize)) return size;
+  std::optional<size_t> size = measurePieceSize(file, error);
+  if (size) learn(*key, &Facts::pieceSize, *size);
+  return size;
+}
+
+bool VolumeCapabilities::canHoldCompressedForm(const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+  if (!key) return false;
+  if (auto can = known(*key, &Facts::canHold)) return *can;
+  UniqueFd scratch = scratchFile(directoryOf(path), key->device);
+  if (!scratch) return false;
+  const FileRef file = FileRef::descriptor(scratch.get());
+  std::optional<size_t> pieceSize = attributePieceSize(file, nullptr);
+  if (!pieceSize) return false;
+  bool can = false;
+  if (*pieceSize > 0) {
+    const std::vector<uint8_t> fork(kProbeForkSize, 0xA5);
+    Error error;
+    can = AttributeFork::write(file, fork.data(), fork.size(), &error);
+    // A volume that is merely out of space says nothing about what it can hold.
+    if (!can && error.code != ENOSPC && error.code != E2BIG && error.code != ERANGE &&
+        error.code != EDQUOT) {
+      return false;
+    }
+  }
+  learn(*key, &Facts::canHold, can);
+  return can;
+}
+
+bool VolumeCapabilities::supportsExchange(const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+  if (!key) return false;
+  if (auto can = known(*key, &Facts::exchange)) return *can;
+  Env& env = Env::shared();
+  for (const std::string& place : scratchPlaces(directoryOf(path), key->device, true)) {
+    auto a = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
+    if (!a) continue;
+    auto b = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
+    if (!b || !onDevice(a->fd.get(), key->device)) {
+      env.unlink(a->path);
+      if (b) env.unlink(b->path);
+      continue;
+    }
+    struct stat before, after;
+    const bool swapped = env.fstat(b->fd.get(), &before) == 0 &&
+                         env.exchange(a->path, b->path) == 0 &&
+                         env.lstat(a->path, &after) == 0 && after.st_ino == before.st_ino;
+    const int err = errno;
+    env.unlink(a->path);
+    env.unlink(b->path);
+    if (swapped || err == EINVAL || err == ENOTSUP || err == ENOSYS) {
+      learn(*key, &Facts::exchange, swapped);
+      return swapped;
+    }
+    return false;
+  }
+  return false;
+}
+
+void VolumeCapabilities::forget() {
+  std::lock_guard lock(g_mutex);
+  facts().clear();
+}
+
+}  // namespace zephlore

@@ -1,0 +1,45 @@
+// What a volume can do for the compressed form, measured once per volume and
+// kept: how large one attribute value may be, whether a compressed file fits
+// at all, and whether two names can be swapped atomically.
+//
+// Volumes are told apart by device number and file-system type; forget()
+// drops what was learnt (a volume unmounted and another mounted in its place
+// may reuse the device number).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "base/error.h"
+#include "platform/env.h"
+
+namespace zephlore {
+
+class VolumeCapabilities {
+ public:
+  VolumeCapabilities() = delete;
+
+  // The largest fork piece the volume of `file` takes, at most 65536 bytes;
+  // 0 when it takes no user attributes. Measured on `file` itself (with the
+  // attribute "com.quorvane.zephlore.probe", removed again) the first time.
+  // None, with the error, when it could not be measured.
+  static std::optional<size_t> attributePieceSize(const FileRef& file, Error* error);
+
+  // The volume holding `path` (a file or a directory) takes user attributes
+  // and a fork of kProbeForkSize bytes. Measured on a scratch file in the
+  // directory (unnamed where the file system allows) or in the private
+  // temporary directory when it lies on the same volume. False, and nothing
+  // kept, when no scratch file can be made there.
+  static bool canHoldCompressedForm(const std::string& path);
+  static constexpr uint64_t kProbeForkSize = 256 * 1024;
+
+  // Two names on the volume holding `path` can be swapped atomically
+  // (Env::exchange). Measured with two scratch files.
+  static bool supportsExchange(const std::string& path);
+
+  static void forget();
+};
+
+}  // namespace zephlore
