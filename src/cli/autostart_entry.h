@@ -1,0 +1,26 @@
+// The desktop's own way to start a program at login: an XDG autostart entry,
+// $XDG_CONFIG_HOME/autostart/zephlore-helper.desktop, that runs the helper.
+#pragma once
+
+#include <string>
+
+namespace zephlore::cli {
+
+std::string autostartEntryPath();
+bool autostartEntryInstalled();
+
+// The helper that belongs to this command: zephlore-helper in the same
+// folder as the running zephlore (a build tree or an installed bin folder),
+// else the bare name for a PATH look-up at login.
+std::string helperExecutablePath();
+
+// Writes the entry (from the shipped template, with Exec pointing at
+// helperExecutablePath()). False and *problem on failure.
+bool installAutostartEntry(std::string* problem);
+// Removes it; an entry that is not there is no failure.
+bool removeAutostartEntry(std::string* problem);
+
+// `text` quoted for an Exec line when it needs quoting.
+std::string quoteForExec(const std::string& text);
+
+}  // namespace zephlore::cli

@@ -1,0 +1,73 @@
+// The settings the helper shares with the zephlore command: "defaults.plist"
+// in the data folder, an XML property list whose top level is a dictionary.
+// The command writes it and then posts a notification; the helper reads it
+// again on each such notice (reload()).
+#pragma once
+
+#include <plist/plist.h>
+
+#include <mutex>
+#include <string>
+
+#include "helper/plist_file.h"
+
+namespace zephlore {
+
+class KRDefaultsController {
+ public:
+  static constexpr const char* kFileName = "defaults.plist";
+  static constexpr const char* kFirstRunKey = "firstRun";
+  static constexpr const char* kFolderAliasesKey = "folderAliases";
+  static constexpr const char* kActiveKey = "active";
+  static constexpr const char* kRunAtLoginKey = "runAtLogin";
+  static constexpr const char* kCheckUpdatesKey = "checkUpdates";
+  static constexpr const char* kVisibleKey = "visible";
+
+  // Created on first use: reads the file and writes it back at once, so the
+  // file exists (with the built-in defaults on a first run) from then on.
+  static KRDefaultsController& sharedDefaultsController();
+
+  // The data folder + "defaults.plist"; "" when there is no data folder.
+  std::string defaultsFileName() const;
+
+  // Reads the file again. A dictionary with at least one entry becomes the
+  // working copy as it is (keys it lacks fall back one by one in the
+  // getters); a missing, empty, unparsable or non-dictionary file, or an
+  // empty dictionary, gives a full copy of the built-in defaults.
+  void reload();
+  // Writes the working copy atomically. On failure logs "Could not write
+  // preferences to file: <path>" and keeps the values in memory.
+  bool synchronize();
+
+  // Each reads its key from the working copy, else the built-in default.
+  bool firstRun() const;
+  bool helperActive() const;
+  bool autorunAtLogin() const;
+  bool checkForUpdates() const;
+  bool visible() const;
+
+  // Each stores its key and writes the file at once.
+  bool setFirstRunDone();
+  bool setHelperActive(bool active);
+  bool setAutorunAtLogin(bool run);
+  bool setVisible(bool visible);
+  // Also tells the helper afterwards: "krimbleHelperEnableUpdates" or
+  // "krimbleHelperDisableUpdates".
+  bool setCheckForUpdates(bool check);
+
+  // A copy of the working dictionary / of the built-in defaults.
+  PlistPtr defaults() const;
+  PlistPtr defaultValues() const;
+
+ private:
+  KRDefaultsController();
+  void setupDefaultValues();
+  bool boolForKey(const char* key) const;
+  bool setBool(const char* key, bool value);
+
+  mutable std::mutex mutex_;  // guards the two dictionaries
+  PlistPtr default_values_;   // built once, never changed
+  PlistPtr defaults_;         // the working copy
+};
+
+}  // namespace zephlore

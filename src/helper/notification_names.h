@@ -1,0 +1,55 @@
+// Every name that travels between the helper and the `zephlore` command (or
+// any other program of the login) on the session bus, with its user-info
+// keys. The writer of a shared file changes the file first and posts the name
+// afterwards; the receiver reads the file again in full.
+#pragma once
+
+namespace zephlore {
+
+// --- Pane -> helper --------------------------------------------------------
+
+// The helper shuts down in order.
+inline constexpr const char* kHelperShouldQuitNotification = "krimbleHelperShouldQuit";
+// Kept for the pane's vocabulary; nobody observes it.
+inline constexpr const char* kHelperShouldKeepAliveNotification = "krimbleHelperShouldKeepAlive";
+// "active" in "defaults.plist" changed: re-read it, re-apply folders and icon.
+inline constexpr const char* kActiveStatusNotification = "com.quorvane.krimble.active";
+// "visible" in "defaults.plist" changed: show or hide the status item.
+inline constexpr const char* kVisibilityNotification = "com.quorvane.zephlore.visible";
+// Check for an update now.
+inline constexpr const char* kShouldCheckForUpdatesNotification =
+    "krimbleHelperShouldCheckForUpdates";
+// Automatic update checks on / off.
+inline constexpr const char* kEnableUpdatesNotification = "krimbleHelperEnableUpdates";
+inline constexpr const char* kDisableUpdatesNotification = "krimbleHelperDisableUpdates";
+// The pane's version; a different one makes the helper relaunch.
+inline constexpr const char* kVersionNotification = "com.quorvane.zephlore.version";
+inline constexpr const char* kVersionKey = "version";
+// Watched folders added or removed.
+inline constexpr const char* kFoldersNotification = "com.quorvane.krimble.folders";
+inline constexpr const char* kFoldersToAddKey = "foldersToAdd";
+inline constexpr const char* kFoldersToRemoveKey = "foldersToRemove";
+// "excludedPaths.plist" / "excludedExtensions.plist" changed.
+inline constexpr const char* kExcludedPathsNotification = "com.quorvane.krimble.excludedPaths";
+inline constexpr const char* kExcludedExtensionsNotification =
+    "com.quorvane.krimble.excludedExtensions";
+
+// --- Helper -> pane --------------------------------------------------------
+
+// Posted once at start-up after an update (delivered immediately).
+inline constexpr const char* kRestartingAfterUpdateNotification =
+    "com.quorvane.zephlore.restarting.after.update";
+// The updater is about to relaunch the helper.
+inline constexpr const char* kQuitNotification = "com.quorvane.zephlore.quit";
+// Show the savings history.
+inline constexpr const char* kShowHistoryNotification = "com.quorvane.zephlore.show.history";
+// The history database was saved.
+inline constexpr const char* kSavingsChangedNotification = "krimbleSavingsChanged";
+
+// --- The bus ---------------------------------------------------------------
+
+// The helper's well-known bus name; counting its queued owners counts the
+// running copies.
+inline constexpr const char* kHelperBusName = "com.quorvane.ZephloreHelper";
+
+}  // namespace zephlore

@@ -1,0 +1,38 @@
+#include "helper/preference_communicator.h"
+
+#include "helper/distributed_notification_center.h"
+#include "helper/notification_names.h"
+
+namespace zephlore {
+namespace {
+
+void post(const char* name) { DistributedNotificationCenter::defaultCenter().postNotificationName(name); }
+
+}  // namespace
+
+KRPreferenceCommunicator& KRPreferenceCommunicator::sharedCommunicatorController() {
+  static KRPreferenceCommunicator* communicator = new KRPreferenceCommunicator();
+  return *communicator;
+}
+
+void KRPreferenceCommunicator::notifyHelperShouldKeepAlive() {
+  post(kHelperShouldKeepAliveNotification);
+}
+
+void KRPreferenceCommunicator::notifyHelperShouldQuit() { post(kHelperShouldQuitNotification); }
+
+void KRPreferenceCommunicator::notifyHelperActiveStatusChanged() {
+  post(kActiveStatusNotification);
+}
+
+void KRPreferenceCommunicator::notifyHelperShouldCheckForUpdates() {
+  post(kShouldCheckForUpdatesNotification);
+}
+
+void KRPreferenceCommunicator::notifyAutomaticUpdatesEnabled() { post(kEnableUpdatesNotification); }
+
+void KRPreferenceCommunicator::notifyAutomaticUpdatesDisabled() {
+  post(kDisableUpdatesNotification);
+}
+
+}  // namespace zephlore
