@@ -47,8 +47,8 @@ class FaultInjectingEnv final : public Env {
   int calls(const std::string& op) const;
   int fired() const;
 
-  int open(const std::string& path, int flags, mode_t mode) override;
-  int openLocked(const std::string& path, int flags, mode_t mode) override;
+  int open(const std::string& path, int flags, mode_t mode = 0) override;
+  int openLocked(const std::string& path, int flags, mode_t mode = 0) override;
   int openTmpFile(const std::string& dir, mode_t mode) override;
   int linkTmpFile(int fd, const std::string& path) override;
   int close(int fd) override;

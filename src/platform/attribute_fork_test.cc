@@ -1,0 +1,206 @@
+#include "platform/attribute_fork.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <random>
+
+#include "platform/attribute_names.h"
+#include "platform/fault_env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+
+std::vector<uint8_t> noise(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<uint8_t> out(n);
+  for (uint8_t& b : out) b = static_cast<uint8_t>(rng());
+  return out;
+}
+
+std::vector<std::string> sortedNames(const FileRef& file) {
+  auto names = Env::shared().listxattr(file);
+  EXPECT_TRUE(names);
+  std::sort(names->begin(), names->end());
+  return *names;
+}
+
+// Reads the whole fork in odd-sized steps, so that reads straddle pieces.
+std::vector<uint8_t> readAll(AttributeForkReader& reader) {
+  std::vector<uint8_t> out(reader.size());
+  for (uint64_t offset = 0; offset < out.size();) {
+    size_t n = static_cast<size_t>(std::min<uint64_t>(7777, out.size() - offset));
+    Error error;
+    EXPECT_TRUE(reader.readAt(offset, out.data() + offset, n, &error)) << error.message;
+    offset += n;
+  }
+  return out;
+}
+
+TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  for (size_t size : {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{65537},
+                      size_t{3 * 65536 + 7}}) {
+    SCOPED_TRACE(size);
+    const std::vector<uint8_t> fork = noise(size, static_cast<uint32_t>(size));
+    Error error;
+    ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error)) << error.message;
+    EXPECT_TRUE(AttributeFork::isPresent(file));
+
+    auto reader = AttributeForkReader::open(file, &error);
+    ASSERT_TRUE(reader) << error.message;
+    EXPECT_EQ(reader->size(), size);
+    EXPECT_EQ(reader->pieceCount(), AttributeFork::piecesFor(size, 65536));
+    EXPECT_EQ(readAll(*reader), fork);
+    uint8_t byte;
+    EXPECT_FALSE(reader->readAt(size, &byte, 1, &error));
+    EXPECT_EQ(error.code, EINVAL);
+    EXPECT_TRUE(reader->readAt(size, &byte, 0, &error));
+  }
+  EXPECT_EQ(sortedNames(file),
+            (std::vector<std::string>{"com.apple.ResourceFork", "com.apple.ResourceFork.1",
+                                      "com.apple.ResourceFork.2", "com.apple.ResourceFork.3"}));
+
+  // From a descriptor, as the compressor hands over its image file.
+  const std::vector<uint8_t> image = noise(2 * 65536 + 100, 9);
+  writeFile(dir / "image", std::string(image.begin(), image.end()));
+  UniqueFd source(::open((dir / "image").c_str(), O_RDONLY));
+  UniqueFd target(::open(path.c_str(), O_RDONLY));
+  Error error;
+  ASSERT_TRUE(AttributeFork::writeFromFd(FileRef::descriptor(target.get()), source.get(),
+                                         image.size(), &error))
+      << error.message;
+  auto reader = AttributeForkReader::open(FileRef::descriptor(target.get()), &error);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(readAll(*reader), image);
+}
+
+TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  Env& env = Env::shared();
+  const std::vector<uint8_t> big = noise(3 * 65536 + 7, 1);
+  Error error;
+  ASSERT_TRUE(AttributeFork::write(file, big.data(), big.size(), &error));
+  // A piece far beyond the fork, as an interrupted older write could leave.
+  ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.9", "x", 1, 0), 0);
+  ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.09", "not ours", 8, 0), 0);
+  ASSERT_EQ(env.setxattr(file, "other", "kept", 4, 0), 0);
+
+  ASSERT_TRUE(AttributeFork::write(file, "tiny", 4, &error)) << error.message;
+  EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork",
+                                                         "com.apple.ResourceFork.09", "other"}));
+  auto reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'t', 'i', 'n', 'y'}));
+
+  ASSERT_TRUE(AttributeFork::write(file, big.data(), big.size(), &error));
+  ASSERT_TRUE(AttributeFork::remove(file, &error)) << error.message;
+  EXPECT_FALSE(AttributeFork::isPresent(file));
+  EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork.09", "other"}));
+  EXPECT_TRUE(AttributeFork::remove(file, &error));  // nothing left to remove is no failure
+  EXPECT_FALSE(AttributeForkReader::open(file, &error));
+  EXPECT_EQ(error.code, ENODATA);
+
+  EXPECT_EQ(AttributeFork::pieceIndex("com.apple.ResourceFork"), 0u);
+  EXPECT_EQ(AttributeFork::pieceIndex("com.apple.ResourceFork.12"), 12u);
+  EXPECT_FALSE(AttributeFork::pieceIndex("com.apple.ResourceFork."));
+  EXPECT_FALSE(AttributeFork::pieceIndex("com.apple.ResourceFork.1x"));
+  EXPECT_FALSE(AttributeFork::pieceIndex("com.apple.ResourceForks"));
+}
+
+TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  Error error;
+  ASSERT_TRUE(AttributeFork::write(file, "old fork", 8, &error));
+
+  // About 2200 names of 30 bytes pass the 64 KiB list: a sparse source of
+  // that many 64 KiB pieces costs no memory, and is never read.
+  const uint64_t size = 2300ull * 65536;
+  const std::string image = dir / "image";
+  writeFile(image, "");
+  ASSERT_EQ(truncate(image.c_str(), static_cast<off_t>(size)), 0);
+  UniqueFd source(::open(image.c_str(), O_RDONLY));
+  EXPECT_FALSE(AttributeFork::writeFromFd(file, source.get(), size, &error));
+  EXPECT_EQ(error.code, E2BIG);
+  EXPECT_NE(error.message.find("attribute list"), std::string::npos) << error.message;
+
+  EXPECT_EQ(sortedNames(file), std::vector<std::string>{"com.apple.ResourceFork"});
+  auto reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'o', 'l', 'd', ' ', 'f', 'o', 'r', 'k'}));
+
+  EXPECT_TRUE(AttributeFork::namesFit(1000, 0));
+  EXPECT_FALSE(AttributeFork::namesFit(1000, 40000));
+}
+
+TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  const std::vector<uint8_t> fork = noise(3 * 65536 + 7, 2);
+  Error error;
+  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+
+  // The volume filling up on the third piece cannot be made to happen on
+  // demand on tmpfs: injected.
+  FaultInjectingEnv faults;
+  ScopedSharedEnv use(&faults);
+  faults.inject({.op = "setxattr", .error = ENOSPC, .nth = 3, .match = "ResourceFork"});
+  EXPECT_FALSE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  EXPECT_EQ(error.code, ENOSPC);
+  EXPECT_NE(error.message.find("piece 2"), std::string::npos) << error.message;
+  EXPECT_EQ(faults.fired(), 1);
+  EXPECT_FALSE(AttributeFork::isPresent(file));
+  EXPECT_TRUE(sortedNames(file).empty());
+
+  // A source shorter than promised.
+  writeFile(dir / "short", "only this");
+  UniqueFd source(::open((dir / "short").c_str(), O_RDONLY));
+  EXPECT_FALSE(AttributeFork::writeFromFd(file, source.get(), 70000, &error));
+  EXPECT_EQ(error.code, EIO);
+  EXPECT_TRUE(sortedNames(file).empty());
+}
+
+TEST(AttributeFork, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  Env& env = Env::shared();
+  const std::vector<uint8_t> fork = noise(3 * 65536, 3);
+  Error error;
+  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  ASSERT_EQ(env.removexattr(file, "com.apple.ResourceFork.1"), 0);
+  auto reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(reader->size(), 65536u);
+
+  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(reader);
+  ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.2", "short", 5, 0), 0);
+  std::vector<uint8_t> buf(100);
+  EXPECT_TRUE(reader->readAt(0, buf.data(), buf.size(), &error));
+  EXPECT_FALSE(reader->readAt(2 * 65536 + 10, buf.data(), buf.size(), &error));
+  EXPECT_NE(error.message.find("changed"), std::string::npos) << error.message;
+}
+
+}  // namespace
+}  // namespace zephlore

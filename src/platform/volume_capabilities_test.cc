@@ -1,0 +1,91 @@
+#include "platform/volume_capabilities.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "platform/attribute_fork.h"
+#include "platform/fault_env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::LoopMount;
+using testing::TempDir;
+using testing::writeFile;
+
+TEST(VolumeCapabilities, TmpfsHoldsTheCompressedFormAndSwapsNames) {
+  TempDir dir;
+  writeFile(dir / "f", "x");
+  FaultInjectingEnv counting;
+  ScopedSharedEnv use(&counting);
+
+  EXPECT_EQ(VolumeCapabilities::attributePieceSize(FileRef::atPath(dir / "f"), nullptr), 65536u);
+  EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(dir.path()));
+  EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(dir / "f"));
+  EXPECT_TRUE(VolumeCapabilities::supportsExchange(dir / "f"));
+  // Measured once per volume: asking again touches no attribute.
+  const int probes = counting.calls("setxattr");
+  const int swaps = counting.calls("exchange");
+  EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(dir.path()));
+  EXPECT_TRUE(VolumeCapabilities::supportsExchange(dir.path()));
+  EXPECT_EQ(VolumeCapabilities::attributePieceSize(FileRef::atPath(dir / "f"), nullptr), 65536u);
+  EXPECT_EQ(counting.calls("setxattr"), probes);
+  EXPECT_EQ(counting.calls("exchange"), swaps);
+  // The scratch files are gone and the probe attribute was removed.
+  EXPECT_TRUE(Env::shared().listxattr(FileRef::atPath(dir / "f"))->empty());
+  EXPECT_EQ(testing::readFile(dir / "f"), "x");
+
+  EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(dir / "missing/x"));
+}
+
+TEST(VolumeCapabilities, AMeasurementThatFailsIsNotKept) {
+  TempDir dir;
+  writeFile(dir / "f", "x");
+  FaultInjectingEnv faults;
+  ScopedSharedEnv use(&faults);
+  faults.inject({.op = "setxattr", .error = EIO, .match = "probe"});
+  Error error;
+  EXPECT_FALSE(VolumeCapabilities::attributePieceSize(FileRef::atPath(dir / "f"), &error));
+  EXPECT_EQ(error.code, EIO);
+  EXPECT_EQ(VolumeCapabilities::attributePieceSize(FileRef::atPath(dir / "f"), &error), 65536u);
+}
+
+TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
+  LoopMount ext4(testing::kDefaultExt4);
+  if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
+  const std::string path = ext4 / "file";
+  writeFile(path, "contents");
+
+  auto volume = Env::shared().describeVolume(path);
+  ASSERT_TRUE(volume);
+  EXPECT_EQ(volume->fileSystemType, "ext4");
+  EXPECT_EQ(volume->mountPoint, ext4.path());
+
+  EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(ext4.path()));
+  EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(path));
+  auto pieceSize = VolumeCapabilities::attributePieceSize(FileRef::atPath(path), nullptr);
+  ASSERT_TRUE(pieceSize);
+  EXPECT_GT(*pieceSize, 0u);  // it takes attributes, only not many
+  EXPECT_LT(*pieceSize, 4096u);
+  EXPECT_TRUE(VolumeCapabilities::supportsExchange(path));
+
+  // Writing a fork the volume cannot hold fails cleanly, leaving no piece.
+  const std::vector<uint8_t> fork(256 * 1024, 0x11);
+  Error error;
+  EXPECT_FALSE(AttributeFork::write(FileRef::atPath(path), fork.data(), fork.size(), &error));
+  EXPECT_EQ(error.code, ENOSPC) << error.message;
+  EXPECT_NE(error.message.find("cannot hold"), std::string::npos) << error.message;
+  EXPECT_FALSE(AttributeFork::isPresent(FileRef::atPath(path)));
+  EXPECT_TRUE(Env::shared().listxattr(FileRef::atPath(path))->empty());
+  EXPECT_EQ(testing::readFile(path), "contents");
+
+  // A small fork still fits.
+  EXPECT_TRUE(AttributeFork::write(FileRef::atPath(path), fork.data(), 300, &error))
+      << error.message;
+}
+
+}  // namespace
+}  // namespace zephlore
