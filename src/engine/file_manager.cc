@@ -1,0 +1,54 @@
+#include "engine/file_manager.h"
+
+#include "engine/volume.h"
+#include "engine/xattr_metadata_store.h"
+#include "platform/metadata_copy.h"
+#include "platform/temporary_files.h"
+
+namespace zephlore {
+
+std::optional<std::string> QVFileManager::createTemporaryFile(int* fd) {
+  if (fd) *fd = -1;
+  auto created = TemporaryFiles::create("QVS-tmp.", nullptr);
+  if (!created) return std::nullopt;
+  if (fd) {
+    *fd = created->fd.release();
+  }
+  return created->path;
+}
+
+uint32_t QVFileManager::temporaryNameHash(const std::string& path) {
+  uint32_t hash = 2166136261u;
+  for (unsigned char c : path) {
+    hash ^= c;
+    hash *= 16777619u;
+  }
+  return hash;
+}
+
+std::string QVFileManager::getTemporaryFileNameBasedOnExistingPath(const std::string& path) {
+  const std::string name = "QVS-tmp-" + std::to_string(temporaryNameHash(path));
+  std::optional<std::string> tmp = TemporaryFiles::privateDirectory();
+  struct stat st;
+  const bool exists = Env::shared().lstat(path, &st) == 0;
+  if (!tmp || (exists && !QVVolume::areInSameVolumePath(path, *tmp))) return path + "." + name;
+  return *tmp + "/" + name;
+}
+
+bool QVFileManager::copyExtendedAttributesFromTo(const std::string& from, const std::string& to) {
+  return copyExtendedAttributesFromToSkipping(from, to, {});
+}
+
+bool QVFileManager::copyExtendedAttributesFromToSkipping(const std::string& from,
+                                                         const std::string& to,
+                                                         const std::vector<std::string>& skipping) {
+  bool ok = true;
+  for (const std::string& key : RZXattrMetadataStore::allKeysAtPath(from, false)) {
+    if (MetadataCopy::isSkipped(key, skipping)) continue;
+    auto value = RZXattrMetadataStore::dataForKey(key, from, false);
+    ok = value && RZXattrMetadataStore::setData(*value, key, to, false, nullptr) && ok;
+  }
+  return ok;
+}
+
+}  // namespace zephlore
