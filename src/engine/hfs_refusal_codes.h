@@ -19,6 +19,7 @@ enum HFSRefusalCode : int {
   kHFSErrorModified = 713,          // "File at path %@ was modified while compressing"
   kHFSErrorSwapFailed = 714,        // "Could not replace file at path %@ with its compressed copy"
   kHFSErrorVolumeCannotHold = 715,  // "The volume of %@ cannot hold the compressed form"
+  kHFSErrorPathNotUTF8 = 716,       // "Path %@ is not valid UTF-8"
 };
 
 }  // namespace zephlore

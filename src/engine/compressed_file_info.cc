@@ -1,0 +1,161 @@
+#include "engine/compressed_file_info.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "engine/attribute_fork_source.h"
+#include "engine/compressed_fork_reader.h"
+#include "engine/decmpfs_header.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
+#include "platform/attribute_names.h"
+#include "platform/file_flags.h"
+
+namespace zephlore {
+namespace {
+
+bool readError(Error* error, const std::string& what) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+              "Could not read the " + what + " of the file: " + std::strerror(errno));
+}
+
+// Presence of one attribute; false with errno set on a real read error.
+bool present(Env& env, int fd, const char* name, bool* has) {
+  if (env.getxattr(FileRef::descriptor(fd), name, nullptr, 0) >= 0) {
+    *has = true;
+    return true;
+  }
+  *has = false;
+  return errno == ENODATA;
+}
+
+}  // namespace
+
+const char* compressionStateName(CompressionState state) {
+  switch (state) {
+    case CompressionState::kPlain: return "plain";
+    case CompressionState::kCompressed: return "compressed";
+    case CompressionState::kIncomplete: return "incomplete";
+    case CompressionState::kMixed: return "mixed";
+    case CompressionState::kNotOurs: return "not ours";
+  }
+  return "unknown";
+}
+
+double CompressedFileInfo::ratio() const {
+  if (forkSize == 0 || uncompressedSize == 0) return 0;
+  return static_cast<double>(forkSize) / static_cast<double>(uncompressedSize);
+}
+
+bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* info, Error* error,
+                                 bool checkFork) {
+  Env& env = Env::shared();
+  struct stat st;
+  if (env.lstat(path, &st) != 0) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not stat source file at " + path + ": " + std::strerror(errno));
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile,
+                "File at path " + path + " is not a regular file");
+  }
+  UniqueFd fd(env.open(path, O_RDONLY | O_NONBLOCK));
+  if (!fd) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not open source file at " + path + ": " + std::strerror(errno));
+  }
+  if (env.fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not stat source file at " + path);
+  }
+  return inspect(fd.get(), st, info, error, checkFork);
+}
+
+bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileInfo* out, Error* error,
+                                 bool checkFork) {
+  Env& env = Env::shared();
+  CompressedFileInfo info;
+  info.dataForkSize = static_cast<uint64_t>(st.st_size);
+  info.allocatedBytes = static_cast<uint64_t>(st.st_blocks) * 512;
+  info.uncompressedSize = info.dataForkSize;
+  const FileRef file = FileRef::descriptor(fd);
+
+  std::optional<uint32_t> flags = FileFlags::get(file);
+  if (!flags) return readError(error, "compressed flag");
+  info.hasCompressedFlag = *flags & FileFlags::kUFCompressed;
+  if (!present(env, fd, attr::kExclude, &info.hasExcludeMarker) ||
+      !present(env, fd, attr::kSignature, &info.hasSignature)) {
+    return readError(error, "attributes");
+  }
+  std::optional<std::vector<uint8_t>> decmpfs = env.getxattrValue(file, attr::kDecmpfs);
+  if (!decmpfs && errno != ENODATA) return readError(error, "compression header");
+  info.hasDecmpfs = decmpfs.has_value();
+  ssize_t forkHead = env.getxattr(file, attr::kResourceFork, nullptr, 0);
+  if (forkHead < 0 && errno != ENODATA) return readError(error, "resource fork");
+  info.hasResourceFork = forkHead >= 0;
+
+  auto finish = [&](CompressionState state, std::string problem) {
+    info.state = state;
+    info.problem = std::move(problem);
+    *out = std::move(info);
+    return true;
+  };
+
+  if (!info.hasCompressedFlag && !info.hasDecmpfs && !info.hasResourceFork) {
+    return finish(CompressionState::kPlain, "");
+  }
+  if (info.dataForkSize > 0) {
+    return finish(CompressionState::kMixed,
+                  "its data fork holds data beside the attributes of the compressed form "
+                  "(it was written after it was compressed)");
+  }
+
+  std::unique_ptr<ForkSource> fork;
+  if (info.hasResourceFork) {
+    Error forkError;
+    fork = AttributeForkSource::open(file, "descriptor " + std::to_string(fd), &forkError);
+    if (!fork) {
+      if (forkError.code != kHFSErrorCouldNotRead) return finish(CompressionState::kNotOurs, forkError.message);
+      if (error) *error = forkError;
+      return false;
+    }
+    info.forkSize = fork->size();
+  }
+  if (!info.hasDecmpfs) {
+    if (info.hasResourceFork && !info.hasCompressedFlag) {
+      return finish(CompressionState::kIncomplete,
+                    "it has a resource fork but no compression header (a conversion was cut short)");
+    }
+    return finish(CompressionState::kNotOurs, info.hasResourceFork
+                                                  ? "it has the compressed flag but no compression header"
+                                                  : "it has the compressed flag but no compressed data");
+  }
+  uint64_t size = 0;
+  Error headerError;
+  if (!parseDecmpfsValue(decmpfs->data(), decmpfs->size(), &size, &headerError)) {
+    return finish(CompressionState::kNotOurs, headerError.message);
+  }
+  info.uncompressedSize = size;
+  if (!fork) return finish(CompressionState::kNotOurs, "it has a compression header but no resource fork");
+  if (checkFork) {
+    Error forkError;
+    std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, size, &forkError);
+    if (!reader) {
+      if (forkError.code == kHFSErrorCouldNotRead) {
+        if (error) *error = forkError;
+        return false;
+      }
+      return finish(CompressionState::kNotOurs, forkError.message);
+    }
+    info.blockCount = reader->blockCount();
+  }
+  if (!info.hasCompressedFlag) {
+    return finish(CompressionState::kIncomplete,
+                  "it has its compressed data but not the compressed flag (a conversion was cut short)");
+  }
+  return finish(CompressionState::kCompressed, "");
+}
+
+}  // namespace zephlore

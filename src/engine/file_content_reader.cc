@@ -1,0 +1,99 @@
+#include "engine/file_content_reader.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "engine/fd_io.h"
+#include "engine/attribute_fork_source.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
+
+namespace zephlore {
+namespace {
+
+bool readFailure(Error* error) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+              std::string("Could not read source data: ") + std::strerror(errno));
+}
+
+}  // namespace
+
+FileContentReader::~FileContentReader() = default;
+
+std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& path, Error* error) {
+  Env& env = Env::shared();
+  struct stat st;
+  if (env.lstat(path, &st) != 0) {
+    fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+         "Could not stat source file at " + path + ": " + std::strerror(errno));
+    return nullptr;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+    return nullptr;
+  }
+  std::unique_ptr<FileContentReader> reader(new FileContentReader());
+  reader->fd_.reset(env.open(path, O_RDONLY | O_NONBLOCK));
+  if (!reader->fd_ || env.fstat(reader->fd_.get(), &st) != 0) {
+    fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+         "Could not open source file at " + path + ": " + std::strerror(errno));
+    return nullptr;
+  }
+  if (!CompressedFileInfo::inspect(reader->fd_.get(), st, &reader->info_, error, false)) return nullptr;
+  const CompressedFileInfo& info = reader->info_;
+  switch (info.state) {
+    case CompressionState::kPlain:
+      reader->size_ = info.dataForkSize;
+      return reader;
+    case CompressionState::kCompressed:
+      break;
+    case CompressionState::kMixed:
+      fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
+           "File at path " + path + " was written after it was compressed");
+      return nullptr;
+    case CompressionState::kIncomplete:
+    case CompressionState::kNotOurs:
+      fail(error, kHFSErrorDomain, kHFSErrorNotCompressed,
+           "Source file is not compressed at " + path + ": " + info.problem);
+      return nullptr;
+  }
+  reader->fork_ = AttributeForkSource::open(FileRef::descriptor(reader->fd_.get()), path, error);
+  if (!reader->fork_) return nullptr;
+  reader->reader_ = CompressedForkReader::open(*reader->fork_, info.uncompressedSize, error);
+  if (!reader->reader_) return nullptr;
+  reader->size_ = info.uncompressedSize;
+  reader->info_.forkSize = reader->fork_->size();
+  reader->info_.blockCount = reader->reader_->blockCount();
+  return reader;
+}
+
+bool FileContentReader::read(uint64_t offset, void* buf, size_t n, size_t* got, Error* error) {
+  if (reader_) return reader_->read(offset, buf, n, got, error);
+  *got = 0;
+  if (offset >= size_) return true;
+  ssize_t result = Env::shared().preadFully(fd_.get(), buf, static_cast<size_t>(std::min<uint64_t>(n, size_ - offset)), offset);
+  if (result < 0) return readFailure(error);
+  *got = static_cast<size_t>(result);
+  return true;
+}
+
+bool FileContentReader::copyTo(int outFd, int workers, Error* error) {
+  if (reader_) return reader_->expandTo(outFd, workers, error);
+  std::vector<uint8_t> buf(1 << 20);
+  for (uint64_t offset = 0; offset < size_;) {
+    size_t got = 0;
+    if (!read(offset, buf.data(), buf.size(), &got, error)) return false;
+    if (got == 0) break;  // the file shrank since it was opened
+    if (!writeFull(outFd, buf.data(), got)) {
+      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+                  std::string("Could not write the content: ") + std::strerror(errno));
+    }
+    offset += got;
+  }
+  return true;
+}
+
+}  // namespace zephlore

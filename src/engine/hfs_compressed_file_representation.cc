@@ -1,0 +1,599 @@
+#include "engine/hfs_compressed_file_representation.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "base/log.h"
+#include "engine/compressed_file_info.h"
+#include "engine/fork_image_writer.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_uncompressor.h"
+#include "engine/open_for_writing.h"
+#include "engine/path_checks.h"
+#include "engine/sibling_temp_file.h"
+#include "platform/attribute_fork.h"
+#include "platform/attribute_names.h"
+#include "platform/file_flags.h"
+#include "platform/metadata_copy.h"
+#include "platform/temporary_files.h"
+#include "platform/volume_capabilities.h"
+
+namespace zephlore {
+namespace {
+
+using Kind = SiblingTempFile::Kind;
+
+// Never carried from a file onto its compressed copy: the copy gets its own.
+const std::vector<std::string>& compressionAttributes() {
+  static const std::vector<std::string> names = {attr::kDecmpfs, attr::kResourceFork, attr::kFlags};
+  return names;
+}
+
+bool sameTime(const struct timespec& a, const struct timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+std::string errnoText(int err) { return std::strerror(err); }
+
+bool couldNotCreate(Error* error, const std::string& path, const std::string& why) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+              "Could not create compressed file at " + path + ": " + why);
+}
+
+// A write into the copy's attributes failed: either the volume cannot hold
+// the compressed form (a default ext4 keeps 4 KiB of attributes per file) or
+// something else went wrong.
+bool attributeWriteFailure(Error* error, const std::string& path, int err, const std::string& why) {
+  if (err == ENOTSUP || err == E2BIG || err == ENOSPC || err == EDQUOT || err == ERANGE) {
+    return fail(error, kHFSErrorDomain, kHFSErrorVolumeCannotHold,
+                "The volume of " + path + " cannot hold the compressed form: " + why);
+  }
+  return couldNotCreate(error, path, why);
+}
+
+// The attribute value of `name` equals `expected`.
+bool attributeEquals(const FileRef& file, const char* name, const void* expected, size_t n) {
+  std::optional<std::vector<uint8_t>> value = Env::shared().getxattrValue(file, name);
+  return value && value->size() == n && std::memcmp(value->data(), expected, n) == 0;
+}
+
+// The fork stored in the copy is byte for byte the image that was verified.
+bool forkMatchesImage(int copyFd, int imageFd, uint64_t size, std::string* why) {
+  Error error;
+  std::unique_ptr<AttributeForkReader> fork = AttributeForkReader::open(FileRef::descriptor(copyFd), &error);
+  if (!fork) {
+    *why = error.message;
+    return false;
+  }
+  if (fork->size() != size) {
+    *why = "the stored fork has " + std::to_string(fork->size()) + " bytes instead of " + std::to_string(size);
+    return false;
+  }
+  constexpr size_t kChunk = 65536;
+  std::vector<uint8_t> stored(kChunk), image(kChunk);
+  for (uint64_t offset = 0; offset < size; offset += kChunk) {
+    size_t n = static_cast<size_t>(std::min<uint64_t>(kChunk, size - offset));
+    if (!fork->readAt(offset, stored.data(), n, &error)) {
+      *why = error.message;
+      return false;
+    }
+    if (Env::shared().preadFully(imageFd, image.data(), n, offset) != static_cast<ssize_t>(n)) {
+      *why = "cannot read the fork image back: " + errnoText(errno);
+      return false;
+    }
+    if (std::memcmp(stored.data(), image.data(), n) != 0) {
+      *why = "the stored fork differs from the image at offset " + std::to_string(offset);
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+// --- Building the fork image -------------------------------------------------
+
+QVHFSCompressedFileRepresentation::QVHFSCompressedFileRepresentation(Delegate* delegate,
+                                                                     const HFSCompressionOptions& options)
+    : delegate_(delegate), options_(options) {}
+
+// The image's file is unnamed (or unlinked at once): closing it is the
+// cleanup, even after a crash.
+QVHFSCompressedFileRepresentation::~QVHFSCompressedFileRepresentation() = default;
+
+std::unique_ptr<QVHFSCompressedFileRepresentation> QVHFSCompressedFileRepresentation::createFromContentsOfFile(
+    const std::string& path, Error* error, Delegate* delegate, const HFSCompressionOptions& options) {
+  std::unique_ptr<QVHFSCompressedFileRepresentation> representation(
+      new QVHFSCompressedFileRepresentation(delegate, options));
+  if (!representation->initWithContentsOfFile(path, error)) return nullptr;
+  return representation;
+}
+
+std::unique_ptr<QVHFSCompressedFileRepresentation> QVHFSCompressedFileRepresentation::createFromData(
+    const void* data, size_t size, Error* error, const HFSCompressionOptions& options) {
+  std::unique_ptr<QVHFSCompressedFileRepresentation> representation(
+      new QVHFSCompressedFileRepresentation(nullptr, options));
+  if (!representation->buildForkImage(-1, data, size, error)) return nullptr;
+  return representation;
+}
+
+bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string& path, Error* error) {
+  Env& env = Env::shared();
+  if (!checkPathForRewrite(path, error)) return false;
+  struct stat st;
+  if (env.lstat(path, &st) != 0) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, "Could not stat source file at " + path);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+  }
+  if (st.st_nlink > 1) {
+    return fail(error, kHFSErrorDomain, kHFSErrorHardLinks, "File at path " + path + " has more than one hard link");
+  }
+
+  // Lock probe: a cooperating program that holds the file's lock is at work.
+  int probe = env.openLocked(path, O_WRONLY | O_NONBLOCK);
+  if (probe == -1) {
+    if (errno == EWOULDBLOCK) {
+      return fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+    }
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not open source file at " + path + ": " + errnoText(errno));
+  }
+  env.close(probe);
+
+  sourceFd_.reset(env.open(path, O_RDONLY | O_NONBLOCK));
+  if (!sourceFd_) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not open source file at " + path + ": " + errnoText(errno));
+  }
+  struct stat opened;
+  if (env.fstat(sourceFd_.get(), &opened) != 0 || !sameFile(opened, st) || !S_ISREG(opened.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+  }
+
+  CompressedFileInfo info;
+  if (!CompressedFileInfo::inspect(sourceFd_.get(), opened, &info, error, false)) return false;
+  switch (info.state) {
+    case CompressionState::kPlain:
+      break;
+    case CompressionState::kMixed:
+      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
+                  "File at path " + path + " was written after it was compressed");
+    case CompressionState::kCompressed:
+      // Its data fork is empty: there is nothing to read and compress afresh.
+      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed, "File at path " + path + " already compressed");
+    case CompressionState::kIncomplete:
+    case CompressionState::kNotOurs:
+      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
+                  "File at path " + path + " already compressed (" + info.problem + ")");
+  }
+
+  sourcePath_ = path;
+  sourceStat_ = opened;
+  lastModificationTimeOfPath_ = opened.st_ctim;
+  return buildForkImage(sourceFd_.get(), nullptr, static_cast<size_t>(opened.st_size), error);
+}
+
+bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void* data, size_t size, Error* error) {
+  Env& env = Env::shared();
+  sourceSize_ = static_cast<int64_t>(size);
+  numBlocks_ = QVHFSCompressionStructsHelper::blocksRequiredForUncompressedSize(sourceSize_);
+
+  Error why;
+  std::optional<std::string> dir = TemporaryFiles::privateDirectory(&why);
+  if (dir) {
+    imageFd_.reset(env.openTmpFile(*dir, 0600));
+    if (!imageFd_) {
+      // No unnamed files there: a named one, unlinked at once.
+      std::optional<TemporaryFiles::Created> created = TemporaryFiles::create("QVS-tmp.", &why, *dir);
+      if (created) {
+        env.unlink(created->path);
+        imageFd_ = std::move(created->fd);
+      }
+    }
+  }
+  if (!imageFd_) {
+    KRLog("Could not create temporary file to hold compressed data");
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+                "Could not create temporary file to hold compressed data: " + why.message);
+  }
+
+  ForkWriteOptions writeOptions;
+  writeOptions.workers = options_.workers;
+  writeOptions.verify = options_.verify;
+  ForkWriteResult result;
+  bool written = sourceFd >= 0 ? writeForkImage(sourceFd, size, imageFd_.get(), writeOptions, &result, error)
+                               : writeForkImage(data, size, imageFd_.get(), writeOptions, &result, error);
+  if (!written) return false;
+  forkSize_ = result.forkSize;
+  decmpfsData_ = QVHFSCompressionStructsHelper::createDecmpfsStructForSize(sourceSize_);
+  return true;
+}
+
+// --- Saving --------------------------------------------------------------------
+
+bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::string& path, Error* error,
+                                                               int64_t* savedSpace, int64_t* uncompressedSize) {
+  if (uncompressedSize) *uncompressedSize = sourceSize_;
+  if (!imageFd_) return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
+  if (!checkPathForRewrite(path, error)) return false;
+  struct stat st;
+  if (Env::shared().lstat(path, &st) != 0) {
+    if (errno == ENOENT) return saveAsNewFile(path, error);
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not stat source file at " + path + ": " + errnoText(errno));
+  }
+  return saveInPlace(path, st, error, savedSpace);
+}
+
+// The finished image must be there and not empty (even an empty file's fork
+// has its 314 bytes).
+static bool checkImage(int imageFd, uint64_t expected, Error* error) {
+  struct stat st;
+  if (Env::shared().fstat(imageFd, &st) != 0) {
+    KRLog("======> compressedDataFile cannot be stated, ignoring file <=======");
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
+  }
+  if (st.st_size == 0 || static_cast<uint64_t>(st.st_size) != expected) {
+    KRLog("======> compressedDataFile has 0 bytes, ignoring file <=======");
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
+  }
+  return true;
+}
+
+// Gives the unnamed copy its compressed form: the fork (checked against the
+// verified image), the header and the flag.
+static bool writeCompressedForm(int copyFd, int imageFd, uint64_t forkSize, const HFSPlusDecmpfs& decmpfs,
+                                bool verify, const std::string& path, Error* error) {
+  Env& env = Env::shared();
+  const FileRef copy = FileRef::descriptor(copyFd);
+  Error why;
+  if (!AttributeFork::writeFromFd(copy, imageFd, forkSize, &why)) {
+    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path.c_str(), why.code,
+          strerror(why.code));
+    return attributeWriteFailure(error, path, why.code, why.message);
+  }
+  std::string mismatch;
+  if (verify && !forkMatchesImage(copyFd, imageFd, forkSize, &mismatch)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not create compressed file at " + path +
+                                                                   ": " + mismatch);
+  }
+  if (env.setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
+    int err = errno;
+    return attributeWriteFailure(error, path, err, "cannot set its compression header: " + errnoText(err));
+  }
+  if (!FileFlags::set(copy, FileFlags::kUFCompressed)) {
+    int err = errno;
+    return attributeWriteFailure(error, path, err, "cannot set its compressed flag: " + errnoText(err));
+  }
+  return true;
+}
+
+bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, Error* error) {
+  Env& env = Env::shared();
+  if (!checkImage(imageFd_.get(), forkSize_, error)) return false;
+  SiblingTempFile copy(env, path, Kind::kCompressedCopy);
+  if (!copy.create(0755) || env.fchmod(copy.fd(), 0755) != 0) return couldNotCreate(error, path, errnoText(errno));
+  if (!writeCompressedForm(copy.fd(), imageFd_.get(), forkSize_, decmpfsData_, options_.verify, path, error)) {
+    return false;
+  }
+  if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
+  // Linking never replaces a file that appeared at the path meanwhile.
+  if (!copy.linkAt(path)) return couldNotCreate(error, path, errnoText(errno));
+  env.fsyncParentDirectory(path);
+  return true;
+}
+
+bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, const struct stat& target, Error* error,
+                                                    int64_t* savedSpace) {
+  Env& env = Env::shared();
+  if (!S_ISREG(target.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+  }
+  if (target.st_nlink > 1) {
+    return fail(error, kHFSErrorDomain, kHFSErrorHardLinks, "File at path " + path + " has more than one hard link");
+  }
+  const bool isSource = !sourcePath_.empty() && sameFile(target, sourceStat_);
+  if (!isSource && path == sourcePath_) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+  }
+
+  // Held until the end: cooperating programs stay out, and no other run of
+  // ours builds a copy of this file at the same time.
+  UniqueFd lock(env.openLocked(path, O_WRONLY | O_NONBLOCK));
+  if (!lock) {
+    int err = errno;
+    KRLog("**** Could not open destination file %s - locked?", path.c_str());
+    if (err == EWOULDBLOCK) {
+      return fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+    }
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
+                "Could not open source file at " + path + ": " + errnoText(err));
+  }
+  struct stat locked;
+  if (env.fstat(lock.get(), &locked) != 0 || !sameFile(locked, target)) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+  }
+  if (!isSource) {
+    CompressedFileInfo info;
+    if (!CompressedFileInfo::inspect(lock.get(), locked, &info, error, false)) return false;
+    if (info.state == CompressionState::kMixed) {
+      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
+                  "File at path " + path + " was written after it was compressed");
+    }
+    if (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed) {
+      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
+                  "File at path " + path + " already compressed (" + info.problem + ")");
+    }
+  }
+  // Any change from here on shows in the status-change time.
+  const struct timespec expectedChange = isSource ? lastModificationTimeOfPath_ : locked.st_ctim;
+  if (!checkImage(imageFd_.get(), forkSize_, error)) return false;
+
+  // What the copy keeps of the file. The access time is the one from before
+  // the file was read for compression.
+  Error why;
+  std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(lock.get(), &why);
+  if (!metadata) return couldNotCreate(error, path, why.message);
+  if (isSource) metadata->st.st_atim = sourceStat_.st_atim;
+
+  SiblingTempFile copy(env, path, Kind::kCompressedCopy);
+  if (!copy.create(0600)) return couldNotCreate(error, path, errnoText(errno));
+  if (!writeCompressedForm(copy.fd(), imageFd_.get(), forkSize_, decmpfsData_, options_.verify, path, error)) {
+    return false;
+  }
+  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lock.get()), FileRef::descriptor(copy.fd()),
+                                        compressionAttributes(), &why)) {
+    return attributeWriteFailure(error, path, why.code, why.message);
+  }
+  if (!MetadataCopy::apply(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
+  // The copy is complete on disk before it may replace the file.
+  if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
+
+  if (env.fstat(lock.get(), &locked) != 0 || !sameTime(locked.st_ctim, expectedChange)) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+  }
+  if (isOpenForWritingByOtherProcesses(locked)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
+                "File at path " + path + " is open for writing by another process");
+  }
+
+  willEnterCriticalSection(path);
+  bool replaced = replaceFileAtDestination(path, copy, lock.get(), locked);
+  didExitCriticalSection(path);
+  if (!replaced) {
+    KRLog("Could not replace file %s with compressed copy, aborting", path.c_str());
+    return fail(error, kHFSErrorDomain, kHFSErrorSwapFailed,
+                "Could not replace file at path " + path + " with its compressed copy");
+  }
+  env.fsyncParentDirectory(path);
+
+  // Space is counted in 512-byte blocks. Some file systems leave attributes
+  // out of st_blocks, so the fork's own size is the least the file now takes.
+  struct stat after;
+  if (savedSpace && env.lstat(path, &after) == 0) {
+    int64_t forkBlocks = static_cast<int64_t>((forkSize_ + sizeof decmpfsData_ + 511) / 512);
+    int64_t newBlocks = std::max<int64_t>(after.st_blocks, forkBlocks);
+    if (target.st_blocks > newBlocks) *savedSpace = (target.st_blocks - newBlocks) * 512;
+  }
+  return true;
+}
+
+// --- The swap ------------------------------------------------------------------
+
+bool QVHFSCompressedFileRepresentation::replaceFileAtDestination(const std::string& path, SiblingTempFile& copy,
+                                                                 int lockFd, const struct stat& expectedContent) {
+  Env& env = Env::shared();
+  if (!copy.link()) {
+    int err = errno;
+    KRLog("**** Could not name the compressed copy %s of %s, errno: %d [%s]", copy.name().c_str(), path.c_str(), err,
+          strerror(err));
+    return false;
+  }
+  if (!options_.useExchange || !VolumeCapabilities::supportsExchange(path)) {
+    if (env.rename(copy.name(), path) != 0) {
+      int err = errno;
+      KRLog("**** Could not move temporary file %s to final location %s, errno: %u [%s]\n", copy.name().c_str(),
+            path.c_str(), static_cast<unsigned>(err), strerror(err));
+      return false;
+    }
+    copy.forgetName();
+    return true;
+  }
+
+  struct stat copyStat, pathStat;
+  if (env.fstat(copy.fd(), &copyStat) != 0 || env.lstat(copy.name(), &pathStat) != 0 ||
+      !sameFile(copyStat, pathStat) || env.lstat(path, &pathStat) != 0) {
+    return false;
+  }
+  if (env.exchange(copy.name(), path) != 0) {
+    int err = errno;
+    KRLog("**** Could not exchange %s with its compressed copy, errno: %d [%s]", path.c_str(), err, strerror(err));
+    return false;
+  }
+  // The path now names the compressed copy; the copy's name holds the old data.
+  const FileRef atPath = FileRef::atPath(path);
+  if (!AttributeFork::isPresent(atPath)) {
+    KRLog("Resource fork could not be found, rolling back %s", path.c_str());
+    rollback(path, copy, copyStat);
+    return false;
+  }
+  std::optional<uint32_t> flags = FileFlags::get(atPath);
+  if (!attributeEquals(atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
+      !(*flags & FileFlags::kUFCompressed)) {
+    KRLog("Compression attributes could not be found, rolling back %s", path.c_str());
+    rollback(path, copy, copyStat);
+    return false;
+  }
+  struct stat swapped, old;
+  if (env.lstat(path, &swapped) != 0 || !sameFile(swapped, copyStat) || swapped.st_size != 0) {
+    KRLog("Malformed file detected, rolling back temporary copy");
+    rollback(path, copy, copyStat);
+    return false;
+  }
+  // A write that reached the old data after the last check before the swap.
+  // (The exchange itself changed its status-change time: compare contents'.)
+  if (env.fstat(lockFd, &old) != 0 || !sameTime(old.st_mtim, expectedContent.st_mtim) ||
+      old.st_size != expectedContent.st_size) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    rollback(path, copy, copyStat);
+    return false;
+  }
+  if (!copy.unlinkName()) {
+    int err = errno;
+    KRLog("**** Could not remove the original data of %s at %s, errno: %d [%s]", path.c_str(), copy.name().c_str(),
+          err, strerror(err));
+  }
+  return true;
+}
+
+void QVHFSCompressedFileRepresentation::rollback(const std::string& path, SiblingTempFile& copy,
+                                                 const struct stat& copyStat) {
+  Env& env = Env::shared();
+  struct stat st;
+  if (env.lstat(path, &st) != 0 || !sameFile(st, copyStat)) {
+    // Someone else changed the path meanwhile: the copy's name holds the old
+    // data, the only copy of it. Keep it.
+    KRLog("**** The original data of %s is kept at %s", path.c_str(), copy.name().c_str());
+    copy.forgetName();
+    return;
+  }
+  if (env.exchange(path, copy.name()) == 0) return;  // the copy's name holds the copy again
+  int err = errno;
+  KRLog("**** Could not exchange back, error: %d [%s]", err, strerror(err));
+  if (env.rename(copy.name(), path) == 0) {
+    copy.forgetName();
+    return;
+  }
+  err = errno;
+  KRLog("**** The original data of %s is kept at %s, errno: %d [%s]", path.c_str(), copy.name().c_str(), err,
+        strerror(err));
+  copy.forgetName();
+}
+
+void QVHFSCompressedFileRepresentation::willEnterCriticalSection(const std::string& path) {
+  if (delegate_) delegate_->compressorWillEnterCriticalSectionForFile(this, path);
+}
+
+void QVHFSCompressedFileRepresentation::didExitCriticalSection(const std::string& path) {
+  if (delegate_) delegate_->compressorDidExitCriticalSectionForFile(this, path);
+}
+
+// --- Class operations ------------------------------------------------------------
+
+bool QVHFSCompressedFileRepresentation::compressInPlacePath(const std::string& path, Error* error, int64_t* savedSpace,
+                                                           int64_t* uncompressedSize, Delegate* delegate,
+                                                           const HFSCompressionOptions& options) {
+  std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
+      createFromContentsOfFile(path, error, delegate, options);
+  if (!representation) return false;
+  return representation->saveToHFSCompressedFile(path, error, savedSpace, uncompressedSize);
+}
+
+}  // namespace zephlore
+
+// --- Start-up recovery -------------------------------------------------------------
+
+namespace zephlore {
+namespace {
+
+// A leftover of ours beside the file, and what it holds.
+struct Leftover {
+  bool exists = false;
+  bool hasFork = false;
+  struct stat st {};
+};
+
+Leftover examineLeftover(const std::string& name) {
+  Env& env = Env::shared();
+  Leftover leftover;
+  if (env.lstat(name, &leftover.st) != 0) return leftover;
+  // Only a regular file of ours with one link; anything else is not touched.
+  if (!S_ISREG(leftover.st.st_mode) || leftover.st.st_uid != geteuid() || leftover.st.st_nlink != 1) {
+    return leftover;
+  }
+  leftover.exists = true;
+  leftover.hasFork = AttributeFork::isPresent(FileRef::atPath(name));
+  return leftover;
+}
+
+void removeLeftover(const std::string& name, const std::string& path) {
+  if (!SiblingTempFile::removeOwnLeftover(Env::shared(), name)) return;
+  KRLog("Removed the temporary copy %s left beside %s", name.c_str(), path.c_str());
+}
+
+}  // namespace
+
+bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(const std::string& path, uint64_t expectedSize) {
+  Env& env = Env::shared();
+  const std::string copyName = SiblingTempFile::nameFor(path, Kind::kCompressedCopy);
+  // An expansion cut short: it replaces the file only when complete, so the
+  // file still holds its data.
+  removeLeftover(SiblingTempFile::nameFor(path, Kind::kExpandedCopy), path);
+
+  struct stat st;
+  if (env.lstat(path, &st) != 0) return true;  // the file is gone
+  if (!S_ISREG(st.st_mode)) return true;       // not ours to repair
+  CompressedFileInfo info;
+  {
+    UniqueFd fd(env.open(path, O_RDONLY | O_NONBLOCK));
+    if (!fd || env.fstat(fd.get(), &st) != 0) return false;
+    Error why;
+    if (!CompressedFileInfo::inspect(fd.get(), st, &info, &why, false)) {
+      KRLog("**** Could not examine %s for recovery: %s", path.c_str(), why.message.c_str());
+      return false;
+    }
+  }
+  Leftover copy = examineLeftover(copyName);
+
+  if (info.hasCompressedFlag) {
+    // The swap completed; the copy's name holds the original data, which the
+    // compressed file now holds too.
+    if (info.state == CompressionState::kCompressed && copy.exists && !copy.hasFork) removeLeftover(copyName, path);
+    return true;
+  }
+  if (!info.hasResourceFork) {
+    // The swap never happened: the file is as it was, and a copy beside it is
+    // the prepared compressed copy, made from the file's data.
+    if (copy.exists && copy.hasFork && copy.st.st_size == 0) removeLeftover(copyName, path);
+    return st.st_size != 0;
+  }
+
+  // A fork without the flag: a conversion cut short inside the swap.
+  if (!info.hasDecmpfs) {
+    HFSPlusDecmpfs header =
+        QVHFSCompressionStructsHelper::createDecmpfsStructForSize(static_cast<int64_t>(expectedSize));
+    if (env.setxattr(FileRef::atPath(path), attr::kDecmpfs, &header, sizeof header, 0) != 0) {
+      int err = errno;
+      KRLog("**** Could not set the compression header of %s, errno: %d [%s]", path.c_str(), err, strerror(err));
+    }
+  }
+  Error why;
+  if (QVHFSUncompressor::expandInPlacePath(path, &why, nullptr, nullptr, true)) {
+    if (copy.exists && !copy.hasFork) removeLeftover(copyName, path);
+    return true;
+  }
+  KRLog("**** Could not expand %s in recovery: %s", path.c_str(), why.message.c_str());
+  // The original data beside it brings the file back as it was.
+  if (copy.exists && !copy.hasFork && static_cast<uint64_t>(copy.st.st_size) == expectedSize &&
+      env.rename(copyName, path) == 0) {
+    KRLog("Restored %s from its original data at %s", path.c_str(), copyName.c_str());
+    return true;
+  }
+  return false;
+}
+
+}  // namespace zephlore

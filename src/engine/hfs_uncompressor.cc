@@ -1,0 +1,175 @@
+#include "engine/hfs_uncompressor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "engine/attribute_fork_source.h"
+#include "engine/compressed_file_info.h"
+#include "engine/compressed_fork_reader.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
+#include "engine/open_for_writing.h"
+#include "engine/sibling_temp_file.h"
+#include "platform/attribute_names.h"
+#include "platform/metadata_copy.h"
+
+namespace zephlore {
+namespace {
+
+// The compression attributes and our two markers describe the compressed
+// file, not its content: the expanded file starts without them.
+const std::vector<std::string>& attributesNotCarried() {
+  static const std::vector<std::string> names = {attr::kExclude, attr::kSignature, attr::kResourceFork,
+                                                 attr::kDecmpfs, attr::kFlags};
+  return names;
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool readFailure(Error* error, const std::string& why) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data: " + why);
+}
+
+bool writeFailure(Error* error, const std::string& destination, const std::string& why) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+              "Could not create the expanded file at " + destination + ": " + why);
+}
+
+bool modified(Error* error, const std::string& path) {
+  return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while expanding");
+}
+
+}  // namespace
+
+QVHFSUncompressor::QVHFSUncompressor(std::string path, const HFSExpandOptions& options)
+    : sourcePath_(std::move(path)), options_(options) {}
+
+bool QVHFSUncompressor::expandInPlacePath(const std::string& path, Error* error, int64_t* compressedSize,
+                                          int64_t* uncompressedSize, bool ignoreCompressionFlag,
+                                          const HFSExpandOptions& options) {
+  QVHFSUncompressor expander(path, options);
+  expander.setIgnoreCompressionFlag(ignoreCompressionFlag);
+  return expander.expandTo(path, error, compressedSize, uncompressedSize);
+}
+
+bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, int64_t* compressedSize,
+                                 int64_t* uncompressedSize) {
+  Env& env = Env::shared();
+  const std::string& source = sourcePath_;
+
+  // The source, locked while it is read (a lock held elsewhere does not
+  // stop the reading: the content is taken from the fork either way).
+  struct stat sourceStat;
+  if (env.lstat(source, &sourceStat) != 0) return readFailure(error, source + ": " + std::strerror(errno));
+  if (!S_ISREG(sourceStat.st_mode)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + source + " is not a regular file");
+  }
+  UniqueFd sourceFd(env.openLocked(source, O_RDONLY | O_NONBLOCK));
+  if (!sourceFd) sourceFd.reset(env.open(source, O_RDONLY | O_NONBLOCK));
+  if (!sourceFd) return readFailure(error, source + ": " + std::strerror(errno));
+  struct stat opened;
+  if (env.fstat(sourceFd.get(), &opened) != 0 || !sameFile(opened, sourceStat)) return modified(error, source);
+
+  CompressedFileInfo info;
+  if (!CompressedFileInfo::inspect(sourceFd.get(), opened, &info, error, false)) return false;
+  switch (info.state) {
+    case CompressionState::kCompressed:
+      break;
+    case CompressionState::kMixed:
+      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
+                  "File at path " + source + " was written after it was compressed");
+    case CompressionState::kIncomplete:
+      if (ignoreCompressionFlag_ && info.hasDecmpfs) break;
+      [[fallthrough]];
+    case CompressionState::kPlain:
+    case CompressionState::kNotOurs:
+      return fail(error, kHFSErrorDomain, kHFSErrorNotCompressed,
+                  "Source file is not compressed at " + source + (info.problem.empty() ? "" : ": " + info.problem));
+  }
+  std::unique_ptr<AttributeForkSource> fork =
+      AttributeForkSource::open(FileRef::descriptor(sourceFd.get()), source, error);
+  if (!fork) return false;
+  std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, info.uncompressedSize, error);
+  if (!reader) return false;
+
+  // The destination: replaced as a whole at the end, or created.
+  struct stat destinationStat;
+  bool replacing = env.lstat(destination, &destinationStat) == 0;
+  if (!replacing && errno != ENOENT) return writeFailure(error, destination, std::strerror(errno));
+  std::optional<MetadataSnapshot> metadata;
+  if (replacing) {
+    if (!S_ISREG(destinationStat.st_mode)) {
+      return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile,
+                  "File at path " + destination + " is not a regular file");
+    }
+    // Renaming over a file with other names would leave them the old content.
+    if (destinationStat.st_nlink > 1) {
+      return fail(error, kHFSErrorDomain, kHFSErrorHardLinks,
+                  "File at path " + destination + " has more than one hard link");
+    }
+    Error why;
+    UniqueFd destinationFd;
+    int metadataFd = sourceFd.get();
+    if (!sameFile(destinationStat, opened)) {
+      destinationFd.reset(env.open(destination, O_RDONLY | O_NONBLOCK));
+      if (!destinationFd) return writeFailure(error, destination, std::strerror(errno));
+      metadataFd = destinationFd.get();
+    }
+    metadata = MetadataCopy::capture(metadataFd, &why);
+    if (!metadata) return writeFailure(error, destination, why.message);
+  }
+
+  SiblingTempFile output(env, destination, SiblingTempFile::Kind::kExpandedCopy);
+  if (!output.create(replacing ? 0600 : 0755)) return writeFailure(error, destination, std::strerror(errno));
+  if (!reader->expandTo(output.fd(), options_.workers, error)) return false;
+  struct stat written;
+  if (env.fstat(output.fd(), &written) != 0) return writeFailure(error, destination, std::strerror(errno));
+  if (static_cast<uint64_t>(written.st_size) != info.uncompressedSize) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotUncompress,
+                "Source data cannot be uncompressed: it expanded to " + std::to_string(written.st_size) +
+                    " bytes instead of " + std::to_string(info.uncompressedSize));
+  }
+  Error why;
+  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd.get()), FileRef::descriptor(output.fd()),
+                                        attributesNotCarried(), &why)) {
+    return writeFailure(error, destination, why.message);
+  }
+  if (metadata ? !MetadataCopy::apply(*metadata, output.fd(), &why) : env.fchmod(output.fd(), 0755) != 0) {
+    return writeFailure(error, destination, metadata ? why.message : std::strerror(errno));
+  }
+  // On disk before it replaces anything: a power cut leaves one whole version.
+  if (env.fsync(output.fd()) != 0) return writeFailure(error, destination, std::strerror(errno));
+
+  if (replacing) {
+    struct stat now;
+    if (env.fstat(sourceFd.get(), &now) != 0 || now.st_ctim.tv_sec != opened.st_ctim.tv_sec ||
+        now.st_ctim.tv_nsec != opened.st_ctim.tv_nsec) {
+      return modified(error, source);
+    }
+    if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
+    if (isOpenForWritingByOtherProcesses(now)) {
+      return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
+                  "File at path " + destination + " is open for writing by another process");
+    }
+    if (!output.link()) return writeFailure(error, destination, std::strerror(errno));
+    if (env.rename(output.name(), destination) != 0) return writeFailure(error, destination, std::strerror(errno));
+    output.forgetName();
+  } else if (!output.linkAt(destination)) {
+    return writeFailure(error, destination, std::strerror(errno));
+  }
+  env.fsyncParentDirectory(destination);
+
+  if (compressedSize) *compressedSize = static_cast<int64_t>(fork->size());
+  if (uncompressedSize) *uncompressedSize = static_cast<int64_t>(info.uncompressedSize);
+  return true;
+}
+
+}  // namespace zephlore

@@ -1,0 +1,55 @@
+// QVHFSUncompressor: turns a compressed file back into a plain one, in place
+// or into another path. The fork's blocks are inflated (on several threads if
+// asked) into a new file built beside the destination, which gets the
+// compressed file's user attributes (less the compression ones and our two
+// markers), ACL, owner, mode and times, is flushed, and only then is renamed
+// over the destination. Every failure before that rename leaves both files
+// as they were.
+//
+// A file whose data fork is not empty while it carries the compressed form
+// was written after it was compressed: neither version is whole, so it is
+// refused (708) and nothing is overwritten.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/error.h"
+
+namespace zephlore {
+
+struct HFSExpandOptions {
+  int workers = 1;  // threads inflating blocks
+};
+
+class QVHFSUncompressor {
+ public:
+  // Expands the file at `path` in place. compressedSize: bytes of its fork;
+  // uncompressedSize: bytes of content. Errors in kHFSErrorDomain: 705 (not
+  // compressed), 700 (unreadable), 706 (corrupt), and our own refusals.
+  static bool expandInPlacePath(const std::string& path, Error* error = nullptr, int64_t* compressedSize = nullptr,
+                                int64_t* uncompressedSize = nullptr, bool ignoreCompressionFlag = false,
+                                const HFSExpandOptions& options = {});
+
+  explicit QVHFSUncompressor(std::string path, const HFSExpandOptions& options = {});
+
+  // Expands into `destination`: over the file there, or as a new file with
+  // mode 0755 when nothing is there.
+  bool expandTo(const std::string& destination, Error* error = nullptr, int64_t* compressedSize = nullptr,
+                int64_t* uncompressedSize = nullptr);
+  bool expand(Error* error = nullptr) { return expandTo(sourcePath_, error); }
+
+  // Expand even without the compressed flag: start-up recovery's case, where
+  // a conversion was cut short before the flag was set.
+  bool ignoreCompressionFlag() const { return ignoreCompressionFlag_; }
+  void setIgnoreCompressionFlag(bool ignore) { ignoreCompressionFlag_ = ignore; }
+
+  const std::string& sourcePath() const { return sourcePath_; }
+
+ private:
+  std::string sourcePath_;
+  HFSExpandOptions options_;
+  bool ignoreCompressionFlag_ = false;
+};
+
+}  // namespace zephlore

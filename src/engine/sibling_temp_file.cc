@@ -1,0 +1,98 @@
+#include "engine/sibling_temp_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+
+namespace zephlore {
+namespace {
+
+// FNV-1a, 64 bits: stable across runs and builds, unlike std::hash.
+uint64_t stableHash(const std::string& text) {
+  uint64_t hash = 0xcbf29ce484222325ull;
+  for (unsigned char c : text) {
+    hash ^= c;
+    hash *= 0x100000001b3ull;
+  }
+  return hash;
+}
+
+std::string baseName(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+std::string SiblingTempFile::nameFor(const std::string& path, Kind kind) {
+  char name[40];
+  snprintf(name, sizeof name, ".zephlore-%016" PRIx64 ".%c", stableHash(baseName(path)),
+           static_cast<char>(kind));
+  std::string dir = parentDirectory(path);
+  return dir == "/" ? "/" + std::string(name) : dir + "/" + name;
+}
+
+bool SiblingTempFile::removeOwnLeftover(Env& env, const std::string& name) {
+  struct stat st;
+  if (env.lstat(name, &st) != 0) return false;
+  if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
+    errno = EEXIST;
+    return false;
+  }
+  return env.unlink(name) == 0;
+}
+
+SiblingTempFile::SiblingTempFile(Env& env, std::string targetPath, Kind kind)
+    : env_(env), target_(std::move(targetPath)), name_(nameFor(target_, kind)) {}
+
+SiblingTempFile::~SiblingTempFile() {
+  if (named_) env_.unlink(name_);
+}
+
+bool SiblingTempFile::create(mode_t mode) {
+  int fd = env_.openTmpFile(parentDirectory(target_), mode);
+  if (fd == -1 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+    // No unnamed files here: create the copy at its name at once.
+    fd = env_.open(name_, O_RDWR | O_CREAT | O_EXCL, mode);
+    if (fd == -1 && errno == EEXIST && removeOwnLeftover(env_, name_)) {
+      fd = env_.open(name_, O_RDWR | O_CREAT | O_EXCL, mode);
+    }
+    if (fd != -1) named_ = true;
+  }
+  if (fd == -1) return false;
+  fd_.reset(fd);
+  return true;
+}
+
+bool SiblingTempFile::link() {
+  if (named_) return true;
+  int result = env_.linkTmpFile(fd_.get(), name_);
+  if (result != 0 && errno == EEXIST) {
+    if (!removeOwnLeftover(env_, name_)) {
+      if (errno == ENOENT) errno = EEXIST;  // it vanished meanwhile: someone else is at work
+      return false;
+    }
+    result = env_.linkTmpFile(fd_.get(), name_);
+  }
+  if (result != 0) return false;
+  named_ = true;
+  return true;
+}
+
+bool SiblingTempFile::linkAt(const std::string& path) {
+  // A hard link never replaces what appeared at `path` meanwhile.
+  if (env_.linkTmpFile(fd_.get(), path) != 0) return false;
+  if (named_) unlinkName();
+  return true;
+}
+
+bool SiblingTempFile::unlinkName() {
+  if (!named_) return true;
+  named_ = false;
+  return env_.unlink(name_) == 0;
+}
+
+}  // namespace zephlore
