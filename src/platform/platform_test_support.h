@@ -8,8 +8,10 @@
 #include <ftw.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -58,6 +60,46 @@ inline std::string readFile(const std::string& path) {
   ::close(fd);
   return data;
 }
+
+// A child process that runs `setup` and then waits until released, so that
+// a test can look at it from outside without any sleep.
+class Child {
+ public:
+  template <typename Setup>
+  explicit Child(Setup setup) {
+    int ready[2], release[2];
+    if (pipe(ready) != 0 || pipe(release) != 0) throw std::runtime_error("pipe");
+    pid_ = fork();
+    if (pid_ == 0) {
+      ::close(ready[0]);
+      ::close(release[1]);
+      char ok = setup() ? 1 : 0;
+      if (::write(ready[1], &ok, 1) != 1) _exit(2);
+      char c;
+      while (::read(release[0], &c, 1) < 0 && errno == EINTR) {
+      }
+      _exit(0);
+    }
+    ::close(ready[1]);
+    ::close(release[0]);
+    release_ = release[1];
+    char ok = 0;
+    ready_ = ::read(ready[0], &ok, 1) == 1 && ok == 1;
+    ::close(ready[0]);
+  }
+  ~Child() {
+    ::close(release_);
+    int status;
+    waitpid(pid_, &status, 0);
+  }
+  pid_t pid() const { return pid_; }
+  bool ready() const { return ready_; }
+
+ private:
+  pid_t pid_ = -1;
+  int release_ = -1;
+  bool ready_ = false;
+};
 
 // A file-system image made with `mkfs` (a shell command taking the image
 // path as its last word) and loop-mounted at a fresh directory; unmounted

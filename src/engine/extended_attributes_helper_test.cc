@@ -1,0 +1,135 @@
+#include "engine/extended_attributes_helper.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "base/clock.h"
+#include "platform/env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+using Helper = KRExtendedAttributesHelper;
+
+void setMtime(const std::string& path, time_t sec, long nsec) {
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {sec, nsec}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
+  TempDir dir;
+  const std::string file = dir / "f";
+  writeFile(file, "data");
+  setMtime(file, 1600000000, 123456789);
+
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file));
+  ASSERT_TRUE(Helper::setUncompressableAttributeAt(file));
+  auto raw = Env::shared().getxattrValue(FileRef::atPath(file), "com.quorvane.zephlore.exclude");
+  ASSERT_TRUE(raw);
+  ASSERT_EQ(raw->size(), 16u);
+  int64_t stored[2];
+  memcpy(stored, raw->data(), 16);  // host order, little-endian here
+  EXPECT_EQ(stored[0], 1600000000);
+  EXPECT_EQ(stored[1], 123456789);
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAtFilesystemName(file.c_str()));
+  EXPECT_TRUE(Helper::isUncompressableAttributeValidAt(file, true));
+
+  // Only the nanoseconds change: no longer valid; kept unless asked.
+  setMtime(file, 1600000000, 123456790);
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(file.c_str(), true));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
+
+  // A marker of another length is invalid and never removed.
+  ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(file), "com.quorvane.zephlore.exclude",
+                                   "short", 5, 0),
+            0);
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file, true));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(file));
+  EXPECT_TRUE(Helper::removeUncompressableAttributeAt(file));
+  EXPECT_FALSE(Helper::removeUncompressableAttributeAt(file));
+
+  // Not through a symbolic link; nothing for a missing file.
+  ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(dir / "link"));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(dir / "missing"));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(nullptr));
+}
+
+TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCounts) {
+  TempDir dir;
+  writeFile(dir / "f", "");
+  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(dir / "f"));
+  const FileRef file = FileRef::atPath(dir / "f");
+  ASSERT_EQ(Env::shared().setxattr(file, "com.apple.ResourceFork", "r", 1, 0), 0);
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(dir / "f"));
+  ASSERT_EQ(Env::shared().removexattr(file, "com.apple.ResourceFork"), 0);
+  ASSERT_EQ(Env::shared().setxattr(file, "com.apple.decmpfs", "d", 1, 0), 0);
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAtFilesystemName((dir / "f").c_str()));
+  EXPECT_TRUE(Helper::isAttributeSetAt("com.apple.decmpfs", dir / "f"));
+  EXPECT_FALSE(Helper::isAttributeSetAt("com.apple.decmpfs", dir / "missing"));
+}
+
+TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
+  ScopedManualClock clock;
+  const auto signature = KRCompressionSignature::signatureWithUncompressedSize(123456789012ull);
+  EXPECT_EQ(signature.lastCompressed(), 1.8e9);
+  clock->advance(seconds(90.5));
+  EXPECT_DOUBLE_EQ(signature.age(), 90.5);
+
+  const std::vector<uint8_t> archive = signature.archive();
+  ASSERT_GT(archive.size(), 8u);
+  EXPECT_EQ(std::string(archive.begin(), archive.begin() + 8), "bplist00");
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(archive.data()),
+                 static_cast<uint32_t>(archive.size()), &root);
+  ASSERT_TRUE(root);
+  plist_t size = plist_dict_get_item(root, "uncompressedSize");
+  plist_t when = plist_dict_get_item(root, "lastCompressed");
+  ASSERT_TRUE(size && when);
+  EXPECT_EQ(plist_get_node_type(size), PLIST_UINT);
+  EXPECT_EQ(plist_get_node_type(when), PLIST_REAL);
+  plist_free(root);
+  EXPECT_EQ(KRCompressionSignature::unarchive(archive.data(), archive.size()), signature);
+
+  // An XML archive with the same keys reads too; anything else does not.
+  const std::string xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+      "<key>uncompressedSize</key><integer>42</integer>"
+      "<key>lastCompressed</key><real>1.5</real></dict></plist>";
+  EXPECT_EQ(KRCompressionSignature::unarchive(xml.data(), xml.size()),
+            KRCompressionSignature(42, 1.5));
+  for (const std::string& bad :
+       {std::string("garbage bytes"), std::string("bplist00\xff\xff\xff"),
+        std::string("<plist version=\"1.0\"><array/></plist>"),
+        std::string("<plist version=\"1.0\"><dict><key>uncompressedSize</key>"
+                    "<string>42</string><key>lastCompressed</key><real>1</real></dict></plist>"),
+        std::string(archive.begin(), archive.end() - 3)}) {
+    EXPECT_FALSE(KRCompressionSignature::unarchive(bad.data(), bad.size())) << bad;
+  }
+  EXPECT_FALSE(KRCompressionSignature::unarchive(nullptr, 0));
+
+  TempDir dir;
+  writeFile(dir / "f", "");
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(dir / "f"));
+  ASSERT_TRUE(Helper::setCompressionSignature(signature, dir / "f"));
+  EXPECT_EQ(Helper::compressionSignatureAtFilesystemName((dir / "f").c_str()), signature);
+  ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(dir / "f"), "com.quorvane.zephlore.signature",
+                                   "\x00\x01garbage", 9, 0),
+            0);
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(dir / "f"));
+  EXPECT_FALSE(Helper::setCompressionSignature(signature, dir / "missing"));
+}
+
+}  // namespace
+}  // namespace zephlore

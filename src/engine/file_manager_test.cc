@@ -1,0 +1,91 @@
+#include "engine/file_manager.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "base/log.h"
+#include "platform/env.h"
+#include "platform/fault_env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+
+class QVFileManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(chmod(runtime_.path().c_str(), 0700), 0);
+    setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
+  }
+  std::string privateDir() const { return runtime_ / "zephlore"; }
+
+  TempDir runtime_;  // on /dev/shm
+};
+
+TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
+  int fd = -1;
+  auto path = QVFileManager::createTemporaryFile(&fd);
+  ASSERT_TRUE(path);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(path->rfind(privateDir() + "/QVS-tmp.", 0), 0u) << *path;
+  UniqueFd owned(fd);
+
+  TempDir shm;                // the temporary directory's volume
+  TempDir other("/var/tmp");  // the root volume, not tmpfs here
+  writeFile(shm / "f", "x");
+  writeFile(other / "f", "x");
+  const std::string hash = std::to_string(QVFileManager::temporaryNameHash(shm / "f"));
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(shm / "f"),
+            privateDir() + "/QVS-tmp-" + hash);
+  const std::string otherHash = std::to_string(QVFileManager::temporaryNameHash(other / "f"));
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(other / "f"),
+            other / "f.QVS-tmp-" + otherHash);
+  const std::string missingHash = std::to_string(QVFileManager::temporaryNameHash(other / "gone"));
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(other / "gone"),
+            privateDir() + "/QVS-tmp-" + missingHash);
+  EXPECT_NE(hash, otherHash);
+
+  // Without any private directory the name is never in a shared one.
+  setenv("XDG_RUNTIME_DIR", "/tmp", 1);
+  setenv("XDG_DATA_HOME", "/proc/nowhere", 1);
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(shm / "f"),
+            shm / "f.QVS-tmp-" + hash);
+  EXPECT_FALSE(QVFileManager::createTemporaryFile(&fd));
+  EXPECT_EQ(fd, -1);
+}
+
+TEST_F(QVFileManagerTest, AttributeCopySkipsNamesWithoutRegardToCase) {
+  TempDir dir;
+  writeFile(dir / "from", "");
+  writeFile(dir / "to", "");
+  Env& env = Env::shared();
+  const FileRef from = FileRef::atPath(dir / "from");
+  for (const char* name : {"keep.me", "com.quorvane.zephlore.EXCLUDE", "com.apple.decmpfs",
+                           "com.apple.ResourceFork", "com.apple.ResourceFork.1"}) {
+    ASSERT_EQ(env.setxattr(from, name, name, strlen(name), 0), 0);
+  }
+  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromToSkipping(
+      dir / "from", dir / "to",
+      {"com.quorvane.zephlore.exclude", "com.apple.resourcefork", "COM.APPLE.DECMPFS"}));
+  EXPECT_EQ(*env.listxattr(FileRef::atPath(dir / "to")), std::vector<std::string>{"keep.me"});
+  EXPECT_EQ(env.getxattrValue(FileRef::atPath(dir / "to"), "keep.me"),
+            (std::vector<uint8_t>{'k', 'e', 'e', 'p', '.', 'm', 'e'}));
+
+  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromTo(dir / "to", dir / "from"));
+  FaultInjectingEnv faults;
+  ScopedSharedEnv use(&faults);
+  faults.inject({.op = "setxattr", .error = ENOSPC, .match = "decmpfs"});
+  EXPECT_FALSE(QVFileManager::copyExtendedAttributesFromTo(dir / "from", dir / "to"));
+  auto names = env.listxattr(FileRef::atPath(dir / "to"));
+  EXPECT_EQ(names->size(), 4u);  // every other one was still copied
+}
+
+}  // namespace
+}  // namespace zephlore

@@ -1,0 +1,74 @@
+#include "engine/file_usage.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "platform/fault_env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::Child;
+using testing::TempDir;
+using testing::writeFile;
+
+TEST(QVFileUsage, OwnWritersCanBeExcludedButOtherUsersCount) {
+  TempDir dir;
+  const std::string file = dir / "f";
+  writeFile(file, "x");
+  bool forWriting = true;
+  EXPECT_FALSE(QVFileUsage::isFileOpen(file));
+  EXPECT_FALSE(QVFileUsage::isFileOpenForWriting(file, &forWriting));
+  EXPECT_FALSE(forWriting);
+
+  {
+    // Only this process, writing: open, and a writer unless we exclude ourselves.
+    UniqueFd own(::open(file.c_str(), O_RDWR));
+    EXPECT_TRUE(QVFileUsage::isFileOpen(file));
+    EXPECT_FALSE(QVFileUsage::isFileOpenExcludingOwnProcess(file, true));
+    EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(file, &forWriting, false));
+    EXPECT_TRUE(forWriting);
+    EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(file, &forWriting, true));
+    EXPECT_FALSE(forWriting);
+  }
+
+  {
+    // Another process reading it: open, not for writing.
+    Child reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
+    ASSERT_TRUE(reader.ready());
+    EXPECT_TRUE(QVFileUsage::isFileOpenExcludingOwnProcess(file, true));
+    EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(file, &forWriting, true));
+    EXPECT_FALSE(forWriting);
+    auto users = QVFileUsage::usersOfFile(file);
+    ASSERT_TRUE(users);
+    ASSERT_EQ(users->size(), 1u);
+    EXPECT_EQ((*users)[0].pid, reader.pid());
+    EXPECT_EQ((*users)[0].mode, 0u);
+  }
+
+  // A process whose current directory is the path counts as a writer.
+  Child resident([&] { return chdir(dir.path().c_str()) == 0; });
+  ASSERT_TRUE(resident.ready());
+  EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(dir.path(), &forWriting, true));
+  EXPECT_TRUE(forWriting);
+}
+
+TEST(QVFileUsage, UnreadableAnswersNo) {
+  TempDir dir;
+  writeFile(dir / "f", "x");
+  UniqueFd own(::open((dir / "f").c_str(), O_RDWR));
+  EXPECT_FALSE(QVFileUsage::usersOfFile(dir / "missing"));
+  EXPECT_FALSE(QVFileUsage::isFileOpen(dir / "missing"));
+
+  FaultInjectingEnv faults;
+  ScopedSharedEnv use(&faults);
+  faults.failOn("fileUsers", EACCES);
+  bool forWriting = true;
+  EXPECT_FALSE(QVFileUsage::isFileOpenForWriting(dir / "f", &forWriting));
+  EXPECT_FALSE(forWriting);
+}
+
+}  // namespace
+}  // namespace zephlore

@@ -1,0 +1,58 @@
+#include "engine/hfs_compression.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/log.h"
+#include "platform/env.h"
+#include "platform/fault_env.h"
+#include "platform/platform_test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+
+TEST(HFSCompression, TheCompressedFlagAndTheHeaderTest) {
+  TempDir dir;
+  const std::string file = dir / "f";
+  writeFile(file, "");
+  EXPECT_FALSE(HFSCompression::isFileUFCompressed(file));
+  EXPECT_TRUE(HFSCompression::setFileAsUFCompressed(file, false));  // already so: no change
+  EXPECT_TRUE(Env::shared().listxattr(FileRef::atPath(file))->empty());
+  ASSERT_TRUE(HFSCompression::setFileAsUFCompressed(file, true));
+  EXPECT_TRUE(HFSCompression::isFileUFCompressed(file));
+  EXPECT_TRUE(HFSCompression::setFileAsUFCompressed(file, true));
+  UniqueFd fd(::open(file.c_str(), O_RDONLY));
+  EXPECT_TRUE(HFSCompression::isFileUFCompressed(fd.get()));
+  ASSERT_TRUE(HFSCompression::setFileAsUFCompressed(fd.get(), false));
+  EXPECT_FALSE(HFSCompression::isFileUFCompressed(file));
+  EXPECT_FALSE(HFSCompression::setFileAsUFCompressed(dir / "missing", true));
+
+  {
+    std::vector<std::string> lines;
+    ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+    FaultInjectingEnv faults;
+    ScopedSharedEnv use(&faults);
+    faults.inject({.op = "setxattr", .error = EROFS, .match = "flags"});
+    EXPECT_FALSE(HFSCompression::setFileAsUFCompressed(file, true));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "Could not set UF_COMPRESSED flag for file " + file + ": 30 [" +
+                            strerror(EROFS) + "]");
+  }
+
+  // The header test follows links.
+  ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
+  EXPECT_FALSE(HFSCompression::hasCompressedAttributes(dir / "link"));
+  ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(file), "com.apple.decmpfs", "h", 1, 0), 0);
+  EXPECT_TRUE(HFSCompression::hasCompressedAttributes(dir / "link"));
+  EXPECT_FALSE(HFSCompression::isFileUFCompressed(dir / "link"));
+}
+
+}  // namespace
+}  // namespace zephlore
