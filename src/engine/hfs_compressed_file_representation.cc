@@ -42,6 +42,10 @@ bool sameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+bool unchanged(const struct stat& now, const struct stat& then) {
+  return sameTime(now.st_ctim, then.st_ctim) && sameTime(now.st_mtim, then.st_mtim) && now.st_size == then.st_size;
+}
+
 std::string errnoText(int err) { return std::strerror(err); }
 
 bool couldNotCreate(Error* error, const std::string& path, const std::string& why) {
@@ -151,7 +155,10 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
   }
   env.close(probe);
 
-  sourceFd_.reset(env.open(path, O_RDONLY | O_NONBLOCK));
+  // Reading for compression is not a use of the file: keep its access time
+  // where the system allows (the owner, or a privileged process).
+  sourceFd_.reset(env.open(path, O_RDONLY | O_NONBLOCK | O_NOATIME));
+  if (!sourceFd_ && errno == EPERM) sourceFd_.reset(env.open(path, O_RDONLY | O_NONBLOCK));
   if (!sourceFd_) {
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
                 "Could not open source file at " + path + ": " + errnoText(errno));
@@ -338,8 +345,9 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
                   "File at path " + path + " already compressed (" + info.problem + ")");
     }
   }
-  // Any change from here on shows in the status-change time.
-  const struct timespec expectedChange = isSource ? lastModificationTimeOfPath_ : locked.st_ctim;
+  // Any change from here on shows in the status-change time (or, within one
+  // tick of the clock, in the modification time or the size).
+  const struct stat expected = isSource ? sourceStat_ : locked;
   if (!checkImage(imageFd_.get(), forkSize_, error)) return false;
 
   // What the copy keeps of the file. The access time is the one from before
@@ -362,7 +370,7 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   // The copy is complete on disk before it may replace the file.
   if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
 
-  if (env.fstat(lock.get(), &locked) != 0 || !sameTime(locked.st_ctim, expectedChange)) {
+  if (env.fstat(lock.get(), &locked) != 0 || !unchanged(locked, expected)) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
   }
@@ -372,7 +380,7 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   }
 
   willEnterCriticalSection(path);
-  bool replaced = replaceFileAtDestination(path, copy, lock.get(), locked);
+  bool replaced = replaceFileAtDestination(path, copy, lock.get(), expected);
   didExitCriticalSection(path);
   if (!replaced) {
     KRLog("Could not replace file %s with compressed copy, aborting", path.c_str());
