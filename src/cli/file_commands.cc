@@ -1,7 +1,13 @@
+// The file subcommands: compress, decompress, info and cat.
 #include "cli/commands.h"
+#include "cli/file_command_parts.h"
 
 namespace zephlore::cli {
 
-void addFileCommands(CLI::App&, int*) {}
+void addFileCommands(CLI::App& app, int* exit_code) {
+  addCompressCommands(app, exit_code);
+  addInfoCommand(app, exit_code);
+  addCatCommand(app, exit_code);
+}
 
 }  // namespace zephlore::cli

@@ -4,7 +4,7 @@
 
 namespace zephlore::cli {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 void addPathFields(json& object, const std::string& path) {
   if (isValidUtf8(path)) {

@@ -14,13 +14,13 @@ namespace zephlore::cli {
 // A path as JSON fields: "path" (valid UTF-8; bytes that are not UTF-8 shown
 // as U+FFFD) and, only for such names, "path_bytes" with the exact bytes in
 // hexadecimal.
-void addPathFields(nlohmann::json& object, const std::string& path);
+void addPathFields(nlohmann::ordered_json& object, const std::string& path);
 
-nlohmann::json errorJson(const Error& error);
-nlohmann::json fileJson(const FileResult& result, Operation op);
-nlohmann::json summaryJson(const RunSummary& summary, Duration elapsed, bool interrupted);
+nlohmann::ordered_json errorJson(const Error& error);
+nlohmann::ordered_json fileJson(const FileResult& result, Operation op);
+nlohmann::ordered_json summaryJson(const RunSummary& summary, Duration elapsed, bool interrupted);
 
 // One line of compact JSON; never throws on text that is not UTF-8.
-std::string dumpLine(const nlohmann::json& value);
+std::string dumpLine(const nlohmann::ordered_json& value);
 
 }  // namespace zephlore::cli

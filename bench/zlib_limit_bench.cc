@@ -1,0 +1,102 @@
+// The machine's limit for the compressed format: how fast one thread turns
+// 64 KiB blocks into level-5 zlib streams, with zlib alone (no file I/O, no
+// engine). bench/compare.sh multiplies it by the number of cores.
+//
+// The data is the first 64 MiB of the file named by ZEPHLORE_BENCH_CORPUS
+// (the benchmark's corpus), else generated text.
+#include <benchmark/benchmark.h>
+#include <zlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr size_t kBlock = 65536;
+constexpr size_t kSampleBytes = 64u << 20;
+
+const std::vector<unsigned char>& sample() {
+  static const std::vector<unsigned char> data = [] {
+    std::vector<unsigned char> bytes;
+    if (const char* path = std::getenv("ZEPHLORE_BENCH_CORPUS")) {
+      if (FILE* f = std::fopen(path, "rb")) {
+        bytes.resize(kSampleBytes);
+        bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
+        std::fclose(f);
+      }
+    }
+    if (bytes.empty()) {
+      static const char* const kWords[] = {"int ", "return ", "struct ", "const ", "{\n", "}\n",
+                                           "static ", "void ", "char* ", "size_t ", "if (", ") "};
+      std::mt19937 rng(42);
+      while (bytes.size() < kSampleBytes) {
+        const char* w = kWords[rng() % 12];
+        bytes.insert(bytes.end(), w, w + std::char_traits<char>::length(w));
+      }
+    }
+    bytes.resize(bytes.size() / kBlock * kBlock);
+    return bytes;
+  }();
+  return data;
+}
+
+// One level-5 stream per block, with the stream reset between blocks (the
+// same parameters as compress2 at level 5).
+void BM_Level5Blocks(benchmark::State& state) {
+  const auto& data = sample();
+  std::vector<unsigned char> out(compressBound(kBlock));
+  z_stream z{};
+  deflateInit(&z, 5);
+  size_t offset = 0;
+  for (auto _ : state) {
+    deflateReset(&z);
+    z.next_in = const_cast<unsigned char*>(data.data() + offset);
+    z.avail_in = kBlock;
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    deflate(&z, Z_FINISH);
+    benchmark::DoNotOptimize(z.total_out);
+    offset = (offset + kBlock) % data.size();
+  }
+  deflateEnd(&z);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBlock);
+}
+BENCHMARK(BM_Level5Blocks)->MinTime(2.0);
+
+// The same, with each stream inflated again (what a verifying compressor
+// does on top): shows the cost of verification.
+void BM_Level5BlocksWithInflate(benchmark::State& state) {
+  const auto& data = sample();
+  std::vector<unsigned char> out(compressBound(kBlock));
+  std::vector<unsigned char> back(kBlock);
+  z_stream z{};
+  deflateInit(&z, 5);
+  z_stream in{};
+  inflateInit(&in);
+  size_t offset = 0;
+  for (auto _ : state) {
+    deflateReset(&z);
+    z.next_in = const_cast<unsigned char*>(data.data() + offset);
+    z.avail_in = kBlock;
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    deflate(&z, Z_FINISH);
+    inflateReset(&in);
+    in.next_in = out.data();
+    in.avail_in = static_cast<uInt>(z.total_out);
+    in.next_out = back.data();
+    in.avail_out = kBlock;
+    inflate(&in, Z_FINISH);
+    benchmark::DoNotOptimize(in.total_out);
+    offset = (offset + kBlock) % data.size();
+  }
+  deflateEnd(&z);
+  inflateEnd(&in);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBlock);
+}
+BENCHMARK(BM_Level5BlocksWithInflate)->MinTime(2.0);
+
+}  // namespace

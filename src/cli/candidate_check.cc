@@ -1,0 +1,75 @@
+#include "cli/candidate_check.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "engine/compressed_file_info.h"
+#include "engine/extended_attributes_helper.h"
+
+namespace zephlore::cli {
+namespace {
+
+std::optional<FileResult> inspectQuickly(const WalkEntry& entry, CompressedFileInfo* info) {
+  Error error;
+  if (CompressedFileInfo::inspect(std::string(entry.path), info, &error, /*checkFork=*/false)) {
+    return std::nullopt;
+  }
+  struct stat st;
+  if (fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+    return skipped(std::string(entry.path), SkipReason::kVanished, 0, entry.named);
+  }
+  return failed(std::string(entry.path), error, static_cast<uint64_t>(entry.st->st_size), entry.named);
+}
+
+}  // namespace
+
+std::optional<FileResult> checkCompressCandidate(const WalkEntry& entry, bool may_change) {
+  const struct stat& st = *entry.st;
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
+  auto skip = [&](SkipReason reason) {
+    return std::optional<FileResult>(skipped(std::string(entry.path), reason, size, entry.named));
+  };
+  if (!S_ISREG(st.st_mode)) return skip(SkipReason::kNotRegular);
+  // The cheap tests on the walk's lstat first, attributes only after them.
+  // A compressed file has an empty data fork, so a small size needs one look
+  // at the attributes to tell "already compressed" from "too small".
+  if (size < kMinimumCompressSize) {
+    if (size == 0 && KRExtendedAttributesHelper::isCompressionAttributeSetAt(std::string(entry.path))) {
+      return skip(SkipReason::kAlreadyCompressed);
+    }
+    return skip(SkipReason::kTooSmall);
+  }
+  if (st.st_uid != getuid()) return skip(SkipReason::kNotOwned);
+  if (st.st_nlink > 1) return skip(SkipReason::kHardLinks);
+  if (faccessat(entry.dir_fd, entry.name, W_OK, AT_EACCESS) != 0) {
+    if (errno == ENOENT) return skip(SkipReason::kVanished);
+    return skip(SkipReason::kNotWritable);
+  }
+  CompressedFileInfo info;
+  if (std::optional<FileResult> problem = inspectQuickly(entry, &info)) return problem;
+  if (info.hasCompressedFlag || info.hasDecmpfs || info.hasResourceFork) {
+    // Data beside the attributes: written after it was compressed.
+    return skip(info.dataForkSize > 0 ? SkipReason::kCompressionAttributes : SkipReason::kAlreadyCompressed);
+  }
+  if (info.hasExcludeMarker &&
+      KRExtendedAttributesHelper::isUncompressableAttributeValidAt(std::string(entry.path), may_change)) {
+    return skip(SkipReason::kMarkedNotCompressible);
+  }
+  return std::nullopt;
+}
+
+std::optional<FileResult> checkDecompressCandidate(const WalkEntry& entry) {
+  const struct stat& st = *entry.st;
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
+  if (!S_ISREG(st.st_mode)) return skipped(std::string(entry.path), SkipReason::kNotRegular, size, entry.named);
+  CompressedFileInfo info;
+  if (std::optional<FileResult> problem = inspectQuickly(entry, &info)) return problem;
+  if (info.state == CompressionState::kPlain) {
+    return skipped(std::string(entry.path), SkipReason::kNotCompressed, size, entry.named);
+  }
+  // Compressed, and also the odd states: the expander refuses those with a
+  // clear error of its own, which the run reports as a failure.
+  return std::nullopt;
+}
+
+}  // namespace zephlore::cli

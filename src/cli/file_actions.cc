@@ -1,0 +1,116 @@
+#include "cli/file_actions.h"
+
+#include "cli/candidate_check.h"
+#include "cli/interrupt.h"
+#include "engine/compressed_file_info.h"
+#include "engine/compression_signature.h"
+#include "engine/extended_attributes_helper.h"
+#include "engine/hfs_compressed_file_representation.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_uncompressor.h"
+
+namespace zephlore::cli {
+namespace {
+
+constexpr uint64_t kDecmpfsBytes = 16;
+
+// Keeps the interrupt handler informed of the swap in progress, so that a
+// second Ctrl-C never cuts a file in the middle of it.
+class CriticalSectionGuard : public QVHFSCompressedFileRepresentationDelegate {
+ public:
+  void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
+    InterruptHandler::enterCriticalSection();
+  }
+  void compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
+    InterruptHandler::exitCriticalSection();
+  }
+};
+
+class CompressAction : public FileAction {
+ public:
+  explicit CompressAction(bool verify) : verify_(verify) {}
+
+  std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
+    return checkCompressCandidate(entry, !dry_run);
+  }
+
+  FileResult run(const FilePipeline::Job& job, int workers) override {
+    CriticalSectionGuard guard;
+    HFSCompressionOptions options;
+    options.workers = workers;
+    options.verify = verify_;
+    Error error;
+    std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
+    if (!representation) {
+      if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
+      return failed(job.path, error, job.size, job.named);
+    }
+    const uint64_t size = static_cast<uint64_t>(representation->sourceSize());
+    const uint64_t stored = representation->forkSize() + kDecmpfsBytes;
+    // The image is ready; a file that would not shrink is left as it is and
+    // marked, so that neither we nor the helper try it again until it changes.
+    if (stored >= size) return notCompressible(job);
+    int64_t saved = 0;
+    int64_t uncompressed = 0;
+    if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) {
+      return failed(job.path, error, job.size, job.named);
+    }
+    KRExtendedAttributesHelper::setCompressionSignature(
+        KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
+    FileResult r;
+    r.path = job.path;
+    r.outcome = Outcome::kConverted;
+    r.size_before = size;
+    r.size_after = stored;
+    r.disk_saved = saved;
+    return r;
+  }
+
+ private:
+  FileResult notCompressible(const FilePipeline::Job& job) {
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+    return skipped(job.path, SkipReason::kNotCompressible, job.size, job.named);
+  }
+
+  bool verify_;
+};
+
+class DecompressAction : public FileAction {
+ public:
+  uint64_t workSize(const WalkEntry& entry) override {
+    // A compressed file's data fork is empty: its size is in its header.
+    if (entry.st->st_size != 0) return static_cast<uint64_t>(entry.st->st_size);
+    CompressedFileInfo info;
+    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, nullptr, false)) return 0;
+    return info.uncompressedSize;
+  }
+
+  std::optional<FileResult> check(const WalkEntry& entry, bool) override {
+    return checkDecompressCandidate(entry);
+  }
+
+  FileResult run(const FilePipeline::Job& job, int workers) override {
+    Error error;
+    int64_t compressed = -1;
+    int64_t uncompressed = -1;
+    HFSExpandOptions options;
+    options.workers = workers;
+    if (!QVHFSUncompressor::expandInPlacePath(job.path, &error, &compressed, &uncompressed, false, options)) {
+      return failed(job.path, error, job.size, job.named);
+    }
+    FileResult r;
+    r.path = job.path;
+    r.outcome = Outcome::kConverted;
+    r.size_before = compressed >= 0 ? static_cast<uint64_t>(compressed) + kDecmpfsBytes : 0;
+    r.size_after = uncompressed >= 0 ? static_cast<uint64_t>(uncompressed) : job.size;
+    return r;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<FileAction> makeCompressAction(bool verify) { return std::make_unique<CompressAction>(verify); }
+std::unique_ptr<FileAction> makeDecompressAction() { return std::make_unique<DecompressAction>(); }
+
+}  // namespace zephlore::cli

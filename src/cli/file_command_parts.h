@@ -1,0 +1,15 @@
+// The subcommands of file_commands.cc, one file each.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace zephlore::cli {
+
+void addCompressCommands(CLI::App& app, int* exit_code);  // compress, decompress
+void addInfoCommand(CLI::App& app, int* exit_code);
+void addCatCommand(CLI::App& app, int* exit_code);
+
+// The default for -j: the number of cores this process may run on.
+int defaultJobs();
+
+}  // namespace zephlore::cli
