@@ -28,6 +28,7 @@ CompressedFileInfo inspect(const std::string& path) {
 }
 
 TEST(CompressedFileInfoTest, TellsEachStateWithItsSizesAndMarkers) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "file";
   writeFile(path, compressibleData(3 * 65536 + 7));
@@ -72,6 +73,7 @@ TEST(CompressedFileInfoTest, TellsEachStateWithItsSizesAndMarkers) {
 }
 
 TEST(CompressedFileInfoTest, ContentReaderServesAnyRangeOfCompressedAndPlainFiles) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(2 * 65536 + 100);
   const std::string plain = dir / "plain";

@@ -45,6 +45,7 @@ CompressionState stateOf(const std::string& path) {
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeAndRemovesTheCopyBesideIt) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(200000);
 
@@ -80,6 +81,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeAndRemovesTh
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, ExpandsAHalfMadeFileGivingItTheRecordedSize) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(3 * 65536 + 5);
   const std::string path = dir / "half";
@@ -98,6 +100,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, ExpandsAHalfMadeFileGivingIt
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, FallsBackToTheOriginalDataWhenTheForkIsBroken) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(100000);
   const std::string path = dir / "broken";
@@ -121,6 +124,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, FallsBackToTheOriginalDataWh
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursBesideTheFile) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(100000);
   const std::string path = dir / "file";

@@ -70,6 +70,7 @@ CompressionState stateOf(const std::string& path) {
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEverySizeThatMatters) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const size_t sizes[] = {0, 1, 4095, 4096, 65536, 65537, 3 * 65536 + 7, 3 << 20};
   for (size_t size : sizes) {
@@ -124,6 +125,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEv
 // A fork that the original system wrote for a real file: our bytes must be
 // exactly those, through the whole path (image, attribute pieces, header).
 TEST(QVHFSCompressedFileRepresentationTest, WritesTheForkAndHeaderOfTheReferenceFileByteForByte) {
+  testing::ScopedRuntimeDir runtime;
   const std::string testdata = std::string(ZEPHLORE_SOURCE_DIR) + "/../shared/testdata/macos-zlib-fork/";
   const std::string original = readFile(testdata + "zlib.expected");
   const std::string fork = readFile(testdata + "real_zlib_rsrc.rsrc");
@@ -145,6 +147,7 @@ TEST(QVHFSCompressedFileRepresentationTest, WritesTheForkAndHeaderOfTheReference
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, IncompressibleDataFailsWith704AndLeavesTheFileAlone) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "noise.bin";
   writeFile(path, randomData(3 * 65536 + 11));
@@ -160,6 +163,7 @@ TEST(QVHFSCompressedFileRepresentationTest, IncompressibleDataFailsWith704AndLea
 // Every file the engine must not rewrite is refused with its own error and
 // left exactly as it was.
 TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(100000);
   auto expectRefused = [&](const std::string& path, int code, const std::string& message) {
@@ -218,6 +222,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, FileChangedBetweenReadingAndSwapIsLeftAlone) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "busy.log";
   writeFile(path, compressibleData(200000));
@@ -240,6 +245,7 @@ TEST(QVHFSCompressedFileRepresentationTest, FileChangedBetweenReadingAndSwapIsLe
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, FileOpenForWritingByAnotherProcessIsLeftAloneWithoutAMessage) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "open.db";
   writeFile(path, compressibleData(200000));
@@ -281,6 +287,7 @@ TEST(QVHFSCompressedFileRepresentationTest, FileOpenForWritingByAnotherProcessIs
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsSavedSpaceOnlyWhenItShrank) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(300000);
   Error error;
@@ -310,6 +317,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsSavedSpaceOn
 // A symbolic link planted at the copy's name is never followed or replaced;
 // a copy of our own left by a crash is.
 TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFollowed) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "file";
   const std::string victim = dir / "victim";
@@ -335,6 +343,7 @@ TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFoll
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, SwapByRenameWhenExchangeIsNotWanted) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "file";
   const std::string data = compressibleData(150000);

@@ -34,6 +34,7 @@ void compress(const std::string& path) {
 
 // Each refusal leaves the file exactly as it was, compressed or not.
 TEST(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   auto expectRefused = [&](const std::string& path, bool ignoreFlag, int code, const std::string& message) {
     SCOPED_TRACE(path);
@@ -80,6 +81,7 @@ TEST(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
 }
 
 TEST(QVHFSUncompressorTest, ExpandedFileKeepsAttributesButNotTheMarkersOrCompressionOnes) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(70000);
   const std::string path = dir / "file";
@@ -98,6 +100,7 @@ TEST(QVHFSUncompressorTest, ExpandedFileKeepsAttributesButNotTheMarkersOrCompres
 }
 
 TEST(QVHFSUncompressorTest, ExpandsToAnotherPathLeavingTheSourceCompressed) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(150000);
   const std::string source = dir / "source";
@@ -120,6 +123,7 @@ TEST(QVHFSUncompressorTest, ExpandsToAnotherPathLeavingTheSourceCompressed) {
 }
 
 TEST(QVHFSUncompressorTest, AForkOfNoBlocksExpandsToAnEmptyFile) {
+  testing::ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string path = dir / "empty";
   writeFile(path, "");

@@ -40,6 +40,30 @@ class ScratchDir {
   std::string path_;
 };
 
+// Points $XDG_RUNTIME_DIR at a scratch folder while alive, so that the
+// engine's private temporary files stay out of the real home folder.
+class ScopedRuntimeDir {
+ public:
+  ScopedRuntimeDir() {
+    if (const char* old = getenv("XDG_RUNTIME_DIR")) old_ = old, hadOld_ = true;
+    setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
+  }
+  ~ScopedRuntimeDir() {
+    if (hadOld_) {
+      setenv("XDG_RUNTIME_DIR", old_.c_str(), 1);
+    } else {
+      unsetenv("XDG_RUNTIME_DIR");
+    }
+  }
+  ScopedRuntimeDir(const ScopedRuntimeDir&) = delete;
+  ScopedRuntimeDir& operator=(const ScopedRuntimeDir&) = delete;
+
+ private:
+  ScratchDir dir_;
+  std::string old_;
+  bool hadOld_ = false;
+};
+
 inline void writeFile(const std::string& path, const std::string& data, mode_t mode = 0644) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd == -1) throw std::runtime_error("open " + path);
