@@ -69,7 +69,7 @@ void KRDefaultsController::reload() {
     KRLog("No data folder: using the built-in settings");
   } else {
     file = readPlistFile(path);
-    if (file.status == PlistReadStatus::kUnreadable || file.status == PlistReadStatus::kUnparsable) {
+    if (file.status != PlistReadStatus::kOk && file.status != PlistReadStatus::kMissing) {
       KRLog("Could not read preferences from %s (%s): using the built-in settings", path.c_str(),
             file.problem.c_str());
     } else if (file.status == PlistReadStatus::kOk &&
