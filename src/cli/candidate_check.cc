@@ -32,10 +32,11 @@ std::optional<FileResult> checkCompressCandidate(const WalkEntry& entry, bool ma
   if (!S_ISREG(st.st_mode)) return skip(SkipReason::kNotRegular);
   // The cheap tests on the walk's lstat first, attributes only after them.
   // A compressed file has an empty data fork, so a small size needs one look
-  // at the attributes to tell "already compressed" from "too small".
+  // at the attributes to tell "already compressed" (or written into since)
+  // from "too small".
   if (size < kMinimumCompressSize) {
-    if (size == 0 && KRExtendedAttributesHelper::isCompressionAttributeSetAt(std::string(entry.path))) {
-      return skip(SkipReason::kAlreadyCompressed);
+    if (KRExtendedAttributesHelper::isCompressionAttributeSetAt(std::string(entry.path))) {
+      return skip(size == 0 ? SkipReason::kAlreadyCompressed : SkipReason::kCompressionAttributes);
     }
     return skip(SkipReason::kTooSmall);
   }

@@ -202,7 +202,7 @@ class InfoVisitor : public WalkVisitor {
     }
   }
 
-  void walkError(std::string_view path, int err, const char* what) override {
+  void walkError(std::string_view path, int err, const char* what, bool) override {
     error(std::string(path), posixError(err, std::string("cannot ") + what));
   }
 

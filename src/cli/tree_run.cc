@@ -35,7 +35,7 @@ class CountingVisitor : public WalkVisitor {
   void visit(const WalkEntry& entry, SkipReason) override {
     if (S_ISREG(entry.st->st_mode)) progress_.addTotal(1, action_.workSize(entry));
   }
-  void walkError(std::string_view, int, const char*) override {}
+  void walkError(std::string_view, int, const char*, bool) override {}
 
  private:
   ProgressLine& progress_;
@@ -71,13 +71,13 @@ class RunVisitor : public WalkVisitor {
     pipeline_->report(r);
   }
 
-  void walkError(std::string_view path, int err, const char* what) override {
-    if (err == ENOENT) {
+  void walkError(std::string_view path, int err, const char* what, bool named) override {
+    if (err == ENOENT && !named) {
       // Gone between the listing of its folder and the look at it.
       pipeline_->report(skipped(std::string(path), SkipReason::kVanished, 0, false));
       return;
     }
-    pipeline_->report(failed(std::string(path), posixError(err, std::string("cannot ") + what), 0, false));
+    pipeline_->report(failed(std::string(path), posixError(err, std::string("cannot ") + what), 0, named));
   }
 
  private:

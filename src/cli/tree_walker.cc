@@ -26,7 +26,7 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
   if (stopped()) return;
   struct stat st;
   if (lstat(root.c_str(), &st) != 0) {
-    visitor.walkError(root, errno, "stat");
+    visitor.walkError(root, errno, "stat", true);
     return;
   }
   if (!S_ISDIR(st.st_mode)) {
@@ -45,7 +45,7 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
   if (!dir) {
     const int err = errno;
     if (fd >= 0) close(fd);
-    visitor.walkError(root, err, "open directory");
+    visitor.walkError(root, err, "open directory", true);
     return;
   }
 
@@ -62,7 +62,7 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
     if (!d) {
       const int err = errno;
       path.resize(level.path_length);
-      if (err != 0) visitor.walkError(path, err, "read directory");
+      if (err != 0) visitor.walkError(path, err, "read directory", stack.size() == 1);
       closedir(level.dir);
       stack.pop_back();
       continue;
@@ -74,7 +74,7 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
 
     const int parent = dirfd(level.dir);
     if (fstatat(parent, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      visitor.walkError(path, errno, "stat");
+      visitor.walkError(path, errno, "stat", false);
       continue;
     }
     if (!S_ISDIR(st.st_mode)) {
@@ -90,7 +90,7 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
     if (!child) {
       const int err = errno;
       if (fd >= 0) close(fd);
-      visitor.walkError(path, err, "open directory");
+      visitor.walkError(path, err, "open directory", false);
       continue;
     }
     // `level` may dangle after the push; nothing uses it past this point.

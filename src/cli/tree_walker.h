@@ -40,8 +40,9 @@ class WalkVisitor {
   // without -r, kOtherVolume); kNone for anything else.
   virtual void visit(const WalkEntry& entry, SkipReason skip) = 0;
   // A path that could not be examined or read. `err` is the errno value,
-  // `what` the step that failed ("stat", "open directory", "read directory").
-  virtual void walkError(std::string_view path, int err, const char* what) = 0;
+  // `what` the step that failed ("stat", "open directory", "read directory");
+  // `named`: the path was named on the command line.
+  virtual void walkError(std::string_view path, int err, const char* what, bool named) = 0;
 };
 
 class TreeWalker {

@@ -38,7 +38,7 @@ class Recorder : public WalkVisitor {
     seen_.entries[std::string(entry.path)] = skip;
     seen_.order.emplace_back(entry.path);
   }
-  void walkError(std::string_view path, int err, const char*) override {
+  void walkError(std::string_view path, int err, const char*, bool) override {
     seen_.errors[std::string(path)] = err;
   }
 
@@ -210,7 +210,7 @@ TEST(TreeWalker, WalksBeyondThePathLimitAndStopsWhenAsked) {
       ++visits;
       stop->store(true);
     }
-    void walkError(std::string_view, int, const char*) override {}
+    void walkError(std::string_view, int, const char*, bool) override {}
   } stopper;
   stopper.stop = &stop;
   TreeWalker(WalkOptions{.recursive = true}, &stop).walk(root, stopper);
