@@ -24,15 +24,17 @@ FilePipeline::~FilePipeline() {
   for (std::thread& t : threads_) t.join();
 }
 
-void FilePipeline::submit(Job job) {
+bool FilePipeline::submit(Job job, const std::atomic<bool>* stop) {
   const int workers = workersFor(job.size);
   std::unique_lock<std::mutex> lock(mutex_);
   slots_freed_.wait(lock, [&] { return free_slots_ >= workers; });
+  if (stop && stop->load()) return false;
   free_slots_ -= workers;
   ++in_flight_;
   tasks_.push_back({std::move(job), workers});
   lock.unlock();
   task_ready_.notify_one();
+  return true;
 }
 
 void FilePipeline::report(const FileResult& result) {

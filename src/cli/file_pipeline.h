@@ -10,6 +10,7 @@
 // with the size of the tree.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -46,8 +47,10 @@ class FilePipeline {
   // The engine threads a file of `size` bytes gets.
   int workersFor(uint64_t size) const { return size >= large_file_bytes_ ? jobs_ : 1; }
 
-  // Queues a file. Blocks while the slots it needs are busy.
-  void submit(Job job);
+  // Queues a file. Blocks while the slots it needs are busy. When `stop`
+  // became true meanwhile, the file is dropped (left alone, not reported)
+  // and the result is false.
+  bool submit(Job job, const std::atomic<bool>* stop = nullptr);
   // Passes a result decided without work (a skip) to the sink, in turn with
   // the workers' results.
   void report(const FileResult& result);

@@ -63,7 +63,8 @@ class RunVisitor : public WalkVisitor {
       r.size_before = r.size_after = work;
       r.named = entry.named;
     } else {
-      pipeline_->submit({std::string(entry.path), work, entry.named});
+      // A Ctrl-C while waiting for a free slot leaves this file alone.
+      pipeline_->submit({std::string(entry.path), work, entry.named}, &InterruptHandler::stopFlag());
       return;
     }
     r.regular = regular;
