@@ -1,25 +1,73 @@
-// zephlore-helper: the background helper. Placeholder entry point; the
-// lifecycle class takes over as it is built.
+// zephlore-helper: the background helper. Finds its data folder, then runs
+// the main run loop until SIGINT or SIGTERM, and ends with status 0. The
+// lifecycle class takes over the start-up steps as it is built.
 #include <poll.h>
-#include <csignal>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstring>
+
+#include "base/error.h"
 #include "base/log.h"
 #include "base/run_loop.h"
+#include "base/util.h"
 
-int main() {
-  using namespace zephlore;
+namespace {
+
+using namespace zephlore;
+
+// Quit signals arrive as readable data on a signalfd that the run loop
+// watches, so the quit runs on the main thread like any other event.
+int watchQuitSignals(RunLoop& loop) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGINT);
   sigaddset(&mask, SIGTERM);
-  sigprocmask(SIG_BLOCK, &mask, nullptr);
-  int sfd = signalfd(-1, &mask, SFD_CLOEXEC);
+  if (sigprocmask(SIG_BLOCK, &mask, nullptr) != 0) return -1;
+  int fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (fd < 0) return -1;
+  loop.watchFd(fd, POLLIN, [fd, &loop](short) {
+    signalfd_siginfo info;
+    while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      KRLog("ZephloreHelper: %s received, quitting", strsignal(static_cast<int>(info.ssi_signo)));
+      loop.stop();
+    }
+  });
+  return fd;
+}
+
+}  // namespace
+
+int main() {
+  // Dates and text widths follow the user's locale; numbers keep "1.02 KB".
+  setlocale(LC_CTYPE, "");
+  setlocale(LC_TIME, "");
+
   RunLoop& loop = RunLoop::main();
-  loop.watchFd(sfd, POLLIN, [&](short) { loop.stop(); });
-  KRLog("ZephloreHelper starting");
+  const int signal_fd = watchQuitSignals(loop);
+  if (signal_fd < 0) {
+    KRLog("*** ZephloreHelper: cannot watch for quit signals: %s", strerror(errno));
+    return 1;
+  }
+
+  // Without a data folder there is nowhere to keep the settings, the history
+  // or the record of the file being rewritten, which makes compressing
+  // unsafe: say why and stop rather than run doing nothing.
+  Error error;
+  std::optional<std::string> folder = KRUtil::applicationSupportFolder(&error);
+  if (!folder) {
+    KRLog("*** ZephloreHelper: no data folder: %s", error.message.c_str());
+    return 1;
+  }
+  KRLog("ZephloreHelper: data folder %s", folder->c_str());
+
   loop.run();
-  KRLog("ZephloreHelper quitting");
+  // Worker threads still hopping to the main thread get an answer now.
+  loop.shutdown();
+  close(signal_fd);
+  KRLog("ZephloreHelper: stopped");
   return 0;
 }
