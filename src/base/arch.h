@@ -24,7 +24,9 @@ class QVArch {
   static bool runningOnTigerOrLater() { return runningOnTigerOrLater(currentVersion()); }
   static bool runningOnLeopardOrLater() { return runningOnLeopardOrLater(currentVersion()); }
   static bool runningOnLeopard() { return runningOnLeopard(currentVersion()); }
-  static bool runningOnSnowLeopardOrLater() { return runningOnSnowLeopardOrLater(currentVersion()); }
+  static bool runningOnSnowLeopardOrLater() {
+    return runningOnSnowLeopardOrLater(currentVersion());
+  }
   static bool runningOnSnowLeopard() { return runningOnSnowLeopard(currentVersion()); }
   // "major.minor.bugfix", or "999999" when that cannot be learnt.
   static std::string getOperatingSystemVersionString() {

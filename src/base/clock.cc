@@ -63,7 +63,9 @@ constexpr int64_t kManualEpochNs = 3600LL * 1'000'000'000;  // any fixed origin
 
 ManualClock::ManualClock(WallTime wall) : wall_ns_(wall.time_since_epoch().count()) {}
 
-TimePoint ManualClock::now() const { return TimePoint(Duration(kManualEpochNs + elapsed_ns_.load())); }
+TimePoint ManualClock::now() const {
+  return TimePoint(Duration(kManualEpochNs + elapsed_ns_.load()));
+}
 
 WallTime ManualClock::wallNow() const { return WallTime(Duration(wall_ns_.load())); }
 

@@ -150,16 +150,5 @@ TEST(Clock, SharedClockIsInstalledAndRestored) {
   EXPECT_TRUE(real.waitUntil(lock, cv, real.now() + 1h, [] { return true; }));
 }
 
-TEST(ManualClock, AdvanceObserversAreCalledUntilRemoved) {
-  ManualClock clock;
-  int calls = 0;
-  uint64_t id = clock.addAdvanceObserver([&] { ++calls; });
-  clock.advance(1s);
-  clock.advance(1s);
-  clock.removeAdvanceObserver(id);
-  clock.advance(1s);
-  EXPECT_EQ(calls, 2);
-}
-
 }  // namespace
 }  // namespace zephlore

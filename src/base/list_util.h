@@ -78,8 +78,8 @@ auto mapSkippingNilValues(const List& list, Fn fn, bool skipNil) {
 // The common case: only the present answers, unwrapped.
 template <typename List, typename Fn>
 auto mapSkippingNilValues(const List& list, Fn fn) {
-  using Result =
-      typename std::decay_t<std::invoke_result_t<Fn&, const typename List::value_type&>>::value_type;
+  using Result = typename std::decay_t<
+      std::invoke_result_t<Fn&, const typename List::value_type&>>::value_type;
   std::vector<Result> out;
   for (const auto& element : list) {
     auto value = std::invoke(fn, element);

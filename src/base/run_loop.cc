@@ -47,7 +47,8 @@ RunLoop::TimerId RunLoop::performAfterDelay(Duration delay, std::function<void()
 
 RunLoop::TimerId RunLoop::performAfterDelay(const void* target, std::string key, Duration delay,
                                             std::function<void()> fn) {
-  return addTimer(clock_.now() + delay, Timer{0, std::move(fn), Duration(0), target, std::move(key)});
+  return addTimer(clock_.now() + delay,
+                  Timer{0, std::move(fn), Duration(0), target, std::move(key)});
 }
 
 void RunLoop::cancelPerform(const void* target, const std::string& key) {

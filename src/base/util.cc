@@ -68,7 +68,7 @@ std::optional<std::string> dataHome() {
   if (isAbsolute(home)) return std::string(home) + "/.local/share";
   std::string pw_home = homeFromUserDatabase();
   if (!pw_home.empty()) {
-    KRLog("ZephloreHelper: HOME is not set; using the home folder %s of the user database",
+    KRLog("ZephloreHelper: HOME is not a full path; using the home folder %s of the user database",
           pw_home.c_str());
     return pw_home + "/.local/share";
   }
@@ -246,7 +246,8 @@ bool digitsAt(const std::string& text, size_t pos, size_t count, int* value) {
 }
 
 std::optional<std::chrono::year_month_day> calendarDay(int y, int m, int d) {
-  std::chrono::year_month_day day{std::chrono::year(y), std::chrono::month(static_cast<unsigned>(m)),
+  std::chrono::year_month_day day{std::chrono::year(y),
+                                  std::chrono::month(static_cast<unsigned>(m)),
                                   std::chrono::day(static_cast<unsigned>(d))};
   if (!day.ok()) return std::nullopt;
   return day;

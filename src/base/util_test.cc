@@ -267,7 +267,8 @@ TEST(UtilDates, RenderedInLocalTimeWithStyles) {
   // The C locale writes dates month first.
   EXPECT_EQ(KRUtil::stringWithDate(date), "January 15, 2024");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kShort, DateStyle::kNone), "01/15/24");
-  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kMedium, DateStyle::kShort), "Jan 15, 2024 13:45");
+  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kMedium, DateStyle::kShort),
+            "Jan 15, 2024 13:45");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kFull, DateStyle::kLong),
             "Monday, January 15, 2024 13:45:30 UTC");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kMedium), "13:45:30");

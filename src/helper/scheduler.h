@@ -22,7 +22,9 @@ class KRScheduler {
   static void addCompressionOperation(Operation operation);
 
   // Instance forms.
-  void queueAnalysisOperation(Operation operation) { analysisQueue_.addOperation(std::move(operation)); }
+  void queueAnalysisOperation(Operation operation) {
+    analysisQueue_.addOperation(std::move(operation));
+  }
   void queueCompressionOperation(Operation operation) {
     compressionQueue_.addOperation(std::move(operation));
   }

@@ -112,7 +112,8 @@ TEST(Scheduler, AnAnalysisAndACompressionRunSideBySide) {
   std::latch both(2);
   std::latch done(2);
   KRScheduler::addAnalysisOperation({[&] { both.arrive_and_wait(); }, [&] { done.count_down(); }});
-  KRScheduler::addCompressionOperation({[&] { both.arrive_and_wait(); }, [&] { done.count_down(); }});
+  KRScheduler::addCompressionOperation(
+      {[&] { both.arrive_and_wait(); }, [&] { done.count_down(); }});
   done.wait();
 }
 
