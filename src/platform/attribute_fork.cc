@@ -128,7 +128,7 @@ bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Er
   return writeFork(
       file, size,
       [data](uint64_t offset, void* buf, size_t n) {
-        std::memcpy(buf, static_cast<const uint8_t*>(data) + offset, n);
+        if (n > 0) std::memcpy(buf, static_cast<const uint8_t*>(data) + offset, n);
         return true;
       },
       error);
