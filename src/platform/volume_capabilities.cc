@@ -5,8 +5,10 @@
 #include <sys/statfs.h>
 
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <tuple>
 #include <vector>
 
 #include "platform/attribute_fork.h"
@@ -23,11 +25,14 @@ constexpr size_t kSmallestPiece = 64;  // a volume taking less holds no fork wor
 // have (fewer than 10000 pieces), so every piece fits where the probe did.
 static_assert(sizeof("com.quorvane.zephlore.probe") >= sizeof("com.apple.ResourceFork.9999"));
 
+// The file-system id tells apart two images mounted one after the other on
+// the same loop device, or two sticks in the same port.
 struct VolumeKey {
   dev_t device;
   int64_t type;
+  uint64_t fsid;
   bool operator<(const VolumeKey& other) const {
-    return device != other.device ? device < other.device : type < other.type;
+    return std::tie(device, type, fsid) < std::tie(other.device, other.type, other.fsid);
   }
 };
 
@@ -66,7 +71,10 @@ std::optional<VolumeKey> keyOf(const FileRef& file) {
     int rc = file.traverseLink ? env.stat(file.path, &st) : env.lstat(file.path, &st);
     if (rc != 0 || env.statfs(file.path, &fs) != 0) return std::nullopt;
   }
-  return VolumeKey{st.st_dev, static_cast<int64_t>(fs.f_type)};
+  uint64_t fsid = 0;
+  static_assert(sizeof fs.f_fsid == sizeof fsid);
+  std::memcpy(&fsid, &fs.f_fsid, sizeof fsid);
+  return VolumeKey{st.st_dev, static_cast<int64_t>(fs.f_type), fsid};
 }
 
 enum class Put { kOk, kTooBig, kUnsupported, kFailed };

@@ -2,9 +2,8 @@
 // kept: how large one attribute value may be, whether a compressed file fits
 // at all, and whether two names can be swapped atomically.
 //
-// Volumes are told apart by device number and file-system type; forget()
-// drops what was learnt (a volume unmounted and another mounted in its place
-// may reuse the device number).
+// Volumes are told apart by device number, file-system type and id;
+// forget() drops everything learnt.
 #pragma once
 
 #include <cstddef>

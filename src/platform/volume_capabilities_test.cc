@@ -44,6 +44,7 @@ TEST(VolumeCapabilities, TmpfsHoldsTheCompressedFormAndSwapsNames) {
 TEST(VolumeCapabilities, AMeasurementThatFailsIsNotKept) {
   TempDir dir;
   writeFile(dir / "f", "x");
+  VolumeCapabilities::forget();  // nothing known about tmpfs yet
   FaultInjectingEnv faults;
   ScopedSharedEnv use(&faults);
   faults.inject({.op = "setxattr", .error = EIO, .match = "probe"});
@@ -85,6 +86,20 @@ TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
   // A small fork still fits.
   EXPECT_TRUE(AttributeFork::write(FileRef::atPath(path), fork.data(), 300, &error))
       << error.message;
+}
+
+TEST(VolumeCapabilities, AnImageMountedInAnothersPlaceIsMeasuredAfresh) {
+  {
+    LoopMount plain(testing::kDefaultExt4);
+    if (!plain.ok()) GTEST_SKIP() << plain.skipReason();
+    EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(plain.path()));
+  }
+  // Likely the same loop device, so the same device number: only the
+  // file-system id tells the two apart.
+  LoopMount large("mkfs.ext4 -q -F -O ea_inode");
+  if (!large.ok()) GTEST_SKIP() << large.skipReason();
+  EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(large.path()));
+  EXPECT_EQ(VolumeCapabilities::attributePieceSize(FileRef::atPath(large.path()), nullptr), 65536u);
 }
 
 }  // namespace
