@@ -15,6 +15,8 @@ void row(std::string& out, const std::string& label, const std::string& value) {
   out += buf;
 }
 
+std::string files(uint64_t n) { return groupedNumber(n) + (n == 1 ? " file" : " files"); }
+
 }  // namespace
 
 std::string percent(uint64_t part, uint64_t whole) {
@@ -57,16 +59,16 @@ std::string RunSummary::table(Duration elapsed, bool interrupted) const {
   if (interrupted) out += "Interrupted: files in flight were finished, the rest left as they were.\n";
   out += compress ? "Compression summary\n" : "Decompression summary\n";
   if (dry_run_) {
-    row(out, compress ? "would compress" : "would decompress", groupedNumber(would_convert_) + " files");
+    row(out, compress ? "would compress" : "would decompress", files(would_convert_));
   } else {
-    row(out, compress ? "compressed" : "decompressed", groupedNumber(converted_) + " files");
+    row(out, compress ? "compressed" : "decompressed", files(converted_));
   }
-  row(out, "skipped", groupedNumber(skipped_) + " files");
+  row(out, "skipped", files(skipped_));
   for (int i = 0; i < kSkipReasonCount; ++i) {
     if (by_reason_[i] == 0) continue;
     row(out, std::string("  ") + skipReasonText(static_cast<SkipReason>(i)), groupedNumber(by_reason_[i]));
   }
-  row(out, "failed", groupedNumber(failed_) + " files");
+  row(out, "failed", files(failed_));
   for (const auto& [key, count] : by_error_) {
     std::string label = "  " + key.first + " " + std::to_string(key.second);
     row(out, label, groupedNumber(count.count) + "  (" + escapeForTerminal(count.first_message) + ")");
