@@ -28,28 +28,18 @@ TEST(HFSCompressionStructsHelper, BlockCounts) {
   EXPECT_EQ(H::blocksRequiredForUncompressedSize(INT64_MAX), (uint64_t(INT64_MAX) >> 16) + 1);
 }
 
-TEST(HFSCompressionStructsHelper, CreatedValuesAndTables) {
-  HFSPlusCmpfRsrcHead head = H::createResourceHeader();
-  EXPECT_EQ(head.dataOffset, 0x100u);
-  EXPECT_EQ(head.mapOffset, 0x108u);
-  EXPECT_EQ(head.dataLength, 8u);
-  EXPECT_EQ(head.mapLength, 0x32u);
-  EXPECT_EQ(bytesOf(H::createBlocksHeader()), std::vector<uint8_t>(8, 0));
-  EXPECT_EQ(bytesOf(H::createPerBlockHeader()), std::vector<uint8_t>(8, 0));
-
+// The values themselves are checked byte for byte by the fork-image tests;
+// here only what those cannot see: the tables of the builder.
+TEST(HFSCompressionStructsHelper, TablesStartAfterThemselves) {
   EXPECT_EQ(H::createPerBlockHeadersForBlocks(0), nullptr);
   EXPECT_EQ(H::createPerBlockHeadersForSize(0), nullptr);
   auto one = H::createPerBlockHeadersForSize(65536);
   ASSERT_NE(one, nullptr);
   EXPECT_EQ(one[0].offset, 12u);
-  EXPECT_EQ(one[0].size, 0u);
   auto three = H::createPerBlockHeadersForBlocks(3);
   EXPECT_EQ(three[0].offset, 28u);
   EXPECT_EQ(three[1].offset, 0u);
   EXPECT_EQ(three[2].size, 0u);
-
-  const std::vector<uint8_t> decmpfs = bytesOf(H::createDecmpfsStructForSize(150000));
-  EXPECT_EQ(decmpfs, (std::vector<uint8_t>{0x66, 0x70, 0x6d, 0x63, 4, 0, 0, 0, 0xf0, 0x49, 0x02, 0, 0, 0, 0, 0}));
 }
 
 TEST(HFSCompressionStructsHelper, FlipsGiveTheOnDiskBytes) {
@@ -79,24 +69,6 @@ TEST(HFSCompressionStructsHelper, FlipsGiveTheOnDiskBytes) {
                           0x0A, 0x00, 0x01, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0};
   expected.insert(expected.end(), std::begin(tail), std::end(tail));
   EXPECT_EQ(bytesOf(end), expected);
-}
-
-TEST(HFSCompressionStructsHelper, AppendingBlocksFillsHeaderAndTable) {
-  HFSPlusCmpfRsrcHead head = H::createResourceHeader();
-  HFSPlusCmpfRsrcBlockHead blockHead = H::createBlocksHeader();
-  auto table = H::createPerBlockHeadersForBlocks(3);
-  H::appendBlock(&head, &blockHead, table.get(), 100);
-  H::appendBlock(&head, &blockHead, table.get(), 200);
-  H::appendBlock(&head, &blockHead, table.get(), 50);
-  H::finishBlocks(head, &blockHead);
-  EXPECT_EQ(blockHead.numBlocks, 3u);
-  EXPECT_EQ(head.dataLength, 8u + 3 * 8 + 350);
-  EXPECT_EQ(head.mapOffset, 0x100u + head.dataLength);
-  EXPECT_EQ(blockHead.dataSize, head.dataLength - 4);
-  EXPECT_EQ(table[0].offset, 28u);
-  EXPECT_EQ(table[1].offset, 128u);
-  EXPECT_EQ(table[2].offset, 328u);
-  EXPECT_EQ(table[2].size, 50u);
 }
 
 }  // namespace
