@@ -1,5 +1,9 @@
 #include "cli/file_actions.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
 #include "cli/candidate_check.h"
 #include "cli/interrupt.h"
 #include "engine/compressed_file_info.h"
@@ -13,6 +17,15 @@ namespace zephlore::cli {
 namespace {
 
 constexpr uint64_t kDecmpfsBytes = 16;
+
+// A file removed while it waited for its turn is not a failure.
+FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
+  struct stat st;
+  if (lstat(job.path.c_str(), &st) != 0 && errno == ENOENT) {
+    return skipped(job.path, SkipReason::kVanished, job.size, job.named);
+  }
+  return failed(job.path, error, job.size, job.named);
+}
 
 // Keeps the interrupt handler informed of the swap in progress, so that a
 // second Ctrl-C never cuts a file in the middle of it.
@@ -44,7 +57,7 @@ class CompressAction : public FileAction {
         QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
-      return failed(job.path, error, job.size, job.named);
+      return failedOrVanished(job, error);
     }
     const uint64_t size = static_cast<uint64_t>(representation->sourceSize());
     const uint64_t stored = representation->forkSize() + kDecmpfsBytes;
@@ -54,7 +67,7 @@ class CompressAction : public FileAction {
     int64_t saved = 0;
     int64_t uncompressed = 0;
     if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) {
-      return failed(job.path, error, job.size, job.named);
+      return failedOrVanished(job, error);
     }
     KRExtendedAttributesHelper::setCompressionSignature(
         KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
@@ -97,7 +110,7 @@ class DecompressAction : public FileAction {
     HFSExpandOptions options;
     options.workers = workers;
     if (!QVHFSUncompressor::expandInPlacePath(job.path, &error, &compressed, &uncompressed, false, options)) {
-      return failed(job.path, error, job.size, job.named);
+      return failedOrVanished(job, error);
     }
     FileResult r;
     r.path = job.path;
