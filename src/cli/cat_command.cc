@@ -77,10 +77,11 @@ int runCat(const CatOptions& options) {
 
 void addCatCommand(CLI::App& app, int* exit_code) {
   auto options = std::make_shared<CatOptions>();
-  CLI::App* cat = app.add_subcommand(
-      "cat",
-      "Write the content of files to standard output: compressed files are inflated, plain files "
-      "copied as they are. Files are never changed.");
+  CLI::App* cat = app.add_subcommand("cat", "Write the uncompressed content of files to standard output");
+  cat->footer(
+      "Compressed files are inflated (a range only reads the blocks it overlaps); plain files are "
+      "copied as they are. Files are never changed.\n"
+      "Exit status: 0 when every file was read, 1 otherwise, 2 on usage errors.\n");
   cat->add_option("FILE", options->files, "Files to read, in order")->required();
   cat->add_option("--offset", options->offset, "Start at this byte of each file's content (default 0)");
   cat->add_option("--length", options->length, "Write at most this many bytes of each file");

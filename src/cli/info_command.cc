@@ -249,11 +249,14 @@ int runInfo(const InfoOptions& options) {
 void addInfoCommand(CLI::App& app, int* exit_code) {
   auto options = std::make_shared<InfoOptions>();
   CLI::App* info = app.add_subcommand(
-      "info",
-      "Show what compression did to files: plain or compressed (or written after compression, cut "
-      "short, not ours), uncompressed size, fork size, blocks, ratio, and the flag and marker "
-      "attributes present. With -r, the sums of a tree: compressed files, uncompressed size, size "
-      "on disk (data fork, compressed fork and header), ratio, and the files in an odd state.");
+      "info", "Show whether files are compressed, their sizes, blocks, ratio and attributes; with -r, a tree's sums");
+  info->footer(
+      "Per file: plain or compressed (or written after compression, cut short, not ours), the "
+      "uncompressed size, the fork size, the number of 64 KiB blocks, the ratio, and the flag and "
+      "marker attributes present.\n"
+      "With -r: the number of compressed files, the uncompressed size, the size on disk (data fork, "
+      "compressed fork and header), the ratio, and the files in an odd state.\n"
+      "Exit status: 0 when every file could be examined, 1 otherwise, 2 on usage errors.\n");
   info->add_option("PATH", options->paths, "Files or, with -r, directories")->required();
   info->add_flag("-r,--recursive", options->recursive, "Walk directories and print the sums");
   info->add_flag("--json", options->json, "One JSON object per line (per file, then the sums with -r)");
