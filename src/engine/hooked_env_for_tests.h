@@ -1,6 +1,6 @@
-// Test support: an Env that forwards every call to the real system and first
-// tells a hook which operation is about to run. The crash tests use it to
-// stop a compressing child at a chosen operation and kill it there.
+// Test support: an Env that tells a hook which operation is about to run,
+// then forwards it to the real system. The crash test stops a child at a
+// chosen operation this way and kills it there.
 #pragma once
 
 #include <functional>
@@ -14,91 +14,52 @@ namespace zephlore::testing {
 
 class HookedEnv final : public Env {
  public:
-  using Hook = std::function<void(const char* op)>;
-  explicit HookedEnv(Hook hook, Env* base = &Env::system()) : hook_(std::move(hook)), base_(base) {}
+  explicit HookedEnv(std::function<void(const char* op)> hook) : hook_(std::move(hook)) {}
 
-  int open(const std::string& path, int flags, mode_t mode) override {
-    return step("open"), base_->open(path, flags, mode);
+#define ZEPHLORE_HOOKED(ret, name, params, args) \
+  ret name params override {                      \
+    hook_(#name);                                 \
+    return base_.name args;                       \
   }
-  int openLocked(const std::string& path, int flags, mode_t mode) override {
-    return step("openLocked"), base_->openLocked(path, flags, mode);
-  }
-  int openTmpFile(const std::string& dir, mode_t mode) override {
-    return step("openTmpFile"), base_->openTmpFile(dir, mode);
-  }
-  int linkTmpFile(int fd, const std::string& path) override {
-    return step("linkTmpFile"), base_->linkTmpFile(fd, path);
-  }
-  int close(int fd) override { return step("close"), base_->close(fd); }
-  ssize_t pread(int fd, void* buf, size_t n, uint64_t offset) override {
-    return step("pread"), base_->pread(fd, buf, n, offset);
-  }
-  ssize_t pwrite(int fd, const void* buf, size_t n, uint64_t offset) override {
-    return step("pwrite"), base_->pwrite(fd, buf, n, offset);
-  }
-  int fsync(int fd) override { return step("fsync"), base_->fsync(fd); }
-  int ftruncate(int fd, uint64_t length) override { return step("ftruncate"), base_->ftruncate(fd, length); }
-  int fstat(int fd, struct stat* st) override { return step("fstat"), base_->fstat(fd, st); }
-  int fstatfs(int fd, struct statfs* st) override { return step("fstatfs"), base_->fstatfs(fd, st); }
-  int fchmod(int fd, mode_t mode) override { return step("fchmod"), base_->fchmod(fd, mode); }
-  int fchown(int fd, uid_t uid, gid_t gid) override { return step("fchown"), base_->fchown(fd, uid, gid); }
-  int futimens(int fd, const struct timespec times[2]) override {
-    return step("futimens"), base_->futimens(fd, times);
-  }
-  std::optional<std::vector<uint8_t>> getAcl(int fd) override { return step("getAcl"), base_->getAcl(fd); }
-  int setAcl(int fd, const std::vector<uint8_t>& acl) override { return step("setAcl"), base_->setAcl(fd, acl); }
-  int lstat(const std::string& path, struct stat* st) override { return step("lstat"), base_->lstat(path, st); }
-  int stat(const std::string& path, struct stat* st) override { return step("stat"), base_->stat(path, st); }
-  int statfs(const std::string& path, struct statfs* st) override {
-    return step("statfs"), base_->statfs(path, st);
-  }
-  int statvfs(const std::string& path, struct statvfs* st) override {
-    return step("statvfs"), base_->statvfs(path, st);
-  }
-  int rename(const std::string& from, const std::string& to) override {
-    return step("rename"), base_->rename(from, to);
-  }
-  int exchange(const std::string& a, const std::string& b) override {
-    return step("exchange"), base_->exchange(a, b);
-  }
-  int unlink(const std::string& path) override { return step("unlink"), base_->unlink(path); }
-  int mkdir(const std::string& path, mode_t mode) override { return step("mkdir"), base_->mkdir(path, mode); }
-  int fsyncDirectory(const std::string& path) override {
-    return step("fsyncDirectory"), base_->fsyncDirectory(path);
-  }
-  std::optional<std::string> realPath(const std::string& path) override {
-    return step("realPath"), base_->realPath(path);
-  }
-  ssize_t getxattr(const FileRef& file, const std::string& name, void* buf, size_t n) override {
-    return step("getxattr"), base_->getxattr(file, name, buf, n);
-  }
-  int setxattr(const FileRef& file, const std::string& name, const void* value, size_t n, int flags) override {
-    return step("setxattr"), base_->setxattr(file, name, value, n, flags);
-  }
-  int removexattr(const FileRef& file, const std::string& name) override {
-    return step("removexattr"), base_->removexattr(file, name);
-  }
-  std::optional<std::vector<std::string>> listxattr(const FileRef& file) override {
-    return step("listxattr"), base_->listxattr(file);
-  }
-  ssize_t xattrListSize(const FileRef& file) override {
-    return step("xattrListSize"), base_->xattrListSize(file);
-  }
-  std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) override {
-    return step("fileUsers"), base_->fileUsers(device, inode);
-  }
-  std::optional<VolumeDescription> describeVolume(const std::string& path) override {
-    return step("describeVolume"), base_->describeVolume(path);
-  }
+  ZEPHLORE_HOOKED(int, open, (const std::string& p, int f, mode_t m), (p, f, m))
+  ZEPHLORE_HOOKED(int, openLocked, (const std::string& p, int f, mode_t m), (p, f, m))
+  ZEPHLORE_HOOKED(int, openTmpFile, (const std::string& d, mode_t m), (d, m))
+  ZEPHLORE_HOOKED(int, linkTmpFile, (int fd, const std::string& p), (fd, p))
+  ZEPHLORE_HOOKED(int, close, (int fd), (fd))
+  ZEPHLORE_HOOKED(ssize_t, pread, (int fd, void* b, size_t n, uint64_t o), (fd, b, n, o))
+  ZEPHLORE_HOOKED(ssize_t, pwrite, (int fd, const void* b, size_t n, uint64_t o), (fd, b, n, o))
+  ZEPHLORE_HOOKED(int, fsync, (int fd), (fd))
+  ZEPHLORE_HOOKED(int, ftruncate, (int fd, uint64_t n), (fd, n))
+  ZEPHLORE_HOOKED(int, fstat, (int fd, struct stat* st), (fd, st))
+  ZEPHLORE_HOOKED(int, fstatfs, (int fd, struct statfs* st), (fd, st))
+  ZEPHLORE_HOOKED(int, fchmod, (int fd, mode_t m), (fd, m))
+  ZEPHLORE_HOOKED(int, fchown, (int fd, uid_t u, gid_t g), (fd, u, g))
+  ZEPHLORE_HOOKED(int, futimens, (int fd, const struct timespec t[2]), (fd, t))
+  ZEPHLORE_HOOKED(std::optional<std::vector<uint8_t>>, getAcl, (int fd), (fd))
+  ZEPHLORE_HOOKED(int, setAcl, (int fd, const std::vector<uint8_t>& a), (fd, a))
+  ZEPHLORE_HOOKED(int, lstat, (const std::string& p, struct stat* st), (p, st))
+  ZEPHLORE_HOOKED(int, stat, (const std::string& p, struct stat* st), (p, st))
+  ZEPHLORE_HOOKED(int, statfs, (const std::string& p, struct statfs* st), (p, st))
+  ZEPHLORE_HOOKED(int, statvfs, (const std::string& p, struct statvfs* st), (p, st))
+  ZEPHLORE_HOOKED(int, rename, (const std::string& a, const std::string& b), (a, b))
+  ZEPHLORE_HOOKED(int, exchange, (const std::string& a, const std::string& b), (a, b))
+  ZEPHLORE_HOOKED(int, unlink, (const std::string& p), (p))
+  ZEPHLORE_HOOKED(int, mkdir, (const std::string& p, mode_t m), (p, m))
+  ZEPHLORE_HOOKED(int, fsyncDirectory, (const std::string& p), (p))
+  ZEPHLORE_HOOKED(std::optional<std::string>, realPath, (const std::string& p), (p))
+  ZEPHLORE_HOOKED(ssize_t, getxattr, (const FileRef& f, const std::string& k, void* b, size_t n), (f, k, b, n))
+  ZEPHLORE_HOOKED(int, setxattr, (const FileRef& f, const std::string& k, const void* v, size_t n, int fl),
+                  (f, k, v, n, fl))
+  ZEPHLORE_HOOKED(int, removexattr, (const FileRef& f, const std::string& k), (f, k))
+  ZEPHLORE_HOOKED(std::optional<std::vector<std::string>>, listxattr, (const FileRef& f), (f))
+  ZEPHLORE_HOOKED(ssize_t, xattrListSize, (const FileRef& f), (f))
+  ZEPHLORE_HOOKED(std::optional<std::vector<FileUser>>, fileUsers, (dev_t d, ino_t i), (d, i))
+  ZEPHLORE_HOOKED(std::optional<VolumeDescription>, describeVolume, (const std::string& p), (p))
+#undef ZEPHLORE_HOOKED
 
  private:
-  int step(const char* op) {
-    hook_(op);
-    return 0;
-  }
-
-  Hook hook_;
-  Env* base_;
+  std::function<void(const char*)> hook_;
+  Env& base_ = Env::system();
 };
 
 }  // namespace zephlore::testing

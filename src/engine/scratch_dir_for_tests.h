@@ -1,6 +1,6 @@
-// Test support: a private scratch folder on /dev/shm (tmpfs holds 64 KiB
-// attribute values, so compressed files work there), removed with everything
-// in it when the test ends, and small file helpers that fail the test loudly.
+// Test support: a scratch folder on /dev/shm (tmpfs holds 64 KiB attribute
+// values, so compressed files work there), removed with its content at the
+// end; file helpers that throw on failure; deterministic test data.
 #pragma once
 
 #include <fcntl.h>
@@ -19,20 +19,15 @@ namespace zephlore::testing {
 
 class ScratchDir {
  public:
-  explicit ScratchDir(const std::string& base = "/dev/shm") {
-    std::string templ = base + "/zephlore-test-XXXXXX";
-    if (!mkdtemp(templ.data())) throw std::runtime_error("mkdtemp " + templ);
-    path_ = templ;
+  explicit ScratchDir(const std::string& base = "/dev/shm") : path_(base + "/zephlore-test-XXXXXX") {
+    if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp " + path_);
   }
   ~ScratchDir() {
-    nftw(
-        path_.c_str(),
-        [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    auto remove = [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); };
+    nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
   }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
-
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
@@ -40,43 +35,26 @@ class ScratchDir {
   std::string path_;
 };
 
-// Points $XDG_RUNTIME_DIR at a scratch folder while alive, so that the
-// engine's private temporary files stay out of the real home folder.
+// Keeps the engine's private temporary files ($XDG_RUNTIME_DIR) in a scratch
+// folder rather than the real home folder while alive.
 class ScopedRuntimeDir {
  public:
-  ScopedRuntimeDir() {
-    if (const char* old = getenv("XDG_RUNTIME_DIR")) old_ = old, hadOld_ = true;
+  ScopedRuntimeDir() : old_(getenv("XDG_RUNTIME_DIR") ? getenv("XDG_RUNTIME_DIR") : "") {
     setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
   }
-  ~ScopedRuntimeDir() {
-    if (hadOld_) {
-      setenv("XDG_RUNTIME_DIR", old_.c_str(), 1);
-    } else {
-      unsetenv("XDG_RUNTIME_DIR");
-    }
-  }
-  ScopedRuntimeDir(const ScopedRuntimeDir&) = delete;
-  ScopedRuntimeDir& operator=(const ScopedRuntimeDir&) = delete;
+  ~ScopedRuntimeDir() { old_.empty() ? unsetenv("XDG_RUNTIME_DIR") : setenv("XDG_RUNTIME_DIR", old_.c_str(), 1); }
 
  private:
   ScratchDir dir_;
   std::string old_;
-  bool hadOld_ = false;
 };
 
 inline void writeFile(const std::string& path, const std::string& data, mode_t mode = 0644) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd == -1) throw std::runtime_error("open " + path);
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n <= 0) {
-      close(fd);
-      throw std::runtime_error("write " + path);
-    }
-    done += static_cast<size_t>(n);
-  }
+  bool ok = write(fd, data.data(), data.size()) == static_cast<ssize_t>(data.size());
   close(fd);
+  if (!ok) throw std::runtime_error("write " + path);
 }
 
 // Without touching the access time (tests compare it).
@@ -93,14 +71,12 @@ inline std::string readFile(const std::string& path) {
   return data;
 }
 
-// Text that compresses well but not trivially: words from a small vocabulary
-// in a seeded random order.
+// Words from a small vocabulary in a seeded order: compresses well, not trivially.
 inline std::string compressibleData(size_t size, uint32_t seed = 1) {
   static const char* const kWords[] = {"alpha ", "bravo ", "charlie ", "delta ", "echo ",
                                        "foxtrot ", "golf ", "hotel ", "india\n", "juliet "};
   std::mt19937 rng(seed);
   std::string data;
-  data.reserve(size + 16);
   while (data.size() < size) data += kWords[rng() % 10];
   data.resize(size);
   return data;

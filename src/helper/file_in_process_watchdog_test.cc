@@ -2,9 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "engine/scratch_dir_for_tests.h"
@@ -12,18 +9,15 @@
 namespace zephlore {
 namespace {
 
-using testing::ScratchDir;
-using testing::readFile;
-using testing::writeFile;
+using namespace testing;
 
 // The single instance reads the data folder once per process; each test runs
-// in a process of its own, so the data home is pointed at a scratch folder
-// before the first use.
-TEST(KRFileInProcessWatchdogTest, SharedInstanceRecoversThePreviousRecordThenTracesFiles) {
+// in a process of its own, so the data home is set before the first use.
+TEST(KRFileInProcessWatchdogTest, RecoversThePreviousRecordThenTracesEachFile) {
   ScratchDir home;
   setenv("XDG_DATA_HOME", home.path().c_str(), 1);
   ASSERT_EQ(mkdir((home / "Zephlore").c_str(), 0700), 0);
-  std::string record = home / "Zephlore/inprocess.kr";
+  const std::string record = home / "Zephlore/inprocess.kr";
   writeFile(record, "/a/b\n42");
 
   EXPECT_EQ(KRFileInProcessWatchdog::watchdogFilename(), record);
@@ -34,28 +28,14 @@ TEST(KRFileInProcessWatchdogTest, SharedInstanceRecoversThePreviousRecordThenTra
   EXPECT_EQ(watchdog.expectedSizeOfInProcessFile(), 42);
 
   watchdog.reset();
-  EXPECT_EQ(readFile(record), "");
-  std::string file = home / "file";
-  writeFile(file, "12345");
-  watchdog.willProcessFile(file);
-  EXPECT_EQ(readFile(record), file + "\n5");
+  writeFile(home / "file", "12345");
+  watchdog.willProcessFile(home / "file");
+  EXPECT_EQ(readFile(record), home / "file\n5");
   watchdog.didProcessFile("/ignored");
   struct stat st;
-  ASSERT_EQ(stat(record.c_str(), &st), 0);
+  ASSERT_EQ(stat(record.c_str(), &st), 0);  // emptied, never deleted
   EXPECT_EQ(st.st_size, 0);
-  // The previous run's values stay for the life of the process.
-  EXPECT_EQ(watchdog.inProcessFileFromPreviousSession(), "/a/b");
-}
-
-TEST(KRFileInProcessWatchdogTest, NoRecordMeansNoPreviousFile) {
-  ScratchDir home;
-  setenv("XDG_DATA_HOME", home.path().c_str(), 1);
-  KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
-  EXPECT_FALSE(watchdog.hasInProcessFileFromPreviousSession());
-  EXPECT_FALSE(watchdog.inProcessFileFromPreviousSession().has_value());
-  EXPECT_EQ(watchdog.expectedSizeOfInProcessFile(), 0);
-  struct stat st;
-  EXPECT_EQ(stat(KRFileInProcessWatchdog::watchdogFilename().c_str(), &st), 0);  // created
+  EXPECT_EQ(watchdog.inProcessFileFromPreviousSession(), "/a/b");  // kept for the process's life
 }
 
 }  // namespace
