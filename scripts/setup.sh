@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  zlib1g-dev libsqlite3-dev libplist-dev libglib2.0-dev libglib2.0-bin
+  zlib1g-dev libdeflate-dev libsqlite3-dev libplist-dev libglib2.0-dev libglib2.0-bin
   libcli11-dev nlohmann-json3-dev libacl1-dev libfuse3-dev fuse3
   dbus dbus-daemon attr acl pigz xfsprogs btrfs-progs e2fsprogs time
 )

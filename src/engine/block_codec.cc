@@ -30,42 +30,42 @@ BlockDeflater::Result BlockDeflater::compress(const uint8_t* in, size_t n, uint8
   return Result::kFailed;
 }
 
-BlockInflater::BlockInflater() { valid_ = inflateInit(&stream_) == Z_OK; }
+// Inflation goes through libdeflate rather than zlib's inflate: it gives the
+// same bytes about three times faster, which is what makes checking every
+// block after compressing it cheap, and reading compressed files fast.
+BlockInflater::BlockInflater() : decompressor_(libdeflate_alloc_decompressor()) {
+  valid_ = decompressor_ != nullptr;
+}
 
 BlockInflater::~BlockInflater() {
-  if (valid_) inflateEnd(&stream_);
+  if (decompressor_) libdeflate_free_decompressor(decompressor_);
 }
 
 BlockInflater::Result BlockInflater::inflate(const uint8_t* in, size_t n, uint8_t* out, size_t expected,
                                              std::string* why) {
-  if (!valid_ || inflateReset(&stream_) != Z_OK) {
-    *why = "zlib could not be set up";
+  if (!valid_) {
+    *why = "the decompressor could not be set up";
     return Result::kFailed;
   }
-  stream_.next_in = const_cast<Bytef*>(in);
-  stream_.avail_in = static_cast<uInt>(n);
-  stream_.next_out = out;
-  stream_.avail_out = kHFSCompressionBlockSize;
-  const int rc = ::inflate(&stream_, Z_FINISH);
-  if (rc == Z_STREAM_END) {
-    if (stream_.total_out != expected) {
-      *why = "inflates to " + std::to_string(stream_.total_out) + " bytes instead of " + std::to_string(expected);
-      return Result::kWrongSize;
-    }
-    return Result::kOk;
+  static const uint8_t kNoInput = 0;
+  size_t used = 0;
+  size_t produced = 0;
+  const libdeflate_result rc = libdeflate_zlib_decompress_ex(decompressor_, in ? in : &kNoInput, n, out,
+                                                             kHFSCompressionBlockSize, &used, &produced);
+  switch (rc) {
+    case LIBDEFLATE_SUCCESS:
+      if (produced != expected) {
+        *why = "inflates to " + std::to_string(produced) + " bytes instead of " + std::to_string(expected);
+        return Result::kWrongSize;
+      }
+      return Result::kOk;
+    case LIBDEFLATE_INSUFFICIENT_SPACE:
+      *why = "inflates to more than 65536 bytes";
+      return Result::kTooLong;
+    default:
+      *why = "its zlib stream is damaged or truncated";
+      return Result::kCorrupt;
   }
-  if ((rc == Z_OK || rc == Z_BUF_ERROR) && stream_.avail_out == 0) {
-    *why = "inflates to more than 65536 bytes";
-    return Result::kTooLong;
-  }
-  if (rc == Z_BUF_ERROR || rc == Z_OK) {
-    *why = "its zlib stream is truncated";
-  } else if (rc == Z_NEED_DICT) {
-    *why = "its zlib stream needs a preset dictionary";
-  } else {
-    *why = std::string("it does not inflate (") + (stream_.msg ? stream_.msg : zError(rc)) + ")";
-  }
-  return Result::kCorrupt;
 }
 
 }  // namespace zephlore

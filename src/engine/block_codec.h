@@ -2,6 +2,7 @@
 // blocks so that a long file costs no allocation per block.
 #pragma once
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <cstddef>
@@ -54,7 +55,7 @@ class BlockInflater {
   Result inflate(const uint8_t* in, size_t n, uint8_t* out, size_t expected, std::string* why);
 
  private:
-  z_stream stream_{};
+  libdeflate_decompressor* decompressor_;
   bool valid_ = false;
 };
 
