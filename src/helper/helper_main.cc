@@ -1,6 +1,6 @@
 // zephlore-helper: the background helper. Finds its data folder, then runs
 // the main run loop until SIGINT or SIGTERM, and ends with status 0. The
-// lifecycle class takes over the start-up steps as it is built.
+// lifecycle class takes over these start-up steps as it is built.
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -14,6 +14,10 @@
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "base/util.h"
+#include "helper/distributed_notification_center.h"
+#include "helper/exclusions_processor.h"
+#include "helper/notification_names.h"
+#include "helper/previous_run_recovery.h"
 
 namespace {
 
@@ -63,6 +67,20 @@ int main() {
     return 1;
   }
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
+
+  // Listen to the command's exclusion edits from the first moment, repair
+  // what the previous run left half done, then take the helper's bus name
+  // (monitors see a named sender; a second copy shows as a queued owner).
+  KRExclusionsProcessor::sharedExclusionsProcessor();
+  checkIntegrityOfPreviousRun();
+  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
+  if (bus.isConnected()) {
+    bus.ownName(kHelperBusName);
+    if (bus.queuedOwnerCount(kHelperBusName) >= 2) {
+      KRLog("ZephloreHelper: another copy is already running, quitting");
+      return 0;
+    }
+  }
 
   loop.run();
   // Worker threads still hopping to the main thread get an answer now.

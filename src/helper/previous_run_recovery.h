@@ -1,0 +1,11 @@
+// The start-up repair of the file that the previous run was rewriting when it
+// ended (crash, kill, power cut), from the in-process record.
+#pragma once
+
+namespace zephlore {
+
+// Keeps a finished conversion or expands a half-made one back into a plain
+// file, logs the outcome, and clears the record either way: no second try.
+void checkIntegrityOfPreviousRun();
+
+}  // namespace zephlore
