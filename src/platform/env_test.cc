@@ -140,8 +140,10 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
   EXPECT_TRUE(users->empty());
 
   Child reader([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
+  // Reads first, writes later: the later writable descriptor must count.
+  Child lateWriter([&] { return ::open(file.c_str(), O_RDONLY) >= 0 && ::open(file.c_str(), O_WRONLY) >= 0; });
   Child resident([&] { return chdir(dir.path().c_str()) == 0; });
-  ASSERT_TRUE(reader.ready() && resident.ready());
+  ASSERT_TRUE(reader.ready() && resident.ready() && lateWriter.ready());
   UniqueFd writer(::open(file.c_str(), O_WRONLY | O_APPEND));  // after the forks: not inherited
 
   users = env.fileUsers(st.st_dev, st.st_ino);
@@ -157,6 +159,8 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
   ASSERT_TRUE(find(*users, reader.pid()));
   EXPECT_EQ(find(*users, reader.pid())->mode, static_cast<uint32_t>(O_RDWR));
   EXPECT_FALSE(find(*users, resident.pid()));
+  ASSERT_TRUE(find(*users, lateWriter.pid()));
+  EXPECT_EQ(find(*users, lateWriter.pid())->mode, static_cast<uint32_t>(O_WRONLY));
 
   auto dirUsers = env.fileUsers(dirSt.st_dev, dirSt.st_ino);
   ASSERT_TRUE(dirUsers);

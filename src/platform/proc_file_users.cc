@@ -42,8 +42,10 @@ bool sameFile(const struct stat& st, dev_t device, ino_t inode) {
   return st.st_dev == device && st.st_ino == inode;
 }
 
-// The first descriptor of process directory `pidfd` that refers to the file,
-// with its access mode; none when there is none or it cannot be read.
+// The access mode with which process directory `pidfd` holds the file: a
+// writable descriptor wins over read-only ones, so that a process that opened
+// the file for reading first and for writing later still counts as a writer.
+// None when it does not hold the file or cannot be read.
 std::optional<uint32_t> openModeInProcess(int pidfd, dev_t device, ino_t inode) {
   int fdDir = ::openat(pidfd, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fdDir < 0) return std::nullopt;
@@ -70,8 +72,9 @@ std::optional<uint32_t> openModeInProcess(int pidfd, dev_t device, ino_t inode) 
     }
     // A descriptor closed between the two looks still counted as open; read
     // it as read-only then.
-    mode = flags ? (*flags & O_ACCMODE) : 0;
-    break;
+    const uint32_t thisMode = flags ? (*flags & O_ACCMODE) : 0;
+    if (!mode || *mode == O_RDONLY) mode = thisMode;
+    if (thisMode != O_RDONLY) break;
   }
   ::close(fdDir);
   return mode;
