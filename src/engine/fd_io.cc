@@ -1,41 +1,21 @@
 #include "engine/fd_io.h"
 
+#include "platform/env.h"
+
 #include <unistd.h>
 
 #include <cerrno>
 
 namespace zephlore {
 
+// Positional reads and writes go through the platform layer, so that tests
+// can make the source or the image fail at any block.
 ssize_t preadFull(int fd, void* buf, size_t n, uint64_t offset) {
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t r = ::pread(fd, static_cast<char*>(buf) + done, n - done, static_cast<off_t>(offset + done));
-    if (r < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (r == 0) break;
-    done += static_cast<size_t>(r);
-  }
-  return static_cast<ssize_t>(done);
+  return Env::shared().preadFully(fd, buf, n, offset);
 }
 
 bool pwriteFull(int fd, const void* buf, size_t n, uint64_t offset) {
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t w =
-        ::pwrite(fd, static_cast<const char*>(buf) + done, n - done, static_cast<off_t>(offset + done));
-    if (w < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (w == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(w);
-  }
-  return true;
+  return Env::shared().pwriteFully(fd, buf, n, offset);
 }
 
 bool writeFull(int fd, const void* buf, size_t n) {
