@@ -58,7 +58,6 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
                     "on usage errors, 130 when interrupted.\n");
   cmd->callback([options, exit_code] {
     RunOptions run = options->run;
-    if (run.jobs <= 0) run.jobs = defaultJobs();
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
     std::unique_ptr<FileAction> action = run.op == Operation::kCompress
                                              ? makeCompressAction(!options->no_verify)

@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -134,10 +135,13 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   EXPECT_EQ(s.files[root + "/sub/text2"]["reason"], "compression_attributes");
   EXPECT_EQ(s.summary["files"]["compressed"], 0);
 
-  // Without --verbose: exactly one JSON object.
+  // Without --verbose: exactly one JSON object. Without -j, a thread per core.
   auto quiet = runZephlore({"compress", "-r", "--json", root});
   ASSERT_EQ(jsonLines(quiet.out).size(), 1u);
   EXPECT_EQ(jsonLines(quiet.out)[0]["type"], "summary");
+  cpu_set_t cpus;
+  ASSERT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0);
+  EXPECT_EQ(jsonLines(quiet.out)[0]["jobs"], CPU_COUNT(&cpus));
 
   EXPECT_EQ(cat({root + "/text"}), text);
 }

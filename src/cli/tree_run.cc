@@ -9,6 +9,7 @@
 #include "base/clock.h"
 #include "base/util.h"
 #include "cli/display_name.h"
+#include "cli/file_command_parts.h"
 #include "cli/interrupt.h"
 #include "cli/json_report.h"
 #include "cli/progress_line.h"
@@ -111,8 +112,10 @@ std::string resultLine(const FileResult& r, Operation op) {
   return line + "\n";
 }
 
-int runFiles(const std::vector<std::string>& paths, const RunOptions& options, FileAction& action,
+int runFiles(const std::vector<std::string>& paths, const RunOptions& given, FileAction& action,
              RunStreams streams) {
+  RunOptions options = given;
+  if (options.jobs <= 0) options.jobs = defaultJobs();
   raiseOpenFileLimit();
   InterruptHandler interrupt;
   const std::atomic<bool>& stop = InterruptHandler::stopFlag();
@@ -180,7 +183,9 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& options, F
   const bool interrupted = stop.load();
   const Duration elapsed = clock.now() - started;
   if (options.json) {
-    emit(streams.out, dumpLine(summaryJson(summary, elapsed, interrupted)) + "\n");
+    nlohmann::ordered_json report = summaryJson(summary, elapsed, interrupted);
+    report["jobs"] = options.jobs;
+    emit(streams.out, dumpLine(report) + "\n");
   } else if (!options.quiet || interrupted) {
     const uint64_t seen = summary.converted() + summary.wouldConvert() + summary.skipped() + summary.failed();
     const bool walked_tree = options.recursive;

@@ -18,7 +18,7 @@ struct RunOptions {
   Operation op = Operation::kCompress;
   bool recursive = false;
   bool cross_volumes = false;
-  int jobs = 1;
+  int jobs = 0;  // threads; 0: the number of cores
   bool dry_run = false;
   bool json = false;
   bool verbose = false;
