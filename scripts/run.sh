@@ -1,12 +1,22 @@
 #!/usr/bin/env bash
 # run.sh [FOLDER...]: installs what is missing, builds, and runs zephlore-helper
-# in the foreground (logs on the terminal; Ctrl-C ends it cleanly).
+# in the foreground (logs on the terminal; Ctrl-C ends it cleanly, status 0).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 bash scripts/build.sh build
-if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ] && command -v dbus-run-session >/dev/null; then
-  # No session bus (a server, a container): give the helper a private one.
-  exec dbus-run-session -- build/bin/zephlore-helper "$@"
+
+if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ] && [ ! -S "${XDG_RUNTIME_DIR:-/nonexistent}/bus" ]; then
+  # No session bus (a server, a container): start a private one for this run,
+  # in its own session so that a Ctrl-C reaches the helper only. A small
+  # watcher ends the bus once the helper (this process, after exec) is gone.
+  bus_info=$(dbus-daemon --session --fork --print-address=1 --print-pid=1)
+  DBUS_SESSION_BUS_ADDRESS=$(sed -n 1p <<<"$bus_info")
+  export DBUS_SESSION_BUS_ADDRESS
+  bus_pid=$(sed -n 2p <<<"$bus_info")
+  echo "run.sh: started a private session bus at $DBUS_SESSION_BUS_ADDRESS" >&2
+  helper_pid=$$
+  (trap "" INT TERM; while kill -0 "$helper_pid" 2>/dev/null; do sleep 1; done; kill "$bus_pid" 2>/dev/null) </dev/null >/dev/null 2>&1 &
 fi
+
 exec build/bin/zephlore-helper "$@"
