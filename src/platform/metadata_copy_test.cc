@@ -112,21 +112,23 @@ TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
   writeFile(dir / "from", "");
   writeFile(dir / "to", "");
   Env& env = Env::shared();
-  for (const char* name : {"a", "b", "c"}) {
-    ASSERT_EQ(env.setxattr(FileRef::atPath(dir / "from"), name, name, 1, 0), 0);
+  // Names with a dot: the fault matches by substring, and a random temporary
+  // folder name never holds a dot.
+  for (const char* name : {"x.one", "x.two", "x.three"}) {
+    ASSERT_EQ(env.setxattr(FileRef::atPath(dir / "from"), name, "v", 1, 0), 0);
   }
   FaultInjectingEnv faults;
   ScopedSharedEnv use(&faults);
-  faults.inject({.op = "setxattr", .error = ENOSPC, .match = "b"});
+  faults.inject({.op = "setxattr", .error = ENOSPC, .match = "x.two"});
   faults.inject({.op = "futimens", .error = EPERM});
   Error error;
   EXPECT_FALSE(MetadataCopy::copyUserAttributes(FileRef::atPath(dir / "from"),
                                                 FileRef::atPath(dir / "to"), {}, &error));
   EXPECT_EQ(error.code, ENOSPC);
-  EXPECT_NE(error.message.find("attribute b"), std::string::npos) << error.message;
+  EXPECT_NE(error.message.find("attribute x.two"), std::string::npos) << error.message;
   auto names = env.listxattr(FileRef::atPath(dir / "to"));
   std::sort(names->begin(), names->end());
-  EXPECT_EQ(*names, (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(*names, (std::vector<std::string>{"x.one", "x.three"}));
 
   UniqueFd fd(::open((dir / "to").c_str(), O_RDONLY));
   auto snapshot = MetadataCopy::capture(fd.get(), &error);
