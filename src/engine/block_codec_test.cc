@@ -52,6 +52,26 @@ TEST(BlockCodec, FullBlockOfNoiseDoesNotFitLikeCompress2) {
   BlockDeflater deflater;
   uint32_t size = 0;
   EXPECT_EQ(deflater.compress(noise.data(), noise.size(), out.data(), &size), BlockDeflater::Result::kDoesNotFit);
+  // Around the edge (streams of 65530 to 65542 bytes): fits exactly when
+  // compress2 fits, with the same bytes.
+  int fits = 0, doesNot = 0;
+  for (size_t n = 65450; n <= 65536; ++n) {
+    SCOPED_TRACE(n);
+    outSize = out.size();
+    const int rc = compress2(out.data(), &outSize, noise.data(), n, 5);
+    const std::vector<uint8_t> reference(out.begin(), out.begin() + static_cast<long>(outSize));
+    const BlockDeflater::Result ours = deflater.compress(noise.data(), n, out.data(), &size);
+    if (rc == Z_OK) {
+      ++fits;
+      ASSERT_EQ(ours, BlockDeflater::Result::kOk);
+      EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + size), reference);
+    } else {
+      ++doesNot;
+      EXPECT_EQ(ours, BlockDeflater::Result::kDoesNotFit);
+    }
+  }
+  EXPECT_GT(fits, 0);
+  EXPECT_GT(doesNot, 0);
   // The stream is usable again after a block that did not fit.
   const std::vector<uint8_t> text = deterministicText(1000);
   EXPECT_EQ(deflater.compress(text.data(), text.size(), out.data(), &size), BlockDeflater::Result::kOk);

@@ -113,8 +113,7 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
   RecordProperty("failures", failures);
   EXPECT_GT(failures, 20);
   // Each way the swap can go wrong was taken.
-  for (const char* line : {"======> compressedDataFile cannot be stated, ignoring file <=======",
-                           "*** Error creating resource fork when trying to compress: ",
+  for (const char* line : {"*** Error creating resource fork when trying to compress: ",
                            "**** Could not open destination file ", "**** Could not name the compressed copy ",
                            "**** Could not exchange ", "Resource fork could not be found, rolling back ",
                            "Compression attributes could not be found, rolling back ",

@@ -43,6 +43,26 @@ bool notCompressible(Error* error, const std::string& why) {
   return fail(error, kHFSErrorDomain, kHFSErrorNotCompressible, "Source data cannot be compressed: " + why);
 }
 
+// An image file, written with pwrite and cut to the image's size.
+class FdSink final : public ForkImageSink {
+ public:
+  explicit FdSink(int fd) : fd_(fd) {}
+  bool write(uint64_t offset, const void* data, size_t n, Error* error) override {
+    return pwriteFull(fd_, data, n, offset) || writeFailure(error, errno);
+  }
+  bool finish(uint64_t size, Error* error) override {
+    struct stat st;
+    if (fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) != size &&
+        ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+      return writeFailure(error, errno);
+    }
+    return true;
+  }
+
+ private:
+  const int fd_;
+};
+
 // What one worker keeps between blocks.
 struct WorkerCodec {
   BlockDeflater deflater;
@@ -52,8 +72,9 @@ struct WorkerCodec {
 
 class ForkImageWriter {
  public:
-  ForkImageWriter(int sourceFd, const uint8_t* memory, uint64_t size, int forkFd, const ForkWriteOptions& options)
-      : sourceFd_(sourceFd), memory_(memory), size_(size), forkFd_(forkFd), options_(options) {}
+  ForkImageWriter(int sourceFd, const uint8_t* memory, uint64_t size, ForkImageSink& sink,
+                  const ForkWriteOptions& options)
+      : sourceFd_(sourceFd), memory_(memory), size_(size), sink_(sink), options_(options) {}
 
   bool write(ForkWriteResult* result, Error* error) {
     if (size_ > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
@@ -182,7 +203,7 @@ class ForkImageWriter {
 
   bool flushWriteBuffer(Error* error) {
     if (buffered_ == 0) return true;
-    if (!pwriteFull(forkFd_, writeBuffer_.get(), buffered_, writeOffset_)) return writeFailure(error, errno);
+    if (!sink_.write(writeOffset_, writeBuffer_.get(), buffered_, error)) return false;
     writeOffset_ += buffered_;
     buffered_ = 0;
     return true;
@@ -221,21 +242,16 @@ class ForkImageWriter {
     }
     HFSPlusCmpfEnd footer = H::createFooter();
     H::flipHFSPlusCmpfEnd(&footer);
-    if (!pwriteFull(forkFd_, &footer, sizeof footer, head_.mapOffset)) return writeFailure(error, errno);
-    if (!pwriteFull(forkFd_, prologue.data(), prologue.size(), 0)) return writeFailure(error, errno);
+    if (!sink_.write(head_.mapOffset, &footer, sizeof footer, error)) return false;
+    if (!sink_.write(0, prologue.data(), prologue.size(), error)) return false;
     forkSize_ = static_cast<uint64_t>(head_.mapOffset) + kFooterSize;
-    struct stat st;
-    if (fstat(forkFd_, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) != forkSize_ &&
-        ftruncate(forkFd_, static_cast<off_t>(forkSize_)) != 0) {
-      return writeFailure(error, errno);
-    }
-    return true;
+    return sink_.finish(forkSize_, error);
   }
 
   const int sourceFd_;
   const uint8_t* const memory_;
   const uint64_t size_;
-  const int forkFd_;
+  ForkImageSink& sink_;
   const ForkWriteOptions options_;
 
   uint64_t blockCount_ = 0;
@@ -261,14 +277,21 @@ class ForkImageWriter {
 
 bool writeForkImage(int sourceFd, uint64_t sourceSize, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error) {
-  if (sourceFd < 0) return readFailure(error, "no source descriptor");
-  return ForkImageWriter(sourceFd, nullptr, sourceSize, forkFd, options).write(result, error);
+  FdSink sink(forkFd);
+  return writeForkImage(sourceFd, sourceSize, sink, options, result, error);
 }
 
 bool writeForkImage(const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error) {
   if (!data && size > 0) return readFailure(error, "no source data");
-  return ForkImageWriter(-1, static_cast<const uint8_t*>(data), size, forkFd, options).write(result, error);
+  FdSink sink(forkFd);
+  return ForkImageWriter(-1, static_cast<const uint8_t*>(data), size, sink, options).write(result, error);
+}
+
+bool writeForkImage(int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
+                    ForkWriteResult* result, Error* error) {
+  if (sourceFd < 0) return readFailure(error, "no source descriptor");
+  return ForkImageWriter(sourceFd, nullptr, sourceSize, sink, options).write(result, error);
 }
 
 }  // namespace zephlore

@@ -23,6 +23,16 @@ struct ForkWriteResult {
   bool shrank = false;  // forkSize < uncompressedSize
 };
 
+// Where an image goes: bytes at offsets, each byte once (the streams in
+// order while blocks are compressed, then the map after them, then the
+// header and table at the front), and at last the image's size.
+class ForkImageSink {
+ public:
+  virtual ~ForkImageSink() = default;
+  virtual bool write(uint64_t offset, const void* data, size_t n, Error* error) = 0;
+  virtual bool finish(uint64_t size, Error* error) = 0;
+};
+
 // Reads sourceSize bytes of sourceFd from offset 0 (pread: the file position
 // is not used) and writes the image to forkFd from offset 0, truncating a
 // regular file to the image's size. Errors (kHFSErrorDomain):
@@ -35,6 +45,10 @@ bool writeForkImage(int sourceFd, uint64_t sourceSize, int forkFd, const ForkWri
 
 // The same from bytes in memory.
 bool writeForkImage(const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
+                    ForkWriteResult* result, Error* error);
+
+// The same into a sink, whose errors are passed on as it reports them.
+bool writeForkImage(int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error);
 
 }  // namespace zephlore

@@ -5,11 +5,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "base/log.h"
+#include "engine/attribute_fork_source.h"
 #include "engine/compressed_file_info.h"
 #include "engine/fork_image_writer.h"
+#include "engine/fork_source.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
@@ -71,36 +74,62 @@ bool attributeEquals(const FileRef& file, const char* name, const void* expected
 }
 
 // The fork stored in the copy is byte for byte the image that was verified.
-bool forkMatchesImage(int copyFd, int imageFd, uint64_t size, std::string* why) {
+bool forkMatchesImage(int copyFd, ForkSource& image, std::string* why) {
   Error error;
   std::unique_ptr<AttributeForkReader> fork = AttributeForkReader::open(FileRef::descriptor(copyFd), &error);
   if (!fork) {
     *why = error.message;
     return false;
   }
+  const uint64_t size = image.size();
   if (fork->size() != size) {
     *why = "the stored fork has " + std::to_string(fork->size()) + " bytes instead of " + std::to_string(size);
     return false;
   }
   constexpr size_t kChunk = 65536;
-  std::vector<uint8_t> stored(kChunk), image(kChunk);
+  std::vector<uint8_t> stored(kChunk), expected(kChunk);
   for (uint64_t offset = 0; offset < size; offset += kChunk) {
     size_t n = static_cast<size_t>(std::min<uint64_t>(kChunk, size - offset));
     if (!fork->readAt(offset, stored.data(), n, &error)) {
       *why = error.message;
       return false;
     }
-    if (Env::shared().preadFully(imageFd, image.data(), n, offset) != static_cast<ssize_t>(n)) {
-      *why = "cannot read the fork image back: " + errnoText(errno);
+    if (!image.readAt(offset, expected.data(), n, &error)) {
+      *why = "cannot read the fork image back: " + error.message;
       return false;
     }
-    if (std::memcmp(stored.data(), image.data(), n) != 0) {
+    if (std::memcmp(stored.data(), expected.data(), n) != 0) {
       *why = "the stored fork differs from the image at offset " + std::to_string(offset);
       return false;
     }
   }
   return true;
 }
+
+// The fork written straight into the attribute pieces of the copy that will
+// replace the file, while the blocks are compressed.
+class AttributeForkImageSink final : public ForkImageSink {
+ public:
+  AttributeForkImageSink(AttributeForkWriter& fork, const std::string& path) : fork_(fork), path_(path) {}
+  bool write(uint64_t offset, const void* data, size_t n, Error* error) override {
+    Error why;
+    return fork_.write(offset, data, n, &why) || failed(why, error);
+  }
+  bool finish(uint64_t size, Error* error) override {
+    Error why;
+    return fork_.finish(size, &why) || failed(why, error);
+  }
+
+ private:
+  bool failed(const Error& why, Error* error) {
+    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path_.c_str(), why.code,
+          strerror(why.code));
+    return attributeWriteFailure(error, path_, why.code, why.message);
+  }
+
+  AttributeForkWriter& fork_;
+  const std::string& path_;
+};
 
 }  // namespace
 
@@ -192,10 +221,44 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
 }
 
 bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void* data, size_t size, Error* error) {
-  Env& env = Env::shared();
   sourceSize_ = static_cast<int64_t>(size);
   numBlocks_ = QVHFSCompressionStructsHelper::blocksRequiredForUncompressedSize(sourceSize_);
+  ForkWriteOptions writeOptions;
+  writeOptions.workers = options_.workers;
+  writeOptions.verify = options_.verify;
+  ForkWriteResult result;
 
+  bool written;
+  if (std::unique_ptr<SiblingTempFile> copy = sourceFd >= 0 ? unnamedCopyBesideSource() : nullptr) {
+    // Straight into the copy's fork: no image to write and copy again.
+    Error why;
+    std::unique_ptr<AttributeForkWriter> fork =
+        AttributeForkWriter::open(FileRef::descriptor(copy->fd()), options_.verify, &why);
+    if (!fork) return attributeWriteFailure(error, sourcePath_, why.code, why.message);
+    AttributeForkImageSink sink(*fork, sourcePath_);
+    written = writeForkImage(sourceFd, size, sink, writeOptions, &result, error);
+    if (written) stagedCopy_ = std::move(copy);
+  } else {
+    if (!createImageFile(error)) return false;
+    written = sourceFd >= 0 ? writeForkImage(sourceFd, size, imageFd_.get(), writeOptions, &result, error)
+                            : writeForkImage(data, size, imageFd_.get(), writeOptions, &result, error);
+  }
+  if (!written) return false;
+  forkSize_ = result.forkSize;
+  decmpfsData_ = QVHFSCompressionStructsHelper::createDecmpfsStructForSize(sourceSize_);
+  return true;
+}
+
+std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::unnamedCopyBesideSource() {
+  if (sourcePath_.empty()) return nullptr;
+  auto copy = std::make_unique<SiblingTempFile>(Env::shared(), sourcePath_, Kind::kCompressedCopy);
+  // A copy that has a name from the start would be left behind by a crash.
+  if (!copy->create(0600) || copy->named()) return nullptr;
+  return copy;
+}
+
+bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
+  Env& env = Env::shared();
   Error why;
   std::optional<std::string> dir = TemporaryFiles::privateDirectory(&why);
   if (dir) {
@@ -209,22 +272,17 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
       }
     }
   }
-  if (!imageFd_) {
-    KRLog("Could not create temporary file to hold compressed data");
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
-                "Could not create temporary file to hold compressed data: " + why.message);
-  }
+  if (imageFd_) return true;
+  KRLog("Could not create temporary file to hold compressed data");
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+              "Could not create temporary file to hold compressed data: " + why.message);
+}
 
-  ForkWriteOptions writeOptions;
-  writeOptions.workers = options_.workers;
-  writeOptions.verify = options_.verify;
-  ForkWriteResult result;
-  bool written = sourceFd >= 0 ? writeForkImage(sourceFd, size, imageFd_.get(), writeOptions, &result, error)
-                               : writeForkImage(data, size, imageFd_.get(), writeOptions, &result, error);
-  if (!written) return false;
-  forkSize_ = result.forkSize;
-  decmpfsData_ = QVHFSCompressionStructsHelper::createDecmpfsStructForSize(sourceSize_);
-  return true;
+std::unique_ptr<ForkSource> QVHFSCompressedFileRepresentation::forkImage(Error* error) {
+  if (imageFd_) return FdForkSource::open(imageFd_.get(), error);
+  if (stagedCopy_) return AttributeForkSource::open(FileRef::descriptor(stagedCopy_->fd()), sourcePath_, error);
+  fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
+  return nullptr;
 }
 
 // --- Saving --------------------------------------------------------------------
@@ -232,7 +290,7 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
 bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::string& path, Error* error,
                                                                int64_t* savedSpace, int64_t* uncompressedSize) {
   if (uncompressedSize) *uncompressedSize = sourceSize_;
-  if (!imageFd_) return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
+  if (!imageFd_ && !stagedCopy_) return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
   if (!checkPathForRewrite(path, error)) return false;
   struct stat st;
   if (Env::shared().lstat(path, &st) != 0) {
@@ -243,39 +301,10 @@ bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::strin
   return saveInPlace(path, st, error, savedSpace);
 }
 
-// The finished image must be there and not empty (even an empty file's fork
-// has its 314 bytes).
-static bool checkImage(int imageFd, uint64_t expected, Error* error) {
-  struct stat st;
-  if (Env::shared().fstat(imageFd, &st) != 0) {
-    KRLog("======> compressedDataFile cannot be stated, ignoring file <=======");
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
-  }
-  if (st.st_size == 0 || static_cast<uint64_t>(st.st_size) != expected) {
-    KRLog("======> compressedDataFile has 0 bytes, ignoring file <=======");
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
-  }
-  return true;
-}
-
-// Gives the unnamed copy its compressed form: the fork (checked against the
-// verified image), the header and the flag.
-static bool writeCompressedForm(int copyFd, int imageFd, uint64_t forkSize, const HFSPlusDecmpfs& decmpfs,
-                                bool verify, const std::string& path, Error* error) {
-  Env& env = Env::shared();
+// Marks a copy whose fork is in place as compressed: the header and the flag.
+static bool markCompressed(int copyFd, const HFSPlusDecmpfs& decmpfs, const std::string& path, Error* error) {
   const FileRef copy = FileRef::descriptor(copyFd);
-  Error why;
-  if (!AttributeFork::writeFromFd(copy, imageFd, forkSize, &why)) {
-    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path.c_str(), why.code,
-          strerror(why.code));
-    return attributeWriteFailure(error, path, why.code, why.message);
-  }
-  std::string mismatch;
-  if (verify && !forkMatchesImage(copyFd, imageFd, forkSize, &mismatch)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not create compressed file at " + path +
-                                                                   ": " + mismatch);
-  }
-  if (env.setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
+  if (Env::shared().setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
     int err = errno;
     return attributeWriteFailure(error, path, err, "cannot set its compression header: " + errnoText(err));
   }
@@ -286,14 +315,43 @@ static bool writeCompressedForm(int copyFd, int imageFd, uint64_t forkSize, cons
   return true;
 }
 
+bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const std::string& path, Error* error) {
+  // The finished image must be there and not empty (even an empty file's
+  // fork has its 314 bytes).
+  std::unique_ptr<ForkSource> image = forkImage(error);
+  if (!image) return false;
+  if (image->size() == 0 || image->size() != forkSize_) {
+    KRLog("======> compressedDataFile has 0 bytes, ignoring file <=======");
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
+  }
+  Error why;
+  const bool written = AttributeFork::writeFrom(
+      FileRef::descriptor(copyFd), forkSize_,
+      [&image](uint64_t offset, void* buf, size_t n) {
+        Error readError;
+        if (image->readAt(offset, buf, n, &readError)) return true;
+        errno = EIO;
+        return false;
+      },
+      &why);
+  if (!written) {
+    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path.c_str(), why.code,
+          strerror(why.code));
+    return attributeWriteFailure(error, path, why.code, why.message);
+  }
+  std::string mismatch;
+  if (options_.verify && !forkMatchesImage(copyFd, *image, &mismatch)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not create compressed file at " + path +
+                                                                   ": " + mismatch);
+  }
+  return markCompressed(copyFd, decmpfsData_, path, error);
+}
+
 bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, Error* error) {
   Env& env = Env::shared();
-  if (!checkImage(imageFd_.get(), forkSize_, error)) return false;
   SiblingTempFile copy(env, path, Kind::kCompressedCopy);
   if (!copy.create(0755) || env.fchmod(copy.fd(), 0755) != 0) return couldNotCreate(error, path, errnoText(errno));
-  if (!writeCompressedForm(copy.fd(), imageFd_.get(), forkSize_, decmpfsData_, options_.verify, path, error)) {
-    return false;
-  }
+  if (!writeCompressedForm(copy.fd(), path, error)) return false;
   if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
   // Linking never replaces a file that appeared at the path meanwhile.
   if (!copy.linkAt(path)) return couldNotCreate(error, path, errnoText(errno));
@@ -348,7 +406,6 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   // Any change from here on shows in the status-change time (or, within one
   // tick of the clock, in the modification time or the size).
   const struct stat expected = isSource ? sourceStat_ : locked;
-  if (!checkImage(imageFd_.get(), forkSize_, error)) return false;
 
   // What the copy keeps of the file. The access time is the one from before
   // the file was read for compression.
@@ -357,11 +414,19 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   if (!metadata) return couldNotCreate(error, path, why.message);
   if (isSource) metadata->st.st_atim = sourceStat_.st_atim;
 
-  SiblingTempFile copy(env, path, Kind::kCompressedCopy);
-  if (!copy.create(0600)) return couldNotCreate(error, path, errnoText(errno));
-  if (!writeCompressedForm(copy.fd(), imageFd_.get(), forkSize_, decmpfsData_, options_.verify, path, error)) {
-    return false;
+  // The copy beside the source already holds the fork; any other file gets
+  // a copy of its own. Either way the staged copy serves one save only.
+  std::unique_ptr<SiblingTempFile> staged = std::move(stagedCopy_);
+  std::unique_ptr<SiblingTempFile> ownCopy;
+  if (isSource && staged && path == sourcePath_) {
+    if (!markCompressed(staged->fd(), decmpfsData_, path, error)) return false;
+  } else {
+    ownCopy = std::make_unique<SiblingTempFile>(env, path, Kind::kCompressedCopy);
+    if (!ownCopy->create(0600)) return couldNotCreate(error, path, errnoText(errno));
+    stagedCopy_ = std::move(staged);  // still the image of the fork
+    if (!writeCompressedForm(ownCopy->fd(), path, error)) return false;
   }
+  SiblingTempFile& copy = ownCopy ? *ownCopy : *staged;
   if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lock.get()), FileRef::descriptor(copy.fd()),
                                         compressionAttributes(), &why)) {
     return attributeWriteFailure(error, path, why.code, why.message);

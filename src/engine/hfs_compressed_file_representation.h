@@ -35,6 +35,7 @@
 namespace zephlore {
 
 class QVHFSCompressedFileRepresentation;
+class ForkSource;
 class SiblingTempFile;
 
 // Told when the file's critical section begins and ends. The compressor
@@ -109,6 +110,10 @@ class QVHFSCompressedFileRepresentation {
 
   bool initWithContentsOfFile(const std::string& path, Error* error);
   bool buildForkImage(int sourceFd, const void* data, size_t size, Error* error);
+  std::unique_ptr<SiblingTempFile> unnamedCopyBesideSource();
+  bool createImageFile(Error* error);
+  std::unique_ptr<ForkSource> forkImage(Error* error);
+  bool writeCompressedForm(int copyFd, const std::string& path, Error* error);
   bool saveInPlace(const std::string& path, const struct stat& target, Error* error, int64_t* savedSpace);
   bool saveAsNewFile(const std::string& path, Error* error);
   // Names the copy and swaps it in; on any doubt after the swap, swaps back.
@@ -127,7 +132,12 @@ class QVHFSCompressedFileRepresentation {
   int64_t sourceSize_ = 0;
   uint64_t numBlocks_ = 0;
   uint64_t forkSize_ = 0;
-  UniqueFd imageFd_;  // the fork image, an unnamed file in the private temporary directory
+  // The fork image: written straight into the attributes of an unnamed copy
+  // beside the source, which will replace it; else (data from memory, a
+  // volume without unnamed files) an unnamed file in the private temporary
+  // directory.
+  std::unique_ptr<SiblingTempFile> stagedCopy_;
+  UniqueFd imageFd_;
   HFSPlusDecmpfs decmpfsData_ {};
 };
 

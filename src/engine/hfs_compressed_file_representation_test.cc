@@ -226,6 +226,19 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsOnlySpaceRea
   EXPECT_GT(saved, 0);
   EXPECT_LE(saved, st.st_blocks * 512 - static_cast<int64_t>(representation->forkSize()));
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("existing", "fresh"));
+
+  // Read from a file, the fork waits in an unnamed copy beside it: saved
+  // elsewhere first, then in place, which uses up that copy.
+  writeFile(dir / "source", data);
+  auto fromFile = Rep::createFromContentsOfFile(dir / "source", &error);
+  ASSERT_NE(fromFile, nullptr) << error.describe();
+  ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "elsewhere", &error)) << error.describe();
+  EXPECT_TRUE(contentOf(dir / "elsewhere") == data);
+  EXPECT_TRUE(readFile(dir / "source") == data);
+  ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "source", &error)) << error.describe();
+  EXPECT_TRUE(contentOf(dir / "source") == data);
+  EXPECT_FALSE(fromFile->saveToHFSCompressedFile(dir / "third", &error));
+  EXPECT_THAT(listFolder(dir.path()), ElementsAre("elsewhere", "existing", "fresh", "source"));
 }
 
 // A symbolic link planted at the copy's name is never followed or replaced;

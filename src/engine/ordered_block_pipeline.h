@@ -1,7 +1,8 @@
 // Moves a sequence of blocks through three stages with a bounded window of
-// blocks in flight: `fill` and `drain` run on the caller's thread in block
-// order, `work` runs on worker threads in any order. Slot i % window holds
-// block i, so the memory a caller needs is window slots whatever the count.
+// blocks in flight: `fill` and `drain` each run in block order, one call at a
+// time, `work` runs on several threads in any order. The caller's thread is
+// one of the workers. Slot i % window holds block i, so the memory a caller
+// needs is window slots whatever the count.
 #pragma once
 
 #include <cstddef>
@@ -28,8 +29,9 @@ class OrderedBlockPipeline {
   // blocks, so that reads stay large.
   static size_t windowForWorkers(int workers);
 
-  // workers <= 1 runs every stage on the caller's thread. Stops at the first
-  // failure of any stage (in block order for `work`) and returns its error.
+  // workers <= 1 runs every stage on the caller's thread, filling up to a
+  // window of blocks at once; more workers fill one block per call. Stops at
+  // the first failure in block order and returns its error.
   static bool run(uint64_t count, int workers, size_t window, const Stages& stages, Error* error);
 };
 

@@ -12,9 +12,6 @@
 namespace zephlore {
 namespace {
 
-// Reads `n` bytes of the new fork at `offset` into `buf`; false with errno.
-using ForkBytes = std::function<bool(uint64_t offset, void* buf, size_t n)>;
-
 // Bytes a name takes in the kernel's attribute list.
 uint64_t listBytes(const std::string& name) {
   return std::strlen(kUserXattrPrefix) + name.size() + 1;
@@ -23,62 +20,19 @@ uint64_t listBytes(const std::string& name) {
 // Any more pieces than this could never be listed.
 const size_t kMostPieces = kXattrListMax / listBytes(attr::kResourceFork);
 
-bool writeFork(const FileRef& file, uint64_t size, const ForkBytes& bytes, Error* error) {
-  Env& env = Env::shared();
-  const std::string what = "resource fork of " + file.describe();
-  std::optional<size_t> pieceSize = VolumeCapabilities::attributePieceSize(file, error);
-  if (!pieceSize) return false;
-  if (*pieceSize == 0) {
-    return failWithErrno(error, ENOTSUP,
-                         "cannot write the " + what + ": its volume takes no user attributes");
-  }
-  const uint64_t pieces = AttributeFork::piecesFor(size, *pieceSize);
-
-  std::optional<std::vector<std::string>> names = env.listxattr(file);
-  ssize_t listSize = names ? env.xattrListSize(file) : -1;
-  if (listSize < 0) return failWithErrno(error, errno, "cannot list the attributes of " + file.describe());
-  uint64_t otherBytes = static_cast<uint64_t>(listSize);
-  std::vector<size_t> stale;
-  for (const std::string& name : *names) {
-    std::optional<size_t> index = AttributeFork::pieceIndex(name);
-    if (!index) continue;
-    otherBytes -= std::min(otherBytes, listBytes(name));
-    if (*index >= pieces) stale.push_back(*index);
-  }
-  if (!AttributeFork::namesFit(pieces, otherBytes)) {
-    return failWithErrno(error, E2BIG,
-                         "cannot write the " + what + ": " + std::to_string(size) +
-                             " bytes need " + std::to_string(pieces) + " attribute pieces of " +
-                             std::to_string(*pieceSize) +
-                             " bytes, more than a file's attribute list can name");
-  }
-
-  auto undo = [&](int err, const std::string& why) {
-    AttributeFork::remove(file, nullptr);
-    return failWithErrno(error, err, why);
-  };
-  // Stale pieces go first: at no moment may a reader append them to the new fork.
-  std::sort(stale.rbegin(), stale.rend());
-  for (size_t index : stale) {
-    if (env.removexattr(file, AttributeFork::pieceName(index)) != 0 && errno != ENODATA) {
-      return undo(errno, "cannot remove a stale piece of the " + what);
+bool writeFork(const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, Error* error) {
+  std::unique_ptr<AttributeForkWriter> writer = AttributeForkWriter::open(file, false, error);
+  if (!writer || !writer->checkSize(size, error)) return false;
+  std::vector<uint8_t> buf(static_cast<size_t>(std::min<uint64_t>(writer->pieceSize(), size)));
+  for (uint64_t offset = 0; offset < size;) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(writer->pieceSize(), size - offset));
+    if (!bytes(offset, buf.data(), n)) {
+      return failWithErrno(error, errno, "cannot read the data of the resource fork of " + file.describe());
     }
-  }
-  std::vector<uint8_t> buf(static_cast<size_t>(std::min<uint64_t>(*pieceSize, size)));
-  for (uint64_t index = 0, offset = 0; index < pieces; ++index) {
-    const size_t n = static_cast<size_t>(std::min<uint64_t>(*pieceSize, size - offset));
-    if (!bytes(offset, buf.data(), n)) return undo(errno, "cannot read the data of the " + what);
-    if (env.setxattr(file, AttributeFork::pieceName(index), buf.data(), n, 0) != 0) {
-      const int err = errno;
-      const bool full = err == ENOSPC || err == E2BIG || err == EDQUOT || err == ERANGE;
-      return undo(err, "cannot write piece " + std::to_string(index) + " of the " + what +
-                           (full ? " (the volume cannot hold a fork of " + std::to_string(size) +
-                                       " bytes)"
-                                 : ""));
-    }
+    if (!writer->write(offset, buf.data(), n, error)) return false;
     offset += n;
   }
-  return true;
+  return writer->finish(size, error);
 }
 
 }  // namespace
@@ -116,12 +70,23 @@ uint64_t AttributeFork::piecesFor(uint64_t size, size_t pieceSize) {
 }
 
 bool AttributeFork::namesFit(uint64_t pieces, uint64_t otherListBytes) {
-  uint64_t total = otherListBytes;
-  for (uint64_t index = 0; index < pieces; ++index) {
-    total += listBytes(pieceName(static_cast<size_t>(index)));
-    if (total > kXattrListMax) return false;
+  return pieces <= mostPieces(otherListBytes);
+}
+
+uint64_t AttributeFork::mostPieces(uint64_t otherListBytes) {
+  const uint64_t first = listBytes(attr::kResourceFork);
+  if (otherListBytes + first > kXattrListMax) return 0;
+  uint64_t left = kXattrListMax - otherListBytes - first;
+  uint64_t pieces = 1;
+  // Pieces 1-9 take ".N" more than the first, 10-99 ".NN", and so on.
+  for (uint64_t digits = 1, lowest = 1; digits <= 9; ++digits, lowest *= 10) {
+    const uint64_t each = first + 1 + digits;
+    const uint64_t count = 9 * lowest;
+    if (left / each < count) return pieces + left / each;
+    pieces += count;
+    left -= count * each;
   }
-  return true;
+  return pieces;
 }
 
 bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Error* error) {
@@ -132,6 +97,10 @@ bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Er
         return true;
       },
       error);
+}
+
+bool AttributeFork::writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, Error* error) {
+  return writeFork(file, size, read, error);
 }
 
 bool AttributeFork::writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error) {
@@ -174,6 +143,162 @@ bool AttributeFork::remove(const FileRef& file, Error* error) {
       if (errno == ENODATA) return true;
       return failWithErrno(error, errno, what);
     }
+  }
+  return true;
+}
+
+// --- AttributeForkWriter -------------------------------------------------------
+
+std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(const FileRef& file, bool verify,
+                                                               Error* error) {
+  Env& env = Env::shared();
+  std::optional<size_t> pieceSize = VolumeCapabilities::attributePieceSize(file, error);
+  if (!pieceSize) return nullptr;
+  if (*pieceSize == 0) {
+    failWithErrno(error, ENOTSUP,
+                  "cannot write the resource fork of " + file.describe() +
+                      ": its volume takes no user attributes");
+    return nullptr;
+  }
+  std::optional<std::vector<std::string>> names = env.listxattr(file);
+  const ssize_t listSize = names ? env.xattrListSize(file) : -1;
+  if (listSize < 0) {
+    failWithErrno(error, errno, "cannot list the attributes of " + file.describe());
+    return nullptr;
+  }
+  uint64_t otherBytes = static_cast<uint64_t>(listSize);
+  bool hadFork = false;
+  for (const std::string& name : *names) {
+    if (!AttributeFork::pieceIndex(name)) continue;
+    otherBytes -= std::min(otherBytes, listBytes(name));
+    hadFork = true;
+  }
+  return std::unique_ptr<AttributeForkWriter>(
+      new AttributeForkWriter(file, *pieceSize, otherBytes, hadFork, verify));
+}
+
+AttributeForkWriter::AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes,
+                                         bool hadFork, bool verify)
+    : file_(std::move(file)),
+      pieceSize_(pieceSize),
+      mostPieces_(AttributeFork::mostPieces(otherListBytes)),
+      hadFork_(hadFork),
+      verify_(verify) {}
+
+AttributeForkWriter::~AttributeForkWriter() {
+  if (!finished_ && storedAny_) AttributeFork::remove(file_, nullptr);
+}
+
+bool AttributeForkWriter::fail(int err, const std::string& why, Error* error) {
+  failed_ = true;
+  if (storedAny_) AttributeFork::remove(file_, nullptr);
+  storedAny_ = false;
+  pending_.clear();
+  return failWithErrno(error, err, why);
+}
+
+bool AttributeForkWriter::checkSize(uint64_t size, Error* error) {
+  const uint64_t pieces = AttributeFork::piecesFor(size, pieceSize_);
+  if (pieces <= mostPieces_) return true;
+  return fail(E2BIG,
+              "cannot write the resource fork of " + file_.describe() + ": " + std::to_string(size) +
+                  " bytes need " + std::to_string(pieces) + " attribute pieces of " +
+                  std::to_string(pieceSize_) + " bytes, more than a file's attribute list can name",
+              error);
+}
+
+bool AttributeForkWriter::write(uint64_t offset, const void* data, size_t n, Error* error) {
+  if (failed_ || finished_) return failWithErrno(error, EINVAL, "the resource fork writer is closed");
+  const uint8_t* in = static_cast<const uint8_t*>(data);
+  while (n > 0) {
+    const uint64_t index = offset / pieceSize_;
+    const size_t within = static_cast<size_t>(offset % pieceSize_);
+    const size_t take = std::min(n, pieceSize_ - within);
+    if (index >= mostPieces_) {
+      return fail(E2BIG,
+                  "cannot write the resource fork of " + file_.describe() + ": it needs more pieces of " +
+                      std::to_string(pieceSize_) + " bytes than a file's attribute list can name",
+                  error);
+    }
+    if (index < stored_.size() && stored_[index]) {
+      return fail(EINVAL, "bytes of piece " + std::to_string(index) + " written twice", error);
+    }
+    auto it = pending_.find(index);
+    if (it == pending_.end() && take == pieceSize_) {
+      if (!store(index, in, take, error)) return false;
+    } else {
+      if (it == pending_.end()) it = pending_.emplace(index, Pending{std::vector<uint8_t>(pieceSize_), 0}).first;
+      Pending& piece = it->second;
+      std::memcpy(piece.bytes.data() + within, in, take);
+      piece.filled += take;
+      if (piece.filled == pieceSize_) {
+        std::vector<uint8_t> bytes = std::move(piece.bytes);
+        pending_.erase(it);
+        if (!store(index, bytes.data(), bytes.size(), error)) return false;
+      }
+    }
+    in += take;
+    offset += take;
+    n -= take;
+  }
+  return true;
+}
+
+bool AttributeForkWriter::finish(uint64_t size, Error* error) {
+  if (failed_ || finished_) return failWithErrno(error, EINVAL, "the resource fork writer is closed");
+  if (!checkSize(size, error)) return false;
+  const uint64_t last = AttributeFork::piecesFor(size, pieceSize_) - 1;
+  const size_t lastSize = static_cast<size_t>(size - last * pieceSize_);
+  auto missing = [&](uint64_t index) {
+    return fail(EIO,
+                "the resource fork of " + file_.describe() + " lacks bytes of piece " + std::to_string(index),
+                error);
+  };
+  if (stored_.size() > last + 1 || (!pending_.empty() && pending_.rbegin()->first > last)) {
+    return fail(EINVAL, "bytes written past the end of a resource fork of " + std::to_string(size) + " bytes", error);
+  }
+  for (uint64_t index = 0; index < last; ++index) {
+    if (index >= stored_.size() || !stored_[index]) return missing(index);
+  }
+  if (last >= stored_.size() || !stored_[last]) {
+    auto it = pending_.find(last);
+    const size_t filled = it == pending_.end() ? 0 : it->second.filled;
+    if (filled != lastSize) return missing(last);
+    std::vector<uint8_t> bytes = it == pending_.end() ? std::vector<uint8_t>() : std::move(it->second.bytes);
+    pending_.clear();
+    if (!store(last, bytes.data(), lastSize, error)) return false;
+  }
+  finished_ = true;
+  return true;
+}
+
+bool AttributeForkWriter::store(uint64_t index, const uint8_t* data, size_t n, Error* error) {
+  Env& env = Env::shared();
+  const std::string what = "the resource fork of " + file_.describe();
+  if (hadFork_) {
+    hadFork_ = false;
+    Error why;
+    if (!AttributeFork::remove(file_, &why)) return fail(why.code, why.message, error);
+  }
+  const std::string name = AttributeFork::pieceName(static_cast<size_t>(index));
+  if (env.setxattr(file_, name, data, n, 0) != 0) {
+    const int err = errno;
+    const bool full = err == ENOSPC || err == E2BIG || err == EDQUOT || err == ERANGE;
+    storedAny_ = true;  // a failed call may still have left something
+    return fail(err,
+                "cannot write piece " + std::to_string(index) + " of " + what +
+                    (full ? " (the volume cannot hold a fork this large)" : ""),
+                error);
+  }
+  storedAny_ = true;
+  if (index >= stored_.size()) stored_.resize(index + 1, false);
+  stored_[index] = true;
+  if (!verify_) return true;
+  readBack_.resize(n);
+  const ssize_t got = env.getxattr(file_, name, readBack_.data(), n);
+  if (got < 0 && errno != ERANGE) return fail(errno, "cannot read back piece " + std::to_string(index) + " of " + what, error);
+  if (got != static_cast<ssize_t>(n) || (n > 0 && std::memcmp(readBack_.data(), data, n) != 0)) {
+    return fail(EIO, "piece " + std::to_string(index) + " of " + what + " does not read back as written", error);
   }
   return true;
 }

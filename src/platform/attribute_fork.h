@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +43,10 @@ class AttributeFork {
   // the name list (E2BIG) or for the volume (ENOSPC, E2BIG), a short source.
   static bool write(const FileRef& file, const void* data, size_t size, Error* error);
   static bool writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error);
+  // The same with the bytes from `read` (offset, buffer, count; false with
+  // errno set when they cannot be had).
+  using ReadBytes = std::function<bool(uint64_t offset, void* buf, size_t n)>;
+  static bool writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, Error* error);
 
   // Removes the fork and every piece. True when none remains.
   static bool remove(const FileRef& file, Error* error);
@@ -49,6 +55,57 @@ class AttributeFork {
   // one), and whether their names fit beside names taking `otherListBytes`.
   static uint64_t piecesFor(uint64_t size, size_t pieceSize);
   static bool namesFit(uint64_t pieces, uint64_t otherListBytes);
+  // The most pieces whose names fit beside names taking `otherListBytes`.
+  static uint64_t mostPieces(uint64_t otherListBytes);
+};
+
+// Writes a new fork into a file piece by piece as its bytes arrive, in any
+// order, so that a fork never has to be staged whole anywhere: the fork
+// writer streams the blocks while it compresses and adds the header and
+// table at the front last. Each byte must be written once; a piece is stored
+// as soon as all its bytes are there, the last one by finish(). The file's
+// old fork, if any, is removed before the first piece is stored. Until
+// finish() succeeds, destroying the writer removes every piece it stored.
+// Use from one thread at a time.
+class AttributeForkWriter {
+ public:
+  // Measures the piece size of the file's volume and its attribute list;
+  // changes nothing. `verify` reads every stored piece back and compares it.
+  static std::unique_ptr<AttributeForkWriter> open(const FileRef& file, bool verify, Error* error);
+  ~AttributeForkWriter();
+  AttributeForkWriter(const AttributeForkWriter&) = delete;
+  AttributeForkWriter& operator=(const AttributeForkWriter&) = delete;
+
+  // Refuses a fork of `size` bytes whose pieces the file's attribute list
+  // could not name (E2BIG), before anything is changed.
+  bool checkSize(uint64_t size, Error* error);
+  bool write(uint64_t offset, const void* data, size_t n, Error* error);
+  // Stores the last piece of a fork of `size` bytes, after checking that
+  // every byte before it was written.
+  bool finish(uint64_t size, Error* error);
+
+  size_t pieceSize() const { return pieceSize_; }
+
+ private:
+  struct Pending {
+    std::vector<uint8_t> bytes;
+    size_t filled = 0;
+  };
+  AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes, bool hadFork, bool verify);
+  bool store(uint64_t index, const uint8_t* data, size_t n, Error* error);
+  bool fail(int err, const std::string& why, Error* error);
+
+  FileRef file_;
+  size_t pieceSize_;
+  uint64_t mostPieces_;
+  bool hadFork_;  // old pieces to remove before the first store
+  bool verify_;
+  bool finished_ = false;
+  bool failed_ = false;
+  bool storedAny_ = false;
+  std::map<uint64_t, Pending> pending_;
+  std::vector<bool> stored_;
+  std::vector<uint8_t> readBack_;
 };
 
 // Random access to a fork kept in attribute pieces. Reads go through whole
