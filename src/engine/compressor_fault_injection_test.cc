@@ -30,7 +30,7 @@ const char* const kOperations[] = {
     "open", "openLocked", "openTmpFile", "linkTmpFile", "close", "pread", "pwrite", "fsync", "ftruncate",
     "fstat", "fstatfs", "fchmod", "fchown", "futimens", "getAcl", "setAcl", "lstat", "stat", "statfs", "statvfs",
     "rename", "exchange", "unlink", "mkdir", "fsyncDirectory", "realPath", "getxattr", "setxattr", "removexattr",
-    "listxattr", "xattrListSize", "fileUsers", "describeVolume"};
+    "listxattr", "xattrListSize", "fileUsers", "hasWriters", "access", "describeVolume"};
 const std::string kData = compressibleData(3 * 65536 + 123);
 
 class CompressorFaultInjectionTest : public ::testing::Test {

@@ -375,8 +375,10 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   }
 
   // Held until the end: cooperating programs stay out, and no other run of
-  // ours builds a copy of this file at the same time.
-  UniqueFd lock(env.openLocked(path, O_WRONLY | O_NONBLOCK));
+  // ours builds a copy of this file at the same time. It is opened for
+  // reading (a descriptor of ours open for writing would hide whether anyone
+  // else writes the file), so write permission is asked for separately.
+  UniqueFd lock(env.access(path, W_OK) == 0 ? env.openLocked(path, O_RDONLY | O_NONBLOCK) : -1);
   if (!lock) {
     int err = errno;
     KRLog("**** Could not open destination file %s - locked?", path.c_str());
@@ -439,7 +441,7 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
   }
-  if (isOpenForWritingByOtherProcesses(locked)) {
+  if (isOpenForWritingByOtherProcesses(lock.get(), locked)) {
     return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
                 "File at path " + path + " is open for writing by another process");
   }

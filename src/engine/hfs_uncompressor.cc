@@ -155,7 +155,9 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
       return modified(error, source);
     }
     if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
-    if (isOpenForWritingByOtherProcesses(now)) {
+    const bool busy = sameFile(now, opened) ? isOpenForWritingByOtherProcesses(sourceFd.get(), now)
+                                            : isOpenForWritingByOtherProcesses(now);
+    if (busy) {
       return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
                   "File at path " + destination + " is open for writing by another process");
     }

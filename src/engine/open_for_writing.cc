@@ -21,4 +21,10 @@ bool isOpenForWritingByOtherProcesses(const struct stat& st) {
   return false;
 }
 
+bool isOpenForWritingByOtherProcesses(int readOnlyFd, const struct stat& st) {
+  const std::optional<bool> writers = Env::shared().hasWriters(readOnlyFd);
+  if (writers && !*writers) return false;
+  return isOpenForWritingByOtherProcesses(st);
+}
+
 }  // namespace zephlore

@@ -10,4 +10,9 @@ namespace zephlore {
 
 bool isOpenForWritingByOtherProcesses(const struct stat& st);
 
+// The same for the file behind `readOnlyFd`. Most files have no writer at
+// all, which the kernel answers in one call; only when some descriptor has
+// it open for writing are the processes walked to find out whose it is.
+bool isOpenForWritingByOtherProcesses(int readOnlyFd, const struct stat& st);
+
 }  // namespace zephlore

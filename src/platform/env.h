@@ -185,6 +185,15 @@ class Env {
   // users that cannot be read are left out. None (errno set) when /proc
   // cannot be read at all.
   virtual std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) = 0;
+  // Whether any descriptor anywhere, this process's included, has the file
+  // behind the read-only descriptor `fd` open for writing: one call instead
+  // of a walk through every process. None (errno set) when the file system
+  // or the file's owner does not let this process ask.
+  virtual std::optional<bool> hasWriters(int fd) = 0;
+  // access(2) for `path` with the effective ids, not following a final
+  // symbolic link: 0 or -1 with errno (EACCES, EROFS, ETXTBSY for a running
+  // program asked for W_OK).
+  virtual int access(const std::string& path, int mode) = 0;
   // The volume holding `path` (following links). None (errno set) when the
   // path cannot be examined.
   virtual std::optional<VolumeDescription> describeVolume(const std::string& path) = 0;

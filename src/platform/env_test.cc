@@ -171,6 +171,36 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
   EXPECT_EQ(parseFdInfoFlags("pos:\t0\n"), std::nullopt);
 }
 
+TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
+  TempDir dir;
+  const std::string file = dir / "f";
+  writeFile(file, "data");
+  Env& env = Env::shared();
+  UniqueFd probe(::open(file.c_str(), O_RDONLY));
+  std::optional<bool> writers = env.hasWriters(probe.get());
+  if (!writers) GTEST_SKIP() << "file leases are turned off here: " << std::strerror(errno);
+  EXPECT_FALSE(*writers);
+  {
+    Child reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
+    ASSERT_TRUE(reader.ready());
+    EXPECT_EQ(env.hasWriters(probe.get()), false);
+  }
+  {
+    UniqueFd own(::open(file.c_str(), O_WRONLY));
+    EXPECT_EQ(env.hasWriters(probe.get()), true);
+  }
+  {
+    Child writer([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
+    ASSERT_TRUE(writer.ready());
+    EXPECT_EQ(env.hasWriters(probe.get()), true);
+  }
+  // No lease is left: another process opens the file for writing at once
+  // (a lease would hold it back for the kernel's break time and signal us).
+  EXPECT_EQ(env.hasWriters(probe.get()), false);
+  Child later([&] { return ::open(file.c_str(), O_WRONLY | O_NONBLOCK) >= 0; });
+  EXPECT_TRUE(later.ready());
+}
+
 TEST(Env, VolumesAreDescribedFromStatfsTheMountTableAndSysfs) {
   auto volume = Env::shared().describeVolume("/dev/shm");
   ASSERT_TRUE(volume);

@@ -255,6 +255,16 @@ std::optional<std::vector<FileUser>> FaultInjectingEnv::fileUsers(dev_t device, 
   return base_->fileUsers(device, inode);
 }
 
+std::optional<bool> FaultInjectingEnv::hasWriters(int fd) {
+  ZEPHLORE_FAULT_OR(decide("hasWriters", {}), std::nullopt);
+  return base_->hasWriters(fd);
+}
+
+int FaultInjectingEnv::access(const std::string& path, int mode) {
+  ZEPHLORE_FAULT_OR(decide("access", {path}), -1);
+  return base_->access(path, mode);
+}
+
 std::optional<VolumeDescription> FaultInjectingEnv::describeVolume(const std::string& path) {
   ZEPHLORE_FAULT_OR(decide("describeVolume", {path}), std::nullopt);
   return base_->describeVolume(path);

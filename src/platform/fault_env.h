@@ -80,6 +80,8 @@ class FaultInjectingEnv final : public Env {
   std::optional<std::vector<std::string>> listxattr(const FileRef& file) override;
   ssize_t xattrListSize(const FileRef& file) override;
   std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) override;
+  std::optional<bool> hasWriters(int fd) override;
+  int access(const std::string& path, int mode) override;
   std::optional<VolumeDescription> describeVolume(const std::string& path) override;
 
  private:

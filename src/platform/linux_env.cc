@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -232,6 +233,25 @@ class LinuxEnv final : public Env {
 
   std::optional<VolumeDescription> describeVolume(const std::string& path) override {
     return describeVolumeOfPath(path);
+  }
+
+  // The kernel grants a read lease only while nobody has the file open for
+  // writing. It is let go at once; should a writer open the file in between,
+  // the kernel signals the lease holder, so the signal is set to SIGURG,
+  // which is ignored unless a program asks for it (the default, SIGIO, would
+  // end the process).
+  std::optional<bool> hasWriters(int fd) override {
+    if (::fcntl(fd, F_SETSIG, SIGURG) != 0) return std::nullopt;
+    if (::fcntl(fd, F_SETLEASE, F_RDLCK) == 0) {
+      ::fcntl(fd, F_SETLEASE, F_UNLCK);
+      return false;
+    }
+    if (errno == EAGAIN || errno == EBUSY) return true;
+    return std::nullopt;
+  }
+
+  int access(const std::string& path, int mode) override {
+    return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS | AT_SYMLINK_NOFOLLOW);
   }
 };
 
