@@ -178,6 +178,62 @@ TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
   EXPECT_TRUE(sortedNames(file).empty());
 }
 
+// The way the fork writer streams: the middle first in odd-sized runs, the
+// end, then the front; pieces are stored as soon as they are whole.
+TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  ASSERT_TRUE(AttributeFork::write(file, "old fork", 8, nullptr));
+  const std::vector<uint8_t> fork = noise(4 * 65536 + 300, 5);
+  Error error;
+  auto writer = AttributeForkWriter::open(file, true, &error);
+  ASSERT_TRUE(writer) << error.message;
+  const size_t front = 70000;
+  for (size_t offset = front; offset < 3 * 65536;) {
+    const size_t n = std::min<size_t>(9999, 3 * 65536 - offset);
+    ASSERT_TRUE(writer->write(offset, fork.data() + offset, n, &error)) << error.message;
+    offset += n;
+  }
+  // Piece 2 is whole; the old fork went before it was stored.
+  EXPECT_EQ(sortedNames(file), std::vector<std::string>{"com.apple.ResourceFork.2"});
+  ASSERT_TRUE(writer->write(3 * 65536, fork.data() + 3 * 65536, fork.size() - 3 * 65536, &error));
+  EXPECT_FALSE(writer->write(3 * 65536, fork.data(), 10, &error));  // a whole piece written again
+  EXPECT_EQ(error.code, EINVAL);
+  EXPECT_TRUE(sortedNames(file).empty());  // and a failure takes every piece away
+
+  writer = AttributeForkWriter::open(file, true, &error);
+  ASSERT_TRUE(writer);
+  ASSERT_TRUE(writer->write(front, fork.data() + front, fork.size() - front, &error));
+  // Bytes missing at the front.
+  EXPECT_FALSE(AttributeForkWriter::open(file, true, &error)->finish(fork.size(), &error));
+  ASSERT_TRUE(writer->write(0, fork.data(), front, &error));
+  ASSERT_TRUE(writer->finish(fork.size(), &error)) << error.message;
+  writer.reset();
+  auto reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(readAll(*reader), fork);
+
+  // A writer dropped before finishing takes its pieces away; one that would
+  // need more pieces than the name list holds fails on the first of them.
+  writer = AttributeForkWriter::open(file, false, &error);
+  ASSERT_TRUE(writer->write(0, fork.data(), 2 * 65536, &error));
+  writer.reset();
+  EXPECT_FALSE(AttributeFork::isPresent(file));
+  writer = AttributeForkWriter::open(file, false, &error);
+  EXPECT_FALSE(writer->write(2300ull * 65536, fork.data(), 65536, &error));
+  EXPECT_EQ(error.code, E2BIG);
+  // The count, from the names themselves ("user." + name + NUL each).
+  for (uint64_t other : {0u, 1000u, 40000u}) {
+    uint64_t listed = other, pieces = 0;
+    while (listed + 5 + AttributeFork::pieceName(pieces).size() + 1 <= 65536) {
+      listed += 5 + AttributeFork::pieceName(pieces++).size() + 1;
+    }
+    EXPECT_EQ(AttributeFork::mostPieces(other), pieces) << other;
+  }
+}
+
 TEST(AttributeFork, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
   TempDir dir;
   const std::string path = dir / "f";
