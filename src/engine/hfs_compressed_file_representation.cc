@@ -73,39 +73,6 @@ bool attributeEquals(const FileRef& file, const char* name, const void* expected
   return value && value->size() == n && std::memcmp(value->data(), expected, n) == 0;
 }
 
-// The fork stored in the copy is byte for byte the image that was verified.
-bool forkMatchesImage(int copyFd, ForkSource& image, std::string* why) {
-  Error error;
-  std::unique_ptr<AttributeForkReader> fork = AttributeForkReader::open(FileRef::descriptor(copyFd), &error);
-  if (!fork) {
-    *why = error.message;
-    return false;
-  }
-  const uint64_t size = image.size();
-  if (fork->size() != size) {
-    *why = "the stored fork has " + std::to_string(fork->size()) + " bytes instead of " + std::to_string(size);
-    return false;
-  }
-  constexpr size_t kChunk = 65536;
-  std::vector<uint8_t> stored(kChunk), expected(kChunk);
-  for (uint64_t offset = 0; offset < size; offset += kChunk) {
-    size_t n = static_cast<size_t>(std::min<uint64_t>(kChunk, size - offset));
-    if (!fork->readAt(offset, stored.data(), n, &error)) {
-      *why = error.message;
-      return false;
-    }
-    if (!image.readAt(offset, expected.data(), n, &error)) {
-      *why = "cannot read the fork image back: " + error.message;
-      return false;
-    }
-    if (std::memcmp(stored.data(), expected.data(), n) != 0) {
-      *why = "the stored fork differs from the image at offset " + std::to_string(offset);
-      return false;
-    }
-  }
-  return true;
-}
-
 // The fork written straight into the attribute pieces of the copy that will
 // replace the file, while the blocks are compressed.
 class AttributeForkImageSink final : public ForkImageSink {
@@ -290,7 +257,9 @@ std::unique_ptr<ForkSource> QVHFSCompressedFileRepresentation::forkImage(Error* 
 bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::string& path, Error* error,
                                                                int64_t* savedSpace, int64_t* uncompressedSize) {
   if (uncompressedSize) *uncompressedSize = sourceSize_;
-  if (!imageFd_ && !stagedCopy_) return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
+  if (!imageFd_ && !stagedCopy_) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
+  }
   if (!checkPathForRewrite(path, error)) return false;
   struct stat st;
   if (Env::shared().lstat(path, &st) != 0) {
@@ -333,16 +302,11 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
         errno = EIO;
         return false;
       },
-      &why);
+      options_.verify, &why);
   if (!written) {
     KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path.c_str(), why.code,
           strerror(why.code));
     return attributeWriteFailure(error, path, why.code, why.message);
-  }
-  std::string mismatch;
-  if (options_.verify && !forkMatchesImage(copyFd, *image, &mismatch)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not create compressed file at " + path +
-                                                                   ": " + mismatch);
   }
   return markCompressed(copyFd, decmpfsData_, path, error);
 }

@@ -20,8 +20,9 @@ uint64_t listBytes(const std::string& name) {
 // Any more pieces than this could never be listed.
 const size_t kMostPieces = kXattrListMax / listBytes(attr::kResourceFork);
 
-bool writeFork(const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, Error* error) {
-  std::unique_ptr<AttributeForkWriter> writer = AttributeForkWriter::open(file, false, error);
+bool writeFork(const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, bool verify,
+               Error* error) {
+  std::unique_ptr<AttributeForkWriter> writer = AttributeForkWriter::open(file, verify, error);
   if (!writer || !writer->checkSize(size, error)) return false;
   std::vector<uint8_t> buf(static_cast<size_t>(std::min<uint64_t>(writer->pieceSize(), size)));
   for (uint64_t offset = 0; offset < size;) {
@@ -96,11 +97,12 @@ bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Er
         if (n > 0) std::memcpy(buf, static_cast<const uint8_t*>(data) + offset, n);
         return true;
       },
-      error);
+      false, error);
 }
 
-bool AttributeFork::writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, Error* error) {
-  return writeFork(file, size, read, error);
+bool AttributeFork::writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, bool verify,
+                              Error* error) {
+  return writeFork(file, size, read, verify, error);
 }
 
 bool AttributeFork::writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error) {
@@ -115,7 +117,7 @@ bool AttributeFork::writeFromFd(const FileRef& file, int sourceFd, uint64_t size
         }
         return true;
       },
-      error);
+      false, error);
 }
 
 bool AttributeFork::remove(const FileRef& file, Error* error) {

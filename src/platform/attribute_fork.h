@@ -44,9 +44,9 @@ class AttributeFork {
   static bool write(const FileRef& file, const void* data, size_t size, Error* error);
   static bool writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error);
   // The same with the bytes from `read` (offset, buffer, count; false with
-  // errno set when they cannot be had).
+  // errno set when they cannot be had); `verify` reads every piece back.
   using ReadBytes = std::function<bool(uint64_t offset, void* buf, size_t n)>;
-  static bool writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, Error* error);
+  static bool writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, bool verify, Error* error);
 
   // Removes the fork and every piece. True when none remains.
   static bool remove(const FileRef& file, Error* error);
