@@ -8,7 +8,9 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   zlib1g-dev libdeflate-dev libsqlite3-dev libplist-dev libglib2.0-dev libglib2.0-bin
   libcli11-dev nlohmann-json3-dev libacl1-dev libfuse3-dev fuse3
+  libnotify-dev libdbusmenu-glib-dev
   dbus dbus-daemon attr acl pigz xfsprogs btrfs-progs e2fsprogs time
+  python3-dbusmock bindfs rsync
 )
 
 missing=()
