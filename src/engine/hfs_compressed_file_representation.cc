@@ -19,6 +19,7 @@
 #include "engine/open_for_writing.h"
 #include "engine/path_checks.h"
 #include "engine/sibling_temp_file.h"
+#include "engine/swap_window.h"
 #include "platform/attribute_fork.h"
 #include "platform/attribute_names.h"
 #include "platform/file_flags.h"
@@ -326,177 +327,223 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
 bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, const struct stat& target, Error* error,
                                                     int64_t* savedSpace) {
   Env& env = Env::shared();
+  const bool isSource = !sourcePath_.empty() && sameFile(target, sourceStat_);
+  if (!refuseTarget(path, target, isSource, error)) return false;
+
+  // Held until the end: cooperating programs stay out, and no other run of
+  // ours builds a copy of this file at the same time. It is opened for
+  // reading (a descriptor of ours open for writing would hide whether anyone
+  // else writes the file), so write permission is asked for separately.
+  struct stat locked;
+  UniqueFd lock = lockTarget(path, target, isSource, &locked, error);
+  if (!lock) return false;
+  // Any change from here on shows in the status-change time (or, within one
+  // tick of the clock, in the modification time or the size).
+  const struct stat expected = isSource ? sourceStat_ : locked;
+
+  std::unique_ptr<SiblingTempFile> copy = prepareCopy(path, lock.get(), isSource, error);
+  if (!copy) return false;
+
+  // The write lease needs the lock to be the file's only open descriptor.
+  sourceFd_.reset();
+  SwapWindow window(lock.get());
+  if (env.fstat(lock.get(), &locked) != 0 || !unchanged(locked, expected)) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+  }
+  // With the lease, nobody else has the file open at all.
+  if (!window.leased() && isOpenForWritingByOtherProcesses(lock.get(), locked)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
+                "File at path " + path + " is open for writing by another process");
+  }
+
+  willEnterCriticalSection(path);
+  std::string why = replaceFileAtDestination(path, *copy, lock.get(), expected, window);
+  // Only now may a program that tried to open the file meanwhile go on: it
+  // finds whichever version stays at the name.
+  window.close();
+  didExitCriticalSection(path);
+  if (!why.empty()) {
+    KRLog("Could not replace file %s with compressed copy, aborting", path.c_str());
+    const int code = why == kOpenedDuringSwap ? kHFSErrorOpenedDuringSwap : kHFSErrorSwapFailed;
+    return fail(error, kHFSErrorDomain, code, "Could not replace file at path " + path + " with its compressed copy: " + why);
+  }
+  env.fsyncParentDirectory(path);
+  if (savedSpace) reportSavedSpace(path, target, savedSpace);
+  return true;
+}
+
+bool QVHFSCompressedFileRepresentation::refuseTarget(const std::string& path, const struct stat& target, bool isSource,
+                                                     Error* error) {
   if (!S_ISREG(target.st_mode)) {
     return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
   }
   if (target.st_nlink > 1) {
     return fail(error, kHFSErrorDomain, kHFSErrorHardLinks, "File at path " + path + " has more than one hard link");
   }
-  const bool isSource = !sourcePath_.empty() && sameFile(target, sourceStat_);
   if (!isSource && path == sourcePath_) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
   }
+  return true;
+}
 
-  // Held until the end: cooperating programs stay out, and no other run of
-  // ours builds a copy of this file at the same time. It is opened for
-  // reading (a descriptor of ours open for writing would hide whether anyone
-  // else writes the file), so write permission is asked for separately.
+UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, const struct stat& target,
+                                                       bool isSource, struct stat* locked, Error* error) {
+  Env& env = Env::shared();
   UniqueFd lock(env.access(path, W_OK) == 0 ? env.openLocked(path, O_RDONLY | O_NONBLOCK) : -1);
   if (!lock) {
     int err = errno;
     KRLog("**** Could not open destination file %s - locked?", path.c_str());
     if (err == EWOULDBLOCK) {
-      return fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+      fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+    } else {
+      fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, "Could not open source file at " + path + ": " + errnoText(err));
     }
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
-                "Could not open source file at " + path + ": " + errnoText(err));
+    return UniqueFd();
   }
-  struct stat locked;
-  if (env.fstat(lock.get(), &locked) != 0 || !sameFile(locked, target)) {
+  if (env.fstat(lock.get(), locked) != 0 || !sameFile(*locked, target)) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    return UniqueFd();
   }
-  if (!isSource) {
-    CompressedFileInfo info;
-    if (!CompressedFileInfo::inspect(lock.get(), locked, &info, error, false)) return false;
-    if (info.state == CompressionState::kMixed) {
-      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-                  "File at path " + path + " was written after it was compressed");
-    }
-    if (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed) {
-      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
-                  "File at path " + path + " already compressed (" + info.problem + ")");
-    }
+  if (isSource) return lock;
+  CompressedFileInfo info;
+  if (!CompressedFileInfo::inspect(lock.get(), *locked, &info, error, false)) return UniqueFd();
+  if (info.state == CompressionState::kMixed) {
+    fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
+         "File at path " + path + " was written after it was compressed");
+    return UniqueFd();
   }
-  // Any change from here on shows in the status-change time (or, within one
-  // tick of the clock, in the modification time or the size).
-  const struct stat expected = isSource ? sourceStat_ : locked;
+  if (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed) {
+    fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
+         "File at path " + path + " already compressed (" + info.problem + ")");
+    return UniqueFd();
+  }
+  return lock;
+}
 
+std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(const std::string& path, int lockFd,
+                                                                               bool isSource, Error* error) {
+  Env& env = Env::shared();
   // What the copy keeps of the file. The access time is the one from before
   // the file was read for compression.
   Error why;
-  std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(lock.get(), &why);
-  if (!metadata) return couldNotCreate(error, path, why.message);
+  std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(lockFd, &why);
+  if (!metadata) return couldNotCreate(error, path, why.message), nullptr;
   if (isSource) metadata->st.st_atim = sourceStat_.st_atim;
 
   // The copy beside the source already holds the fork; any other file gets
   // a copy of its own. Either way the staged copy serves one save only.
-  std::unique_ptr<SiblingTempFile> staged = std::move(stagedCopy_);
-  std::unique_ptr<SiblingTempFile> ownCopy;
-  if (isSource && staged && path == sourcePath_) {
-    if (!markCompressed(staged->fd(), decmpfsData_, path, error)) return false;
+  std::unique_ptr<SiblingTempFile> copy = std::move(stagedCopy_);
+  if (isSource && copy && path == sourcePath_) {
+    if (!markCompressed(copy->fd(), decmpfsData_, path, error)) return nullptr;
   } else {
-    ownCopy = std::make_unique<SiblingTempFile>(env, path, Kind::kCompressedCopy);
-    if (!ownCopy->create(0600)) return couldNotCreate(error, path, errnoText(errno));
-    stagedCopy_ = std::move(staged);  // still the image of the fork
-    if (!writeCompressedForm(ownCopy->fd(), path, error)) return false;
+    stagedCopy_ = std::move(copy);  // still the image of the fork
+    copy = std::make_unique<SiblingTempFile>(env, path, Kind::kCompressedCopy);
+    if (!copy->create(0600)) return couldNotCreate(error, path, errnoText(errno)), nullptr;
+    if (!writeCompressedForm(copy->fd(), path, error)) return nullptr;
   }
-  SiblingTempFile& copy = ownCopy ? *ownCopy : *staged;
-  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lock.get()), FileRef::descriptor(copy.fd()),
+  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lockFd), FileRef::descriptor(copy->fd()),
                                         compressionAttributes(), &why)) {
-    return attributeWriteFailure(error, path, why.code, why.message);
+    return attributeWriteFailure(error, path, why.code, why.message), nullptr;
   }
-  if (!MetadataCopy::apply(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
+  if (!MetadataCopy::apply(*metadata, copy->fd(), &why)) return couldNotCreate(error, path, why.message), nullptr;
   // The copy is complete on disk before it may replace the file.
-  if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
+  if (env.fsync(copy->fd()) != 0) return couldNotCreate(error, path, errnoText(errno)), nullptr;
+  return copy;
+}
 
-  if (env.fstat(lock.get(), &locked) != 0 || !unchanged(locked, expected)) {
-    KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
-  }
-  if (isOpenForWritingByOtherProcesses(lock.get(), locked)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
-                "File at path " + path + " is open for writing by another process");
-  }
-
-  willEnterCriticalSection(path);
-  bool replaced = replaceFileAtDestination(path, copy, lock.get(), expected);
-  didExitCriticalSection(path);
-  if (!replaced) {
-    KRLog("Could not replace file %s with compressed copy, aborting", path.c_str());
-    return fail(error, kHFSErrorDomain, kHFSErrorSwapFailed,
-                "Could not replace file at path " + path + " with its compressed copy");
-  }
-  env.fsyncParentDirectory(path);
-
-  // Space is counted in 512-byte blocks. Some file systems leave attributes
-  // out of st_blocks, so the fork's own size is the least the file now takes.
+// Space is counted in 512-byte blocks. Some file systems leave attributes out
+// of st_blocks, so the fork's own size is the least the file now takes.
+void QVHFSCompressedFileRepresentation::reportSavedSpace(const std::string& path, const struct stat& before,
+                                                         int64_t* savedSpace) {
   struct stat after;
-  if (savedSpace && env.lstat(path, &after) == 0) {
-    int64_t forkBlocks = static_cast<int64_t>((forkSize_ + sizeof decmpfsData_ + 511) / 512);
-    int64_t newBlocks = std::max<int64_t>(after.st_blocks, forkBlocks);
-    if (target.st_blocks > newBlocks) *savedSpace = (target.st_blocks - newBlocks) * 512;
-  }
-  return true;
+  if (Env::shared().lstat(path, &after) != 0) return;
+  int64_t forkBlocks = static_cast<int64_t>((forkSize_ + sizeof decmpfsData_ + 511) / 512);
+  int64_t newBlocks = std::max<int64_t>(after.st_blocks, forkBlocks);
+  if (before.st_blocks > newBlocks) *savedSpace = (before.st_blocks - newBlocks) * 512;
 }
 
 // --- The swap ------------------------------------------------------------------
 
-bool QVHFSCompressedFileRepresentation::replaceFileAtDestination(const std::string& path, SiblingTempFile& copy,
-                                                                 int lockFd, const struct stat& expectedContent) {
+const char* const QVHFSCompressedFileRepresentation::kOpenedDuringSwap = "the file was opened while it was swapped";
+
+std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const std::string& path, SiblingTempFile& copy,
+                                                                        int lockFd, const struct stat& expectedContent,
+                                                                        const SwapWindow& window) {
   Env& env = Env::shared();
   if (!copy.link()) {
     int err = errno;
     KRLog("**** Could not name the compressed copy %s of %s, errno: %d [%s]", copy.name().c_str(), path.c_str(), err,
           strerror(err));
-    return false;
+    return "cannot name the copy: " + errnoText(err);
   }
+  if (!window.undisturbed()) return kOpenedDuringSwap;
   if (!options_.useExchange || !VolumeCapabilities::supportsExchange(path)) {
+    if (!window.undisturbed()) return kOpenedDuringSwap;
     if (env.rename(copy.name(), path) != 0) {
       int err = errno;
       KRLog("**** Could not move temporary file %s to final location %s, errno: %u [%s]\n", copy.name().c_str(),
             path.c_str(), static_cast<unsigned>(err), strerror(err));
-      return false;
+      return "cannot move the copy in: " + errnoText(err);
     }
     copy.forgetName();
-    return true;
+    return {};
   }
 
   struct stat copyStat, pathStat;
   if (env.fstat(copy.fd(), &copyStat) != 0 || env.lstat(copy.name(), &pathStat) != 0 ||
       !sameFile(copyStat, pathStat) || env.lstat(path, &pathStat) != 0) {
-    return false;
+    return "the copy or the file changed before the swap";
   }
   if (env.exchange(copy.name(), path) != 0) {
     int err = errno;
     KRLog("**** Could not exchange %s with its compressed copy, errno: %d [%s]", path.c_str(), err, strerror(err));
-    return false;
+    return "cannot exchange the names: " + errnoText(err);
   }
   // The path now names the compressed copy; the copy's name holds the old data.
-  const FileRef atPath = FileRef::atPath(path);
-  if (!AttributeFork::isPresent(atPath)) {
-    KRLog("Resource fork could not be found, rolling back %s", path.c_str());
+  std::string doubt = checkSwapped(path, copyStat, lockFd, expectedContent);
+  if (doubt.empty() && !window.undisturbed()) doubt = kOpenedDuringSwap;
+  if (!doubt.empty()) {
     rollback(path, copy, copyStat);
-    return false;
-  }
-  std::optional<uint32_t> flags = FileFlags::get(atPath);
-  if (!attributeEquals(atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
-      !(*flags & FileFlags::kUFCompressed)) {
-    KRLog("Compression attributes could not be found, rolling back %s", path.c_str());
-    rollback(path, copy, copyStat);
-    return false;
-  }
-  struct stat swapped, old;
-  if (env.lstat(path, &swapped) != 0 || !sameFile(swapped, copyStat) || swapped.st_size != 0) {
-    KRLog("Malformed file detected, rolling back temporary copy");
-    rollback(path, copy, copyStat);
-    return false;
-  }
-  // A write that reached the old data after the last check before the swap.
-  // (The exchange itself changed its status-change time: compare contents'.)
-  if (env.fstat(lockFd, &old) != 0 || !sameTime(old.st_mtim, expectedContent.st_mtim) ||
-      old.st_size != expectedContent.st_size) {
-    KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    rollback(path, copy, copyStat);
-    return false;
+    return doubt;
   }
   if (!copy.unlinkName()) {
     int err = errno;
     KRLog("**** Could not remove the original data of %s at %s, errno: %d [%s]", path.c_str(), copy.name().c_str(),
           err, strerror(err));
   }
-  return true;
+  return {};
+}
+
+std::string QVHFSCompressedFileRepresentation::checkSwapped(const std::string& path, const struct stat& copyStat,
+                                                           int lockFd, const struct stat& expectedContent) {
+  Env& env = Env::shared();
+  const FileRef atPath = FileRef::atPath(path);
+  if (!AttributeFork::isPresent(atPath)) {
+    KRLog("Resource fork could not be found, rolling back %s", path.c_str());
+    return "the resource fork could not be found";
+  }
+  std::optional<uint32_t> flags = FileFlags::get(atPath);
+  if (!attributeEquals(atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
+      !(*flags & FileFlags::kUFCompressed)) {
+    KRLog("Compression attributes could not be found, rolling back %s", path.c_str());
+    return "the compression attributes could not be found";
+  }
+  struct stat swapped, old;
+  if (env.lstat(path, &swapped) != 0 || !sameFile(swapped, copyStat) || swapped.st_size != 0) {
+    KRLog("Malformed file detected, rolling back temporary copy");
+    return "malformed file detected";
+  }
+  // A write that reached the old data after the last check before the swap.
+  // (The exchange itself changed its status-change time: compare contents'.)
+  if (env.fstat(lockFd, &old) != 0 || !sameTime(old.st_mtim, expectedContent.st_mtim) ||
+      old.st_size != expectedContent.st_size) {
+    KRLog("**** File %s modified while compressing, aborting", path.c_str());
+    return "the file was modified while compressing";
+  }
+  return {};
 }
 
 void QVHFSCompressedFileRepresentation::rollback(const std::string& path, SiblingTempFile& copy,

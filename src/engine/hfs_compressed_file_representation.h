@@ -37,6 +37,7 @@ namespace zephlore {
 class QVHFSCompressedFileRepresentation;
 class ForkSource;
 class SiblingTempFile;
+class SwapWindow;
 
 // Told when the file's critical section begins and ends. The compressor
 // queue records the file as in process in between (KRFileInProcessWatchdog).
@@ -115,10 +116,22 @@ class QVHFSCompressedFileRepresentation {
   std::unique_ptr<ForkSource> forkImage(Error* error);
   bool writeCompressedForm(int copyFd, const std::string& path, Error* error);
   bool saveInPlace(const std::string& path, const struct stat& target, Error* error, int64_t* savedSpace);
+  bool refuseTarget(const std::string& path, const struct stat& target, bool isSource, Error* error);
+  // Opens the file for the swap under its lock and checks it is still ours to replace.
+  UniqueFd lockTarget(const std::string& path, const struct stat& target, bool isSource, struct stat* locked,
+                      Error* error);
+  // The copy that will replace the file: fork, header, flag, attributes and metadata, on disk.
+  std::unique_ptr<SiblingTempFile> prepareCopy(const std::string& path, int lockFd, bool isSource, Error* error);
+  void reportSavedSpace(const std::string& path, const struct stat& before, int64_t* savedSpace);
   bool saveAsNewFile(const std::string& path, Error* error);
-  // Names the copy and swaps it in; on any doubt after the swap, swaps back.
-  bool replaceFileAtDestination(const std::string& path, SiblingTempFile& copy, int lockFd,
-                                const struct stat& expectedContent);
+  // Names the copy and swaps it in; on any doubt after the swap (or when the
+  // window saw an opener), swaps back. Empty when done, else why not.
+  std::string replaceFileAtDestination(const std::string& path, SiblingTempFile& copy, int lockFd,
+                                       const struct stat& expectedContent, const SwapWindow& window);
+  // What is wrong with the file at `path` after the exchange; empty when nothing.
+  std::string checkSwapped(const std::string& path, const struct stat& copyStat, int lockFd,
+                           const struct stat& expectedContent);
+  static const char* const kOpenedDuringSwap;
   void rollback(const std::string& path, SiblingTempFile& copy, const struct stat& copyStat);
   void willEnterCriticalSection(const std::string& path);
   void didExitCriticalSection(const std::string& path);

@@ -20,6 +20,9 @@ enum HFSRefusalCode : int {
   kHFSErrorSwapFailed = 714,        // "Could not replace file at path %@ with its compressed copy"
   kHFSErrorVolumeCannotHold = 715,  // "The volume of %@ cannot hold the compressed form"
   kHFSErrorPathNotUTF8 = 716,       // "Path %@ is not valid UTF-8"
+  // Another program opened the file while it was being swapped: the swap is
+  // undone so that its writes land in the file at the name.
+  kHFSErrorOpenedDuringSwap = 717,
 };
 
 }  // namespace zephlore

@@ -16,6 +16,8 @@
 #include "engine/hfs_refusal_codes.h"
 #include "engine/open_for_writing.h"
 #include "engine/sibling_temp_file.h"
+#include "engine/swap_window.h"
+#include "base/log.h"
 #include "platform/attribute_names.h"
 #include "platform/metadata_copy.h"
 
@@ -149,21 +151,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   if (env.fsync(output.fd()) != 0) return writeFailure(error, destination, std::strerror(errno));
 
   if (replacing) {
-    struct stat now;
-    if (env.fstat(sourceFd.get(), &now) != 0 || now.st_ctim.tv_sec != opened.st_ctim.tv_sec ||
-        now.st_ctim.tv_nsec != opened.st_ctim.tv_nsec) {
-      return modified(error, source);
-    }
-    if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
-    const bool busy = sameFile(now, opened) ? isOpenForWritingByOtherProcesses(sourceFd.get(), now)
-                                            : isOpenForWritingByOtherProcesses(now);
-    if (busy) {
-      return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
-                  "File at path " + destination + " is open for writing by another process");
-    }
-    if (!output.link()) return writeFailure(error, destination, std::strerror(errno));
-    if (env.rename(output.name(), destination) != 0) return writeFailure(error, destination, std::strerror(errno));
-    output.forgetName();
+    if (!swapIn(output, destination, sourceFd.get(), opened, destinationStat, error)) return false;
   } else if (!output.linkAt(destination)) {
     return writeFailure(error, destination, std::strerror(errno));
   }
@@ -171,6 +159,50 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
 
   if (compressedSize) *compressedSize = static_cast<int64_t>(fork->size());
   if (uncompressedSize) *uncompressedSize = static_cast<int64_t>(info.uncompressedSize);
+  return true;
+}
+
+bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& destination, int sourceFd,
+                               const struct stat& opened, const struct stat& destinationStat, Error* error) {
+  Env& env = Env::shared();
+  const std::string& source = sourcePath_;
+  struct stat now;
+  if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
+  const bool inPlace = sameFile(now, opened);
+  // In place, the source's descriptor is the file's only one: a write lease
+  // on it holds back anybody opening the file until the swap is settled.
+  std::optional<SwapWindow> window;
+  if (inPlace) window.emplace(sourceFd);
+  if (env.fstat(sourceFd, &now) != 0 || now.st_ctim.tv_sec != opened.st_ctim.tv_sec ||
+      now.st_ctim.tv_nsec != opened.st_ctim.tv_nsec) {
+    return modified(error, source);
+  }
+  const bool leased = window && window->leased();
+  const bool busy = inPlace ? !leased && isOpenForWritingByOtherProcesses(sourceFd, now)
+                            : isOpenForWritingByOtherProcesses(destinationStat);
+  if (busy) {
+    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
+                "File at path " + destination + " is open for writing by another process");
+  }
+  if (!output.link()) return writeFailure(error, destination, std::strerror(errno));
+  const auto undisturbed = [&window] { return !window || window->undisturbed(); };
+  const auto openedMeanwhile = [&] {
+    return fail(error, kHFSErrorDomain, kHFSErrorOpenedDuringSwap,
+                "Could not replace file at path " + destination + ": it was opened while it was swapped");
+  };
+  if (!undisturbed()) return openedMeanwhile();
+  if (!leased || env.exchange(output.name(), destination) != 0) {
+    // Without a lease (or an exchange) a late opener cannot be undone anyway.
+    if (env.rename(output.name(), destination) != 0) return writeFailure(error, destination, std::strerror(errno));
+    output.forgetName();
+    return true;
+  }
+  // The output's name now holds the compressed file.
+  if (!undisturbed()) {
+    if (env.exchange(output.name(), destination) == 0) return openedMeanwhile();
+    KRLog("**** Could not exchange back %s, errno: %d [%s]", destination.c_str(), errno, std::strerror(errno));
+  }
+  output.unlinkName();
   return true;
 }
 

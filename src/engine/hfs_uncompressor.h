@@ -14,9 +14,13 @@
 #include <cstdint>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "base/error.h"
 
 namespace zephlore {
+
+class SiblingTempFile;
 
 struct HFSExpandOptions {
   int workers = 1;  // threads inflating blocks
@@ -47,6 +51,11 @@ class QVHFSUncompressor {
   const std::string& sourcePath() const { return sourcePath_; }
 
  private:
+  // Replaces the destination with the finished output; backs out when the
+  // file was opened meanwhile.
+  bool swapIn(SiblingTempFile& output, const std::string& destination, int sourceFd, const struct stat& opened,
+              const struct stat& destinationStat, Error* error);
+
   std::string sourcePath_;
   HFSExpandOptions options_;
   bool ignoreCompressionFlag_ = false;

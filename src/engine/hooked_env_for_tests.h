@@ -55,6 +55,11 @@ class HookedEnv final : public Env {
   ZEPHLORE_HOOKED(ssize_t, xattrListSize, (const FileRef& f), (f))
   ZEPHLORE_HOOKED(std::optional<std::vector<FileUser>>, fileUsers, (dev_t d, ino_t i), (d, i))
   ZEPHLORE_HOOKED(std::optional<bool>, hasWriters, (int fd), (fd))
+  ZEPHLORE_HOOKED(int, takeWriteLease, (int fd), (fd))
+  ZEPHLORE_HOOKED(bool, writeLeaseHeld, (int fd), (fd))
+  ZEPHLORE_HOOKED(int, releaseLease, (int fd), (fd))
+  ZEPHLORE_HOOKED(int, lockDescriptor, (int fd), (fd))
+  ZEPHLORE_HOOKED(std::optional<std::vector<std::string>>, listDirectory, (const std::string& p), (p))
   ZEPHLORE_HOOKED(int, access, (const std::string& p, int m), (p, m))
   ZEPHLORE_HOOKED(std::optional<VolumeDescription>, describeVolume, (const std::string& p), (p))
 #undef ZEPHLORE_HOOKED

@@ -157,6 +157,8 @@ class Env {
   virtual int mkdir(const std::string& path, mode_t mode) = 0;
   // Flushes a directory's entries (after a create, rename or exchange in it).
   virtual int fsyncDirectory(const std::string& path) = 0;
+  // The names in a directory, without "." and "..". None (errno set) on failure.
+  virtual std::optional<std::vector<std::string>> listDirectory(const std::string& path) = 0;
   // realpath(3); none (errno set) on failure.
   virtual std::optional<std::string> realPath(const std::string& path) = 0;
 
@@ -190,6 +192,18 @@ class Env {
   // of a walk through every process. None (errno set) when the file system
   // or the file's owner does not let this process ask.
   virtual std::optional<bool> hasWriters(int fd) = 0;
+  // A write lease on the file behind `fd` (which must be its only open
+  // descriptor anywhere): from then on anybody opening the file waits until
+  // the lease is let go, and the lease shows the break. -1 with errno
+  // (EAGAIN: somebody has it open; EACCES, EINVAL: not offered here).
+  virtual int takeWriteLease(int fd) = 0;
+  // True while the write lease on `fd` is unbroken: nobody tried to open the
+  // file since it was taken.
+  virtual bool writeLeaseHeld(int fd) = 0;
+  // Lets the lease go; a waiting opener goes on.
+  virtual int releaseLease(int fd) = 0;
+  // flock(LOCK_EX | LOCK_NB) on an open descriptor: held until it is closed.
+  virtual int lockDescriptor(int fd) = 0;
   // access(2) for `path` with the effective ids, not following a final
   // symbolic link: 0 or -1 with errno (EACCES, EROFS, ETXTBSY for a running
   // program asked for W_OK).

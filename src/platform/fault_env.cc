@@ -24,9 +24,15 @@ void FaultInjectingEnv::inject(Fault fault) {
   faults_.push_back(Armed{std::move(fault), 0});
 }
 
+void FaultInjectingEnv::beforeCall(const std::string& op, std::function<void(const std::string&)> hook) {
+  std::lock_guard lock(mutex_);
+  hooks_[op] = std::move(hook);
+}
+
 void FaultInjectingEnv::clear() {
   std::lock_guard lock(mutex_);
   faults_.clear();
+  hooks_.clear();
   calls_.clear();
   fired_ = 0;
 }
@@ -44,6 +50,13 @@ int FaultInjectingEnv::fired() const {
 
 FaultInjectingEnv::Outcome FaultInjectingEnv::decide(const char* op,
                                                      std::vector<std::string> subjects, int fd) {
+  std::function<void(const std::string&)> hook;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = hooks_.find(op);
+    if (it != hooks_.end()) hook = it->second;
+  }
+  if (hook) hook(subjects.empty() ? std::string() : subjects.front());
   std::lock_guard lock(mutex_);
   ++calls_[op];
   bool fdResolved = false;
@@ -258,6 +271,31 @@ std::optional<std::vector<FileUser>> FaultInjectingEnv::fileUsers(dev_t device, 
 std::optional<bool> FaultInjectingEnv::hasWriters(int fd) {
   ZEPHLORE_FAULT_OR(decide("hasWriters", {}), std::nullopt);
   return base_->hasWriters(fd);
+}
+
+int FaultInjectingEnv::takeWriteLease(int fd) {
+  ZEPHLORE_FAULT_OR(decide("takeWriteLease", {}, fd), -1);
+  return base_->takeWriteLease(fd);
+}
+
+bool FaultInjectingEnv::writeLeaseHeld(int fd) {
+  ZEPHLORE_FAULT_OR(decide("writeLeaseHeld", {}, fd), false);
+  return base_->writeLeaseHeld(fd);
+}
+
+int FaultInjectingEnv::releaseLease(int fd) {
+  ZEPHLORE_FAULT_OR(decide("releaseLease", {}, fd), -1);
+  return base_->releaseLease(fd);
+}
+
+int FaultInjectingEnv::lockDescriptor(int fd) {
+  ZEPHLORE_FAULT_OR(decide("lockDescriptor", {}, fd), -1);
+  return base_->lockDescriptor(fd);
+}
+
+std::optional<std::vector<std::string>> FaultInjectingEnv::listDirectory(const std::string& path) {
+  ZEPHLORE_FAULT_OR(decide("listDirectory", {path}), std::nullopt);
+  return base_->listDirectory(path);
 }
 
 int FaultInjectingEnv::access(const std::string& path, int mode) {

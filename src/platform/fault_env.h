@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -42,7 +43,11 @@ class FaultInjectingEnv final : public Env {
   void failOn(const std::string& op, int error, int nth = 1) {
     inject(Fault{op, error, nth, 1, {}, false});
   }
-  void clear();  // drops every fault and every count
+  // Runs `hook` (with the call's first path, if any) just before every call
+  // of `op` goes on: a test does its own work there, in the middle of the
+  // engine's (another process opening the file just before a swap).
+  void beforeCall(const std::string& op, std::function<void(const std::string& path)> hook);
+  void clear();  // drops every fault, hook and count
   // Calls of `op` so far (all of them, matching or not), and faults fired.
   int calls(const std::string& op) const;
   int fired() const;
@@ -81,6 +86,11 @@ class FaultInjectingEnv final : public Env {
   ssize_t xattrListSize(const FileRef& file) override;
   std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) override;
   std::optional<bool> hasWriters(int fd) override;
+  int takeWriteLease(int fd) override;
+  bool writeLeaseHeld(int fd) override;
+  int releaseLease(int fd) override;
+  int lockDescriptor(int fd) override;
+  std::optional<std::vector<std::string>> listDirectory(const std::string& path) override;
   int access(const std::string& path, int mode) override;
   std::optional<VolumeDescription> describeVolume(const std::string& path) override;
 
@@ -99,6 +109,7 @@ class FaultInjectingEnv final : public Env {
   mutable std::mutex mutex_;
   std::vector<Armed> faults_;
   std::map<std::string, int> calls_;
+  std::map<std::string, std::function<void(const std::string&)>> hooks_;
   int fired_ = 0;
 };
 

@@ -1,5 +1,6 @@
 // LinuxEnv: the real system behind Env.
 #include <acl/libacl.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/acl.h>
@@ -248,6 +249,44 @@ class LinuxEnv final : public Env {
     }
     if (errno == EAGAIN || errno == EBUSY) return true;
     return std::nullopt;
+  }
+
+  // Breaking a lease signals its holder; SIGURG is ignored unless a program
+  // asks for it (the default, SIGIO, would end the process). The break is
+  // read back with F_GETLEASE instead.
+  int takeWriteLease(int fd) override {
+    if (::fcntl(fd, F_SETSIG, SIGURG) != 0) return -1;
+    return ::fcntl(fd, F_SETLEASE, F_WRLCK);
+  }
+
+  bool writeLeaseHeld(int fd) override { return ::fcntl(fd, F_GETLEASE) == F_WRLCK; }
+
+  int releaseLease(int fd) override { return ::fcntl(fd, F_SETLEASE, F_UNLCK); }
+
+  int lockDescriptor(int fd) override {
+    int rc;
+    do {
+      rc = ::flock(fd, LOCK_EX | LOCK_NB);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+  }
+
+  std::optional<std::vector<std::string>> listDirectory(const std::string& path) override {
+    DIR* dir = ::opendir(path.c_str());
+    if (!dir) return std::nullopt;
+    std::vector<std::string> names;
+    errno = 0;
+    while (struct dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(std::move(name));
+    }
+    const int err = errno;
+    ::closedir(dir);
+    if (err != 0) {
+      errno = err;
+      return std::nullopt;
+    }
+    return names;
   }
 
   int access(const std::string& path, int mode) override {

@@ -1,0 +1,152 @@
+// A program that opens a file while the engine swaps it must not lose its
+// writes. The opener comes in through the fault layer's hook at the exact
+// call where the window is widest: just before the names are exchanged, or
+// just before the copy is named.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "engine/compressed_file_info.h"
+#include "engine/hfs_compressed_file_representation.h"
+#include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_uncompressor.h"
+#include "engine/scratch_dir_for_tests.h"
+#include "platform/fault_env.h"
+
+namespace zephlore {
+namespace {
+
+using namespace testing;
+
+const std::string kData = compressibleData(3 * 65536 + 123);
+const std::string kAppended = "23 bytes from a writer\n";
+
+// Whether some descriptor of this process holds an unbroken write lease on a
+// file named `path`.
+bool writeLeaseUnbroken(const std::string& path) {
+  bool unbroken = false;
+  DIR* fds = opendir("/proc/self/fd");
+  while (struct dirent* entry = readdir(fds)) {
+    char target[4096];
+    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+    ssize_t n = readlink(link.c_str(), target, sizeof target);
+    if (n <= 0 || std::string(target, static_cast<size_t>(n)) != path) continue;
+    unbroken = unbroken || fcntl(atoi(entry->d_name), F_GETLEASE) == F_WRLCK;
+  }
+  closedir(fds);
+  return unbroken;
+}
+
+class SwapWindowTest : public ::testing::Test {
+ protected:
+  void SetUp() override { writeFile(path_, kData); }
+
+  // At the first call of `op` on our copy, another program opens the file to
+  // append; the engine goes on once the opener is waiting on the lease.
+  void openerAt(const std::string& op) {
+    env_.beforeCall(op, [this](const std::string& subject) {
+      if (subject.find(".zephlore-") == std::string::npos || subject.find("-exchange-") != std::string::npos ||
+          opener_.joinable()) {
+        return;
+      }
+      ASSERT_TRUE(writeLeaseUnbroken(path_)) << "no write lease in the window";
+      opener_ = std::thread([this] {
+        int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::write(fd, kAppended.data(), kAppended.size()), static_cast<ssize_t>(kAppended.size()));
+        ::close(fd);
+      });
+      while (writeLeaseUnbroken(path_)) std::this_thread::yield();
+    });
+  }
+
+  void joinOpener() {
+    ASSERT_TRUE(opener_.joinable());
+    opener_.join();
+  }
+
+  bool onlyTheFileIsLeft() {
+    DIR* dir = opendir(dir_.path().c_str());
+    int names = 0;
+    while (struct dirent* entry = readdir(dir)) names += entry->d_name[0] != '.';
+    closedir(dir);
+    return names == 1 && listedHidden() == 0;
+  }
+  int listedHidden() {
+    DIR* dir = opendir(dir_.path().c_str());
+    int hidden = 0;
+    while (struct dirent* entry = readdir(dir)) {
+      hidden += std::string(entry->d_name).rfind(".zephlore-", 0) == 0;
+    }
+    closedir(dir);
+    return hidden;
+  }
+
+  ScratchDir dir_;
+  ScopedRuntimeDir runtime_;
+  const std::string path_ = dir_ / "file";
+  FaultInjectingEnv env_;
+  ScopedSharedEnv use_{&env_};
+  std::thread opener_;
+};
+
+TEST_F(SwapWindowTest, AnOpenerJustBeforeTheExchangeKeepsItsWritesInAPlainFile) {
+  openerAt("exchange");
+  Error error;
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  joinOpener();
+  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
+  EXPECT_EQ(readFile(path_), kData + kAppended);
+  CompressedFileInfo info;
+  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  EXPECT_EQ(info.state, CompressionState::kPlain);
+  EXPECT_TRUE(onlyTheFileIsLeft());
+}
+
+TEST_F(SwapWindowTest, AnOpenerBeforeTheCopyIsNamedStopsTheSwap) {
+  openerAt("linkTmpFile");
+  Error error;
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  joinOpener();
+  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
+  EXPECT_EQ(readFile(path_), kData + kAppended);
+  EXPECT_TRUE(onlyTheFileIsLeft());
+}
+
+TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothingAfterTheSwap) {
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+  CompressedFileInfo info;
+  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  EXPECT_EQ(info.state, CompressionState::kCompressed);
+  EXPECT_TRUE(onlyTheFileIsLeft());
+
+  // Where the kernel refuses leases, the older checks alone decide.
+  unlink(path_.c_str());
+  writeFile(path_, kData);
+  env_.failOn("takeWriteLease", EINVAL);
+  EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+}
+
+TEST_F(SwapWindowTest, AnOpenerJustBeforeAnExpansionIsSwappedInWritesIntoTheFileAtTheName) {
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+  openerAt("exchange");
+  Error error;
+  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(path_, &error));
+  joinOpener();
+  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
+  // The writer appended to the compressed file: written after compression,
+  // and nothing lost.
+  CompressedFileInfo info;
+  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  EXPECT_EQ(info.state, CompressionState::kMixed);
+  EXPECT_EQ(readFile(path_), kAppended);
+  EXPECT_TRUE(onlyTheFileIsLeft());
+}
+
+}  // namespace
+}  // namespace zephlore
