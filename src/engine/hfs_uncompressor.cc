@@ -15,6 +15,7 @@
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/open_for_writing.h"
+#include "engine/process_records.h"
 #include "engine/sibling_temp_file.h"
 #include "engine/swap_window.h"
 #include "base/log.h"
@@ -184,6 +185,17 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
     return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
                 "File at path " + destination + " is open for writing by another process");
   }
+  // From the moment the output has a name until it is settled, a kill
+  // leaves a second whole copy beside the file: recorded for repair.
+  struct Recorded {
+    ProcessInProcessRecord* record;
+    Recorded(ProcessInProcessRecord* r, const std::string& path) : record(r) {
+      if (record) record->willProcessFile(path);
+    }
+    ~Recorded() {
+      if (record) record->didProcessFile();
+    }
+  } recorded(options_.record, destination);
   if (!output.link()) return writeFailure(error, destination, std::strerror(errno));
   const auto undisturbed = [&window] { return !window || window->undisturbed(); };
   const auto openedMeanwhile = [&] {

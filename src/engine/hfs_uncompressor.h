@@ -22,8 +22,13 @@ namespace zephlore {
 
 class SiblingTempFile;
 
+class ProcessInProcessRecord;
+
 struct HFSExpandOptions {
   int workers = 1;  // threads inflating blocks
+  // Records the file while the expanded copy is swapped in, for the next
+  // run to repair should this one be killed there.
+  ProcessInProcessRecord* record = nullptr;
 };
 
 class QVHFSUncompressor {

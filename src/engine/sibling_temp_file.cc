@@ -42,7 +42,23 @@ bool SiblingTempFile::removeOwnLeftover(Env& env, const std::string& name) {
     errno = EEXIST;
     return false;
   }
+  // A live run holds the lock of every copy it works with.
+  UniqueFd unheld(env.openLocked(name, O_RDONLY | O_NONBLOCK));
+  if (!unheld) {
+    errno = EEXIST;
+    return false;
+  }
+  struct stat opened;
+  if (env.fstat(unheld.get(), &opened) != 0 || opened.st_ino != st.st_ino) {
+    errno = EEXIST;
+    return false;
+  }
   return env.unlink(name) == 0;
+}
+
+bool SiblingTempFile::isHeld(Env& env, const std::string& name) {
+  UniqueFd unheld(env.openLocked(name, O_RDONLY | O_NONBLOCK));
+  return !unheld && errno == EWOULDBLOCK;
 }
 
 SiblingTempFile::SiblingTempFile(Env& env, std::string targetPath, Kind kind)
@@ -64,6 +80,8 @@ bool SiblingTempFile::create(mode_t mode) {
   }
   if (fd == -1) return false;
   fd_.reset(fd);
+  // Tells the next run's clean-up that this copy is in use.
+  env_.lockDescriptor(fd);
   return true;
 }
 

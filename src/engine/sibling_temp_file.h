@@ -27,7 +27,10 @@ class SiblingTempFile {
   // user with a single link. Anything else (a planted symbolic link, a
   // directory, another user's file) is left alone and false is returned with
   // errno EEXIST; false with ENOENT when there is nothing.
+  // A copy a live run works with is locked (flock) by it, and not removed.
   static bool removeOwnLeftover(Env& env, const std::string& name);
+  // Whether a live run holds the copy at `name`.
+  static bool isHeld(Env& env, const std::string& name);
 
   SiblingTempFile(Env& env, std::string targetPath, Kind kind);
   ~SiblingTempFile();  // closes; unlinks the name if it still holds our copy

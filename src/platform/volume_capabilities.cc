@@ -216,6 +216,9 @@ bool VolumeCapabilities::supportsExchange(const std::string& path) {
     auto a = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
     if (!a) continue;
     auto b = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
+    // Locked while in use, so that a clean-up by another run leaves them be.
+    env.lockDescriptor(a->fd.get());
+    if (b) env.lockDescriptor(b->fd.get());
     if (!b || !onDevice(a->fd.get(), key->device)) {
       env.unlink(a->path);
       if (b) env.unlink(b->path);

@@ -1,0 +1,110 @@
+#include "engine/engine_temporaries.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "base/log.h"
+#include "engine/compressed_file_info.h"
+#include "engine/hfs_compressed_file_representation.h"
+#include "engine/sibling_temp_file.h"
+#include "platform/attribute_fork.h"
+#include "platform/env.h"
+
+namespace zephlore {
+namespace {
+
+constexpr std::string_view kPrefix = ".zephlore-";
+
+bool isHex(std::string_view text) { return text.find_first_not_of("0123456789abcdef") == std::string_view::npos; }
+
+bool isCopyName(std::string_view name) {
+  // ".zephlore-" + 16 hex + "." + kind
+  if (name.size() != kPrefix.size() + 18 || name.substr(0, kPrefix.size()) != kPrefix) return false;
+  const std::string_view rest = name.substr(kPrefix.size());
+  return isHex(rest.substr(0, 16)) && rest[16] == '.' && (rest[17] == 'c' || rest[17] == 'x');
+}
+
+bool isProbeName(std::string_view name) {
+  for (std::string_view probe : {std::string_view(".zephlore-exchange-"), std::string_view(".zephlore-probe-")}) {
+    if (name.size() == probe.size() + 6 && name.substr(0, probe.size()) == probe) return true;
+  }
+  return false;
+}
+
+std::string join(const std::string& dir, const std::string& name) {
+  return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+// The user file whose copy is called `copyName`, among `names`.
+std::optional<std::string> ownerOf(const std::string& dir, const std::string& copyName,
+                                   const std::vector<std::string>& names) {
+  const std::string hash = copyName.substr(0, kPrefix.size() + 16);
+  for (const std::string& name : names) {
+    if (EngineTemporaries::isTemporaryName(name)) continue;
+    const std::string path = join(dir, name);
+    const std::string copy = SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kCompressedCopy);
+    if (copy.compare(copy.size() - copyName.size(), hash.size(), hash) == 0) return path;
+  }
+  return std::nullopt;
+}
+
+// Whether the file at `path` is whole: plain, or compressed and complete.
+bool isWhole(const std::string& path) {
+  CompressedFileInfo info;
+  if (!CompressedFileInfo::inspect(path, &info, nullptr, false)) return false;
+  return info.state == CompressionState::kPlain || info.state == CompressionState::kCompressed;
+}
+
+bool removeLeftover(const std::string& name) {
+  if (!SiblingTempFile::removeOwnLeftover(Env::shared(), name)) return false;
+  KRLog("Removed the temporary file %s a stopped run left behind", name.c_str());
+  return true;
+}
+
+bool settleCopy(const std::string& dir, const std::string& name, const std::vector<std::string>& names) {
+  Env& env = Env::shared();
+  const std::string leftover = join(dir, name);
+  struct stat st;
+  if (env.lstat(leftover, &st) != 0 || !S_ISREG(st.st_mode) || SiblingTempFile::isHeld(env, leftover)) return false;
+  const bool hasFork = AttributeFork::isPresent(FileRef::atPath(leftover));
+  std::optional<std::string> owner = ownerOf(dir, name, names);
+  if (owner) {
+    // The size the file had before it was converted: the original data's,
+    // when that is what the leftover holds.
+    const uint64_t size = hasFork ? 0 : static_cast<uint64_t>(st.st_size);
+    QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(*owner, size);
+    if (env.lstat(leftover, &st) != 0) return true;  // recovery settled it
+  }
+  // Plain data is kept when it may be the only whole version of a file.
+  if (!hasFork && st.st_size > 0 && (!owner || !isWhole(*owner))) {
+    KRLog("**** Keeping %s: it may hold the only whole copy of a file", leftover.c_str());
+    return false;
+  }
+  return removeLeftover(leftover);
+}
+
+}  // namespace
+
+bool EngineTemporaries::isTemporaryName(std::string_view name) { return isCopyName(name) || isProbeName(name); }
+
+int EngineTemporaries::cleanFolder(const std::string& dir) {
+  std::optional<std::vector<std::string>> names = Env::shared().listDirectory(dir);
+  if (!names) return 0;
+  int removed = 0;
+  for (const std::string& name : *names) {
+    if (isCopyName(name)) {
+      removed += settleCopy(dir, name, *names);
+    } else if (isProbeName(name)) {
+      struct stat st;
+      const std::string probe = join(dir, name);
+      if (Env::shared().lstat(probe, &st) == 0 && st.st_size == 0) removed += removeLeftover(probe);
+    }
+  }
+  return removed;
+}
+
+}  // namespace zephlore
