@@ -3,7 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
 #include "engine/compressed_file_info.h"
+#include "engine/path_checks.h"
 #include "engine/extended_attributes_helper.h"
 
 namespace zephlore::cli {
@@ -19,6 +24,23 @@ std::optional<FileResult> inspectQuickly(const WalkEntry& entry, CompressedFileI
     return skipped(std::string(entry.path), SkipReason::kVanished, 0, entry.named);
   }
   return failed(std::string(entry.path), error, static_cast<uint64_t>(entry.st->st_size), entry.named);
+}
+
+// Whether this process may give a file the group `gid`: the copy that
+// replaces a file must keep its owner and group.
+bool mayKeepGroup(gid_t gid) {
+  if (geteuid() == 0 || gid == getegid()) return true;
+  const int n = getgroups(0, nullptr);
+  if (n <= 0) return false;
+  std::vector<gid_t> groups(static_cast<size_t>(n));
+  const int got = getgroups(n, groups.data());
+  return std::find(groups.begin(), groups.begin() + std::max(got, 0), gid) != groups.begin() + std::max(got, 0);
+}
+
+// A path the engine refuses on purpose (its crash record would not hold it
+// faithfully): skipped, not failed.
+bool hasUnsafeName(std::string_view path) {
+  return !checkPathForRewrite(std::string(path), nullptr);
 }
 
 }  // namespace
@@ -41,7 +63,9 @@ std::optional<FileResult> checkCompressCandidate(const WalkEntry& entry, bool ma
     return skip(SkipReason::kTooSmall);
   }
   if (st.st_uid != getuid()) return skip(SkipReason::kNotOwned);
+  if (!mayKeepGroup(st.st_gid)) return skip(SkipReason::kNotInGroup);
   if (st.st_nlink > 1) return skip(SkipReason::kHardLinks);
+  if (hasUnsafeName(entry.path)) return skip(SkipReason::kUnsafeName);
   if (faccessat(entry.dir_fd, entry.name, W_OK, AT_EACCESS) != 0) {
     if (errno == ENOENT) return skip(SkipReason::kVanished);
     return skip(SkipReason::kNotWritable);
@@ -63,6 +87,7 @@ std::optional<FileResult> checkDecompressCandidate(const WalkEntry& entry) {
   const struct stat& st = *entry.st;
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   if (!S_ISREG(st.st_mode)) return skipped(std::string(entry.path), SkipReason::kNotRegular, size, entry.named);
+  if (hasUnsafeName(entry.path)) return skipped(std::string(entry.path), SkipReason::kUnsafeName, size, entry.named);
   CompressedFileInfo info;
   if (std::optional<FileResult> problem = inspectQuickly(entry, &info)) return problem;
   if (info.state == CompressionState::kPlain) {

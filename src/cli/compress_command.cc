@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "cli/conversion_safety.h"
 #include "cli/file_actions.h"
 #include "cli/file_command_parts.h"
 #include "cli/tree_run.h"
@@ -59,9 +60,10 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
   cmd->callback([options, exit_code] {
     RunOptions run = options->run;
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
+    std::unique_ptr<ConversionSafety> safety = run.dry_run ? nullptr : std::make_unique<ConversionSafety>();
     std::unique_ptr<FileAction> action = run.op == Operation::kCompress
-                                             ? makeCompressAction(!options->no_verify)
-                                             : makeDecompressAction();
+                                             ? makeCompressAction(!options->no_verify, safety.get())
+                                             : makeDecompressAction(safety.get());
     *exit_code = runFiles(options->paths, run, *action);
   });
   return cmd;

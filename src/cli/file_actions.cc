@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "cli/candidate_check.h"
+#include "cli/conversion_safety.h"
 #include "cli/interrupt.h"
 #include "engine/compressed_file_info.h"
 #include "engine/compression_signature.h"
@@ -29,26 +30,36 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
 
 // Keeps the interrupt handler informed of the swap in progress, so that a
 // second Ctrl-C never cuts a file in the middle of it.
+// ... and records the file for the next run to repair, should this one be
+// killed there.
 class CriticalSectionGuard : public QVHFSCompressedFileRepresentationDelegate {
  public:
-  void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
+  explicit CriticalSectionGuard(ProcessInProcessRecord* record) : record_(record) {}
+  void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*,
+                                                 const std::string& path) override {
     InterruptHandler::enterCriticalSection();
+    if (record_) record_->willProcessFile(path);
   }
   void compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
+    if (record_) record_->didProcessFile();
     InterruptHandler::exitCriticalSection();
   }
+
+ private:
+  ProcessInProcessRecord* record_;
 };
 
 class CompressAction : public FileAction {
  public:
-  explicit CompressAction(bool verify) : verify_(verify) {}
+  CompressAction(bool verify, ConversionSafety* safety) : verify_(verify), safety_(safety) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
     return checkCompressCandidate(entry, !dry_run);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
-    CriticalSectionGuard guard;
+    if (safety_) safety_->cleanFolderOf(job.path);
+    CriticalSectionGuard guard(safety_ ? safety_->record() : nullptr);
     HFSCompressionOptions options;
     options.workers = workers;
     options.verify = verify_;
@@ -87,15 +98,19 @@ class CompressAction : public FileAction {
   }
 
   bool verify_;
+  ConversionSafety* safety_;
 };
 
 class DecompressAction : public FileAction {
  public:
+  explicit DecompressAction(ConversionSafety* safety) : safety_(safety) {}
+
   uint64_t workSize(const WalkEntry& entry) override {
     // A compressed file's data fork is empty: its size is in its header.
     if (entry.st->st_size != 0) return static_cast<uint64_t>(entry.st->st_size);
     CompressedFileInfo info;
-    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, nullptr, false)) return 0;
+    // The fork's table is read too: a damaged header's size must not count.
+    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, nullptr)) return 0;
     return info.uncompressedSize;
   }
 
@@ -107,8 +122,10 @@ class DecompressAction : public FileAction {
     Error error;
     int64_t compressed = -1;
     int64_t uncompressed = -1;
+    if (safety_) safety_->cleanFolderOf(job.path);
     HFSExpandOptions options;
     options.workers = workers;
+    options.record = safety_ ? safety_->record() : nullptr;
     if (!QVHFSUncompressor::expandInPlacePath(job.path, &error, &compressed, &uncompressed, false, options)) {
       return failedOrVanished(job, error);
     }
@@ -119,11 +136,18 @@ class DecompressAction : public FileAction {
     r.size_after = uncompressed >= 0 ? static_cast<uint64_t>(uncompressed) : job.size;
     return r;
   }
+
+ private:
+  ConversionSafety* safety_;
 };
 
 }  // namespace
 
-std::unique_ptr<FileAction> makeCompressAction(bool verify) { return std::make_unique<CompressAction>(verify); }
-std::unique_ptr<FileAction> makeDecompressAction() { return std::make_unique<DecompressAction>(); }
+std::unique_ptr<FileAction> makeCompressAction(bool verify, ConversionSafety* safety) {
+  return std::make_unique<CompressAction>(verify, safety);
+}
+std::unique_ptr<FileAction> makeDecompressAction(ConversionSafety* safety) {
+  return std::make_unique<DecompressAction>(safety);
+}
 
 }  // namespace zephlore::cli

@@ -8,9 +8,11 @@
 
 namespace zephlore::cli {
 
+class ConversionSafety;
+
 // `verify`: inflate each block again before the compressed copy replaces the
-// file.
-std::unique_ptr<FileAction> makeCompressAction(bool verify);
-std::unique_ptr<FileAction> makeDecompressAction();
+// file. `safety`: the run's record and clean-up (none on a dry run).
+std::unique_ptr<FileAction> makeCompressAction(bool verify, ConversionSafety* safety);
+std::unique_ptr<FileAction> makeDecompressAction(ConversionSafety* safety);
 
 }  // namespace zephlore::cli

@@ -6,6 +6,7 @@
 namespace zephlore::cli {
 
 void addCompressCommands(CLI::App& app, int* exit_code);  // compress, decompress
+void addRepairCommand(CLI::App& app, int* exit_code);
 void addInfoCommand(CLI::App& app, int* exit_code);
 void addCatCommand(CLI::App& app, int* exit_code);
 

@@ -1,4 +1,4 @@
-// The file subcommands: compress, decompress, info and cat.
+// The file subcommands: compress, decompress, repair, info and cat.
 #include "cli/commands.h"
 #include "cli/file_command_parts.h"
 
@@ -6,6 +6,7 @@ namespace zephlore::cli {
 
 void addFileCommands(CLI::App& app, int* exit_code) {
   addCompressCommands(app, exit_code);
+  addRepairCommand(app, exit_code);
   addInfoCommand(app, exit_code);
   addCatCommand(app, exit_code);
 }

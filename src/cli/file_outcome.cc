@@ -19,6 +19,10 @@ const char* skipReasonKey(SkipReason reason) {
     case SkipReason::kHardLinks: return "hard_links";
     case SkipReason::kNotCompressible: return "not_compressible";
     case SkipReason::kNotCompressed: return "not_compressed";
+    case SkipReason::kNotInGroup: return "not_in_group";
+    case SkipReason::kUnsafeName: return "unsafe_name";
+    case SkipReason::kEngineTemporary: return "engine_temporary";
+    case SkipReason::kWhole: return "whole";
     case SkipReason::kVanished: return "vanished";
   }
   return "unknown";
@@ -39,6 +43,10 @@ const char* skipReasonText(SkipReason reason) {
     case SkipReason::kHardLinks: return "has other hard links";
     case SkipReason::kNotCompressible: return "does not shrink (marked)";
     case SkipReason::kNotCompressed: return "not compressed";
+    case SkipReason::kNotInGroup: return "of a group you are not in";
+    case SkipReason::kUnsafeName: return "a line feed or bytes that are not UTF-8 in its path";
+    case SkipReason::kEngineTemporary: return "a temporary file of zephlore";
+    case SkipReason::kWhole: return "nothing to repair";
     case SkipReason::kVanished: return "vanished";
   }
   return "unknown";
@@ -46,9 +54,10 @@ const char* skipReasonText(SkipReason reason) {
 
 const char* outcomeKey(Outcome outcome, Operation op) {
   const bool compress = op == Operation::kCompress;
+  const bool repair = op == Operation::kRepair;
   switch (outcome) {
-    case Outcome::kConverted: return compress ? "compressed" : "decompressed";
-    case Outcome::kWouldConvert: return compress ? "would_compress" : "would_decompress";
+    case Outcome::kConverted: return repair ? "repaired" : compress ? "compressed" : "decompressed";
+    case Outcome::kWouldConvert: return repair ? "would_repair" : compress ? "would_compress" : "would_decompress";
     case Outcome::kSkipped: return "skipped";
     case Outcome::kFailed: return "failed";
   }
@@ -56,7 +65,12 @@ const char* outcomeKey(Outcome outcome, Operation op) {
 }
 
 const char* operationName(Operation op) {
-  return op == Operation::kCompress ? "compress" : "decompress";
+  switch (op) {
+    case Operation::kCompress: return "compress";
+    case Operation::kDecompress: return "decompress";
+    case Operation::kRepair: return "repair";
+  }
+  return "unknown";
 }
 
 Error posixError(int err, const std::string& what) {

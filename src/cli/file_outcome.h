@@ -9,7 +9,7 @@
 
 namespace zephlore::cli {
 
-enum class Operation { kCompress, kDecompress };
+enum class Operation { kCompress, kDecompress, kRepair };
 
 enum class Outcome {
   kConverted,   // compressed (or, for decompress, expanded)
@@ -33,6 +33,10 @@ enum class SkipReason {
   kHardLinks,               // more than one hard link
   kNotCompressible,         // its data does not shrink: marked now
   kNotCompressed,           // decompress: a plain file
+  kNotInGroup,              // its group is not one of yours: the copy could not keep it
+  kUnsafeName,              // a line feed or bytes that are not UTF-8 in its path
+  kEngineTemporary,         // a temporary file of ours beside a file being converted
+  kWhole,                   // repair: plain or compressed, nothing to repair
   kVanished,                // removed while the run went on
 };
 inline constexpr int kSkipReasonCount = static_cast<int>(SkipReason::kVanished) + 1;

@@ -2,7 +2,9 @@
 // with -r the sums of a tree.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -97,6 +99,7 @@ struct TreeSums {
   uint64_t errors = 0;
   std::vector<std::string> odd_files;  // mixed, incomplete, not ours (first kListed)
   uint64_t odd_count = 0;
+  uint64_t temporaries = 0;  // left beside files by a stopped run of ours
 
   void add(const std::string& path, const CompressedFileInfo& info) {
     const int s = static_cast<int>(info.state);
@@ -139,6 +142,11 @@ struct TreeSums {
       for (const std::string& p : odd_files) out += "  " + escapeForTerminal(p) + "\n";
       if (odd_count > odd_files.size()) out += "  ...\n";
     }
+    if (temporaries) {
+      out += "Temporary files of zephlore left by a stopped run (the next compress, decompress or repair in "
+             "their folder settles them): " +
+             groupedNumber(temporaries) + "\n";
+    }
     return out;
   }
 
@@ -166,6 +174,7 @@ struct TreeSums {
       odd.push_back(f);
     }
     j["mixed_files"] = odd;
+    j["engine_temporaries"] = temporaries;
     return j;
   }
 };
@@ -176,6 +185,10 @@ class InfoVisitor : public WalkVisitor {
 
   void visit(const WalkEntry& entry, SkipReason skip) override {
     const std::string path(entry.path);
+    if (skip == SkipReason::kEngineTemporary) {
+      ++sums_.temporaries;
+      return;
+    }
     if (!S_ISREG(entry.st->st_mode)) {
       // Inside a tree only regular files count; a named one is told why not.
       if (entry.named) {
@@ -194,6 +207,7 @@ class InfoVisitor : public WalkVisitor {
       return;
     }
     sums_.add(path, info);
+    needsRepair_ = needsRepair_ || (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed);
     if (options_.recursive && !options_.verbose) return;
     if (options_.json) {
       puts(dumpLine(infoJson(path, info)).c_str());
@@ -208,6 +222,8 @@ class InfoVisitor : public WalkVisitor {
 
   const TreeSums& sums() const { return sums_; }
   bool failed() const { return failed_; }
+  // A file written after compression, cut short, or damaged was found.
+  bool needsRepair() const { return needsRepair_; }
 
  private:
   void error(const std::string& path, const Error& e) {
@@ -227,6 +243,7 @@ class InfoVisitor : public WalkVisitor {
   const InfoOptions& options_;
   TreeSums sums_;
   bool failed_ = false;
+  bool needsRepair_ = false;
 };
 
 int runInfo(const InfoOptions& options) {
@@ -240,8 +257,15 @@ int runInfo(const InfoOptions& options) {
       fputs(visitor.sums().table().c_str(), stdout);
     }
   }
-  fflush(stdout);
-  return visitor.failed() ? 1 : 0;
+  if (visitor.needsRepair()) {
+    fputs("Some files are written after compression, cut short or damaged: run \"zephlore repair\" on them.\n",
+          stderr);
+  }
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "zephlore: cannot write the output: %s\n", strerror(errno));
+    return 1;
+  }
+  return visitor.failed() || visitor.needsRepair() ? 1 : 0;
 }
 
 }  // namespace
@@ -256,7 +280,8 @@ void addInfoCommand(CLI::App& app, int* exit_code) {
       "marker attributes present.\n"
       "With -r: the number of compressed files, the uncompressed size, the size on disk (data fork, "
       "compressed fork and header), the ratio, and the files in an odd state.\n"
-      "Exit status: 0 when every file could be examined, 1 otherwise, 2 on usage errors.\n");
+      "Exit status: 0 when every file could be examined and is whole, 1 when one could not be examined or "
+      "needs \"zephlore repair\" (written after compression, cut short, damaged), 2 on usage errors.\n");
   info->add_option("PATH", options->paths, "Files or, with -r, directories")->required();
   info->add_flag("-r,--recursive", options->recursive, "Walk directories and print the sums");
   info->add_flag("--json", options->json, "One JSON object per line (per file, then the sums with -r)");

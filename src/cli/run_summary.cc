@@ -57,11 +57,12 @@ std::string RunSummary::table(Duration elapsed, bool interrupted) const {
   const bool compress = op_ == Operation::kCompress;
   std::string out;
   if (interrupted) out += "Interrupted: files in flight were finished, the rest left as they were.\n";
-  out += compress ? "Compression summary\n" : "Decompression summary\n";
+  const bool repair = op_ == Operation::kRepair;
+  out += repair ? "Repair summary\n" : compress ? "Compression summary\n" : "Decompression summary\n";
   if (dry_run_) {
-    row(out, compress ? "would compress" : "would decompress", files(would_convert_));
+    row(out, repair ? "would repair" : compress ? "would compress" : "would decompress", files(would_convert_));
   } else {
-    row(out, compress ? "compressed" : "decompressed", files(converted_));
+    row(out, repair ? "repaired" : compress ? "compressed" : "decompressed", files(converted_));
   }
   row(out, "skipped", files(skipped_));
   for (int i = 0; i < kSkipReasonCount; ++i) {

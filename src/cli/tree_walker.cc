@@ -1,5 +1,7 @@
 #include "cli/tree_walker.h"
 
+#include "engine/engine_temporaries.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -78,7 +80,10 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
       continue;
     }
     if (!S_ISDIR(st.st_mode)) {
-      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kNone);
+      // The engine's own files beside a file being converted are never user files.
+      const SkipReason skip = EngineTemporaries::isTemporaryName(d->d_name) ? SkipReason::kEngineTemporary
+                                                                            : SkipReason::kNone;
+      visitor.visit({path, parent, d->d_name, &st, false}, skip);
       continue;
     }
     if (!options_.cross_volumes && st.st_dev != volume) {

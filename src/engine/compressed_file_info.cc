@@ -98,6 +98,8 @@ bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileIn
 
   auto finish = [&](CompressionState state, std::string problem) {
     info.state = state;
+    // A damaged header's size is no size at all: it must not be counted.
+    if (state == CompressionState::kNotOurs) info.uncompressedSize = info.dataForkSize;
     info.problem = std::move(problem);
     *out = std::move(info);
     return true;
@@ -107,6 +109,8 @@ bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileIn
     return finish(CompressionState::kPlain, "");
   }
   if (info.dataForkSize > 0) {
+    uint64_t size = 0;
+    if (decmpfs && parseDecmpfsValue(decmpfs->data(), decmpfs->size(), &size, nullptr)) info.headerSize = size;
     return finish(CompressionState::kMixed,
                   "its data fork holds data beside the attributes of the compressed form "
                   "(it was written after it was compressed)");
@@ -138,6 +142,7 @@ bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileIn
     return finish(CompressionState::kNotOurs, headerError.message);
   }
   info.uncompressedSize = size;
+  info.headerSize = size;
   if (!fork) return finish(CompressionState::kNotOurs, "it has a compression header but no resource fork");
   if (checkFork) {
     Error forkError;

@@ -35,6 +35,7 @@ struct CompressedFileInfo {
   uint64_t dataForkSize = 0;      // st_size
   uint64_t allocatedBytes = 0;    // st_blocks * 512
   uint64_t uncompressedSize = 0;  // content size: the header's for compressed files, else st_size
+  uint64_t headerSize = 0;        // the size the compression header gives (mixed files too), 0 without one
   uint64_t forkSize = 0;          // bytes of the resource fork, 0 without one
   uint64_t blockCount = 0;        // 64 KiB blocks in the fork's table (compressed files)
 

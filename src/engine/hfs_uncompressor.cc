@@ -87,6 +87,8 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
     case CompressionState::kCompressed:
       break;
     case CompressionState::kMixed:
+      // Into another file, the compressed version can be taken out whole.
+      if (acceptWrittenData_ && destination != source) break;
       return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
                   "File at path " + source + " was written after it was compressed");
     case CompressionState::kIncomplete:
@@ -100,6 +102,8 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   std::unique_ptr<AttributeForkSource> fork =
       AttributeForkSource::open(FileRef::descriptor(sourceFd.get()), source, error);
   if (!fork) return false;
+  // A file written after compression: its compressed version's own size.
+  if (info.state == CompressionState::kMixed) info.uncompressedSize = info.headerSize;
   std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, info.uncompressedSize, error);
   if (!reader) return false;
 

@@ -53,6 +53,10 @@ class QVHFSUncompressor {
   bool ignoreCompressionFlag() const { return ignoreCompressionFlag_; }
   void setIgnoreCompressionFlag(bool ignore) { ignoreCompressionFlag_ = ignore; }
 
+  // Expand the compressed version of a file written after compression
+  // (into another path only: the data written stays where it is).
+  void setAcceptWrittenData(bool accept) { acceptWrittenData_ = accept; }
+
   const std::string& sourcePath() const { return sourcePath_; }
 
  private:
@@ -64,6 +68,7 @@ class QVHFSUncompressor {
   std::string sourcePath_;
   HFSExpandOptions options_;
   bool ignoreCompressionFlag_ = false;
+  bool acceptWrittenData_ = false;
 };
 
 }  // namespace zephlore

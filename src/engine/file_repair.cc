@@ -1,0 +1,101 @@
+#include "engine/file_repair.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/log.h"
+#include "engine/compressed_file_info.h"
+#include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_uncompressor.h"
+#include "platform/attribute_fork.h"
+#include "platform/attribute_names.h"
+#include "platform/env.h"
+#include "platform/file_flags.h"
+
+namespace zephlore {
+namespace {
+
+using Outcome = QVFileRepair::Outcome;
+
+Outcome failed(Error* error, int code, const std::string& message) {
+  fail(error, kHFSErrorDomain, code, message);
+  return Outcome::kFailed;
+}
+
+// Takes the compressed form off the file at `fd`: what remains is its data fork.
+bool stripCompressedForm(int fd, Error* error) {
+  Env& env = Env::shared();
+  const FileRef file = FileRef::descriptor(fd);
+  std::optional<uint32_t> flags = FileFlags::get(file);
+  if (flags && (*flags & FileFlags::kUFCompressed) && !FileFlags::set(file, *flags & ~FileFlags::kUFCompressed)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+                std::string("cannot clear the compressed flag: ") + std::strerror(errno));
+  }
+  if (env.removexattr(file, attr::kDecmpfs) != 0 && errno != ENODATA) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+                std::string("cannot remove the compression header: ") + std::strerror(errno));
+  }
+  // The signature describes the compressed form; the data fork is what stays.
+  if (env.removexattr(file, attr::kSignature) != 0 && errno != ENODATA) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+                std::string("cannot remove the compression signature: ") + std::strerror(errno));
+  }
+  Error why;
+  if (!AttributeFork::remove(file, &why)) {
+    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "cannot remove the compressed data: " + why.message);
+  }
+  return true;
+}
+
+Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std::string* what) {
+  Env& env = Env::shared();
+  const std::string recovered = QVFileRepair::recoveredPathFor(path);
+  struct stat st;
+  if (env.lstat(recovered, &st) == 0) {
+    return failed(error, kHFSErrorSwapFailed, recovered + " already exists: move it away and repair again");
+  }
+  // Locked throughout: no other run of ours converts the file meanwhile.
+  UniqueFd lock(env.openLocked(path, O_RDONLY | O_NONBLOCK));
+  if (!lock) return failed(error, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+  QVHFSUncompressor expander(path);
+  expander.setAcceptWrittenData(true);
+  if (!expander.expandTo(recovered, error)) return Outcome::kFailed;
+  if (!stripCompressedForm(lock.get(), error)) return Outcome::kFailed;
+  if (what) *what = "kept the data written after compression; the compressed version is at " + recovered;
+  KRLog("Repaired %s: the compressed version is at %s", path.c_str(), recovered.c_str());
+  return Outcome::kRepaired;
+}
+
+}  // namespace
+
+std::string QVFileRepair::recoveredPathFor(const std::string& path) { return path + ".zephlore-recovered"; }
+
+QVFileRepair::Outcome QVFileRepair::repairFile(const std::string& path, Error* error, std::string* what) {
+  CompressedFileInfo info;
+  if (!CompressedFileInfo::inspect(path, &info, error)) return Outcome::kFailed;
+  switch (info.state) {
+    case CompressionState::kPlain:
+    case CompressionState::kCompressed:
+      return Outcome::kWhole;
+    case CompressionState::kMixed:
+      return repairWrittenAfterCompression(path, error, what);
+    case CompressionState::kIncomplete:
+      if (!info.hasDecmpfs) {
+        return failed(error, kHFSErrorNotCompressed,
+                      "File at path " + path + " was cut short before its size was written: its size is unknown");
+      }
+      if (!QVHFSUncompressor::expandInPlacePath(path, error, nullptr, nullptr, true)) return Outcome::kFailed;
+      if (what) *what = "expanded a conversion that was cut short";
+      return Outcome::kRepaired;
+    case CompressionState::kNotOurs:
+      break;
+  }
+  return failed(error, kHFSErrorCannotUncompress,
+                "File at path " + path + " is damaged" + (info.problem.empty() ? "" : ": " + info.problem) +
+                    "; left as it is");
+}
+
+}  // namespace zephlore
