@@ -73,9 +73,7 @@ bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path) {
     return true;
   }
 
-  KRLog("*** %s: %s", kDatabaseErrorTitle, kDatabaseCorruptMessage);
-  KRGrowlBridge::sharedGrowlBridge().showCriticalNotice(kDatabaseErrorTitle,
-                                                        kDatabaseCorruptMessage);
+  presentError(kDatabaseErrorTitle, kDatabaseCorruptMessage);
   if (unlink(path.c_str()) != 0) {
     KRLog("*** Cannot delete the damaged history database %s: %s", path.c_str(), strerror(errno));
   }

@@ -66,11 +66,13 @@ std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
     storeFail(error, "Cannot open " + path + ": " + problem);
     return nullptr;
   }
-  SqliteStatement wal(store->db_, "PRAGMA journal_mode=WAL;");
-  if (!wal.ok() || !wal.step() || wal.columnText(0) != "wal") {
-    storeFail(error, "Cannot open " + path + " for writing: " +
-                         (wal.problem().empty() ? store->db_.lastError() : wal.problem()));
-    return nullptr;
+  {
+    SqliteStatement wal(store->db_, "PRAGMA journal_mode=WAL;");
+    if (!wal.ok() || !wal.step() || wal.columnText(0) != "wal") {
+      storeFail(error, "Cannot open " + path + " for writing: " +
+                           (wal.problem().empty() ? store->db_.lastError() : wal.problem()));
+      return nullptr;
+    }
   }
   std::optional<int64_t> version = store->db_.queryInt("PRAGMA user_version;", &problem);
   if (!version) {
