@@ -1,5 +1,7 @@
 #include "helper/history/history_store.h"
 
+#include <unistd.h>
+
 #include <fstream>
 #include <sstream>
 
@@ -93,6 +95,23 @@ std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
     }
   }
   return store;
+}
+
+bool HistoryStore::readRecords(const std::string& path, std::vector<HistoryRecord>* records,
+                               Error* error) {
+  records->clear();
+  if (access(path.c_str(), F_OK) != 0) return true;
+  HistoryStore store;
+  store.path_ = path;
+  std::string problem;
+  if (!store.db_.open(path, SQLITE_OPEN_READONLY, &problem)) {
+    return storeFail(error, "Cannot open " + path + ": " + problem);
+  }
+  // A file the helper has not made a history yet (zero bytes) has none.
+  std::optional<int64_t> version = store.db_.queryInt("PRAGMA user_version;", &problem);
+  if (!version) return storeFail(error, "Cannot read " + path + ": " + problem);
+  if (*version == 0) return true;
+  return store.loadAll(records, error);
 }
 
 bool HistoryStore::loadAll(std::vector<HistoryRecord>* records, Error* error) {

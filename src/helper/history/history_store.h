@@ -56,6 +56,11 @@ class HistoryStore {
   static std::unique_ptr<HistoryStore> open(const std::string& path, const HistoryModel& model,
                                             Error* error);
 
+  // Reads the records of the file at `path` without writing anything (the
+  // command's view while the helper may be writing). A missing file has none.
+  static bool readRecords(const std::string& path, std::vector<HistoryRecord>* records,
+                          Error* error);
+
   const std::string& path() const { return path_; }
   bool loadAll(std::vector<HistoryRecord>* records, Error* error);
   // Writes `changed` (inserting those without an id) in one transaction;
