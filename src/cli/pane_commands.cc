@@ -15,6 +15,7 @@
 #include "cli/autostart_entry.h"
 #include "cli/commands.h"
 #include "cli/exclusion_lists.h"
+#include "cli/helper_contact.h"
 #include "helper/defaults_controller.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/exclusion_rules.h"
@@ -45,7 +46,10 @@ bool tellHelper(const std::function<void()>& post,
   }
   if (post) post();
   center.flush();
-  if (center.nameHasOwner(kHelperBusName)) return true;
+  if (center.nameHasOwner(kHelperBusName)) {
+    postVersionIfHelperRuns();
+    return true;
+  }
   std::cout << absent << "\n";
   return false;
 }

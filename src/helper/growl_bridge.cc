@@ -29,13 +29,25 @@ std::shared_ptr<NoticeSender> KRGrowlBridge::setSender(std::shared_ptr<NoticeSen
 
 void KRGrowlBridge::showNotificationOfType(uint32_t type, const std::string& title,
                                            const std::string& description) {
+  send(Notice{type, notificationNameForType(type), title, description});
+}
+
+void KRGrowlBridge::showCriticalNotice(const std::string& title, const std::string& description) {
+  Notice notice;
+  notice.type = UINT32_MAX;
+  notice.title = title;
+  notice.description = description;
+  notice.critical = true;
+  send(notice);
+}
+
+void KRGrowlBridge::send(const Notice& notice) {
   std::shared_ptr<NoticeSender> sender;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     sender = sender_;
   }
-  if (!sender) return;
-  sender->send(Notice{type, notificationNameForType(type), title, description});
+  if (sender) sender->send(notice);
 }
 
 void KRGrowlBridge::notifySavingsIncreasedBy(uint64_t increase, uint64_t total) {

@@ -19,6 +19,8 @@ struct Notice {
   std::string name;
   std::string title;
   std::string description;
+  // The database alerts: shown at critical urgency, not filed under a type.
+  bool critical = false;
 };
 
 class NoticeSender {
@@ -59,11 +61,16 @@ class KRGrowlBridge {
   void notifyUncompressionEnded();
   void notifyTerminationRequested();
 
+  // An alert the user must see (a damaged or unusable history database):
+  // its own title and text, no type, critical.
+  void showCriticalNotice(const std::string& title, const std::string& description);
+
   KRGrowlBridge(const KRGrowlBridge&) = delete;
   KRGrowlBridge& operator=(const KRGrowlBridge&) = delete;
 
  private:
   KRGrowlBridge() = default;
+  void send(const Notice& notice);
 
   std::mutex mutex_;
   std::shared_ptr<NoticeSender> sender_;

@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "base/util.h"
+#include "desktop/history_services.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/exclusions_processor.h"
 #include "helper/notification_names.h"
@@ -73,6 +74,9 @@ int main() {
   // (monitors see a named sender; a second copy shows as a queued owner).
   KRExclusionsProcessor::sharedExclusionsProcessor();
   checkIntegrityOfPreviousRun();
+  // The history listens before the name is taken: a command that waits for
+  // the name posts its folders right after.
+  startHistoryServices(loop, [&loop] { loop.stop(); });
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
   if (bus.isConnected()) {
     bus.ownName(kHelperBusName);
@@ -83,6 +87,7 @@ int main() {
   }
 
   loop.run();
+  stopHistoryServices();
   // Worker threads still hopping to the main thread get an answer now.
   loop.shutdown();
   close(signal_fd);

@@ -1,0 +1,33 @@
+// Desktop notices through org.freedesktop.Notifications (libnotify): the
+// application name "Zephlore", the title as summary, the description as body,
+// the type's name as the category hint, critical urgency for the database
+// alerts. Sending hands the notice to a GLib thread and returns at once; with
+// no notification server (a server, CI) the notice is dropped with one log
+// line.
+#pragma once
+
+#include <memory>
+
+#include "desktop/glib_task_thread.h"
+#include "helper/growl_bridge.h"
+
+namespace zephlore {
+
+class LibnotifySender : public NoticeSender {
+ public:
+  static constexpr const char* kApplicationName = "Zephlore";
+
+  LibnotifySender();
+  ~LibnotifySender() override;
+
+  void send(const Notice& notice) override;
+  // Returns once every notice sent before has been delivered or dropped.
+  void flush();
+
+ private:
+  static void show(const Notice& notice);
+
+  std::unique_ptr<GlibTaskThread> thread_;
+};
+
+}  // namespace zephlore

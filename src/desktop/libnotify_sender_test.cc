@@ -1,0 +1,135 @@
+#include "desktop/libnotify_sender.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "base/log.h"
+#include "base/run_loop.h"
+#include "base/util.h"
+#include "helper/history/helper_util.h"
+#include "helper/test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::runProcess;
+
+// python3-dbusmock's notification daemon on the test's private bus.
+class MockNotificationServer {
+ public:
+  MockNotificationServer() {
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGTERM);
+      execl("/usr/bin/python3", "python3", "-m", "dbusmock", "--template", "notification_daemon",
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    // Blocks until the name is on the bus (no fixed sleep).
+    ready_ = runProcess({"gdbus", "wait", "--session", "--timeout", "30",
+                         "org.freedesktop.Notifications"})
+                 .exit_code == 0;
+  }
+  ~MockNotificationServer() {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  bool ready() const { return ready_; }
+
+  // The Notify calls the server received, as gdbus prints them.
+  std::string calls() {
+    return runProcess({"gdbus", "call", "--session", "--dest", "org.freedesktop.Notifications",
+                       "--object-path", "/org/freedesktop/Notifications", "--method",
+                       "org.freedesktop.DBus.Mock.GetCalls"})
+        .out;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
+  testing::TestHome home;
+  testing::TestSessionBus bus(home.root());
+  MockNotificationServer server;
+  ASSERT_TRUE(server.ready());
+
+  LibnotifySender sender;
+  Notice alert;
+  alert.title = "Zephlore Database Error";
+  alert.description = "Zephlore database is corrupt.";
+  alert.critical = true;
+  sender.send(alert);
+  sender.send(Notice{0, "Savings Increased", "Savings Increased",
+                     "Total savings of Zephlore have increased by 1.00 GB, they are now 1.00 GB."});
+  sender.flush();
+
+  std::string calls = server.calls();
+  EXPECT_NE(calls.find("'Notify', [<'Zephlore'>, <uint32 0>, <''>, <'Zephlore Database Error'>, "
+                       "<'Zephlore database is corrupt.'>"),
+            std::string::npos)
+      << calls;
+  EXPECT_NE(calls.find("'urgency': <byte 0x02>"), std::string::npos) << calls;
+  EXPECT_NE(calls.find("<'Total savings of Zephlore have increased by 1.00 GB, they are now "
+                       "1.00 GB.'>"),
+            std::string::npos)
+      << calls;
+  EXPECT_NE(calls.find("'category': <'Savings Increased'>"), std::string::npos) << calls;
+  EXPECT_NE(calls.find("'urgency': <byte 0x01>"), std::string::npos) << calls;
+}
+
+TEST(LibnotifySenderTest, ARandomBytesHistoryDatabaseReachesTheServerAsACriticalAlert) {
+  testing::TestHome home;
+  testing::TestSessionBus bus(home.root());
+  MockNotificationServer server;
+  ASSERT_TRUE(server.ready());
+  auto sender = std::make_shared<LibnotifySender>();
+  ScopedNoticeSender installed(sender);
+  RunLoop::main().runUntilIdle();
+  KRUtil::applicationSupportFolder();
+  std::string path = KRHelperUtil::databasePath();
+  std::string noise;
+  for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));
+  testing::writeFile(path, noise);
+
+  HistoryContext* context = KRHelperUtil::managedObjectContext();
+  ASSERT_NE(context, nullptr);
+  EXPECT_TRUE(context->allObjects().empty());
+  sender->flush();
+  std::string calls = server.calls();
+  EXPECT_NE(calls.find("<'Zephlore Database Error'>, <'Zephlore database is corrupt, and recovery "
+                       "attempts did not succeed.\\n\\nA new empty database will be created "
+                       "now."),
+            std::string::npos)
+      << calls;
+  EXPECT_NE(calls.find("'urgency': <byte 0x02>"), std::string::npos) << calls;
+}
+
+TEST(LibnotifySenderTest, WithoutAServerANoticeIsDroppedWithOneLine) {
+  testing::TestHome home;
+  std::vector<std::string> lines;
+  std::mutex mutex;
+  ScopedLogCapture capture([&](const std::string& line) {
+    std::lock_guard<std::mutex> lock(mutex);
+    lines.push_back(line);
+  });
+  LibnotifySender sender;
+  sender.send(Notice{1, "Pause", "Zephlore Paused", "no bus at all"});
+  sender.flush();
+  {
+    testing::TestSessionBus bus(home.root());  // a bus, but no notification server
+    sender.send(Notice{1, "Pause", "Zephlore Paused", "no server"});
+    sender.flush();
+  }
+  std::lock_guard<std::mutex> lock(mutex);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("dropped: no D-Bus session bus"), std::string::npos);
+  EXPECT_NE(lines[1].find("Notice \"Zephlore Paused\" dropped"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zephlore

@@ -1,0 +1,133 @@
+// KRHistoryProcessor: the one front end to the history. Per folder the user
+// ever chose to watch it keeps one record (path, alias, watched or not,
+// bytes saved, last sweep, sweep progress); it answers which folders are
+// watched and which watched folder holds a path, adds savings, keeps the
+// running total and announces each whole decimal gigabyte, and repairs folder
+// paths after renames. Every change is saved 0.2 s after the last one and
+// then announced with "krimbleSavingsChanged".
+//
+// All database work runs on the main run loop's thread; the updates other
+// threads call hop there and wait until done.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/notification_center.h"
+#include "base/run_loop.h"
+#include "helper/history/history_store.h"
+
+namespace zephlore {
+
+using FolderList = std::vector<std::string>;
+
+class KRHistoryProcessor {
+ public:
+  // Where the processor's effects leave it; the defaults are the session
+  // bus, the shared settings and nothing (until a watcher is wired).
+  struct Hooks {
+    // Posts "krimbleSavingsChanged".
+    std::function<void()> postSavingsChanged;
+    // The watcher's new folder list (none: no folders).
+    std::function<void(const std::optional<FolderList>&)> setWatchPaths;
+    // Whether the settings say the helper is active.
+    std::function<bool()> helperActive;
+  };
+
+  static constexpr uint64_t kGigabyte = 1'000'000'000;
+  static constexpr double kSaveDelaySeconds = 0.2;
+
+  // The process's processor, created on first use; a ScopedHistoryProcessor
+  // puts another in its place.
+  static KRHistoryProcessor& sharedHistoryProcessor();
+
+  // Computes the total at once (a database access on the calling thread).
+  explicit KRHistoryProcessor(RunLoop& loop = RunLoop::main(), Hooks hooks = {});
+  ~KRHistoryProcessor();
+  KRHistoryProcessor(const KRHistoryProcessor&) = delete;
+  KRHistoryProcessor& operator=(const KRHistoryProcessor&) = delete;
+
+  void setWatchPathsHandler(std::function<void(const std::optional<FolderList>&)> handler);
+
+  // --- Queries (main thread) ---------------------------------------------
+
+  // The watched folders, or none when there is none (never an empty list).
+  std::optional<FolderList> folders();
+  // The watched folder holding `path` (a plain string prefix), or "".
+  std::string enabledFolderPathForPath(const std::string& path);
+  // The enabled record of `folder`, or none.
+  HistoryContext::Object* enabledFolderHistoryForFolderPath(const std::string& folder);
+  std::optional<WallTime> folderSweepDate(const std::string& folder);
+  uint32_t progressForFolder(const std::string& folder);
+  // May disable watched folders that `path` contains, as a side effect.
+  bool shouldAllowFolder(const std::string& path);
+  std::vector<HistoryRecord> allFolderEntries();
+  std::vector<std::vector<uint8_t>> folderAliases();
+  // Any thread.
+  uint64_t totalSavings() const { return total_savings_.load(); }
+  // Called with the new total after every recomputation ("totalSavings").
+  void addTotalSavingsObserver(std::function<void(uint64_t)> observer);
+
+  // --- Updates: any thread; each hops to the main thread and waits -------
+
+  void addSavingsForPath(uint64_t bytes, const std::string& path);
+  void addSavingsForFolder(uint64_t bytes, const std::string& folder);
+  void setProgressForPath(uint32_t percent, const std::string& path);
+  void setProgressForFolder(uint32_t percent, const std::string& folder);
+  void resetProgressForFolder(const std::string& folder);
+  void justSweptFolder(const std::string& folder);
+
+  void addSavingsForPath_main(uint64_t bytes, const std::string& path);
+  void addSavingsForFolder_main(uint64_t bytes, const std::string& folder);
+  void setProgressForPath_main(uint32_t percent, const std::string& path);
+  void setProgressForFolder_main(uint32_t percent, const std::string& folder);
+  void resetProgressForFolder_main(const std::string& folder);
+  void justSweptFolder_main(const std::string& folder);
+
+  // --- Other entry points (main thread) ----------------------------------
+
+  // "com.quorvane.krimble.folders": "foldersToAdd" / "foldersToRemove".
+  void foldersChanged(const Notification& notification);
+  void foldersChanged(const FolderList& toAdd, const FolderList& toRemove);
+  void resolveAliases();
+  void watchedFolderAtPathWasRenamedTo(const std::string& oldPath, const std::string& newPath);
+  void mountStatusDidChangeForPath(const std::string& path);
+  void refreshTotalSavings();
+  void saveContext();
+  // Schedules saveContext() 0.2 s from now, replacing a pending one.
+  void notifyHistoryChanged();
+  // Saves now instead of later (the helper's quit).
+  void saveNow();
+
+ private:
+  HistoryContext* context();
+  void runOnMain(std::function<void()> fn);
+  // The folders of payload `key`, refusing unusable paths with a log line.
+  FolderList usableFolders(const Notification& notification, const char* key);
+
+  RunLoop& loop_;
+  Hooks hooks_;
+  std::atomic<uint64_t> total_savings_{0};
+  std::mutex observers_mutex_;
+  std::vector<std::function<void(uint64_t)>> total_observers_;
+};
+
+// Puts `processor` in place of the shared one for the life of the object.
+class ScopedHistoryProcessor {
+ public:
+  explicit ScopedHistoryProcessor(KRHistoryProcessor* processor);
+  ~ScopedHistoryProcessor();
+  ScopedHistoryProcessor(const ScopedHistoryProcessor&) = delete;
+  ScopedHistoryProcessor& operator=(const ScopedHistoryProcessor&) = delete;
+
+ private:
+  KRHistoryProcessor* previous_;
+};
+
+}  // namespace zephlore

@@ -1,0 +1,217 @@
+#include "helper/history/history_processor.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "base/log.h"
+#include "base/util.h"
+#include "helper/history/helper_util.h"
+#include "helper/history/history_test_support.h"
+#include "helper/notification_names.h"
+#include "helper/test_support.h"
+
+namespace zephlore {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::RecordingSender;
+using testing::ShmFolder;
+using testing::TestHome;
+
+class HistoryProcessorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RunLoop::main().runUntilIdle();  // this thread is the main thread
+    KRUtil::applicationSupportFolder();
+    KRHistoryProcessor::Hooks hooks;
+    hooks.postSavingsChanged = [this] { posts_.push_back(clock_->now()); };
+    hooks.setWatchPaths = [this](const std::optional<FolderList>& list) { watched_ = list; };
+    hooks.helperActive = [] { return true; };
+    processor_ = std::make_unique<KRHistoryProcessor>(RunLoop::main(), hooks);
+    scoped_ = std::make_unique<ScopedHistoryProcessor>(processor_.get());
+  }
+
+  void advance(double s) {
+    clock_->advance(seconds(s));
+    RunLoop::main().runUntilIdle();
+  }
+  void add(const std::string& path) { processor_->foldersChanged({path}, {}); }
+  void remove(const std::string& path) { processor_->foldersChanged({}, {path}); }
+  FolderList folders() { return processor_->folders().value_or(FolderList{}); }
+
+  ScopedManualClock clock_;  // before the main run loop is made
+  TestHome home_;
+  ShmFolder shm_;
+  std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
+  ScopedNoticeSender scopedSender_{sender_};
+  std::vector<TimePoint> posts_;
+  std::optional<FolderList> watched_;
+  std::unique_ptr<KRHistoryProcessor> processor_;
+  std::unique_ptr<ScopedHistoryProcessor> scoped_;
+};
+
+TEST_F(HistoryProcessorTest, AParentTakesOverItsChildAndAChildOfAWatchedFolderIsRefused) {
+  EXPECT_EQ(processor_->folders(), std::nullopt);
+  EXPECT_EQ(processor_->enabledFolderPathForPath(shm_.path()), "");
+  std::string child = shm_.make("a/b");
+  std::string parent = shm_.path() + "/a";
+  add(child);
+  EXPECT_EQ(folders(), FolderList{child});
+  EXPECT_EQ(watched_, FolderList{child});
+
+  add(parent);
+  EXPECT_EQ(folders(), FolderList{parent});
+  EXPECT_FALSE(processor_->shouldAllowFolder(shm_.make("a/c")));
+  add(shm_.path() + "/a/c");
+  EXPECT_EQ(folders(), FolderList{parent});
+
+  // The string rule: /q/bc/d lies "inside" /q/b; the sibling /q/bc does not,
+  // and a file under /q/bc belongs to /q/b.
+  std::string b = shm_.make("q/b");
+  add(b);
+  EXPECT_FALSE(processor_->shouldAllowFolder(shm_.make("q/bc/d")));
+  EXPECT_TRUE(processor_->shouldAllowFolder(shm_.path() + "/q/bc"));
+  testing::writeFile(shm_.path() + "/q/bc/file", "x");
+  EXPECT_EQ(processor_->enabledFolderPathForPath(shm_.path() + "/q/bc/file"), b);
+  EXPECT_EQ(processor_->enabledFolderPathForPath(b), b);
+  EXPECT_EQ(processor_->enabledFolderPathForPath("/elsewhere/file"), "");
+}
+
+TEST_F(HistoryProcessorTest, SavingsStayAfterARemoveAndComeBackWithTheFolder) {
+  std::string folder = shm_.make("docs");
+  testing::writeFile(folder + "/f", "x");
+  add(folder);
+  processor_->addSavingsForPath(4096, folder + "/f");
+  processor_->addSavingsForPath(0, folder + "/f");
+  processor_->addSavingsForPath(512, "/outside/f");
+  EXPECT_EQ(processor_->totalSavings(), 4096u);
+
+  processor_->setProgressForFolder(100, folder);
+  processor_->justSweptFolder(folder);
+  EXPECT_EQ(processor_->folderSweepDate(folder), clock_->wallNow());
+  remove(folder);
+  EXPECT_EQ(processor_->folders(), std::nullopt);
+  EXPECT_EQ(processor_->totalSavings(), 4096u);
+  processor_->addSavingsForPath(100, folder + "/f");  // no longer watched: dropped
+  EXPECT_EQ(processor_->totalSavings(), 4096u);
+
+  add(folder);
+  ASSERT_EQ(processor_->allFolderEntries().size(), 1u);
+  HistoryRecord record = processor_->allFolderEntries()[0];
+  EXPECT_TRUE(record.enabled);
+  EXPECT_EQ(record.savings, 4096u);
+  EXPECT_EQ(record.status, 0u);
+  EXPECT_EQ(record.lastSweep, std::nullopt);
+}
+
+TEST_F(HistoryProcessorTest, EachWholeGigabyteCrossedIsAnnouncedOnceCountedIn32Bits) {
+  std::string folder = shm_.make("big");
+  add(folder);
+  processor_->addSavingsForFolder(999'999'999, folder);
+  EXPECT_TRUE(sender_->taken().empty());
+  processor_->addSavingsForFolder(1, folder);
+  processor_->addSavingsForFolder(5, folder);  // same gigabyte: nothing
+  std::vector<Notice> notices = sender_->taken();
+  ASSERT_EQ(notices.size(), 1u);
+  EXPECT_EQ(notices[0].name, "Savings Increased");
+  EXPECT_EQ(notices[0].description,
+            "Total savings of Zephlore have increased by 1.00 GB, they are now 1.00 GB.");
+
+  // Five gigabytes at once: 5,000,000,000 wraps to 705,032,704 in 32 bits.
+  processor_->addSavingsForFolder(5'000'000'000, folder);
+  notices = sender_->taken();
+  ASSERT_EQ(notices.size(), 2u);
+  EXPECT_EQ(notices[1].description, "Total savings of Zephlore have increased by " +
+                                        KRUtil::getPrettySize(705'032'704) + ", they are now " +
+                                        KRUtil::getPrettySize(6'000'000'005) + ".");
+}
+
+TEST_F(HistoryProcessorTest, TwoFolderNoticesInQuickSuccessionGiveOneSaveAfterTheSecond) {
+  std::string a = shm_.make("a");
+  std::string b = shm_.make("b");
+  Notification first{kFoldersNotification, nullptr, {{kFoldersToAddKey, FolderList{a}}}};
+  Notification second{kFoldersNotification, nullptr, {{kFoldersToAddKey, FolderList{b}}}};
+  processor_->foldersChanged(first);
+  advance(0.1);
+  processor_->foldersChanged(second);
+  const TimePoint secondAt = clock_->now();
+  advance(0.19);
+  EXPECT_TRUE(posts_.empty());
+  advance(0.01);
+  ASSERT_EQ(posts_.size(), 1u);
+  EXPECT_EQ(posts_[0], secondAt + seconds(0.2));
+
+  // The save reached the file: a restarted helper sees both folders.
+  KRHelperUtil::resetForTesting();
+  EXPECT_EQ(folders(), (FolderList{a, b}));
+}
+
+TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
+  std::string folder = shm_.make("burst");
+  testing::writeFile(folder + "/f", "x");
+  add(folder);
+  advance(0.2);
+  const uint64_t before = KRHelperUtil::persistentStoreCoordinator()->transactionCount();
+
+  std::atomic<bool> done{false};
+  std::thread worker([&] {
+    for (int i = 0; i < 10'000; ++i) processor_->addSavingsForPath(512, folder + "/f");
+    done = true;
+    RunLoop::main().post([] {});
+  });
+  RunLoop::main().runUntil([&] { return done.load(); });
+  worker.join();
+  advance(0.2);
+  EXPECT_EQ(processor_->totalSavings(), 5'120'000u);
+  EXPECT_LE(KRHelperUtil::persistentStoreCoordinator()->transactionCount() - before, 2u);
+  EXPECT_EQ(posts_.size(), 2u);  // the add's save, then the burst's
+}
+
+TEST_F(HistoryProcessorTest, UnusablePayloadsAreRefusedWithALogLine) {
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  std::string ok = shm_.make("ok");
+  processor_->foldersChanged(Notification{kFoldersNotification, nullptr,
+                                          {{kFoldersToAddKey, int64_t{42}},
+                                           {kFoldersToRemoveKey, std::string("/x")}}});
+  processor_->foldersChanged(Notification{
+      kFoldersNotification, nullptr,
+      {{kFoldersToAddKey, FolderList{"relative", "/" + std::string(1100, 'x'), ok + "/a\nb",
+                                     shm_.path() + "/missing", ok}}}});
+  processor_->foldersChanged(Notification{kFoldersNotification, nullptr,
+                                          {{kFoldersToAddKey, FolderList{}}}});
+  EXPECT_EQ(folders(), FolderList{ok});
+  EXPECT_EQ(lines.size(), 6u);
+}
+
+TEST_F(HistoryProcessorTest, PathsAreRepairedAfterARenameAndAGoneFolderKeepsItsPath) {
+  std::string folder = shm_.make("old");
+  std::string gone = shm_.make("gone");
+  add(folder);
+  add(gone);
+  std::string renamed = shm_.path() + "/new";
+  fs::rename(folder, renamed);
+  fs::remove(gone);
+  EXPECT_EQ(folders(), (FolderList{renamed, gone}));
+
+  processor_->setProgressForFolder(100, gone);
+  processor_->resetProgressForFolder(gone);
+  EXPECT_EQ(processor_->progressForFolder(gone), 0u);
+  processor_->setProgressForFolder(50, gone);
+  processor_->resetProgressForFolder(gone);
+  EXPECT_EQ(processor_->progressForFolder(gone), 50u);
+
+  processor_->resolveAliases();
+  std::vector<HistoryRecord> entries = processor_->allFolderEntries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].folder, renamed);
+  EXPECT_EQ(entries[1].folder, gone);
+  // The repaired record is found again by its new path.
+  processor_->addSavingsForFolder(7, renamed);
+  EXPECT_EQ(processor_->totalSavings(), 7u);
+}
+
+}  // namespace
+}  // namespace zephlore
