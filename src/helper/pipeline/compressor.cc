@@ -96,6 +96,7 @@ uint64_t KRCompressor::addFiles(const std::vector<std::string>& paths) {
       // Re-enters the queue's lock (recursive), then takes the set's.
       if (isInProcess(path) || !isWatched(path)) continue;
       fileQueue_.push_back(path);
+      queuedPaths_.insert(path);
       ++added;
     }
   }
@@ -106,7 +107,7 @@ uint64_t KRCompressor::addFiles(const std::vector<std::string>& paths) {
 bool KRCompressor::isInProcess(const std::string& path) {
   {
     std::lock_guard lock(fileQueueLock_);
-    if (std::find(fileQueue_.begin(), fileQueue_.end(), path) != fileQueue_.end()) return true;
+    if (queuedPaths_.count(path) != 0) return true;
   }
   std::lock_guard lock(filesBeingCompressedLock_);
   return filesBeingCompressed_.count(path) != 0;
@@ -135,6 +136,7 @@ void KRCompressor::compressionTick() {
   {
     std::lock_guard lock(fileQueueLock_);
     batch = leftPopNumObjects(fileQueue_, kBatchSize);
+    for (const std::string& path : batch) queuedPaths_.erase(queuedPaths_.find(path));
   }
   {
     std::lock_guard lock(filesBeingCompressedLock_);
@@ -219,6 +221,7 @@ void KRCompressor::removeFilesNoLongerBeingWatched() {
   for (const std::string& path : copy) {
     if (isWatched(path)) continue;
     fileQueue_.erase(std::find(fileQueue_.begin(), fileQueue_.end(), path));
+    queuedPaths_.erase(queuedPaths_.find(path));
     // Posted under the queue's lock: observers must not wait on another
     // thread that calls back into the compressor.
     const Error error = folderNotWatchedError(path);
@@ -241,6 +244,7 @@ void KRCompressor::pauseCompression() {
   }
   std::lock_guard lock(fileQueueLock_);
   fileQueue_.insert(fileQueue_.begin(), inFlight.begin(), inFlight.end());
+  queuedPaths_.insert(inFlight.begin(), inFlight.end());
 }
 
 void KRCompressor::resumeCompression() {

@@ -110,6 +110,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   std::recursive_mutex fileQueueLock_;
   std::deque<std::string> fileQueue_;
+  // The same paths, so that "already queued?" is not a walk of the queue.
+  std::unordered_multiset<std::string> queuedPaths_;
   std::mutex filesBeingCompressedLock_;
   std::unordered_set<std::string> filesBeingCompressed_;
   std::atomic<bool> paused_{false};
