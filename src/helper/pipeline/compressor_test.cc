@@ -3,7 +3,10 @@
 // the test.
 #include "helper/pipeline/compressor.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -213,7 +216,23 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string becameLink = dir / "became-link";
   testing::writeFile(becameLink, testing::compressibleData(20000));
 
-  compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink});
+  const std::string beingWritten = dir / "being-written";
+  testing::writeFile(beingWritten, testing::compressibleData(20000));
+
+  compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink, beingWritten});
+  // Another process has it open for writing (our own descriptors do not count).
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t writer = fork();
+  if (writer == 0) {
+    const int fd = open(beingWritten.c_str(), O_WRONLY);
+    (void)!write(ready[1], &fd, sizeof fd);
+    pause();
+    _exit(0);
+  }
+  int writerFd = -1;
+  ASSERT_EQ(read(ready[0], &writerFd, sizeof writerFd), static_cast<ssize_t>(sizeof writerFd));
+  ASSERT_GE(writerFd, 0);
   unlink(vanished.c_str());
   unlink(becameDirectory.c_str());
   mkdir(becameDirectory.c_str(), 0755);
@@ -223,8 +242,12 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   advance(5.0);
   finishBatches();
 
+  kill(writer, SIGKILL);
+  waitpid(writer, nullptr, 0);
+  close(ready[0]);
+  close(ready[1]);
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
-  ASSERT_EQ(done.size(), 5u);
+  ASSERT_EQ(done.size(), 6u);
   EXPECT_EQ(done[0].errorCode, 704);
   EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(noise));
   for (size_t i = 1; i < done.size(); ++i) {
@@ -233,6 +256,7 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   }
   EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(linked));
   EXPECT_EQ(testing::readFile(linked), testing::compressibleData(20000));
+  EXPECT_EQ(testing::readFile(beingWritten), testing::compressibleData(20000));
   EXPECT_EQ(savings.load(), 0u);
 }
 
