@@ -21,6 +21,9 @@ const int64_t* userInfoNumber(const UserInfo& info, const std::string& key) {
 const std::vector<std::string>* userInfoStrings(const UserInfo& info, const std::string& key) {
   return lookup<std::vector<std::string>>(info, key);
 }
+const Error* userInfoError(const UserInfo& info, const std::string& key) {
+  return lookup<Error>(info, key);
+}
 
 NotificationCenter& NotificationCenter::defaultCenter() {
   static NotificationCenter* center = new NotificationCenter;

@@ -12,15 +12,19 @@
 #include <variant>
 #include <vector>
 
+#include "base/error.h"
+
 namespace zephlore {
 
-using UserInfoValue = std::variant<std::string, int64_t, std::vector<std::string>>;
+// An Error travels whole (the compressor's per-file outcome), in this process only.
+using UserInfoValue = std::variant<std::string, int64_t, std::vector<std::string>, Error>;
 using UserInfo = std::map<std::string, UserInfoValue>;
 
 // Typed look-ups that answer nullptr when the key is missing or mistyped.
 const std::string* userInfoString(const UserInfo& info, const std::string& key);
 const int64_t* userInfoNumber(const UserInfo& info, const std::string& key);
 const std::vector<std::string>* userInfoStrings(const UserInfo& info, const std::string& key);
+const Error* userInfoError(const UserInfo& info, const std::string& key);
 
 struct Notification {
   std::string name;

@@ -1,0 +1,122 @@
+// KRMenuBarController: what the status item shows. It follows the pipeline's
+// four activity notifications, keeps the pause bookkeeping, names the icon
+// (four frames cycling every 0.4 s while compressing) and titles the menu
+// rows. How the item reaches the desktop is a KRStatusItemView (the tray
+// adapter); the state logic here never touches a bus.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base/notification_center.h"
+#include "base/run_loop.h"
+
+namespace zephlore {
+
+enum KRAppStatus : int32_t {
+  kStatusIdle = 0,
+  kStatusReady = 1,
+  kStatusPaused = 2,
+  kStatusAnalyzing = 3,
+  kStatusCompressing = 4,
+};
+
+inline constexpr const char* kAnalysisStartedNotification = "analysisStarted";
+inline constexpr const char* kAnalysisEndedNotification = "analysisEnded";
+
+inline constexpr const char* kIconNormal = "menubar-zephlore-normal";
+inline constexpr const char* kIconClicked = "menubar-zephlore-clicked";
+inline constexpr const char* kIconDisabled = "menubar-zephlore-disabled";
+inline constexpr const char* kAnimationFrames[] = {"menubar-zephlore-normal-a1", "menubar-zephlore-normal-a2",
+                                                   "menubar-zephlore-normal-a3", "menubar-zephlore-normal-a4"};
+
+// The rows of the item's menu, top to bottom.
+struct KRStatusMenu {
+  std::string savingsTitle = "Savings: -";
+  std::string statusTitle = "Status: Idle";
+  std::string pauseTitle = "Pause";
+  std::string openTitle = "Open Zephlore";
+};
+
+// The desktop side of the item. Called on the main thread.
+class KRStatusItemView {
+ public:
+  virtual ~KRStatusItemView() = default;
+  // Puts the item in the tray with this menu and icon.
+  virtual void show(const KRStatusMenu& menu, const std::string& iconName, const std::string& toolTip) = 0;
+  virtual void hide() = 0;
+  virtual void setIcon(const std::string& iconName) = 0;
+  virtual void setMenu(const KRStatusMenu& menu) = 0;
+};
+
+class KRMenuBarController {
+ public:
+  // The installed controller, else the process's own on the main run loop.
+  static KRMenuBarController& sharedMenuBarController();
+  static void setShared(KRMenuBarController* controller);
+
+  // Subscribes to the activity notifications; shows nothing yet.
+  explicit KRMenuBarController(RunLoop& mainLoop);
+  ~KRMenuBarController();
+  KRMenuBarController(const KRMenuBarController&) = delete;
+  KRMenuBarController& operator=(const KRMenuBarController&) = delete;
+
+  // Wiring. The view may be none (no tray at all); the savings source gives
+  // the history's total (none: "Savings: -").
+  void setView(KRStatusItemView* view);
+  void setTotalSavingsSource(std::function<uint64_t()> source);
+  // What "Open Zephlore" does (the desktop installs the terminal launcher).
+  void setShowHistoryAction(std::function<void()> action);
+
+  // Main thread from here on.
+  void setVisible(bool visible);
+  bool visible() const { return visible_; }
+  void setAppStatus(int32_t status);
+  int32_t appStatus() const { return appStatus_; }
+  bool paused() const { return paused_; }
+  void pause();
+  void resume();
+  // The menu commands.
+  void togglePause();
+  void showHistory();
+  // Retitles the savings row (on every change of the history's total).
+  void updateSavings();
+  void processStatusNotification(const std::string& name);
+
+  const KRStatusMenu& menu() const { return menu_; }
+  const std::string& iconName() const { return iconName_; }
+  static std::string statusText(int32_t status);
+
+ private:
+  void readyMenuExtra();
+  void animate();
+  void setAnimationImage(const std::string& iconName);
+  void setIcon(const std::string& iconName);
+  void cancelDelayedCalls();
+  void menuChanged();
+
+  RunLoop& mainLoop_;
+  std::vector<NotificationCenter::ObserverId> observers_;
+  KRStatusItemView* view_ = nullptr;
+  std::function<uint64_t()> totalSavings_;
+  std::function<void()> showHistoryAction_;
+  KRStatusMenu menu_;
+  std::string iconName_ = kIconNormal;
+  int32_t appStatus_ = kStatusIdle;
+  int32_t appStatusPriorToPausing_ = kStatusIdle;
+  bool analyzing_ = false;
+  bool paused_ = false;
+  bool visible_ = false;
+};
+
+class ScopedMenuBarController {
+ public:
+  explicit ScopedMenuBarController(KRMenuBarController* c) { KRMenuBarController::setShared(c); }
+  ~ScopedMenuBarController() { KRMenuBarController::setShared(nullptr); }
+  ScopedMenuBarController(const ScopedMenuBarController&) = delete;
+  ScopedMenuBarController& operator=(const ScopedMenuBarController&) = delete;
+};
+
+}  // namespace zephlore

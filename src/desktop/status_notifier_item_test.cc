@@ -1,0 +1,210 @@
+// The tray item on a private dbus-daemon. CI has no tray, so a small GDBus
+// stand-in plays org.kde.StatusNotifierWatcher; the test then reads the menu
+// over com.canonical.dbusmenu and clicks it as a tray would.
+#include "desktop/status_notifier_item.h"
+
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+#include "desktop/control_surface.h"
+#include "helper/distributed_notification_center.h"
+#include "helper/notification_names.h"
+#include "helper/pipeline/compressor.h"
+#include "helper/test_support.h"
+
+namespace zephlore {
+namespace {
+
+constexpr const char* kWatcherXml = R"xml(
+<node>
+  <interface name="org.kde.StatusNotifierWatcher">
+    <method name="RegisterStatusNotifierItem"><arg name="service" type="s" direction="in"/></method>
+  </interface>
+</node>)xml";
+
+class FakeTrayWatcher {
+ public:
+  explicit FakeTrayWatcher(const std::string& address) {
+    thread_.invokeAndWait([&] {
+      connection_ = g_dbus_connection_new_for_address_sync(
+          address.c_str(),
+          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+          nullptr, nullptr, nullptr);
+      node_ = g_dbus_node_info_new_for_xml(kWatcherXml, nullptr);
+      static const GDBusInterfaceVTable vtable = {
+          +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+              GDBusMethodInvocation* invocation, gpointer self) {
+            const gchar* service = nullptr;
+            g_variant_get(parameters, "(&s)", &service);
+            static_cast<FakeTrayWatcher*>(self)->registered(service);
+            g_dbus_method_invocation_return_value(invocation, nullptr);
+          },
+          nullptr, nullptr, {}};
+      g_dbus_connection_register_object(connection_, "/StatusNotifierWatcher", node_->interfaces[0], &vtable, this,
+                                        nullptr, nullptr);
+    });
+    GVariant* reply = call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+                           g_variant_new("(su)", KRStatusNotifierItem::kWatcherName, 0u));
+    g_variant_unref(reply);
+  }
+  ~FakeTrayWatcher() {
+    thread_.invokeAndWait([&] {
+      g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+      g_object_unref(connection_);
+      g_dbus_node_info_unref(node_);
+    });
+  }
+
+  std::string waitForItem() {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(30), [&] { return !service_.empty(); });
+    return service_;
+  }
+
+  // A blocking call to another connection; the reply, or none on error.
+  GVariant* call(const std::string& destination, const char* path, const char* interface, const char* method,
+                 GVariant* parameters) {
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(connection_, destination.c_str(), path, interface, method,
+                                                  parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    if (!reply) {
+      ADD_FAILURE() << method << ": " << error->message;
+      g_clear_error(&error);
+    }
+    return reply;
+  }
+
+ private:
+  void registered(const std::string& service) {
+    std::lock_guard lock(mutex_);
+    service_ = service;
+    changed_.notify_all();
+  }
+
+  DesktopGlibThread thread_;
+  GDBusConnection* connection_ = nullptr;
+  GDBusNodeInfo* node_ = nullptr;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string service_;
+};
+
+// Menu rows as read from GetLayout: id and label of each child of the root.
+std::vector<std::pair<int32_t, std::string>> readMenu(FakeTrayWatcher& tray, const std::string& service) {
+  const gchar* const noProperties[] = {nullptr};
+  GVariant* reply = tray.call(service, KRStatusNotifierItem::kMenuPath, "com.canonical.dbusmenu", "GetLayout",
+                              g_variant_new("(ii^as)", 0, -1, noProperties));
+  std::vector<std::pair<int32_t, std::string>> rows;
+  if (!reply) return rows;
+  GVariant* layout = g_variant_get_child_value(reply, 1);
+  GVariant* children = g_variant_get_child_value(layout, 2);
+  for (gsize i = 0; i < g_variant_n_children(children); ++i) {
+    GVariant* boxed = g_variant_get_child_value(children, i);
+    GVariant* child = g_variant_get_variant(boxed);
+    int32_t id = 0;
+    GVariant* properties = nullptr;
+    g_variant_get_child(child, 0, "i", &id);
+    properties = g_variant_get_child_value(child, 1);
+    const gchar* label = nullptr;
+    std::string text;
+    if (g_variant_lookup(properties, "label", "&s", &label)) text = label;
+    rows.emplace_back(id, text);
+    g_variant_unref(properties);
+    g_variant_unref(child);
+    g_variant_unref(boxed);
+  }
+  g_variant_unref(children);
+  g_variant_unref(layout);
+  g_variant_unref(reply);
+  return rows;
+}
+
+std::string itemProperty(FakeTrayWatcher& tray, const std::string& service, const char* name) {
+  GVariant* reply = tray.call(service, KRStatusNotifierItem::kItemPath, "org.freedesktop.DBus.Properties", "Get",
+                              g_variant_new("(ss)", "org.kde.StatusNotifierItem", name));
+  if (!reply) return "";
+  GVariant* value = nullptr;
+  g_variant_get(reply, "(v)", &value);
+  std::string text = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) ? g_variant_get_string(value, nullptr) : "";
+  g_variant_unref(value);
+  g_variant_unref(reply);
+  return text;
+}
+
+void click(FakeTrayWatcher& tray, const std::string& service, int32_t id) {
+  GVariant* reply = tray.call(service, KRStatusNotifierItem::kMenuPath, "com.canonical.dbusmenu", "Event",
+                              g_variant_new("(isvu)", id, "clicked", g_variant_new_int32(0), 0u));
+  if (reply) g_variant_unref(reply);
+}
+
+TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
+  testing::TestHome home;
+  testing::TestSessionBus bus(home.root());
+  // A terminal of our own: this machine may have none.
+  const std::string bin = home.root() + "/bin";
+  mkdir(bin.c_str(), 0755);
+  testing::writeFile(bin + "/x-terminal-emulator", "#!/bin/sh\nexit 0\n");
+  chmod((bin + "/x-terminal-emulator").c_str(), 0755);
+  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+
+  ManualClock clock;
+  RunLoop loop(clock);
+  loop.runUntilIdle();  // this thread is the main thread
+  OperationQueue queue(1);
+  KRCompressor compressor(loop, &queue);
+  ScopedCompressor useCompressor(&compressor);
+  KRMenuBarController controller(loop);
+  {
+    // No tray yet: the item is simply not shown anywhere.
+    KRStatusNotifierItem item(loop, [&] { controller.togglePause(); }, [&] { KRHelperUtil::showHistory(loop); });
+    controller.setView(&item);
+    controller.setTotalSavingsSource([] { return uint64_t{1234567}; });
+    controller.setVisible(true);
+    NotificationCenter::defaultCenter().post(kCompressionStartedNotification);
+    item.sync();
+
+    FakeTrayWatcher tray(bus.address());
+    const std::string service = tray.waitForItem();
+    ASSERT_EQ(service, item.serviceName());
+    EXPECT_EQ(itemProperty(tray, service, "Status"), "Active");
+    EXPECT_EQ(itemProperty(tray, service, "Menu"), "");  // an object path, not a string
+    item.sync();
+    auto rows = readMenu(tray, service);
+    ASSERT_EQ(rows.size(), 5u);
+    EXPECT_EQ(rows[0].second, "Savings: 1.23 MB");
+    EXPECT_EQ(rows[1].second, "Status: Compressing");
+    EXPECT_EQ(rows[2].second, "Pause");
+    EXPECT_EQ(rows[4].second, "Open Zephlore");
+
+    click(tray, service, rows[2].first);
+    loop.runUntil([&] { return compressor.compressorPaused(); });
+    item.sync();
+    EXPECT_EQ(readMenu(tray, service)[2].second, "Resume");
+    EXPECT_EQ(readMenu(tray, service)[1].second, "Status: Paused");
+    EXPECT_EQ(itemProperty(tray, service, "IconName"), kIconDisabled);
+
+    // "Open Zephlore": the terminal runs `zephlore folders`, then the history
+    // is asked for.
+    std::vector<std::string> command = KRHelperUtil::controlSurfaceCommand();
+    ASSERT_EQ(command.size(), 4u);
+    EXPECT_EQ(command[0], bin + "/x-terminal-emulator");
+    EXPECT_EQ(command[3], "folders");
+    bool shown = false;
+    auto observer = DistributedNotificationCenter::defaultCenter().addObserver(
+        kShowHistoryNotification, [&](const Notification&) { shown = true; }, loop);
+    click(tray, service, rows[4].first);
+    loop.runUntil([&] { return shown; });
+    DistributedNotificationCenter::defaultCenter().removeObserver(observer);
+
+    controller.setView(nullptr);
+  }
+  queue.waitUntilAllOperationsAreFinished();
+}
+
+}  // namespace
+}  // namespace zephlore

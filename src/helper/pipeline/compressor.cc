@@ -1,0 +1,279 @@
+#include "helper/pipeline/compressor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/list_util.h"
+#include "base/log.h"
+#include "base/notification_center.h"
+#include "engine/compression_signature.h"
+#include "engine/extended_attributes_helper.h"
+#include "engine/hfs_error_codes.h"
+#include "helper/file_in_process_watchdog.h"
+#include "helper/helper_defaults.h"
+#include "helper/pipeline/system_load_handler.h"
+#include "helper/scheduler.h"
+#include "platform/thread_priority.h"
+
+namespace zephlore {
+namespace {
+
+std::atomic<KRCompressor*> installed{nullptr};
+constexpr const char* kTickKey = "compressionTick";
+
+// Once per worker thread: the user's own work always comes first.
+void yieldToEverythingElse() {
+  thread_local bool done = false;
+  if (done) return;
+  done = true;
+  if (!setCurrentThreadNice(KRCompressor::kCompressionThreadNice)) {
+    KRLog("Could not lower the compression thread's priority: %s", strerror(errno));
+  }
+  if (!setCurrentThreadIdleIoPriority()) {
+    KRLog("Could not put the compression thread's I/O in the idle class: %s", strerror(errno));
+  }
+}
+
+}  // namespace
+
+KRCompressor& KRCompressor::sharedCompressor() {
+  if (KRCompressor* compressor = installed.load()) return *compressor;
+  static KRCompressor* own = new KRCompressor(RunLoop::main(), &KRScheduler::sharedScheduler().compressionQueue());
+  return *own;
+}
+
+void KRCompressor::setShared(KRCompressor* compressor) { installed.store(compressor); }
+
+KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue)
+    : mainLoop_(mainLoop), compressionQueue_(compressionQueue) {
+  if (!compressionQueue_) {
+    ownQueue_ = std::make_unique<OperationQueue>(1);
+    compressionQueue_ = ownQueue_.get();
+  }
+}
+
+KRCompressor::~KRCompressor() {
+  {
+    std::lock_guard lock(loadWaitLock_);
+    paused_ = true;
+  }
+  loadWaitCv_.notify_all();
+  mainLoop_.cancelPerform(this, kTickKey);
+  if (ownQueue_) ownQueue_->waitUntilAllOperationsAreFinished();
+}
+
+void KRCompressor::setFolderWatchTest(FolderWatchTest test) {
+  std::lock_guard lock(hooksLock_);
+  folderWatchTest_ = std::move(test);
+}
+
+void KRCompressor::setSavingsRecorder(SavingsRecorder recorder) {
+  std::lock_guard lock(hooksLock_);
+  savingsRecorder_ = std::move(recorder);
+}
+
+bool KRCompressor::isWatched(const std::string& path) {
+  FolderWatchTest test;
+  {
+    std::lock_guard lock(hooksLock_);
+    test = folderWatchTest_;
+  }
+  return test && test(path);
+}
+
+Error KRCompressor::folderNotWatchedError(const std::string& path) {
+  return Error{kHelperErrorDomain, kFolderNotWatchedErrorCode,
+               "Not compressing file " + path + " because folder is no longer being watched"};
+}
+
+uint64_t KRCompressor::addFiles(const std::vector<std::string>& paths) {
+  if (paths.empty()) return 0;
+  uint64_t added = 0;
+  {
+    std::lock_guard lock(fileQueueLock_);
+    for (const std::string& path : paths) {
+      // Re-enters the queue's lock (recursive), then takes the set's.
+      if (isInProcess(path) || !isWatched(path)) continue;
+      fileQueue_.push_back(path);
+      queuedPaths_.insert(path);
+      ++added;
+    }
+  }
+  mainLoop_.post([this] { scheduleTick(); });
+  return added;
+}
+
+bool KRCompressor::isInProcess(const std::string& path) {
+  {
+    std::lock_guard lock(fileQueueLock_);
+    if (queuedPaths_.count(path) != 0) return true;
+  }
+  std::lock_guard lock(filesBeingCompressedLock_);
+  return filesBeingCompressed_.count(path) != 0;
+}
+
+void KRCompressor::scheduleTick() {
+  mainLoop_.cancelPerform(this, kTickKey);
+  bool queueEmpty;
+  {
+    std::lock_guard lock(fileQueueLock_);
+    queueEmpty = fileQueue_.empty();
+  }
+  // A steady stream of additions postpones compression until it pauses.
+  if (!queueEmpty) mainLoop_.performAfterDelay(this, kTickKey, seconds(kTickDelay), [this] { compressionTick(); });
+  bool inFlightEmpty;
+  {
+    std::lock_guard lock(filesBeingCompressedLock_);
+    inFlightEmpty = filesBeingCompressed_.empty();
+  }
+  NotificationCenter::defaultCenter().post(
+      queueEmpty && inFlightEmpty ? kCompressionEndedNotification : kCompressionStartedNotification);
+}
+
+void KRCompressor::compressionTick() {
+  std::vector<std::string> batch;
+  {
+    std::lock_guard lock(fileQueueLock_);
+    batch = leftPopNumObjects(fileQueue_, kBatchSize);
+    for (const std::string& path : batch) queuedPaths_.erase(queuedPaths_.find(path));
+  }
+  {
+    std::lock_guard lock(filesBeingCompressedLock_);
+    filesBeingCompressed_.insert(batch.begin(), batch.end());
+  }
+  // Even an empty batch goes through the queue: its completion is what
+  // reports the end of compression.
+  compressionQueue_->addOperation([this, batch] { compressFiles(batch); },
+                                  [this, batch] {
+                                    // A paused batch stays counted until
+                                    // pauseCompression moves it back.
+                                    if (paused_) return;
+                                    {
+                                      std::lock_guard lock(filesBeingCompressedLock_);
+                                      for (const std::string& path : batch) filesBeingCompressed_.erase(path);
+                                    }
+                                    mainLoop_.post([this] { scheduleTick(); });
+                                  });
+}
+
+bool KRCompressor::waitForQuietSystem() {
+  Clock& clock = mainLoop_.clock();
+  for (;;) {
+    KRSystemLoadHandler& load = KRSystemLoadHandler::sharedSystemLoadHandler();
+    if (!(load.currentCPULoad() > kMaxCPULoad || load.currentDiskLoad() > kMaxDiskLoad)) return !paused_;
+    std::unique_lock lock(loadWaitLock_);
+    if (clock.waitUntil(lock, loadWaitCv_, clock.now() + seconds(kLoadRetestInterval),
+                        [this] { return paused_.load(); })) {
+      return false;
+    }
+  }
+}
+
+void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
+  yieldToEverythingElse();
+  HFSCompressionOptions options;
+  options.workers = 1;
+  options.useExchange = KRHelperDefaults::sharedHelperDefaults().useSeamlessFileSwitch();
+  for (const std::string& path : batch) {
+    if (paused_) return;
+    // A pause during the wait stops the batch here, before the file.
+    if (!waitForQuietSystem()) return;
+    Error error;
+    bool failed = false;
+    if (!isWatched(path)) {
+      error = folderNotWatchedError(path);
+      failed = true;
+    } else {
+      int64_t saved = 0;
+      int64_t uncompressedSize = 0;
+      if (QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, &saved, &uncompressedSize, this,
+                                                                 options)) {
+        KRExtendedAttributesHelper::setCompressionSignature(
+            KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
+            path);
+        SavingsRecorder recorder;
+        {
+          std::lock_guard lock(hooksLock_);
+          recorder = savingsRecorder_;
+        }
+        if (recorder) recorder(static_cast<uint64_t>(std::max<int64_t>(0, saved)), path);
+      } else {
+        failed = true;
+        // Only the code is compared: the data does not shrink, so later
+        // analyses pass the file over until it changes.
+        if (error.code == kHFSErrorNotCompressible) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
+      }
+    }
+    postFileCompressed(path, failed ? &error : nullptr);
+  }
+}
+
+void KRCompressor::postFileCompressed(const std::string& path, const Error* error) {
+  UserInfo info{{kFileCompressedPathKey, path}};
+  if (error) info.emplace(kFileCompressedErrorKey, *error);
+  NotificationCenter::defaultCenter().post(kFileCompressedNotification, this, std::move(info));
+}
+
+void KRCompressor::removeFilesNoLongerBeingWatched() {
+  std::lock_guard lock(fileQueueLock_);
+  const std::deque<std::string> copy = fileQueue_;
+  for (const std::string& path : copy) {
+    if (isWatched(path)) continue;
+    fileQueue_.erase(std::find(fileQueue_.begin(), fileQueue_.end(), path));
+    queuedPaths_.erase(queuedPaths_.find(path));
+    // Posted under the queue's lock: observers must not wait on another
+    // thread that calls back into the compressor.
+    const Error error = folderNotWatchedError(path);
+    postFileCompressed(path, &error);
+  }
+}
+
+void KRCompressor::pauseCompression() {
+  {
+    std::lock_guard lock(loadWaitLock_);
+    paused_ = true;
+  }
+  loadWaitCv_.notify_all();
+  mainLoop_.cancelPerform(this, kTickKey);
+  std::vector<std::string> inFlight;
+  {
+    std::lock_guard lock(filesBeingCompressedLock_);
+    inFlight.assign(filesBeingCompressed_.begin(), filesBeingCompressed_.end());
+    filesBeingCompressed_.clear();
+  }
+  std::lock_guard lock(fileQueueLock_);
+  fileQueue_.insert(fileQueue_.begin(), inFlight.begin(), inFlight.end());
+  queuedPaths_.insert(inFlight.begin(), inFlight.end());
+}
+
+void KRCompressor::resumeCompression() {
+  paused_ = false;
+  scheduleTick();
+}
+
+std::vector<std::string> KRCompressor::queuedFiles() {
+  std::lock_guard lock(fileQueueLock_);
+  return {fileQueue_.begin(), fileQueue_.end()};
+}
+
+size_t KRCompressor::filesBeingCompressedCount() {
+  std::lock_guard lock(filesBeingCompressedLock_);
+  return filesBeingCompressed_.size();
+}
+
+void KRCompressor::compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*,
+                                                             const std::string& path) {
+  // Lock first, record second: the record never names a file whose swap
+  // another thread could be in.
+  criticalSectionLock_.lock();
+  KRFileInProcessWatchdog::sharedWatchdog().willProcessFile(path);
+}
+
+void KRCompressor::compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*,
+                                                           const std::string& path) {
+  KRFileInProcessWatchdog::sharedWatchdog().didProcessFile(path);
+  criticalSectionLock_.unlock();
+}
+
+}  // namespace zephlore

@@ -1,0 +1,140 @@
+// KRCompressor: the one way files reach the in-place compressor. Analyses
+// hand it paths; it keeps them first in, first out, waits until 5.0 s pass
+// without new work, then runs up to 50 of them as one batch on the
+// compression queue (one batch at a time). Before each file it waits while the
+// machine is busy, and around each file's swap it holds its critical-section
+// lock and keeps the crash-recovery record, so that a kill at any moment
+// leaves a file the next start can repair.
+//
+// The batch runs on a thread that yields to everything else: nice 10 and the
+// idle I/O class, and the engine gets one worker.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "base/error.h"
+#include "base/operation_queue.h"
+#include "base/run_loop.h"
+#include "engine/hfs_compressed_file_representation.h"
+
+namespace zephlore {
+
+inline constexpr const char* kCompressionStartedNotification = "compressionStarted";
+inline constexpr const char* kCompressionEndedNotification = "compressionEnded";
+inline constexpr const char* kFileCompressedNotification = "KRFileCompressedNotification";
+inline constexpr const char* kFileCompressedPathKey = "path";
+inline constexpr const char* kFileCompressedErrorKey = "errorCode";  // an Error; absent on success
+inline constexpr int kFolderNotWatchedErrorCode = 8000;
+
+class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
+ public:
+  static constexpr size_t kBatchSize = 50;
+  static constexpr double kTickDelay = 5.0;
+  static constexpr double kLoadRetestInterval = 2.0;
+  static constexpr float kMaxCPULoad = 0.7f;
+  static constexpr float kMaxDiskLoad = 0.85f;
+  static constexpr int kCompressionThreadNice = 10;
+
+  // Whether the watcher still watches a folder holding the path.
+  using FolderWatchTest = std::function<bool(const std::string& path)>;
+  // Adds saved bytes to the history of the path's folder.
+  using SavingsRecorder = std::function<void(uint64_t savedBytes, const std::string& path)>;
+
+  // The installed compressor, else the process's own (main run loop, the
+  // scheduler's compression queue), made on first use and never destroyed.
+  static KRCompressor& sharedCompressor();
+  static void setShared(KRCompressor* compressor);
+
+  // Ticks on `mainLoop`; batches on `compressionQueue`, or on a one-at-a-time
+  // queue of its own when none is given (tests).
+  explicit KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue = nullptr);
+  // Stops the running batch before its next file and waits for it.
+  ~KRCompressor() override;
+  KRCompressor(const KRCompressor&) = delete;
+  KRCompressor& operator=(const KRCompressor&) = delete;
+
+  // Wiring, before the first file is added. Without a watch test no folder is
+  // watched (nothing is compressed); without a recorder savings are dropped.
+  void setFolderWatchTest(FolderWatchTest test);
+  void setSavingsRecorder(SavingsRecorder recorder);
+
+  // Queues the paths not already in process and in a watched folder; returns
+  // how many. Any thread.
+  static uint64_t addFilesToCompress(const std::vector<std::string>& paths) {
+    return sharedCompressor().addFiles(paths);
+  }
+  uint64_t addFiles(const std::vector<std::string>& paths);
+  static bool isFileInProcess(const std::string& path) { return sharedCompressor().isInProcess(path); }
+  bool isInProcess(const std::string& path);
+
+  // Main thread.
+  void removeFilesNoLongerBeingWatched();
+  void scheduleTick();
+  void compressionTick();
+  void pauseCompression();
+  void resumeCompression();
+  bool compressorPaused() const { return paused_.load(); }
+
+  // Taken (with a try) at termination so as not to quit inside a swap.
+  std::mutex& compressorCriticalSectionLock() { return criticalSectionLock_; }
+
+  // Snapshots for tests and the status item.
+  std::vector<std::string> queuedFiles();
+  size_t filesBeingCompressedCount();
+
+  // The engine's delegate: the swap of one file.
+  void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation* compressor,
+                                                 const std::string& path) override;
+  void compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation* compressor,
+                                               const std::string& path) override;
+
+ private:
+  void compressFiles(const std::vector<std::string>& batch);
+  // Waits while the machine is busy; false when a pause came meanwhile.
+  bool waitForQuietSystem();
+  bool isWatched(const std::string& path);
+  static Error folderNotWatchedError(const std::string& path);
+  void postFileCompressed(const std::string& path, const Error* error);
+
+  RunLoop& mainLoop_;
+  OperationQueue* compressionQueue_;
+
+  std::recursive_mutex fileQueueLock_;
+  std::deque<std::string> fileQueue_;
+  // The same paths, so that "already queued?" is not a walk of the queue.
+  std::unordered_multiset<std::string> queuedPaths_;
+  std::mutex filesBeingCompressedLock_;
+  std::unordered_set<std::string> filesBeingCompressed_;
+  std::atomic<bool> paused_{false};
+  std::mutex criticalSectionLock_;
+
+  std::mutex hooksLock_;
+  FolderWatchTest folderWatchTest_;
+  SavingsRecorder savingsRecorder_;
+
+  // Wakes a load wait early when the compressor pauses.
+  std::mutex loadWaitLock_;
+  std::condition_variable loadWaitCv_;
+
+  // Last: destroyed first, so a batch still running finds the rest alive.
+  std::unique_ptr<OperationQueue> ownQueue_;
+};
+
+class ScopedCompressor {
+ public:
+  explicit ScopedCompressor(KRCompressor* compressor) { KRCompressor::setShared(compressor); }
+  ~ScopedCompressor() { KRCompressor::setShared(nullptr); }
+  ScopedCompressor(const ScopedCompressor&) = delete;
+  ScopedCompressor& operator=(const ScopedCompressor&) = delete;
+};
+
+}  // namespace zephlore

@@ -1,0 +1,303 @@
+// The compressor queue on real files on tmpfs, the real engine and the real
+// crash record, with time driven by a manual clock and the load answered by
+// the test.
+#include "helper/pipeline/compressor.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "engine/extended_attributes_helper.h"
+#include "engine/file_content_reader.h"
+#include "engine/scratch_dir_for_tests.h"
+#include "helper/file_in_process_watchdog.h"
+#include "helper/pipeline/pipeline_test_support.h"
+#include "platform/thread_priority.h"
+
+namespace zephlore {
+namespace {
+
+using testing::FixedLoad;
+using testing::NotificationRecorder;
+using testing::PostedNotification;
+
+class CompressorTest : public ::testing::Test {
+ protected:
+  CompressorTest() {
+    compressor.setFolderWatchTest([this](const std::string& path) {
+      std::lock_guard lock(watchedLock);
+      return path.rfind(watched, 0) == 0;
+    });
+    compressor.setSavingsRecorder([this](uint64_t saved, const std::string&) { savings += saved; });
+  }
+  ~CompressorTest() override { queue.waitUntilAllOperationsAreFinished(); }
+
+  std::vector<std::string> makeFiles(int count, const std::string& prefix = "f") {
+    std::vector<std::string> paths;
+    for (int i = 0; i < count; ++i) {
+      std::string path = dir / (prefix + std::to_string(i));
+      testing::writeFile(path, testing::compressibleData(8192, static_cast<uint32_t>(i)));
+      paths.push_back(path);
+    }
+    return paths;
+  }
+  void unwatchAll() {
+    std::lock_guard lock(watchedLock);
+    watched = "/nowhere/";
+  }
+  // Lets a finished batch's completion reach the main loop and run there.
+  void finishBatches() {
+    queue.waitUntilAllOperationsAreFinished();
+    loop.runUntilIdle();
+  }
+  void advance(double s) {
+    clock->advance(seconds(s));
+    loop.runUntilIdle();
+  }
+
+  const std::string& home = testing::processTestHome();
+  testing::ScratchDir dir;
+  ScopedManualClock clock;
+  FixedLoad load{*clock};
+  ScopedSystemLoadHandler useLoad{&load};
+  RunLoop loop{*clock};
+  NotificationRecorder recorder{*clock};
+  OperationQueue queue{1};
+  KRCompressor compressor{loop, &queue};
+  std::mutex watchedLock;
+  std::string watched = dir.path() + "/";
+  std::atomic<uint64_t> savings{0};
+};
+
+TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFinished) {
+  EXPECT_EQ(compressor.addFiles({}), 0u);
+  loop.runUntilIdle();
+  EXPECT_TRUE(recorder.named(kCompressionStartedNotification).empty());
+
+  std::vector<std::string> files = makeFiles(120);
+  std::vector<std::string> withDuplicate = files;
+  withDuplicate.push_back(files[0]);
+  EXPECT_EQ(compressor.addFiles(withDuplicate), 120u);
+  EXPECT_EQ(compressor.addFiles({files[1], std::string("/elsewhere/x")}), 0u);  // queued; not watched
+  EXPECT_TRUE(compressor.isInProcess(files[119]));
+
+  // The compression thread yields to the user's work.
+  int nice = 0;
+  bool idleIo = false;
+  NotificationCenter::ObserverId probe = NotificationCenter::defaultCenter().addObserver(
+      kFileCompressedNotification, nullptr, [&](const Notification&) {
+        nice = currentThreadNice();
+        idleIo = currentThreadHasIdleIoPriority();
+      });
+
+  const TimePoint start = clock->now();
+  loop.runUntilIdle();
+  advance(4.9);
+  EXPECT_EQ(compressor.queuedFiles().size(), 120u);
+  advance(0.1);  // batch 1 at 5.0 s
+  finishBatches();
+  advance(5.0);  // batch 2, 5.0 s after batch 1 finished
+  finishBatches();
+  advance(4.0);
+  EXPECT_EQ(compressor.queuedFiles().size(), 20u);
+  advance(1.0);  // batch 3
+  finishBatches();
+  NotificationCenter::defaultCenter().removeObserver(probe);
+
+  std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(done.size(), 120u);
+  for (size_t i = 0; i < done.size(); ++i) {
+    EXPECT_EQ(done[i].path, files[i]);
+    EXPECT_EQ(done[i].errorCode, 0) << done[i].path;
+    const double at = i < 50 ? 5.0 : i < 100 ? 10.0 : 15.0;
+    EXPECT_EQ(done[i].time - start, seconds(at)) << i;
+  }
+  for (const std::string& file : files) {
+    Error error;
+    auto reader = FileContentReader::open(file, &error);
+    ASSERT_TRUE(reader && reader->isCompressed()) << file;
+    EXPECT_TRUE(KRExtendedAttributesHelper::compressionSignatureAtPath(file)) << file;
+  }
+  EXPECT_GT(savings.load(), 0u);
+  EXPECT_EQ(nice, KRCompressor::kCompressionThreadNice);
+  EXPECT_TRUE(idleIo);
+  EXPECT_EQ(recorder.named(kCompressionEndedNotification).size(), 1u);
+  EXPECT_FALSE(compressor.isInProcess(files[0]));
+  // The crash record exists and is empty between swaps.
+  struct stat record;
+  ASSERT_EQ(stat(KRFileInProcessWatchdog::watchdogFilename().c_str(), &record), 0);
+  EXPECT_EQ(record.st_size, 0);
+}
+
+TEST_F(CompressorTest, BusyProcessorIsRetestedEvery2SecondsAndExactly070Passes) {
+  load.setCPULoad(0.71f);
+  std::vector<std::string> files = makeFiles(1);
+  compressor.addFiles(files);
+  loop.runUntilIdle();
+  advance(5.0);
+  load.waitForReads(1);
+  clock->waitForSleepers(1);
+  advance(1.5);
+  advance(0.5);
+  load.waitForReads(2);
+  clock->waitForSleepers(1);
+  load.setCPULoad(0.70f);
+  advance(2.0);
+  recorder.waitFor(kFileCompressedNotification, 1);
+  std::vector<TimePoint> reads = load.waitForReads(3);
+  ASSERT_EQ(reads.size(), 3u);
+  EXPECT_EQ(reads[1] - reads[0], seconds(2.0));
+  EXPECT_EQ(reads[2] - reads[1], seconds(2.0));
+  EXPECT_EQ(recorder.named(kFileCompressedNotification)[0].errorCode, 0);
+}
+
+TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithThem) {
+  std::vector<std::string> files = makeFiles(60);
+  // Quiet for two files, then busy: the batch waits before its third file.
+  load.setCPULoadByRead([](int read) { return read <= 2 ? 0.0f : 0.9f; });
+  compressor.addFiles(files);
+  loop.runUntilIdle();
+  advance(5.0);
+  load.waitForReads(3);
+  clock->waitForSleepers(1);
+
+  compressor.pauseCompression();
+  queue.waitUntilAllOperationsAreFinished();
+  loop.runUntilIdle();
+  EXPECT_EQ(recorder.named(kFileCompressedNotification).size(), 2u);
+  std::vector<std::string> queued = compressor.queuedFiles();
+  ASSERT_EQ(queued.size(), 60u);
+  EXPECT_EQ(std::set<std::string>(queued.begin(), queued.begin() + 50),
+            std::set<std::string>(files.begin(), files.begin() + 50));
+  EXPECT_EQ(std::vector<std::string>(queued.begin() + 50, queued.end()),
+            std::vector<std::string>(files.begin() + 50, files.end()));
+  EXPECT_EQ(compressor.filesBeingCompressedCount(), 0u);
+
+  // Paused: additions still arm a tick, whose batch stops at once and stays
+  // counted as in flight (the next pause moves it back).
+  compressor.addFiles(makeFiles(1, "late"));
+  loop.runUntilIdle();
+  advance(5.0);
+  queue.waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(compressor.filesBeingCompressedCount(), 50u);
+  EXPECT_EQ(recorder.named(kFileCompressedNotification).size(), 2u);
+  compressor.pauseCompression();
+  EXPECT_EQ(compressor.queuedFiles().size(), 61u);
+
+  load.setCPULoad(0.0f);
+  recorder.clear();
+  compressor.resumeCompression();
+  advance(5.0);
+  finishBatches();
+  std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(done.size(), 50u);
+  std::set<std::string> firstAgain;
+  for (const PostedNotification& n : done) firstAgain.insert(n.path);
+  EXPECT_EQ(firstAgain, std::set<std::string>(files.begin(), files.begin() + 50));
+}
+
+TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
+  const std::string noise = dir / "noise";
+  testing::writeFile(noise, testing::randomData(200000, 7));
+  const std::string linked = dir / "linked";
+  testing::writeFile(linked, testing::compressibleData(20000));
+  ASSERT_EQ(link(linked.c_str(), (dir / "second-name").c_str()), 0);
+  const std::string vanished = dir / "vanished";
+  testing::writeFile(vanished, testing::compressibleData(20000));
+  const std::string becameDirectory = dir / "became-directory";
+  testing::writeFile(becameDirectory, testing::compressibleData(20000));
+  const std::string becameLink = dir / "became-link";
+  testing::writeFile(becameLink, testing::compressibleData(20000));
+
+  const std::string beingWritten = dir / "being-written";
+  testing::writeFile(beingWritten, testing::compressibleData(20000));
+
+  compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink, beingWritten});
+  // Another process has it open for writing (our own descriptors do not count).
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t writer = fork();
+  if (writer == 0) {
+    const int fd = open(beingWritten.c_str(), O_WRONLY);
+    (void)!write(ready[1], &fd, sizeof fd);
+    pause();
+    _exit(0);
+  }
+  int writerFd = -1;
+  ASSERT_EQ(read(ready[0], &writerFd, sizeof writerFd), static_cast<ssize_t>(sizeof writerFd));
+  ASSERT_GE(writerFd, 0);
+  unlink(vanished.c_str());
+  unlink(becameDirectory.c_str());
+  mkdir(becameDirectory.c_str(), 0755);
+  unlink(becameLink.c_str());
+  ASSERT_EQ(symlink(linked.c_str(), becameLink.c_str()), 0);
+  loop.runUntilIdle();
+  advance(5.0);
+  finishBatches();
+
+  kill(writer, SIGKILL);
+  waitpid(writer, nullptr, 0);
+  close(ready[0]);
+  close(ready[1]);
+  std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(done.size(), 6u);
+  EXPECT_EQ(done[0].errorCode, 704);
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(noise));
+  for (size_t i = 1; i < done.size(); ++i) {
+    EXPECT_NE(done[i].errorCode, 0) << done[i].path;
+    EXPECT_NE(done[i].errorCode, 704) << done[i].path;
+  }
+  EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(linked));
+  EXPECT_EQ(testing::readFile(linked), testing::compressibleData(20000));
+  EXPECT_EQ(testing::readFile(beingWritten), testing::compressibleData(20000));
+  EXPECT_EQ(savings.load(), 0u);
+}
+
+TEST_F(CompressorTest, UnwatchedFolderGives8000AndAnEmptiedQueueStillEndsWithCompressionEnded) {
+  std::vector<std::string> files = makeFiles(3);
+  compressor.addFiles(files);
+  loop.runUntilIdle();
+  recorder.clear();
+
+  unwatchAll();
+  compressor.removeFilesNoLongerBeingWatched();
+  std::vector<PostedNotification> dropped = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(dropped.size(), 3u);
+  for (const PostedNotification& n : dropped) EXPECT_EQ(n.errorCode, 8000);
+  EXPECT_TRUE(compressor.queuedFiles().empty());
+  EXPECT_TRUE(recorder.named(kCompressionEndedNotification).empty());
+
+  advance(5.0);  // the tick armed before the removal still fires
+  finishBatches();
+  EXPECT_EQ(recorder.named(kCompressionEndedNotification).size(), 1u);
+
+  // A file already in a batch when its folder goes is refused when reached.
+  {
+    std::lock_guard lock(watchedLock);
+    watched = dir.path() + "/";
+  }
+  load.setCPULoad(0.9f);
+  compressor.addFiles({files[0]});
+  loop.runUntilIdle();
+  advance(5.0);
+  load.waitForReads(1);
+  clock->waitForSleepers(1);
+  unwatchAll();
+  load.setCPULoad(0.0f);
+  advance(2.0);
+  finishBatches();
+  dropped = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(dropped.size(), 4u);
+  EXPECT_EQ(dropped[3].errorCode, 8000);
+  EXPECT_EQ(testing::readFile(files[0]), testing::compressibleData(8192, 0));
+}
+
+}  // namespace
+}  // namespace zephlore

@@ -1,0 +1,185 @@
+// Load sampling and power gating on the main loop under a manual clock. The
+// counters come from a fake /proc and /sys tree, and the power supplies from
+// a fake /sys/class/power_supply: this machine has no battery and its real
+// load moves on its own.
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "base/log.h"
+#include "engine/scratch_dir_for_tests.h"
+#include "helper/growl_bridge.h"
+#include "helper/pipeline/power_manager.h"
+#include "helper/pipeline/system_load_handler.h"
+
+namespace zephlore {
+namespace {
+
+using testing::ScratchDir;
+
+void put(const std::string& path, const std::string& text) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  testing::writeFile(path, text);
+}
+
+class FakeTree {
+ public:
+  FakeTree() {
+    put(root_ / "proc/cpuinfo", "processor\t: 0\ncpu MHz\t\t: 1000.000\n");
+    std::filesystem::create_directories(root_ / "sys/block/sda/device");
+    setCpu(0, 0, 0, 0);
+    setDiskSectors(0);
+  }
+  // Two processors' busy and idle ticks.
+  void setCpu(uint64_t busy0, uint64_t idle0, uint64_t busy1, uint64_t idle1) {
+    put(root_ / "proc/stat", "cpu  0 0 0 0\ncpu0 " + std::to_string(busy0) + " 0 0 " + std::to_string(idle0) +
+                                 "\ncpu1 0 0 " + std::to_string(busy1) + " " + std::to_string(idle1) + "\n");
+  }
+  void setDiskSectors(uint64_t sectors) {
+    put(root_ / "proc/diskstats", "   8       0 sda 0 0 " + std::to_string(sectors) + " 0 0 0 0 0 0 0 0\n");
+  }
+  std::unique_ptr<LoadCounters> counters() {
+    return std::make_unique<KernelLoadCounters>(root_ / "proc", root_ / "sys");
+  }
+  std::string path(const std::string& name) { return root_ / name; }
+
+ private:
+  ScratchDir root_;
+};
+
+TEST(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
+  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(1'000'000'000), "1000MHz");
+  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(1'000'000'001), "1.00GHz");
+  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(2'400'000'000), "2.40GHz");
+
+  FakeTree tree;
+  ManualClock clock;
+  RunLoop loop(clock);
+  KRSystemLoadHandler handler(tree.counters(), loop);
+  EXPECT_EQ(handler.currentCPULoad(), 0.0f);
+  loop.runUntilIdle();
+  EXPECT_EQ(handler.clockSpeed(), "1000MHz");
+  EXPECT_EQ(handler.cpuCount(), 2);
+  EXPECT_EQ(handler.currentCPULoad(), 0.0f);  // unchanged counters: idle, not a division by zero
+  EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
+
+  // cpu0 fully busy, cpu1 untouched: the average of 1.0 and 0.0.
+  tree.setCpu(100, 0, 0, 0);
+  clock.advance(seconds(1.9));
+  loop.runUntilIdle();
+  EXPECT_EQ(handler.currentCPULoad(), 0.0f);
+  clock.advance(seconds(0.1));
+  loop.runUntilIdle();
+  EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.5f);
+
+  // 5120 bytes against the floor of 10000; then a burst becomes the maximum.
+  tree.setDiskSectors(10);
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.512f);
+  EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 10000u);
+  tree.setDiskSectors(10 + 80);  // 40960 bytes
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 1.0f);
+  EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 40960u);
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.0f);
+
+  // Garbled counters end sampling with one line; the loads drop to 0.0.
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  tree.setCpu(200, 0, 0, 0);
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_GT(handler.currentCPULoad(), 0.0f);
+  put(tree.path("proc/stat"), "cpu0 12");
+  put(tree.path("proc/diskstats"), "garbage");
+  for (int i = 0; i < 3; ++i) {
+    clock.advance(seconds(2.0));
+    loop.runUntilIdle();
+  }
+  EXPECT_EQ(handler.currentCPULoad(), 0.0f);
+  EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
+  EXPECT_EQ(lines.size(), 2u);  // one for each counter, once
+}
+
+TEST(SystemLoadHandlerTest, MissingCountersMeanNoSamplingAndNoLoad) {
+  ScratchDir empty;
+  ManualClock clock;
+  RunLoop loop(clock);
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  KRSystemLoadHandler handler(std::make_unique<KernelLoadCounters>(empty / "proc", empty / "sys"), loop);
+  loop.runUntilIdle();
+  clock.advance(seconds(10));
+  loop.runUntilIdle();
+  EXPECT_EQ(handler.currentCPULoad(), 0.0f);
+  EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
+  EXPECT_EQ(lines.size(), 1u);
+}
+
+class RecordingSender final : public NoticeSender {
+ public:
+  void send(const Notice& notice) override { types.push_back(notice.type); }
+  std::vector<uint32_t> types;
+};
+
+TEST(PowerManagerTest, UnplugPausesOnceAndReplugResumesOnce) {
+  ScratchDir supplies;
+  auto sender = std::make_shared<RecordingSender>();
+  ScopedNoticeSender useSender(sender);
+  ManualClock clock;
+  RunLoop loop(clock);
+  KRPowerManager manager(std::make_unique<SysfsPowerSupplies>(supplies.path()), loop);
+  EXPECT_FALSE(manager.hasBattery());
+  EXPECT_TRUE(manager.connectedToPowerSource());
+
+  put(supplies / "AC/type", "Mains");
+  put(supplies / "AC/online", "1");
+  put(supplies / "BAT0/type", "Battery");
+  put(supplies / "BAT0/present", "1");
+  EXPECT_TRUE(manager.hasBattery());
+
+  bool paused = false;
+  bool active = true;
+  int pauses = 0, resumes = 0;
+  manager.setHooks({[&] { return active; }, [&] { return paused; },
+                    [&] { paused = true; ++pauses; }, [&] { paused = false; ++resumes; }});
+  manager.startMonitoringPowerSource();
+  loop.runUntilIdle();
+  auto poll = [&] {
+    clock.advance(seconds(KRPowerManager::kPollingInterval));
+    loop.runUntilIdle();
+  };
+
+  put(supplies / "AC/online", "0");
+  EXPECT_FALSE(manager.connectedToPowerSource());
+  poll();
+  poll();
+  EXPECT_EQ(pauses, 1);
+  put(supplies / "AC/online", "1");
+  poll();
+  poll();
+  EXPECT_EQ(resumes, 1);
+  EXPECT_EQ(sender->types, (std::vector<uint32_t>{KRGrowlBridge::kPause, KRGrowlBridge::kResume}));
+
+  // Inactive: the change waits for the first poll after activation.
+  active = false;
+  put(supplies / "AC/online", "0");
+  poll();
+  EXPECT_EQ(pauses, 1);
+  active = true;
+  poll();
+  EXPECT_EQ(pauses, 2);
+
+  // On battery with the helper already paused by hand: nothing more to do.
+  manager.stopMonitoringPowerSource();
+  put(supplies / "AC/online", "1");
+  poll();
+  EXPECT_EQ(resumes, 1);
+}
+
+}  // namespace
+}  // namespace zephlore

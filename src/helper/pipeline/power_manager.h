@@ -1,0 +1,64 @@
+// KRPowerManager: on a machine with a battery, pauses the helper when it goes
+// on battery and resumes it when a charger comes back, telling the user each
+// time. Polls the power supplies every 10 s on the main run loop, and acts only
+// while the helper is active.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "base/run_loop.h"
+#include "platform/power_supplies.h"
+
+namespace zephlore {
+
+// What the power manager reads and drives in the rest of the helper. The
+// status item owns pausing (its menu shows it), so the desktop layer installs
+// these; with none installed nothing is paused.
+struct KRPowerManagerHooks {
+  std::function<bool()> helperActive;  // the "active" setting; none: the settings file
+  std::function<bool()> appPaused;     // the status item shows "Paused"
+  std::function<void()> pause;
+  std::function<void()> resume;
+};
+
+class KRPowerManager {
+ public:
+  static constexpr double kPollingInterval = 10.0;
+
+  static KRPowerManager& sharedPowerManager();
+  static void setShared(KRPowerManager* manager);
+
+  KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop);
+  ~KRPowerManager();
+  KRPowerManager(const KRPowerManager&) = delete;
+  KRPowerManager& operator=(const KRPowerManager&) = delete;
+
+  void setHooks(KRPowerManagerHooks hooks) { hooks_ = std::move(hooks); }
+
+  // A battery of this machine is in its bay.
+  bool hasBattery();
+  // False only when a battery is present and no charger of any kind is online.
+  bool connectedToPowerSource();
+
+  // Main thread.
+  void startMonitoringPowerSource();
+  void stopMonitoringPowerSource();
+  void monitorPowerSource();
+
+ private:
+  std::unique_ptr<PowerSupplies> supplies_;
+  RunLoop& loop_;
+  KRPowerManagerHooks hooks_;
+  bool currentlyConnectedToPowerSource_ = true;  // the last state acted upon
+};
+
+class ScopedPowerManager {
+ public:
+  explicit ScopedPowerManager(KRPowerManager* manager) { KRPowerManager::setShared(manager); }
+  ~ScopedPowerManager() { KRPowerManager::setShared(nullptr); }
+  ScopedPowerManager(const ScopedPowerManager&) = delete;
+  ScopedPowerManager& operator=(const ScopedPowerManager&) = delete;
+};
+
+}  // namespace zephlore

@@ -1,0 +1,112 @@
+#include "helper/pipeline/system_load_handler.h"
+
+#include <cstdio>
+
+#include "base/log.h"
+
+namespace zephlore {
+namespace {
+
+std::atomic<KRSystemLoadHandler*> installed{nullptr};
+constexpr const char* kCpuTimerKey = "calculateCurrentCPULoad";
+constexpr const char* kDiskTimerKey = "calculateCurrentDiskLoad";
+
+}  // namespace
+
+KRSystemLoadHandler& KRSystemLoadHandler::sharedSystemLoadHandler() {
+  if (KRSystemLoadHandler* handler = installed.load()) return *handler;
+  static KRSystemLoadHandler* own = new KRSystemLoadHandler(std::make_unique<KernelLoadCounters>(), RunLoop::main());
+  return *own;
+}
+
+void KRSystemLoadHandler::setShared(KRSystemLoadHandler* handler) { installed.store(handler); }
+
+KRSystemLoadHandler::KRSystemLoadHandler() = default;
+
+KRSystemLoadHandler::KRSystemLoadHandler(std::unique_ptr<LoadCounters> counters, RunLoop& loop)
+    : counters_(std::move(counters)), loop_(&loop) {
+  loop_->performAfterDelay(this, kCpuTimerKey, Duration(0), [this] { ready(); });
+}
+
+KRSystemLoadHandler::~KRSystemLoadHandler() {
+  if (!loop_) return;
+  loop_->cancelPerform(this, kCpuTimerKey);
+  loop_->cancelPerform(this, kDiskTimerKey);
+}
+
+std::string KRSystemLoadHandler::clockSpeedString(uint64_t hertz) {
+  char text[64];
+  if (hertz <= 1'000'000'000) {
+    std::snprintf(text, sizeof text, "%lluMHz", static_cast<unsigned long long>(hertz / 1'000'000));
+  } else {
+    std::snprintf(text, sizeof text, "%.2fGHz", static_cast<double>(static_cast<float>(hertz) / 1e9f));
+  }
+  return text;
+}
+
+void KRSystemLoadHandler::ready() {
+  std::optional<uint64_t> hertz = counters_->cpuFrequencyHz();
+  if (!hertz) {
+    KRLog("Not sampling system load: the processor's clock speed is unknown");
+    return;
+  }
+  clockSpeed_ = clockSpeedString(*hertz);
+  std::optional<std::vector<CpuTicks>> ticks = counters_->cpuTicks();
+  if (!ticks) {
+    KRLog("Not sampling system load: the processors' counters cannot be read");
+    return;
+  }
+  cpuCount_ = static_cast<int>(ticks->size());
+  priorCPUTicks_ = std::move(*ticks);
+  calculateCurrentCPULoad();
+
+  drivelist_ = counters_->wholeDisks();
+  maxDiskActivity_ = kMinimumMaxDiskActivity;
+  std::optional<uint64_t> bytes = counters_->diskBytes(drivelist_);
+  if (!bytes) {
+    KRLog("Not sampling disk load: the disk statistics cannot be read");
+    return;
+  }
+  previousDiskActivity_ = *bytes;
+  calculateCurrentDiskLoad();
+}
+
+void KRSystemLoadHandler::calculateCurrentCPULoad() {
+  std::optional<std::vector<CpuTicks>> ticks = counters_->cpuTicks();
+  if (!ticks || ticks->size() != priorCPUTicks_.size()) {
+    KRLog("Stopped sampling CPU load: the processors' counters cannot be read");
+    cpuLoad_.store(0.0f, std::memory_order_relaxed);
+    return;
+  }
+  double sum = 0.0;
+  for (size_t i = 0; i < ticks->size(); ++i) {
+    // Unsigned differences survive a counter that wrapped.
+    const uint64_t used = (*ticks)[i].used - priorCPUTicks_[i].used;
+    const uint64_t idle = (*ticks)[i].idle - priorCPUTicks_[i].idle;
+    const uint64_t total = used + idle;
+    if (total != 0) sum += static_cast<double>(used) / static_cast<double>(total);
+  }
+  cpuLoad_.store(static_cast<float>(sum / static_cast<double>(ticks->size())), std::memory_order_relaxed);
+  priorCPUTicks_ = std::move(*ticks);
+  loop_->performAfterDelay(this, kCpuTimerKey, seconds(kSamplingInterval), [this] { calculateCurrentCPULoad(); });
+}
+
+void KRSystemLoadHandler::calculateCurrentDiskLoad() {
+  std::optional<uint64_t> first = counters_->diskBytes(drivelist_);
+  std::optional<uint64_t> second = first ? counters_->diskBytes(drivelist_) : std::nullopt;
+  if (!second) {
+    KRLog("Stopped sampling disk load: the disk statistics cannot be read");
+    diskLoad_.store(0.0f, std::memory_order_relaxed);
+    return;
+  }
+  // A disk that went away makes the sum shrink: that period counts as quiet
+  // rather than as an enormous burst that would raise the maximum for good.
+  currentDiskActivity_ = *second >= previousDiskActivity_ ? *second - previousDiskActivity_ : 0;
+  if (currentDiskActivity_ > maxDiskActivity_) maxDiskActivity_ = currentDiskActivity_;
+  diskLoad_.store(static_cast<float>(currentDiskActivity_) / static_cast<float>(maxDiskActivity_),
+                  std::memory_order_relaxed);
+  previousDiskActivity_ = *first;
+  loop_->performAfterDelay(this, kDiskTimerKey, seconds(kSamplingInterval), [this] { calculateCurrentDiskLoad(); });
+}
+
+}  // namespace zephlore

@@ -1,0 +1,74 @@
+// KRPathWatcher's folder list.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <set>
+
+#include "engine/path_string.h"
+#include "helper/pipeline/compressor.h"
+#include "helper/watching/path_watcher.h"
+
+namespace zephlore {
+
+KRPathWatcher& KRPathWatcher::sharedWatcher() {
+  static KRPathWatcher* watcher = new KRPathWatcher(RunLoop::main());  // never destroyed
+  return *watcher;
+}
+
+KRPathWatcher::KRPathWatcher(RunLoop& mainLoop) : mainLoop_(mainLoop) {}
+
+void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>& paths) {
+  std::optional<std::vector<std::string>> canonical;
+  if (paths) {
+    canonical.emplace();
+    for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(path));
+  }
+  bool removed = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (canonical == watchPaths_) return;
+    if (watchPaths_) {
+      const std::set<std::string> kept = canonical ? std::set<std::string>(canonical->begin(), canonical->end())
+                                                   : std::set<std::string>();
+      removed = std::any_of(watchPaths_->begin(), watchPaths_->end(),
+                            [&](const std::string& old) { return kept.count(old) == 0; });
+    }
+    haveNewPaths_ = true;
+    watchPaths_ = std::move(canonical);
+  }
+  if (removed) {
+    mainLoop_.performAfterDelay(seconds(kRemovalDelay),
+                                [] { KRCompressor::sharedCompressor().removeFilesNoLongerBeingWatched(); });
+  }
+}
+
+std::optional<std::vector<std::string>> KRPathWatcher::watchPaths() const {
+  std::lock_guard lock(mutex_);
+  return watchPaths_;
+}
+
+bool KRPathWatcher::haveNewPaths() const {
+  std::lock_guard lock(mutex_);
+  return haveNewPaths_;
+}
+
+void KRPathWatcher::setHaveNewPaths(bool value) {
+  std::lock_guard lock(mutex_);
+  haveNewPaths_ = value;
+}
+
+std::string KRPathWatcher::watchedPathForPath(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  if (!watchPaths_) return "";
+  if (std::find(watchPaths_->begin(), watchPaths_->end(), path) != watchPaths_->end()) return path;
+  std::string probe = path;
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) probe = parentDirectory(path);
+  std::string best;
+  for (const std::string& folder : *watchPaths_) {
+    if (folder.size() > best.size() && probe.compare(0, folder.size(), folder) == 0) best = folder;
+  }
+  return best;
+}
+
+}  // namespace zephlore

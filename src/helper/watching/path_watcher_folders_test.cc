@@ -1,0 +1,72 @@
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "engine/scratch_dir_for_tests.h"
+#include "helper/pipeline/compressor.h"
+#include "helper/pipeline/pipeline_test_support.h"
+#include "helper/watching/path_watcher.h"
+
+namespace zephlore {
+namespace {
+
+TEST(PathWatcherFoldersTest, FindsTheLongestWatchedPrefixOfCanonicalFolders) {
+  testing::ScratchDir dir;
+  mkdir((dir / "a").c_str(), 0755);
+  mkdir((dir / "a/b").c_str(), 0755);
+  ASSERT_EQ(symlink((dir / "a").c_str(), (dir / "link").c_str()), 0);
+  testing::writeFile(dir / "a/b/file", "x");
+  ManualClock clock;
+  RunLoop loop(clock);
+  KRPathWatcher watcher(loop);
+
+  EXPECT_FALSE(watcher.isWatchingFolderForPath(dir / "a/b/file"));
+  watcher.setWatchPaths(std::vector<std::string>{dir / "link", dir / "a/b", "/does/not/exist"});
+  EXPECT_EQ(watcher.watchPaths(),
+            (std::vector<std::string>{dir / "a", dir / "a/b", "/does/not/exist"}));
+  EXPECT_TRUE(watcher.haveNewPaths());
+
+  EXPECT_EQ(watcher.watchedPathForPath(dir / "a/b/file"), dir / "a/b");
+  EXPECT_EQ(watcher.watchedPathForPath(dir / "a/b"), dir / "a/b");
+  EXPECT_EQ(watcher.watchedPathForPath(dir / "a/bc/gone"), dir / "a/b");  // by characters, kept so
+  EXPECT_EQ(watcher.watchedPathForPath(dir / "a/x"), dir / "a");
+  EXPECT_EQ(watcher.watchedPathForPath(dir / "other"), "");
+  EXPECT_EQ(watcher.watchedPathForPath("/does/not/exist/either"), "/does/not/exist");
+}
+
+TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLater) {
+  testing::processTestHome();
+  testing::ScratchDir dir;
+  mkdir((dir / "kept").c_str(), 0755);
+  mkdir((dir / "gone").c_str(), 0755);
+  testing::writeFile(dir / "kept/f", testing::compressibleData(8192));
+  testing::writeFile(dir / "gone/f", testing::compressibleData(8192));
+  ScopedManualClock clock;
+  RunLoop loop(*clock);
+  KRPathWatcher watcher(loop);
+  KRCompressor compressor(loop);
+  ScopedCompressor useCompressor(&compressor);
+  compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
+  testing::NotificationRecorder recorder(*clock);
+
+  watcher.setWatchPaths(std::vector<std::string>{dir / "kept", dir / "gone"});
+  EXPECT_EQ(compressor.addFiles({dir / "kept/f", dir / "gone/f"}), 2u);
+  loop.runUntilIdle();
+  watcher.setHaveNewPaths(false);
+  watcher.setWatchPaths(std::vector<std::string>{dir / "kept", dir / "gone"});  // the same: nothing
+  EXPECT_FALSE(watcher.haveNewPaths());
+
+  watcher.setWatchPaths(std::vector<std::string>{dir / "kept"});
+  clock->advance(seconds(0.09));
+  loop.runUntilIdle();
+  EXPECT_EQ(compressor.queuedFiles().size(), 2u);
+  clock->advance(seconds(0.01));
+  loop.runUntilIdle();
+  EXPECT_EQ(compressor.queuedFiles(), (std::vector<std::string>{dir / "kept/f"}));
+  auto dropped = recorder.named(kFileCompressedNotification);
+  ASSERT_EQ(dropped.size(), 1u);
+  EXPECT_EQ(dropped[0].errorCode, kFolderNotWatchedErrorCode);
+}
+
+}  // namespace
+}  // namespace zephlore

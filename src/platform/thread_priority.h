@@ -1,0 +1,18 @@
+// Making the calling thread yield to everything else on the machine: a
+// higher nice value for the processor and the idle class for disk I/O, so
+// background work runs only in time nobody else wants.
+#pragma once
+
+namespace zephlore {
+
+// Sets the calling thread's nice value (0 normal, 19 lowest). False with
+// errno set on failure.
+bool setCurrentThreadNice(int nice);
+// Puts the calling thread's disk I/O in the idle class (ioprio_set,
+// IOPRIO_CLASS_IDLE). False with errno set on failure.
+bool setCurrentThreadIdleIoPriority();
+// The calling thread's nice value and whether its I/O class is idle.
+int currentThreadNice();
+bool currentThreadHasIdleIoPriority();
+
+}  // namespace zephlore
