@@ -14,6 +14,10 @@ namespace zephlore {
 inline constexpr int kBlockCompressionLevel = 5;
 // The largest zlib stream a block may take: the block's own size.
 inline constexpr uint32_t kMaxCompressedBlockSize = 0x10000;
+// Forks written elsewhere may keep a block that does not shrink as it is,
+// behind this first byte; such a block takes one byte more than its data.
+inline constexpr uint8_t kStoredBlockMarker = 0xFF;
+inline constexpr uint32_t kMaxStoredBlockSize = kMaxCompressedBlockSize + 1;
 
 // Produces exactly the bytes of compress2(level 5): the same deflate
 // parameters (window 15, memory level 8, default strategy), finished in one

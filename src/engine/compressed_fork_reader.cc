@@ -9,6 +9,7 @@
 #include "engine/fd_io.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/ordered_block_pipeline.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -94,7 +95,7 @@ bool CompressedForkReader::validate(Error* error) {
   for (uint64_t i = 0; i < blockCount_; ++i) {
     H::flipRsrcBlock(&table_[i]);
     const HFSPlusCmpfRsrcBlock& block = table_[i];
-    if (block.size == 0 || block.size > kMaxCompressedBlockSize) {
+    if (block.size == 0 || block.size > kMaxStoredBlockSize) {
       return corrupt(error, "block " + str(i) + " has an impossible size of " + str(block.size) + " bytes");
     }
     if (block.offset < tableEnd || uint64_t{block.offset} + block.size > resourceSize) {
@@ -106,7 +107,7 @@ bool CompressedForkReader::validate(Error* error) {
 
   try {
     inflater_ = std::make_unique<BlockInflater>();
-    compressed_.reset(new uint8_t[kMaxCompressedBlockSize]);
+    compressed_.reset(new uint8_t[kMaxStoredBlockSize]);
     cache_.reset(new uint8_t[kBlock]);
   } catch (const std::bad_alloc&) {
     return outOfMemory(error);
@@ -125,8 +126,22 @@ bool CompressedForkReader::readCompressed(uint64_t index, uint8_t* buf, Error* e
 
 bool CompressedForkReader::inflateBlock(BlockInflater& inflater, uint64_t index, const uint8_t* in, uint8_t* out,
                                         Error* error) {
+  const uint32_t size = table_[index].size;
+  const uint64_t length = blockLength(index);
+  if (in[0] == kStoredBlockMarker) {
+    // Kept as it is behind its marker (no zlib stream begins with this byte).
+    if (size - 1 != length) {
+      return corrupt(error, "block " + str(index) + " is stored with " + str(size - 1) + " bytes instead of " +
+                                str(length));
+    }
+    std::memcpy(out, in + 1, length);
+    return true;
+  }
+  if (size > kMaxCompressedBlockSize) {
+    return corrupt(error, "block " + str(index) + " has an impossible size of " + str(size) + " bytes");
+  }
   std::string why;
-  if (inflater.inflate(in, table_[index].size, out, blockLength(index), &why) != BlockInflater::Result::kOk) {
+  if (inflater.inflate(in, size, out, length, &why) != BlockInflater::Result::kOk) {
     return corrupt(error, "block " + str(index) + " " + why);
   }
   return true;
@@ -166,6 +181,19 @@ bool CompressedForkReader::read(uint64_t offset, void* buf, size_t n, size_t* go
   return true;
 }
 
+namespace {
+
+bool isAllZero(const uint8_t* data, size_t n) {
+  return n == 0 || (data[0] == 0 && std::memcmp(data, data + 1, n - 1) == 0);
+}
+
+bool writeError(Error* error) {
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+              std::string("Could not write the uncompressed data: ") + std::strerror(errno));
+}
+
+}  // namespace
+
 bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   workers = std::max(workers, 1);
   const size_t window = OrderedBlockPipeline::windowForWorkers(workers);
@@ -173,7 +201,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   std::vector<std::unique_ptr<BlockInflater>> inflaters;
   try {
     if (blockCount_ > 0) {
-      input.reset(new uint8_t[window * kMaxCompressedBlockSize]);
+      input.reset(new uint8_t[window * kMaxStoredBlockSize]);
       output.reset(new uint8_t[window * kBlock]);
       writeBuffer.reset(new uint8_t[kWriteBufferSize]);
     }
@@ -186,12 +214,14 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
     return outOfMemory(error);
   }
 
+  Env& env = Env::shared();
   size_t buffered = 0;
+  uint64_t written = 0;  // where the buffer goes in the output
   auto flush = [&](Error* e) {
-    if (buffered > 0 && !writeFull(outFd, writeBuffer.get(), buffered)) {
-      return fail(e, kHFSErrorDomain, kHFSErrorCouldNotRead,
-                  std::string("Could not write the uncompressed data: ") + std::strerror(errno));
+    if (buffered > 0 && !env.pwriteFully(outFd, writeBuffer.get(), buffered, written)) {
+      return writeError(e);
     }
+    written += buffered;
     buffered = 0;
     return true;
   };
@@ -199,23 +229,33 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   OrderedBlockPipeline::Stages stages;
   stages.fill = [&](uint64_t first, size_t slot, size_t n, Error* e) {
     for (size_t i = 0; i < n; ++i) {
-      if (!readCompressed(first + i, input.get() + (slot + i) * kMaxCompressedBlockSize, e)) return false;
+      if (!readCompressed(first + i, input.get() + (slot + i) * kMaxStoredBlockSize, e)) return false;
     }
     return true;
   };
   stages.work = [&](uint64_t index, size_t slot, size_t worker, Error* e) {
-    return inflateBlock(*inflaters[worker], index, input.get() + slot * kMaxCompressedBlockSize,
+    return inflateBlock(*inflaters[worker], index, input.get() + slot * kMaxStoredBlockSize,
                         output.get() + slot * kBlock, e);
   };
   stages.drain = [&](uint64_t index, size_t slot, Error* e) {
     const size_t length = static_cast<size_t>(blockLength(index));
+    const uint8_t* block = output.get() + slot * kBlock;
+    if (isAllZero(block, length)) {
+      // Left as a hole: a sparse file stays sparse.
+      if (!flush(e)) return false;
+      written += length;
+      return true;
+    }
     if (buffered + length > kWriteBufferSize && !flush(e)) return false;
-    std::memcpy(writeBuffer.get() + buffered, output.get() + slot * kBlock, length);
+    std::memcpy(writeBuffer.get() + buffered, block, length);
     buffered += length;
     return true;
   };
   if (!OrderedBlockPipeline::run(blockCount_, workers, window, stages, error)) return false;
-  return flush(error);
+  if (!flush(error)) return false;
+  // Holes at the end have no bytes written to give the file its size.
+  if (env.ftruncate(outFd, uncompressedSize_) != 0) return writeError(error);
+  return true;
 }
 
 }  // namespace zephlore

@@ -124,7 +124,7 @@ TEST(CompressedForkReader, HostileForksFailCleanly) {
       {"block outside the data", [&](auto& f) { putLE(f, 0x108 + 8 * 3, dataLength); }, data.size(), "block 3"},
       {"block over the table", [](auto& f) { putLE(f, 0x108, 8); }, data.size(), "block 0"},
       {"empty block", [](auto& f) { putLE(f, 0x108 + 4, 0); }, data.size(), "impossible size"},
-      {"block over 64 KiB", [](auto& f) { putLE(f, 0x108 + 4, 0x10001); }, data.size(), "impossible size"},
+      {"block over 64 KiB and a marker", [](auto& f) { putLE(f, 0x108 + 4, 0x10002); }, data.size(), "impossible size"},
       {"block that does not inflate", [](auto& f) { f[0x108 + 32 + 10] ^= 0x55; }, data.size(), "block 0"},
       {"block inflating past 64 KiB", [&](auto& f) { replaceStream(f, 1, tooLong); }, data.size(), "more than 65536"},
       {"block inflating short", [&](auto& f) { replaceStream(f, 2, tooShort); }, data.size(), "instead of 65536"},
@@ -218,6 +218,103 @@ TEST(DecmpfsHeader, AcceptsOnlyWhatWeWrite) {
     EXPECT_EQ(error.code, kHFSErrorNotCompressed);
     EXPECT_NE(error.message.find(c.says), std::string::npos) << error.message;
   }
+}
+
+}  // namespace
+}  // namespace zephlore
+
+namespace zephlore {
+namespace {
+
+using testing::deterministicNoise;
+
+// A fork laid out from the format's rules alone, with the blocks' bytes as
+// given: what another system may write, not what our writer makes.
+std::vector<uint8_t> forkOfStoredBlocks(const std::vector<std::vector<uint8_t>>& blocks) {
+  using H = QVHFSCompressionStructsHelper;
+  HFSPlusCmpfRsrcHead head = H::createResourceHeader();
+  HFSPlusCmpfRsrcBlockHead blockHead = H::createBlocksHeader();
+  HFSPlusCmpfRsrcBlockTable table = H::createPerBlockHeadersForBlocks(static_cast<uint32_t>(blocks.size()));
+  for (const std::vector<uint8_t>& block : blocks) {
+    H::appendBlock(&head, &blockHead, table.get(), static_cast<uint32_t>(block.size()));
+  }
+  H::finishBlocks(head, &blockHead);
+  std::vector<uint8_t> fork(head.mapOffset + head.mapLength, 0);
+  for (size_t i = 0; i < blocks.size(); ++i) {
+    std::memcpy(&fork[0x104 + table[i].offset], blocks[i].data(), blocks[i].size());
+    H::flipRsrcBlock(&table[i]);
+    std::memcpy(&fork[0x108 + 8 * i], &table[i], 8);
+  }
+  HFSPlusCmpfEnd end = H::createFooter();
+  H::flipHFSPlusCmpfEnd(&end);
+  std::memcpy(&fork[head.mapOffset], &end, sizeof end);
+  H::flipRsrcBlockHead(&blockHead);
+  std::memcpy(&fork[0x100], &blockHead, sizeof blockHead);
+  H::flipRsrcHead(&head);
+  std::memcpy(&fork[0], &head, sizeof head);
+  return fork;
+}
+
+std::vector<uint8_t> stored(const std::vector<uint8_t>& data, size_t from, size_t n) {
+  std::vector<uint8_t> block{0xFF};
+  block.insert(block.end(), data.begin() + static_cast<ptrdiff_t>(from), data.begin() + static_cast<ptrdiff_t>(from + n));
+  return block;
+}
+
+std::vector<uint8_t> deflated(const std::vector<uint8_t>& data, size_t from, size_t n) {
+  return zlibOf(std::vector<uint8_t>(data.begin() + static_cast<ptrdiff_t>(from),
+                                     data.begin() + static_cast<ptrdiff_t>(from + n)));
+}
+
+TEST(CompressedForkReader, BlocksStoredAsTheyAreBehindTheirMarkerAreRead) {
+  // Text, then noise that does not shrink (stored whole), then a short
+  // stored last block.
+  std::vector<uint8_t> data = deterministicText(65536);
+  const std::vector<uint8_t> noise = deterministicNoise(65536 + 100, 3);
+  data.insert(data.end(), noise.begin(), noise.end());
+  const std::vector<uint8_t> fork = forkOfStoredBlocks(
+      {deflated(data, 0, 65536), stored(data, 65536, 65536), stored(data, 2 * 65536, 100)});
+  MemoryForkSource source(fork.data(), fork.size());
+  Error error;
+  auto reader = CompressedForkReader::open(source, data.size(), &error);
+  ASSERT_NE(reader, nullptr) << error.describe();
+  for (int workers : {1, 3}) {
+    TempFile out;
+    ASSERT_TRUE(reader->expandTo(out.fd(), workers, &error)) << error.describe();
+    EXPECT_EQ(out.contents(), data);
+  }
+  std::vector<uint8_t> middle(70000);
+  size_t got = 0;
+  ASSERT_TRUE(reader->read(60000, middle.data(), middle.size(), &got, &error)) << error.describe();
+  ASSERT_EQ(got, middle.size());
+  EXPECT_EQ(0, std::memcmp(middle.data(), data.data() + 60000, middle.size()));
+
+  // A stored block must hold exactly its block's bytes.
+  const std::vector<uint8_t> shortBlock =
+      forkOfStoredBlocks({deflated(data, 0, 65536), stored(data, 65536, 65535), stored(data, 2 * 65536, 100)});
+  MemoryForkSource shortSource(shortBlock.data(), shortBlock.size());
+  auto damaged = CompressedForkReader::open(shortSource, data.size(), &error);
+  ASSERT_NE(damaged, nullptr) << error.describe();
+  TempFile out;
+  EXPECT_FALSE(damaged->expandTo(out.fd(), 1, &error));
+  EXPECT_EQ(error.code, kHFSErrorCannotUncompress);
+}
+
+TEST(CompressedForkReader, ZeroBlocksBecomeHoles) {
+  std::vector<uint8_t> data(5 * 65536 + 10, 0);
+  const std::vector<uint8_t> text = deterministicText(65536);
+  std::copy(text.begin(), text.end(), data.begin() + 2 * 65536);
+  const std::vector<uint8_t> fork = makeFork(data);
+  MemoryForkSource source(fork.data(), fork.size());
+  Error error;
+  auto reader = CompressedForkReader::open(source, data.size(), &error);
+  ASSERT_NE(reader, nullptr) << error.describe();
+  TempFile out;
+  ASSERT_TRUE(reader->expandTo(out.fd(), 2, &error)) << error.describe();
+  EXPECT_EQ(out.contents(), data);
+  struct stat st;
+  ASSERT_EQ(fstat(out.fd(), &st), 0);
+  EXPECT_LE(st.st_blocks * 512, 2 * 65536) << "the zero blocks were written out";
 }
 
 }  // namespace
