@@ -23,7 +23,11 @@ void checkOwnVersion(const Notification& notification, const std::function<void(
   if (!version || *version == KRUpdater::ownVersion()) return;
   KRLog("ZephloreHelper: version %s announced (this is %s), relaunching", version->c_str(),
         KRUpdater::ownVersion().c_str());
-  if (KRUpdater::sharedUpdater().relaunch()) quit();
+  if (!KRUpdater::sharedUpdater().relaunch()) return;
+  // The new copy must find the name free, not queue behind a process that
+  // is about to end.
+  DistributedNotificationCenter::defaultCenter().releaseNames();
+  quit();
 }
 
 }  // namespace

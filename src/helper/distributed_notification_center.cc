@@ -369,6 +369,16 @@ void DistributedNotificationCenter::ownName(const std::string& busName) {
   });
 }
 
+void DistributedNotificationCenter::releaseNames() {
+  if (!isConnected()) return;
+  runOnBusThread([this] {
+    std::lock_guard lock(mutex_);
+    // Sends ReleaseName and waits for the bus's answer.
+    for (guint owner : owned_names_) g_bus_unown_name(owner);
+    owned_names_.clear();
+  });
+}
+
 GVariant* DistributedNotificationCenter::callBus(const char* method, GVariant* parameters,
                                                  const char* replyType, bool quietIfNoOwner) {
   if (!isConnected()) {

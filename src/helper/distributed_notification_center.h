@@ -79,6 +79,9 @@ class DistributedNotificationCenter {
   // Asks the bus for the well-known `busName` (this process queues behind
   // an earlier owner). Monitors then show a named sender.
   void ownName(const std::string& busName);
+  // Gives every owned name back and returns once the bus has done so, so
+  // that a copy started next is not queued behind this one.
+  void releaseNames();
   // How many connections own or wait for `busName`, this one included once
   // ownName() was called: the number of running copies. -1 without a bus.
   int queuedOwnerCount(const std::string& busName);

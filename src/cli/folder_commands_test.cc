@@ -1,0 +1,128 @@
+// `zephlore add`, `remove` and `folders` against a real helper process on a
+// private bus: the command starts the helper, the helper writes the history,
+// the command reads it back; a version notice restarts the helper.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "helper/distributed_notification_center.h"
+#include "helper/history/history_test_support.h"
+#include "helper/notification_names.h"
+#include "helper/test_support.h"
+
+namespace zephlore {
+namespace {
+
+using testing::ProcessResult;
+using testing::runProcess;
+
+const std::string kZephlore = ZEPHLORE_BINARY_DIR "/bin/zephlore";
+
+ProcessResult zephlore(std::vector<std::string> args) {
+  args.insert(args.begin(), kZephlore);
+  return runProcess(args);
+}
+
+// The process owning the helper's bus name, or 0.
+pid_t helperPid() {
+  ProcessResult result = runProcess(
+      {"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path",
+       "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.GetConnectionUnixProcessID",
+       kHelperBusName});
+  unsigned pid = 0;
+  if (result.exit_code != 0 || sscanf(result.out.c_str(), "(uint32 %u,)", &pid) != 1) return 0;
+  return static_cast<pid_t>(pid);
+}
+
+// Blocks until `pid` has ended, at most `ms` (an event wait, not a sleep).
+bool waitForExit(pid_t pid, int ms) {
+  int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (fd < 0) return true;  // already gone
+  struct pollfd wait = {fd, POLLIN, 0};
+  bool ended = poll(&wait, 1, ms) == 1;
+  close(fd);
+  return ended;
+}
+
+class FolderCommandsTest : public ::testing::Test {
+ protected:
+  ~FolderCommandsTest() override {
+    if (pid_t pid = helperPid()) {
+      kill(pid, SIGTERM);
+      waitForExit(pid, 10'000);
+    }
+  }
+
+  testing::TestHome home_;
+  testing::TestSessionBus bus_{home_.root()};
+  testing::ShmFolder shm_;
+};
+
+TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToShow) {
+  std::string folder = shm_.make("Documents");
+  ProcessResult refused = zephlore({"add", shm_.path() + "/missing"});
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_NE(refused.err.find("no such folder"), std::string::npos);
+  testing::writeFile(shm_.path() + "/file", "x");
+  EXPECT_EQ(zephlore({"add", shm_.path() + "/file"}).exit_code, 1);
+  EXPECT_EQ(helperPid(), 0);
+  EXPECT_NE(zephlore({"folders"}).out.find("No folders yet"), std::string::npos);
+
+  ProcessResult added = zephlore({"add", shm_.path() + "/./Documents"});
+  ASSERT_EQ(added.exit_code, 0) << added.err;
+  EXPECT_NE(helperPid(), 0);
+
+  ProcessResult shown = zephlore({"folders", "--json"});
+  ASSERT_EQ(shown.exit_code, 0) << shown.err;
+  nlohmann::json json = nlohmann::json::parse(shown.out);
+  ASSERT_EQ(json["folders"].size(), 1u) << shown.out;
+  EXPECT_EQ(json["folders"][0]["path"], folder);
+  EXPECT_EQ(json["folders"][0]["watched"], true);
+  EXPECT_EQ(json["folders"][0]["savings"], 0);
+  EXPECT_EQ(json["totalSavings"], 0);
+
+  ASSERT_EQ(zephlore({"remove", folder}).exit_code, 0);
+  json = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
+  EXPECT_EQ(json["folders"][0]["watched"], false);
+}
+
+TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
+  ASSERT_EQ(zephlore({"add", shm_.make("w")}).exit_code, 0);
+  const pid_t first = helperPid();
+  ASSERT_NE(first, 0);
+
+  // Its own version changes nothing: the folder notice after it is still
+  // handled by the same process.
+  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  RunLoop loop;
+  bool saved = false;
+  auto observer = center.addObserver(kSavingsChangedNotification,
+                                     [&](const Notification&) { saved = true; }, loop);
+  center.postNotificationName(kVersionNotification, {{kVersionKey, std::string(ZEPHLORE_VERSION)}},
+                              false);
+  center.postNotificationName(kFoldersNotification,
+                              {{kFoldersToAddKey, std::vector<std::string>{shm_.make("v")}}}, false);
+  center.flush();
+  loop.runUntil([&] { return saved; });
+  center.removeObserver(observer);
+  EXPECT_EQ(helperPid(), first);
+
+  center.postNotificationName(kVersionNotification, {{kVersionKey, "0.0.0 "}}, false);
+  center.flush();
+  ASSERT_TRUE(waitForExit(first, 5'000));
+  ASSERT_EQ(runProcess({"gdbus", "wait", "--session", "--timeout", "5", kHelperBusName}).exit_code,
+            0);
+  const pid_t second = helperPid();
+  EXPECT_NE(second, 0);
+  EXPECT_NE(second, first);
+  // The new copy has the history the old one saved.
+  nlohmann::json json = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
+  EXPECT_EQ(json["folders"].size(), 2u);
+}
+
+}  // namespace
+}  // namespace zephlore
