@@ -6,7 +6,9 @@
 // QueueAgainstCommand: 10,000 files of 4 to 64 KiB on tmpfs go through the
 // queue (debounce driven by a manual clock, load gating off); a copy of the
 // same tree goes through the command with one thread. Reports files per
-// second of both and their ratio (target: at least 0.9).
+// second of both and their ratio (target: at least 0.9), by the clock and per
+// CPU second. The command runs at the queue's priority (nice 10, idle I/O),
+// so that on a shared machine both get the same share.
 //
 // NeighbourKeepsItsShare: a CPU-bound process at normal priority, pinned to
 // the same core as the queue, counts loop turns for 3 s alone and then while
@@ -18,6 +20,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,6 +35,7 @@
 
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "platform/thread_priority.h"
 
 namespace {
 
@@ -89,7 +93,19 @@ std::vector<std::string> makeTree(const std::string& root, int files) {
   return paths;
 }
 
-double runCommand(const std::vector<std::string>& argv) {
+struct Timing {
+  double wall = 0;
+  double cpu = 0;  // user + system
+};
+
+double cpuSeconds(const rusage& usage) {
+  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Runs the command as gently as the helper's compression thread runs, so
+// that on a busy machine both get the same share.
+Timing runCommand(const std::vector<std::string>& argv) {
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -99,13 +115,16 @@ double runCommand(const std::vector<std::string>& argv) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
+    setCurrentThreadNice(KRCompressor::kCompressionThreadNice);
+    setCurrentThreadIdleIoPriority();
     execv(args[0], args.data());
     _exit(127);
   }
   int status = 0;
-  waitpid(pid, &status, 0);
+  rusage usage{};
+  wait4(pid, &status, 0, &usage);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(argv[0] + " failed");
-  return Seconds(std::chrono::steady_clock::now() - start).count();
+  return Timing{Seconds(std::chrono::steady_clock::now() - start).count(), cpuSeconds(usage)};
 }
 
 // The queue as the helper runs it, with time for the debounce skipped.
@@ -154,9 +173,11 @@ void QueueAgainstCommand(benchmark::State& state) {
   mkdir(commandTree.c_str(), 0755);
   const std::vector<std::string> paths = makeTree(queueTree, files);
   makeTree(commandTree, files);
-  double queueSeconds = 0, commandSeconds = 0;
+  Timing queue, command;
   for (auto _ : state) {
-    commandSeconds = runCommand({zephloreBinary(), "compress", "-r", "-j", "1", commandTree});
+    command = runCommand({zephloreBinary(), "compress", "-r", "-j", "1", commandTree});
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
     const auto start = std::chrono::steady_clock::now();
     {
       QueueRun run;
@@ -164,12 +185,18 @@ void QueueAgainstCommand(benchmark::State& state) {
       while (run.step()) {
       }
     }
-    queueSeconds = Seconds(std::chrono::steady_clock::now() - start).count();
-    state.SetIterationTime(queueSeconds);
+    queue.wall = Seconds(std::chrono::steady_clock::now() - start).count();
+    getrusage(RUSAGE_SELF, &after);
+    queue.cpu = cpuSeconds(after) - cpuSeconds(before);
+    state.SetIterationTime(queue.wall);
   }
-  state.counters["queue_files_per_s"] = files / queueSeconds;
-  state.counters["command_files_per_s"] = files / commandSeconds;
-  state.counters["ratio"] = commandSeconds / queueSeconds;
+  state.counters["queue_files_per_s"] = files / queue.wall;
+  state.counters["command_files_per_s"] = files / command.wall;
+  state.counters["ratio"] = command.wall / queue.wall;
+  // Per CPU second: what is left when the machine is shared with others.
+  state.counters["queue_files_per_cpu_s"] = files / queue.cpu;
+  state.counters["command_files_per_cpu_s"] = files / command.cpu;
+  state.counters["cpu_ratio"] = command.cpu / queue.cpu;
 }
 BENCHMARK(QueueAgainstCommand)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
