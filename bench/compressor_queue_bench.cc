@@ -6,11 +6,14 @@
 // QueueAgainstCommand: 10,000 files of 4 to 64 KiB on tmpfs go through the
 // queue (debounce driven by a manual clock, load gating off); a copy of the
 // same tree goes through the command with one thread. Reports files per
-// second of both and their ratio (target: at least 0.9).
+// second of both and their ratio (target: at least 0.9), by the clock and per
+// CPU second. The command runs at the queue's priority (nice 10, idle I/O),
+// so that on a shared machine both get the same share.
 //
 // NeighbourKeepsItsShare: a CPU-bound process at normal priority, pinned to
-// the same core as the queue, counts loop turns for 3 s alone and then while
-// the queue compresses. Reports the ratio (target: at least 0.9).
+// the same core as the queue, counts loop turns for 2 s alone and then 2 s
+// while the queue compresses, five times. Reports the median ratio (target:
+// at least 0.9).
 //
 // Knobs: ZEPHLORE_BENCH_FILES (10000), ZEPHLORE_BIN (the zephlore command;
 // default: beside this program).
@@ -18,10 +21,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -32,6 +37,7 @@
 
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "platform/thread_priority.h"
 
 namespace {
 
@@ -89,7 +95,19 @@ std::vector<std::string> makeTree(const std::string& root, int files) {
   return paths;
 }
 
-double runCommand(const std::vector<std::string>& argv) {
+struct Timing {
+  double wall = 0;
+  double cpu = 0;  // user + system
+};
+
+double cpuSeconds(const rusage& usage) {
+  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Runs the command as gently as the helper's compression thread runs, so
+// that on a busy machine both get the same share.
+Timing runCommand(const std::vector<std::string>& argv) {
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -99,13 +117,16 @@ double runCommand(const std::vector<std::string>& argv) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
+    setCurrentThreadNice(KRCompressor::kCompressionThreadNice);
+    setCurrentThreadIdleIoPriority();
     execv(args[0], args.data());
     _exit(127);
   }
   int status = 0;
-  waitpid(pid, &status, 0);
+  rusage usage{};
+  wait4(pid, &status, 0, &usage);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(argv[0] + " failed");
-  return Seconds(std::chrono::steady_clock::now() - start).count();
+  return Timing{Seconds(std::chrono::steady_clock::now() - start).count(), cpuSeconds(usage)};
 }
 
 // The queue as the helper runs it, with time for the debounce skipped.
@@ -154,9 +175,11 @@ void QueueAgainstCommand(benchmark::State& state) {
   mkdir(commandTree.c_str(), 0755);
   const std::vector<std::string> paths = makeTree(queueTree, files);
   makeTree(commandTree, files);
-  double queueSeconds = 0, commandSeconds = 0;
+  Timing queue, command;
   for (auto _ : state) {
-    commandSeconds = runCommand({zephloreBinary(), "compress", "-r", "-j", "1", commandTree});
+    command = runCommand({zephloreBinary(), "compress", "-r", "-j", "1", commandTree});
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
     const auto start = std::chrono::steady_clock::now();
     {
       QueueRun run;
@@ -164,12 +187,18 @@ void QueueAgainstCommand(benchmark::State& state) {
       while (run.step()) {
       }
     }
-    queueSeconds = Seconds(std::chrono::steady_clock::now() - start).count();
-    state.SetIterationTime(queueSeconds);
+    queue.wall = Seconds(std::chrono::steady_clock::now() - start).count();
+    getrusage(RUSAGE_SELF, &after);
+    queue.cpu = cpuSeconds(after) - cpuSeconds(before);
+    state.SetIterationTime(queue.wall);
   }
-  state.counters["queue_files_per_s"] = files / queueSeconds;
-  state.counters["command_files_per_s"] = files / commandSeconds;
-  state.counters["ratio"] = commandSeconds / queueSeconds;
+  state.counters["queue_files_per_s"] = files / queue.wall;
+  state.counters["command_files_per_s"] = files / command.wall;
+  state.counters["ratio"] = command.wall / queue.wall;
+  // Per CPU second: what is left when the machine is shared with others.
+  state.counters["queue_files_per_cpu_s"] = files / queue.cpu;
+  state.counters["command_files_per_cpu_s"] = files / command.cpu;
+  state.counters["cpu_ratio"] = command.cpu / queue.cpu;
 }
 BENCHMARK(QueueAgainstCommand)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
@@ -212,30 +241,46 @@ uint64_t finishNeighbour(pid_t pid, int fd) {
 }
 
 void NeighbourKeepsItsShare(benchmark::State& state) {
-  constexpr double kWindow = 3.0;
+  // Windows alone and beside the queue alternate, and the median pair
+  // counts: other work on a shared machine comes and goes.
+  constexpr double kWindow = 2.0;
+  constexpr int kPairs = 5;
   WorkFolder work;
   const std::vector<std::string> paths = makeTree(work.path(), fileCount());
   cpu_set_t saved;
   sched_getaffinity(0, sizeof saved, &saved);
   pinToFirstCore();  // the queue's worker thread inherits it
-  double ratio = 0;
+  double median = 0;
   for (auto _ : state) {
-    pid_t pid;
-    int fd = startNeighbour(&pid, kWindow);
-    const uint64_t alone = finishNeighbour(pid, fd);
     QueueRun run;
     run.add(paths);
     run.step();  // the worker exists and has lowered its priority
-    fd = startNeighbour(&pid, kWindow);
-    pollfd done{fd, POLLIN, 0};
-    while (poll(&done, 1, 0) == 0 && run.step()) {
+    std::vector<double> ratios;
+    for (int pair = 0; pair < kPairs; ++pair) {
+      pid_t pid;
+      int fd = startNeighbour(&pid, kWindow);
+      const uint64_t alone = finishNeighbour(pid, fd);  // the queue waits between batches
+      fd = startNeighbour(&pid, kWindow);
+      pollfd done{fd, POLLIN, 0};
+      bool ranOut = false;
+      while (poll(&done, 1, 0) == 0) {
+        if (!run.step()) {
+          ranOut = true;
+          break;
+        }
+      }
+      const uint64_t shared = finishNeighbour(pid, fd);
+      if (ranOut) {
+        state.SkipWithError("the queue ran out of files before the window ended");
+        break;
+      }
+      ratios.push_back(static_cast<double>(shared) / static_cast<double>(alone));
     }
-    const uint64_t shared = finishNeighbour(pid, fd);
-    if (poll(&done, 1, 0) == 0) state.SkipWithError("the queue ran out of files before the window ended");
-    ratio = static_cast<double>(shared) / static_cast<double>(alone);
+    std::sort(ratios.begin(), ratios.end());
+    if (!ratios.empty()) median = ratios[ratios.size() / 2];
   }
   sched_setaffinity(0, sizeof saved, &saved);
-  state.counters["neighbour_ratio"] = ratio;
+  state.counters["neighbour_ratio"] = median;
 }
 BENCHMARK(NeighbourKeepsItsShare)->Iterations(1)->Unit(benchmark::kSecond);
 

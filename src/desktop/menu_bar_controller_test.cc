@@ -12,10 +12,10 @@ namespace {
 
 class RecordingView final : public KRStatusItemView {
  public:
-  void show(const KRStatusMenu& m, const std::string& icon, const std::string&) override {
+  void show(const KRStatusMenu& m, const std::string& iconName, const std::string&) override {
     shown = true;
     menu = m;
-    this->icon = icon;
+    icon = iconName;
   }
   void hide() override { shown = false; }
   void setIcon(const std::string& name) override { icon = name; }

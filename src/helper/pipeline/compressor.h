@@ -57,7 +57,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Ticks on `mainLoop`; batches on `compressionQueue`, or on a one-at-a-time
   // queue of its own when none is given (tests).
   explicit KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue = nullptr);
-  // Stops the running batch before its next file and waits for it.
+  // Stops the running batch before its next file (and waits for it when
+  // the queue is the compressor's own).
   ~KRCompressor() override;
   KRCompressor(const KRCompressor&) = delete;
   KRCompressor& operator=(const KRCompressor&) = delete;
