@@ -1,0 +1,61 @@
+// The view's file system: the tree under one directory descriptor, with
+// every compressed file shown at its full content. Plain files, directories
+// and everything else pass straight through to the tree beneath; only the
+// compressed layout is translated (sizes, reads, the hidden attributes) and
+// a compressed file is expanded in place before anything writes to it.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "platform/env.h"
+#include "view/inflated_block_cache.h"
+
+struct fuse_operations;
+
+namespace zephlore::view {
+
+class ViewFileSystem {
+ public:
+  // `root` is the tree shown; `shownAs` names the mount point in log lines.
+  ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes);
+
+  // The operations table for fuse_new(); the private data is the ViewFileSystem.
+  static const fuse_operations& operations();
+
+  int rootFd() const { return root_.get(); }
+  // A path that reaches the tree beneath even when the view covers it.
+  std::string underlyingPath(const char* path) const;
+  // Where a path of the view is shown, for log lines.
+  std::string shownPath(const char* path) const;
+
+  // The content size of a compressed file; none for any other file.
+  std::optional<uint64_t> compressedSize(const char* path, const struct stat& st) const;
+  // Expands the file in place if it is compressed: 0, or -errno.
+  int expandBeforeWriting(const char* path);
+  // Logs, once per file, that a mixed file is shown as its data fork.
+  void noteMixedFile(const char* path, const struct stat& st);
+
+  InflatedBlockCache& cache() { return cache_; }
+
+ private:
+  UniqueFd root_;
+  const std::string base_;  // "/proc/self/fd/N", the root by descriptor
+  const std::string shownAs_;
+  InflatedBlockCache cache_;
+  std::mutex expandMutex_;  // one expansion at a time
+  std::mutex mixedMutex_;
+  std::set<std::pair<dev_t, ino_t>> mixedReported_;
+};
+
+// Sets the size and blocks a program sees for a compressed file of `size` bytes.
+void showContentSize(struct stat* st, uint64_t size);
+
+}  // namespace zephlore::view
