@@ -72,10 +72,12 @@ InflatedBlockCache::Block CompressedContent::block(uint64_t index) {
   bool ok = decoder && decoder->reader->read(index * kBlock, inflated->data(), inflated->size(), &got, &error) &&
             got == inflated->size();
 
-  std::lock_guard lock(mutex_);
-  if (decoder && idle_.size() < kMostIdleDecoders) idle_.push_back(std::move(decoder));
+  {
+    std::lock_guard lock(mutex_);
+    if (decoder && idle_.size() < kMostIdleDecoders) idle_.push_back(std::move(decoder));
+  }
   if (!ok) {
-    if (reported_.insert(index).second) {
+    if (cache_.firstReportOfBadBlock(key)) {
       KRLog("Block %llu of %s cannot be read, reads of it fail: %s", static_cast<unsigned long long>(index),
             name_.c_str(), error.describe().c_str());
     }

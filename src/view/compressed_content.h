@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -37,7 +36,7 @@ class CompressedContent {
 
   // Copies the content in [offset, offset + n), cut at the end, to `out`.
   // Returns the bytes copied, or -EIO when a block it touches is corrupt or
-  // unreadable (logged once per block).
+  // unreadable (logged once per block for the whole view).
   ssize_t read(uint64_t offset, size_t n, uint8_t* out);
 
  private:
@@ -52,9 +51,8 @@ class CompressedContent {
   InflatedBlockCache& cache_;
   BlockKey key_;
 
-  std::mutex mutex_;  // guards the two below
+  std::mutex mutex_;  // guards idle_
   std::vector<std::unique_ptr<Decoder>> idle_;
-  std::set<uint64_t> reported_;
 };
 
 }  // namespace zephlore::view

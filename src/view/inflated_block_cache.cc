@@ -38,6 +38,13 @@ void InflatedBlockCache::insert(const BlockKey& key, Block block) {
   }
 }
 
+bool InflatedBlockCache::firstReportOfBadBlock(const BlockKey& key) {
+  constexpr size_t kMostRemembered = 4096;
+  std::lock_guard lock(mutex_);
+  if (reported_.size() >= kMostRemembered) reported_.clear();
+  return reported_.emplace(key, true).second;
+}
+
 size_t InflatedBlockCache::bytes() const {
   std::lock_guard lock(mutex_);
   return bytes_;

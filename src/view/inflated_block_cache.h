@@ -37,6 +37,10 @@ class InflatedBlockCache {
   // Readers holding a dropped block keep it until they let go.
   void insert(const BlockKey& key, Block block);
 
+  // True the first time a block is reported bad (for as many blocks as a
+  // small bound allows), so that each is logged once, not at every read.
+  bool firstReportOfBadBlock(const BlockKey& key);
+
   size_t bytes() const;
   size_t capacity() const { return capacity_; }
 
@@ -54,6 +58,7 @@ class InflatedBlockCache {
   std::list<Entry> order_;  // most recently used first
   std::unordered_map<BlockKey, std::list<Entry>::iterator, KeyHash> index_;
   size_t bytes_ = 0;
+  std::unordered_map<BlockKey, bool, KeyHash> reported_;
 };
 
 }  // namespace zephlore::view
