@@ -20,19 +20,19 @@ InflatedBlockCache::Block InflatedBlockCache::find(const BlockKey& key) {
 }
 
 void InflatedBlockCache::insert(const BlockKey& key, Block block) {
-  if (!block || block->size() > capacity_) return;
+  if (!block || block->size > capacity_) return;
   std::lock_guard lock(mutex_);
   if (auto found = index_.find(key); found != index_.end()) {
-    bytes_ -= found->second->block->size();
+    bytes_ -= found->second->block->size;
     order_.erase(found->second);
     index_.erase(found);
   }
-  bytes_ += block->size();
+  bytes_ += block->size;
   order_.push_front(Entry{key, std::move(block)});
   index_[key] = order_.begin();
   while (bytes_ > capacity_) {
     Entry& oldest = order_.back();
-    bytes_ -= oldest.block->size();
+    bytes_ -= oldest.block->size;
     index_.erase(oldest.key);
     order_.pop_back();
   }

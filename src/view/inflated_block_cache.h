@@ -11,7 +11,6 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
-#include <vector>
 
 namespace zephlore::view {
 
@@ -25,9 +24,17 @@ struct BlockKey {
   bool operator==(const BlockKey&) const = default;
 };
 
+// The bytes of one inflated block (left uninitialised until inflated into).
+struct InflatedBlock {
+  explicit InflatedBlock(size_t n) : bytes(new uint8_t[n]), size(n) {}
+  std::unique_ptr<uint8_t[]> bytes;
+  size_t size;
+  const uint8_t* data() const { return bytes.get(); }
+};
+
 class InflatedBlockCache {
  public:
-  using Block = std::shared_ptr<const std::vector<uint8_t>>;
+  using Block = std::shared_ptr<const InflatedBlock>;
 
   explicit InflatedBlockCache(size_t capacityBytes) : capacity_(capacityBytes) {}
 

@@ -31,7 +31,7 @@ namespace {
 // compressed file opened for reading, the means to inflate it.
 struct OpenFile {
   UniqueFd fd;
-  std::unique_ptr<CompressedContent> compressed;
+  std::shared_ptr<CompressedContent> compressed;
 };
 
 struct OpenDirectory {
@@ -67,10 +67,6 @@ std::optional<uint64_t> compressedSizeOf(const FileRef& file) {
 
 bool isCandidate(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_size == 0; }
 
-void adjust(struct stat* st, const std::string& underlying) {
-  if (!isCandidate(*st)) return;
-  if (std::optional<uint64_t> size = compressedSizeOf(FileRef::atPath(underlying))) showContentSize(st, *size);
-}
 
 // --- Operations ---------------------------------------------------------------
 
@@ -182,7 +178,7 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (size) {
         Error error;
         file->compressed =
-            CompressedContent::open(file->fd.get(), st, *size, view.shownPath(path), view.cache(), &error);
+            CompressedContent::open(file->fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
         if (!file->compressed) {
           KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
           return -EIO;
@@ -315,7 +311,11 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     fuse_fill_dir_flags fill = static_cast<fuse_fill_dir_flags>(0);
     if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
-      adjust(&st, proc(dirFd) + "/" + d.entry->d_name);
+      if (isCandidate(st)) {
+        if (std::optional<uint64_t> size = fs().compressedSize(proc(dirFd) + "/" + d.entry->d_name, st)) {
+          showContentSize(&st, *size);
+        }
+      }
     } else {
       st = {};
       st.st_ino = d.entry->d_ino;
@@ -409,7 +409,11 @@ void showContentSize(struct stat* st, uint64_t size) {
 }
 
 ViewFileSystem::ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes)
-    : root_(std::move(root)), base_(proc(root_.get())), shownAs_(std::move(shownAs)), cache_(cacheBytes) {}
+    : root_(std::move(root)),
+      base_(proc(root_.get())),
+      shownAs_(std::move(shownAs)),
+      cache_(cacheBytes),
+      prefetcher_(2) {}
 
 const fuse_operations& ViewFileSystem::operations() {
   static const fuse_operations ops = makeOperations();
@@ -424,9 +428,22 @@ std::string ViewFileSystem::shownPath(const char* path) const {
   return path[1] != '\0' ? shownAs_ + path : shownAs_;
 }
 
-std::optional<uint64_t> ViewFileSystem::compressedSize(const char* path, const struct stat& st) const {
+std::optional<uint64_t> ViewFileSystem::compressedSize(const std::string& underlying, const struct stat& st) {
   if (!isCandidate(st)) return std::nullopt;
-  return compressedSizeOf(FileRef::atPath(underlyingPath(path)));
+  const SizeKey key{st.st_dev, st.st_ino, static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
+  {
+    std::lock_guard lock(sizesMutex_);
+    if (auto found = sizes_.find(key); found != sizes_.end()) {
+      if (found->second < 0) return std::nullopt;
+      return static_cast<uint64_t>(found->second);
+    }
+  }
+  std::optional<uint64_t> size = compressedSizeOf(FileRef::atPath(underlying));
+  constexpr size_t kMostSizes = 1 << 18;
+  std::lock_guard lock(sizesMutex_);
+  if (sizes_.size() >= kMostSizes) sizes_.clear();
+  sizes_[key] = size ? static_cast<int64_t>(*size) : -1;
+  return size;
 }
 
 int ViewFileSystem::expandBeforeWriting(const char* path) {

@@ -26,7 +26,7 @@ TEST(LayoutAttributes, OnlyTheLayoutIsHidden) {
   EXPECT_EQ(list, std::string("user.tag\0security.selinux\0", 26));
 }
 
-InflatedBlockCache::Block blockOf(size_t size) { return std::make_shared<std::vector<uint8_t>>(size); }
+InflatedBlockCache::Block blockOf(size_t size) { return std::make_shared<InflatedBlock>(size); }
 
 TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
   InflatedBlockCache cache(3 * 1000);
