@@ -16,6 +16,7 @@
 
 #include "cli/command_test_support.h"
 #include "engine/scratch_dir_for_tests.h"
+#include "view/view_mounter.h"
 
 namespace zephlore::cli {
 namespace {
@@ -301,6 +302,40 @@ TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
   r = runZephlore({"unmount", mountPoint_});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(runZephlore({"mount", "--over", source_, mountPoint_}).status, 2);
+}
+
+TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUnderIt) {
+  const std::string text = compressibleData(100000, 13);
+  mkdir((source_ + "/sub").c_str(), 0755);
+  writeFile(source_ + "/sub/report", text);
+  compress(source_);
+  view::ViewMounter mounter(testing::zephloreBinary());
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { runZephlore({"unmount", "-z", at}); }
+  } unmounter{source_};
+  Error error;
+  ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;
+  ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;  // already there: nothing to do
+  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
+  // Beneath the view the file is stored compressed.
+  const std::string beneath = mounter.beneath(source_);
+  ASSERT_NE(beneath, source_);
+  EXPECT_TRUE(hasAttribute(beneath + "/sub/report", "user.com.apple.decmpfs"));
+
+  std::string why;
+  EXPECT_FALSE(mounter.unmountIfUnused(source_, &why));
+  EXPECT_NE(why.find(source_ + "/sub/report is compressed"), std::string::npos) << why;
+
+  auto r = runZephlore({"decompress", "-r", "-q", source_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(hasAttribute(beneath + "/sub/report", "user.com.apple.decmpfs"));
+  EXPECT_TRUE(readFile(beneath + "/sub/report") == text);
+  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
+
+  EXPECT_TRUE(mounter.unmountIfUnused(source_, &why)) << why;
+  EXPECT_EQ(mounter.beneath(source_), source_);
+  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
 }
 
 }  // namespace
