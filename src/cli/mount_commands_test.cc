@@ -274,7 +274,7 @@ TEST_F(MountCommands, OverAFolderItsOwnPathsReadFullAndEverythingPassesThrough) 
   EXPECT_TRUE(readFile(source_ + "/letter") == text);
   const std::string s = source_;
   EXPECT_EQ(sh("cd " + s + " && mkdir d && mkfifo d/fifo && ln letter d/hard && ln -s letter link && "
-               "printf 'x\\ny' > \"$(printf 'new\\nline')\" && mv d e && chmod 600 e/hard && touch -d 2001-01-01 e && "
+               "printf 'x\\ny' > \"$(printf 'new\\nline')\" && printf z > \"$(printf 'bad\\377name')\" && mv d e && chmod 600 e/hard && touch -d 2001-01-01 e && "
                "test \"$(stat -c %h e/hard)\" = 2 && test -p e/fifo && test \"$(cat link | wc -c)\" = 120000"),
             0);
   EXPECT_EQ(view.unmount(), 0);
@@ -285,6 +285,7 @@ TEST_F(MountCommands, OverAFolderItsOwnPathsReadFullAndEverythingPassesThrough) 
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(st.st_nlink, 2u);
   EXPECT_EQ(readFile(source_ + "/new\nline"), "x\ny");
+  EXPECT_EQ(readFile(source_ + "/bad\377name"), "z");
 }
 
 TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
@@ -302,6 +303,26 @@ TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
   r = runZephlore({"unmount", mountPoint_});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(runZephlore({"mount", "--over", source_, mountPoint_}).status, 2);
+}
+
+TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt) {
+  const std::string text = compressibleData(80000, 17);
+  writeFile(source_ + "/draft", text);
+  MountedView view({"--over", source_}, source_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  int writer = open((source_ + "/draft").c_str(), O_WRONLY | O_APPEND);
+  ASSERT_GE(writer, 0);
+  auto r = runZephlore({"compress", "-v", source_ + "/draft"});
+  EXPECT_NE(r.err.find("open for writing"), std::string::npos) << r.err << r.out;
+  ASSERT_EQ(write(writer, "more", 4), 4);
+  close(writer);
+  EXPECT_TRUE(readFile(source_ + "/draft") == text + "more");
+  // Once the writer is gone the file is compressed beneath and reads the same.
+  r = runZephlore({"compress", source_ + "/draft"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(readFile(source_ + "/draft") == text + "more");
+  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_TRUE(hasAttribute(source_ + "/draft", "user.com.apple.decmpfs"));
 }
 
 TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUnderIt) {
