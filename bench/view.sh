@@ -12,7 +12,9 @@
 #   4. random 4 KiB reads in that file: view against zephlore cat --offset;
 #   5. tar -cf - . | wc -c of a compressed source tree (/usr/include) through
 #      the view, against the plain tree through bindfs.
-# Prints the ratios against the targets.
+# Prints the ratios against the targets. Most of these runs wait on FUSE
+# round trips, so a busy machine moves them by tens of percent from run to
+# run: measure on an idle one.
 #
 # Knobs (environment): BUILD (default "build"), REPEAT (3), BIG_MIB (1024),
 # TREE_FILES (100000), READS (2000 random reads; CAT_READS 200 for the
