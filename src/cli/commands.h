@@ -4,6 +4,7 @@
 //   pane_commands.cc  settings, activate, exclude, login, quit, ... (the
 //                     helper's control surface)
 //   folder_commands.cc add, remove, folders (the watched folders)
+//   mount_commands.cc mount, unmount (the view at full content)
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -15,5 +16,6 @@ namespace zephlore::cli {
 void addFileCommands(CLI::App& app, int* exit_code);
 void addPaneCommands(CLI::App& app, int* exit_code);
 void addFolderCommands(CLI::App& app, int* exit_code);
+void addMountCommands(CLI::App& app, int* exit_code);
 
 }  // namespace zephlore::cli

@@ -2,6 +2,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
@@ -11,6 +12,8 @@
 #include "cli/file_actions.h"
 #include "cli/file_command_parts.h"
 #include "cli/tree_run.h"
+#include "view/mount_table.h"
+#include "view/underlying_tree.h"
 
 namespace zephlore::cli {
 namespace {
@@ -64,7 +67,21 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
     std::unique_ptr<FileAction> action = run.op == Operation::kCompress
                                              ? makeCompressAction(!options->no_verify, safety.get())
                                              : makeDecompressAction(safety.get());
-    *exit_code = runFiles(options->paths, run, *action);
+    // Under a view the stored files are reached beneath it: through the
+    // view they look plain and their layout cannot be written.
+    std::vector<std::string> paths;
+    for (const std::string& path : options->paths) {
+      const std::string beneath = view::pathBeneathViews(path);
+      if (beneath == view::absolutePath(path)) {
+        paths.push_back(path);
+        continue;
+      }
+      paths.push_back(beneath);
+      if (!run.quiet && !run.json) {
+        fprintf(stderr, "zephlore: %s is covered by a view; working on the files stored beneath it\n", path.c_str());
+      }
+    }
+    *exit_code = runFiles(paths, run, *action);
   });
   return cmd;
 }

@@ -101,6 +101,8 @@ void showSettings() {
             << "   (zephlore login on / off)\n"
             << "  checkUpdates  " << yesNo(defaults.checkForUpdates())
             << "   (zephlore updates on / off)\n"
+            << "  transparentView " << yesNo(defaults.transparentView())
+            << " (watched folders shown at full content through a view)\n"
             << "  firstRun      " << yesNo(defaults.firstRun()) << "\n";
   std::cout << "Autostart entry: " << autostartEntryPath() << " ("
             << (autostartEntryInstalled() ? "present" : "absent") << ")\n";

@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   zephlore::cli::addFileCommands(app, &exit_code);
   zephlore::cli::addPaneCommands(app, &exit_code);
   zephlore::cli::addFolderCommands(app, &exit_code);
+  zephlore::cli::addMountCommands(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -5,6 +5,7 @@
 #include "base/log.h"
 #include "base/util.h"
 #include "helper/preference_communicator.h"
+#include "view/view_mounter.h"
 
 namespace zephlore {
 namespace {
@@ -18,7 +19,7 @@ void enableSuddenTermination() {}
 const char* kBooleanKeys[] = {
     KRDefaultsController::kFirstRunKey, KRDefaultsController::kActiveKey,
     KRDefaultsController::kRunAtLoginKey, KRDefaultsController::kCheckUpdatesKey,
-    KRDefaultsController::kVisibleKey};
+    KRDefaultsController::kVisibleKey, KRDefaultsController::kTransparentViewKey};
 
 const char* typeName(plist_t node) {
   switch (plist_get_node_type(node)) {
@@ -51,6 +52,7 @@ void KRDefaultsController::setupDefaultValues() {
   plist_dict_set_item(values, kRunAtLoginKey, plist_new_bool(1));
   plist_dict_set_item(values, kCheckUpdatesKey, plist_new_bool(1));
   plist_dict_set_item(values, kVisibleKey, plist_new_bool(1));
+  plist_dict_set_item(values, kTransparentViewKey, plist_new_bool(view::ViewMounter::fuseUsable() ? 1 : 0));
   defaults_.reset(plist_new_dict());
   reload();
   synchronize();
@@ -137,11 +139,13 @@ bool KRDefaultsController::helperActive() const { return boolForKey(kActiveKey);
 bool KRDefaultsController::autorunAtLogin() const { return boolForKey(kRunAtLoginKey); }
 bool KRDefaultsController::checkForUpdates() const { return boolForKey(kCheckUpdatesKey); }
 bool KRDefaultsController::visible() const { return boolForKey(kVisibleKey); }
+bool KRDefaultsController::transparentView() const { return boolForKey(kTransparentViewKey); }
 
 bool KRDefaultsController::setFirstRunDone() { return setBool(kFirstRunKey, false); }
 bool KRDefaultsController::setHelperActive(bool active) { return setBool(kActiveKey, active); }
 bool KRDefaultsController::setAutorunAtLogin(bool run) { return setBool(kRunAtLoginKey, run); }
 bool KRDefaultsController::setVisible(bool visible) { return setBool(kVisibleKey, visible); }
+bool KRDefaultsController::setTransparentView(bool on) { return setBool(kTransparentViewKey, on); }
 
 bool KRDefaultsController::setCheckForUpdates(bool check) {
   bool written = setBool(kCheckUpdatesKey, check);

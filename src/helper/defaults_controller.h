@@ -22,6 +22,9 @@ class KRDefaultsController {
   static constexpr const char* kRunAtLoginKey = "runAtLogin";
   static constexpr const char* kCheckUpdatesKey = "checkUpdates";
   static constexpr const char* kVisibleKey = "visible";
+  // Show watched folders through a view at full content; on by default
+  // where FUSE is usable.
+  static constexpr const char* kTransparentViewKey = "transparentView";
 
   // Created on first use: reads the file and writes it back at once, so the
   // file exists (with the built-in defaults on a first run) from then on.
@@ -45,12 +48,14 @@ class KRDefaultsController {
   bool autorunAtLogin() const;
   bool checkForUpdates() const;
   bool visible() const;
+  bool transparentView() const;
 
   // Each stores its key and writes the file at once.
   bool setFirstRunDone();
   bool setHelperActive(bool active);
   bool setAutorunAtLogin(bool run);
   bool setVisible(bool visible);
+  bool setTransparentView(bool on);
   // Also tells the helper afterwards: "krimbleHelperEnableUpdates" or
   // "krimbleHelperDisableUpdates".
   bool setCheckForUpdates(bool check);

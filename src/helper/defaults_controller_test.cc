@@ -6,6 +6,7 @@
 
 #include "base/log.h"
 #include "helper/test_support.h"
+#include "view/view_mounter.h"
 
 namespace zephlore {
 namespace {
@@ -41,9 +42,11 @@ TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
   EXPECT_TRUE(defaults.autorunAtLogin());
   EXPECT_TRUE(defaults.checkForUpdates());
   EXPECT_TRUE(defaults.visible());
+  // The view is on by default wherever this machine can mount one.
+  EXPECT_EQ(defaults.transparentView(), view::ViewMounter::fuseUsable());
   PlistPtr dict = fileDictionary(home);
   ASSERT_TRUE(dict);
-  EXPECT_EQ(plist_dict_get_size(dict.get()), 6u);
+  EXPECT_EQ(plist_dict_get_size(dict.get()), 7u);
   plist_t aliases = plist_dict_get_item(dict.get(), "folderAliases");
   ASSERT_NE(aliases, nullptr);
   EXPECT_EQ(plist_get_node_type(aliases), PLIST_ARRAY);
@@ -68,6 +71,9 @@ TEST(DefaultsControllerTest, AFileWithOnlyActiveFallsBackKeyByKeyAndStaysAsItIs)
   EXPECT_EQ(fileBool(home, "visible"), false);
   EXPECT_EQ(fileBool(home, "active"), false);
   EXPECT_EQ(plist_dict_get_size(fileDictionary(home).get()), 2u);
+  EXPECT_TRUE(defaults.setTransparentView(false));
+  EXPECT_FALSE(defaults.transparentView());
+  EXPECT_EQ(fileBool(home, "transparentView"), false);
   // No temporary file is left beside it.
   int entries = 0;
   for (const auto& entry : std::filesystem::directory_iterator(home.dataFolder())) {
@@ -81,8 +87,8 @@ TEST(DefaultsControllerTest, AnEmptyDictionaryIsTreatedLikeNoFile) {
   TestHome home;
   writeDefaults(home, "");
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
-  EXPECT_EQ(plist_dict_get_size(defaults.defaults().get()), 6u);
-  EXPECT_EQ(plist_dict_get_size(fileDictionary(home).get()), 6u);
+  EXPECT_EQ(plist_dict_get_size(defaults.defaults().get()), 7u);
+  EXPECT_EQ(plist_dict_get_size(fileDictionary(home).get()), 7u);
   EXPECT_TRUE(defaults.helperActive());
 }
 

@@ -1,0 +1,157 @@
+#!/usr/bin/env bash
+# bench/view.sh: the view (zephlore mount) side by side with bindfs, a plain
+# FUSE pass-through, in one run on the same data in tmpfs (/dev/shm).
+#
+#   bash bench/view.sh
+#
+# Measures, each the best of REPEAT runs:
+#   1. sequential read of a plain BIG_MIB file: our view against bindfs;
+#   2. find, then stat of every file, over TREE_FILES files: view against bindfs
+#      (the same compressed tree under both);
+#   3. sequential read of a compressed BIG_MIB file: view against zephlore cat;
+#   4. random 4 KiB reads in that file: view against zephlore cat --offset;
+#   5. tar -cf - . | wc -c of a compressed source tree (/usr/include) through
+#      the view, against the plain tree through bindfs.
+# Prints the ratios against the targets. Most of these runs wait on FUSE
+# round trips, so a busy machine moves them by tens of percent from run to
+# run: measure on an idle one.
+#
+# Knobs (environment): BUILD (default "build"), REPEAT (3), BIG_MIB (1024),
+# TREE_FILES (100000), READS (2000 random reads; CAT_READS 200 for the
+# command, which starts once per read), KEEP=1 keeps the work folder.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+BUILD=${BUILD:-build}
+REPEAT=${REPEAT:-3}
+BIG_MIB=${BIG_MIB:-1024}
+TREE_FILES=${TREE_FILES:-100000}
+READS=${READS:-2000}
+CAT_READS=${CAT_READS:-200}
+PYTHON=/usr/bin/python3
+
+for tool in bindfs fusermount3 perl tar $PYTHON; do
+  command -v "$tool" >/dev/null || { echo "view.sh needs $tool" >&2; exit 2; }
+done
+[ -w /dev/fuse ] || { echo "view.sh needs /dev/fuse" >&2; exit 2; }
+
+echo "== building zephlore ($BUILD)"
+cmake --build "$BUILD" --target zephlore >/dev/null || { echo "build failed" >&2; exit 2; }
+ZEPHLORE=$PWD/$BUILD/bin/zephlore
+
+WORK=$(mktemp -d /dev/shm/zephlore-view-bench.XXXXXX)
+MOUNTS=()
+cleanup() {
+  for m in "${MOUNTS[@]}"; do fusermount3 -uz "$m" 2>/dev/null || true; done
+  [ "${KEEP:-0}" = 1 ] || rm -rf "$WORK"
+}
+trap cleanup EXIT
+cd "$WORK"
+
+now() { date +%s.%N; }
+mib() { awk -v b="$1" 'BEGIN { printf "%.1f", b / 1048576 }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+best() {
+  local command=$1 best= t0 t1 t
+  for _ in $(seq "$REPEAT"); do
+    t0=$(now)
+    eval "$command"
+    t1=$(now)
+    t=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.3f", b - a }')
+    if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN { exit !(t < b) }'; then best=$t; fi
+  done
+  echo "$best"
+}
+view() { mkdir -p "$2"; "$ZEPHLORE" mount "$1" "$2" >/dev/null; MOUNTS+=("$2"); }
+bind() { mkdir -p "$2"; bindfs "$1" "$2"; MOUNTS+=("$2"); }
+
+# --- Data. The compressed file: each MiB is a quarter of text and three
+# quarters of zeros, so that its fork stays under the attribute list's limit.
+echo "== data: two $BIG_MIB MiB files, a tree of $TREE_FILES files, /usr/include"
+mkdir -p big tree src plain
+find /usr/include -type f -name '*.h' -print0 | LC_ALL=C sort -z | xargs -0 cat > text
+perl -e '
+  my ($mib, $text) = @ARGV;
+  open(my $in, "<:raw", $text) or die; local $/; my $t = <$in>; my $n = length($t);
+  open(my $out, ">:raw", "big/compressed") or die;
+  my $zeros = "\0" x (768 * 1024);
+  for my $i (0 .. $mib - 1) { print $out substr($t, ($i * 262144) % ($n - 262144), 262144), $zeros; }' \
+  "$BIG_MIB" text
+head -c $((BIG_MIB * 1048576)) /dev/urandom > big/plain
+perl -e '
+  my ($n, $text) = @ARGV;
+  open(my $in, "<:raw", $text) or die; local $/; my $t = <$in>; my $len = length($t);
+  for my $i (0 .. $n - 1) {
+    my $dir = sprintf("tree/d%03d", int($i / 1000)); mkdir $dir;
+    my $size = 4096 + ($i * 7919) % 8192;
+    open(my $out, ">:raw", "$dir/f$i") or die; print $out substr($t, ($i * 104729) % ($len - $size), $size); close $out;
+  }' "$TREE_FILES" text
+cp -a /usr/include/. src/
+cp -a /usr/include/. plain/
+cp big/compressed original
+"$ZEPHLORE" compress --quiet big/compressed
+"$ZEPHLORE" compress -r --quiet tree src >/dev/null
+"$ZEPHLORE" info big/compressed | grep -q compressed || { echo "the big file was not compressed" >&2; exit 1; }
+
+view big vbig; bind big bbig
+view tree vtree; bind tree btree
+view src vsrc; bind plain bplain
+cmp vbig/compressed original || { echo "the view does not give the file back" >&2; exit 1; }
+rm -f original
+SIZE=$(stat -c %s vbig/compressed)
+
+echo "== 1. plain file, sequential"
+t_plain_view=$(best "cat vbig/plain > /dev/null")
+t_plain_bind=$(best "cat bbig/plain > /dev/null")
+
+echo "== 2. find + stat, $TREE_FILES files"
+t_stat_view=$(best "find vtree > list.v && xargs -d '\n' stat -c %s < list.v > /dev/null")
+t_stat_bind=$(best "find btree > list.b && xargs -d '\n' stat -c %s < list.b > /dev/null")
+
+echo "== 3. compressed file, sequential"
+t_seq_view=$(best "cat vbig/compressed > /dev/null")
+t_seq_cat=$(best "'$ZEPHLORE' cat big/compressed > /dev/null")
+
+echo "== 4. compressed file, random 4 KiB reads"
+cat > reads.py <<'PY'
+import os, random, sys
+path, count, size = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+rng = random.Random(1)
+fd = os.open(path, os.O_RDONLY)
+for _ in range(count):
+    if len(os.pread(fd, 4096, rng.randrange(0, size - 4096))) != 4096: sys.exit("short read")
+PY
+perl -e 'srand(1); for (1 .. $ARGV[0]) { print int(rand($ARGV[1] - 4096)), "\n" }' "$CAT_READS" "$SIZE" > offsets
+t_rand_view=$(best "$PYTHON reads.py vbig/compressed $READS $SIZE")
+t_rand_cat=$(best "while read o; do '$ZEPHLORE' cat --offset \$o --length 4096 big/compressed > /dev/null; done < offsets")
+
+echo "== 5. tar of a source tree"
+t_tar_view=$(best "(cd vsrc && tar -cf - . | wc -c > /dev/null)")
+t_tar_bind=$(best "(cd bplain && tar -cf - . | wc -c > /dev/null)")
+
+echo
+echo "Results: $(nproc) cores, tmpfs, files of $BIG_MIB MiB, $TREE_FILES files, $(find src -type f | wc -l) headers"
+printf '  %-48s %9s\n' "" seconds
+row() { printf '  %-48s %9s\n' "$1" "$2"; }
+row "plain $BIG_MIB MiB  cat through the view" "$t_plain_view"
+row "plain $BIG_MIB MiB  cat through bindfs" "$t_plain_bind"
+row "find + stat     through the view" "$t_stat_view"
+row "find + stat     through bindfs" "$t_stat_bind"
+row "compressed      cat through the view" "$t_seq_view"
+row "compressed      zephlore cat" "$t_seq_cat"
+row "$READS random reads through the view" "$t_rand_view"
+row "$CAT_READS zephlore cat --offset" "$t_rand_cat"
+row "tar | wc -c     compressed tree, view" "$t_tar_view"
+row "tar | wc -c     plain tree, bindfs" "$t_tar_bind"
+
+echo
+echo "Ratios"
+verdict() { awk -v v="$1" -v t="$2" -v op="$3" 'BEGIN { ok = (op == ">=") ? v >= t : v <= t; print ok ? "ok" : "MISSED" }'; }
+check() { printf '  %-48s %7s   target %s %-5s %s\n' "$1" "$2" "$3" "$4" "$(verdict "$2" "$4" "$3")"; }
+check "plain read rate, view / bindfs" "$(ratio "$t_plain_bind" "$t_plain_view")" ">=" 1.00
+check "find + stat time, view / bindfs" "$(ratio "$t_stat_view" "$t_stat_bind")" "<=" 1.00
+check "compressed read rate, view / zephlore cat" "$(ratio "$t_seq_cat" "$t_seq_view")" ">=" 0.50
+rate_view=$(awk -v n="$READS" -v t="$t_rand_view" 'BEGIN { print n / t }')
+rate_cat=$(awk -v n="$CAT_READS" -v t="$t_rand_cat" 'BEGIN { print n / t }')
+check "random 4 KiB read rate, view / cat --offset" "$(ratio "$rate_view" "$rate_cat")" ">=" 0.50
+check "tar time, view (compressed) / bindfs (plain)" "$(ratio "$t_tar_view" "$t_tar_bind")" "<=" 2.00

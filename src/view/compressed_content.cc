@@ -1,0 +1,146 @@
+#include "view/compressed_content.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/log.h"
+#include "engine/attribute_fork_source.h"
+#include "engine/compressed_fork_reader.h"
+#include "engine/hfs_compression_structs_helper.h"
+#include "engine/hfs_error_codes.h"
+
+namespace zephlore::view {
+namespace {
+
+constexpr uint64_t kBlock = kHFSCompressionBlockSize;
+// Idle decoders kept per file: one per thread that usually reads it at once.
+constexpr size_t kMostIdleDecoders = 4;
+// Blocks inflated ahead of a reader going forward.
+constexpr uint64_t kBlocksAhead = 4;
+
+}  // namespace
+
+struct CompressedContent::Decoder {
+  std::unique_ptr<AttributeForkSource> fork;
+  std::unique_ptr<CompressedForkReader> reader;
+};
+
+CompressedContent::CompressedContent(UniqueFd fd, const struct stat& st, uint64_t size, std::string name,
+                                     InflatedBlockCache& cache, BlockPrefetcher& prefetcher)
+    : fd_(std::move(fd)),
+      size_(size),
+      blockCount_((size + kBlock - 1) / kBlock),
+      name_(std::move(name)),
+      cache_(cache),
+      prefetcher_(prefetcher) {
+  key_.device = st.st_dev;
+  key_.inode = st.st_ino;
+  key_.changeTimeNs = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+}
+
+CompressedContent::~CompressedContent() = default;
+
+std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct stat& st, uint64_t size,
+                                                           std::string name, InflatedBlockCache& cache,
+                                                           BlockPrefetcher& prefetcher, Error* error) {
+  UniqueFd own(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  if (!own) {
+    fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, std::string("Could not open the file: ") + strerror(errno));
+    return nullptr;
+  }
+  std::shared_ptr<CompressedContent> content(
+      new CompressedContent(std::move(own), st, size, std::move(name), cache, prefetcher));
+  std::unique_ptr<Decoder> first = content->makeDecoder(error);
+  if (!first) return nullptr;
+  content->idle_.push_back(std::move(first));
+  return content;
+}
+
+std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error* error) {
+  auto decoder = std::make_unique<Decoder>();
+  decoder->fork = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
+  if (!decoder->fork) return nullptr;
+  decoder->reader = CompressedForkReader::open(*decoder->fork, size_, error);
+  if (!decoder->reader) return nullptr;
+  return decoder;
+}
+
+InflatedBlockCache::Block CompressedContent::block(uint64_t index) {
+  BlockKey key = key_;
+  key.block = index;
+  std::unique_ptr<Decoder> decoder;
+  {
+    std::unique_lock lock(mutex_);
+    while (true) {
+      if (InflatedBlockCache::Block cached = cache_.find(key)) return cached;
+      if (!inFlight_.count(index)) break;
+      inflated_.wait(lock);
+    }
+    inFlight_.insert(index);
+    if (!idle_.empty()) {
+      decoder = std::move(idle_.back());
+      idle_.pop_back();
+    }
+  }
+  Error error;
+  if (!decoder) decoder = makeDecoder(&error);
+  auto inflated = std::make_shared<InflatedBlock>(static_cast<size_t>(std::min(kBlock, size_ - index * kBlock)));
+  size_t got = 0;
+  const bool ok = decoder &&
+                  decoder->reader->read(index * kBlock, inflated->bytes.get(), inflated->size, &got, &error) &&
+                  got == inflated->size;
+  InflatedBlockCache::Block result;
+  if (ok) {
+    result = std::move(inflated);
+    cache_.insert(key, result);
+  }
+  {
+    std::lock_guard lock(mutex_);
+    inFlight_.erase(index);
+    if (decoder && idle_.size() < kMostIdleDecoders) idle_.push_back(std::move(decoder));
+  }
+  inflated_.notify_all();
+  if (!ok && cache_.firstReportOfBadBlock(key)) {
+    KRLog("Block %llu of %s cannot be read, reads of it fail: %s", static_cast<unsigned long long>(index),
+          name_.c_str(), error.describe().c_str());
+  }
+  return result;
+}
+
+void CompressedContent::prefetchFrom(uint64_t index) {
+  const uint64_t end = std::min(blockCount_, index + kBlocksAhead);
+  for (uint64_t i = index; i < end; ++i) {
+    BlockKey key = key_;
+    key.block = i;
+    {
+      std::lock_guard lock(mutex_);
+      if (inFlight_.count(i)) continue;
+    }
+    if (cache_.find(key)) continue;
+    prefetcher_.post([self = shared_from_this(), i] { self->block(i); });
+  }
+}
+
+ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
+  if (offset >= size_) return 0;
+  const size_t total = static_cast<size_t>(std::min<uint64_t>(n, size_ - offset));
+  // A read that starts where the last one ended is a reader going forward.
+  const bool forward = nextOffset_.exchange(offset + total) == offset && offset > 0;
+  if (forward) prefetchFrom((offset + total + kBlock - 1) / kBlock);
+  size_t done = 0;
+  while (done < total) {
+    const uint64_t pos = offset + done;
+    InflatedBlockCache::Block data = block(pos / kBlock);
+    if (!data) return -EIO;
+    const size_t within = static_cast<size_t>(pos % kBlock);
+    const size_t take = std::min(total - done, data->size - within);
+    std::memcpy(out + done, data->data() + within, take);
+    done += take;
+  }
+  return static_cast<ssize_t>(done);
+}
+
+}  // namespace zephlore::view

@@ -1,0 +1,104 @@
+#include "view/mount_table.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+extern char** environ;
+
+namespace zephlore::view {
+namespace {
+
+// Undoes the mount table's octal escapes ("\040" for a space).
+std::string unescape(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size()) {
+      out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+      i += 3;
+    } else {
+      out += field[i];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string absolutePath(const std::string& path) {
+  std::string full = path;
+  if (full.empty() || full[0] != '/') {
+    std::vector<char> cwd(4096);
+    if (getcwd(cwd.data(), cwd.size())) full = std::string(cwd.data()) + "/" + full;
+  }
+  std::vector<std::string> parts;
+  std::stringstream in(full);
+  for (std::string part; std::getline(in, part, '/');) {
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+      continue;
+    }
+    parts.push_back(part);
+  }
+  std::string out;
+  for (const std::string& part : parts) out += "/" + part;
+  return out.empty() ? "/" : out;
+}
+
+bool isViewMounted(const std::string& mountPoint) {
+  std::ifstream table("/proc/self/mountinfo");
+  for (std::string line; std::getline(table, line);) {
+    // id parent major:minor root mountpoint options [optional...] - type source super
+    std::istringstream fields(line);
+    std::string id, parent, device, root, point;
+    fields >> id >> parent >> device >> root >> point;
+    const size_t dash = line.find(" - ");
+    if (dash == std::string::npos) continue;
+    std::istringstream tail(line.substr(dash + 3));
+    std::string type;
+    tail >> type;
+    if (type == kViewFileSystemType && unescape(point) == mountPoint) return true;
+  }
+  return false;
+}
+
+bool isViewDisconnected(const std::string& mountPoint) {
+  struct stat st;
+  return stat(mountPoint.c_str(), &st) != 0 && errno == ENOTCONN && isViewMounted(mountPoint);
+}
+
+bool unmountView(const std::string& mountPoint, bool lazy, Error* error) {
+  if (!isViewMounted(mountPoint)) {
+    return fail(error, "posix", EINVAL, "no view is mounted on " + mountPoint);
+  }
+  std::vector<std::string> args = {"fusermount3", lazy ? "-uz" : "-u", "--", mountPoint};
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  pid_t pid = 0;
+  int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return fail(error, "posix", spawned, std::string("cannot run fusermount3: ") + strerror(spawned));
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    return fail(error, "posix", EBUSY,
+                "fusermount3 could not unmount " + mountPoint + (lazy ? "" : " (is a file in it still open?)"));
+  }
+  return true;
+}
+
+}  // namespace zephlore::view

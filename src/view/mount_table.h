@@ -1,0 +1,27 @@
+// Views in the mount table, and unmounting them through fusermount3 (which
+// works for an unprivileged user and for a view whose process is gone).
+#pragma once
+
+#include <string>
+
+#include "base/error.h"
+
+namespace zephlore::view {
+
+// The file-system type views carry in the mount table.
+inline constexpr const char* kViewFileSystemType = "fuse.zephlore";
+
+// Whether a view is mounted exactly on `mountPoint` (an absolute path).
+bool isViewMounted(const std::string& mountPoint);
+// Whether the view there has lost its process (ENOTCONN).
+bool isViewDisconnected(const std::string& mountPoint);
+
+// Unmounts the view on `mountPoint`; `lazy` detaches it even while files in
+// it are open. Fails (and changes nothing) when no view is mounted there.
+bool unmountView(const std::string& mountPoint, bool lazy, Error* error);
+
+// `path` made absolute and without "." or ".." (the mount table's form),
+// without following a final symbolic link.
+std::string absolutePath(const std::string& path);
+
+}  // namespace zephlore::view

@@ -1,0 +1,120 @@
+#include "view/underlying_tree.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "view/mount_table.h"
+
+namespace zephlore::view {
+namespace {
+
+std::string unescapeMountField(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size()) {
+      out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+      i += 3;
+    } else {
+      out += field[i];
+    }
+  }
+  return out;
+}
+
+bool isWithin(const std::string& path, const std::string& mountPoint) {
+  if (mountPoint == "/") return true;
+  return path.compare(0, mountPoint.size(), mountPoint) == 0 &&
+         (path.size() == mountPoint.size() || path[mountPoint.size()] == '/');
+}
+
+std::string linkText(const std::string& link) {
+  std::vector<char> buf(4096);
+  ssize_t n = readlink(link.c_str(), buf.data(), buf.size());
+  return n > 0 ? std::string(buf.data(), static_cast<size_t>(n)) : std::string();
+}
+
+// A process of ours serving a view of `source` (with /dev/fuse open and a
+// directory descriptor on `source` that is not the view itself).
+std::string findServingDescriptor(const std::string& source, dev_t viewDevice) {
+  DIR* proc = opendir("/proc");
+  if (!proc) return "";
+  std::string found;
+  while (struct dirent* entry = readdir(proc)) {
+    const std::string pid = entry->d_name;
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream comm("/proc/" + pid + "/comm");
+    std::string name;
+    if (!std::getline(comm, name) || name != "zephlore") continue;
+    const std::string fds = "/proc/" + pid + "/fd";
+    DIR* dir = opendir(fds.c_str());
+    if (!dir) continue;
+    bool servesFuse = false;
+    std::string root;
+    while (struct dirent* fd = readdir(dir)) {
+      if (fd->d_name[0] == '.') continue;
+      const std::string link = fds + "/" + fd->d_name;
+      const std::string target = linkText(link);
+      if (target == "/dev/fuse") servesFuse = true;
+      struct stat st;
+      if (target == source && root.empty() && stat(link.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+          st.st_dev != viewDevice) {
+        root = link;
+      }
+    }
+    closedir(dir);
+    if (servesFuse && !root.empty()) {
+      found = root;
+      break;
+    }
+  }
+  closedir(proc);
+  return found;
+}
+
+}  // namespace
+
+std::optional<ViewCover> viewCovering(const std::string& path) {
+  const std::string absolute = absolutePath(path);
+  std::ifstream table("/proc/self/mountinfo");
+  std::string bestPoint, bestSource;
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream fields(line);
+    std::string id, parent, device, root, point;
+    fields >> id >> parent >> device >> root >> point;
+    const size_t dash = line.find(" - ");
+    if (dash == std::string::npos) continue;
+    std::istringstream tail(line.substr(dash + 3));
+    std::string type, source;
+    tail >> type >> source;
+    if (type != kViewFileSystemType) continue;
+    point = unescapeMountField(point);
+    // Later lines are mounted on top of earlier ones.
+    if (isWithin(absolute, point) && point.size() >= bestPoint.size()) {
+      bestPoint = point;
+      bestSource = unescapeMountField(source);
+    }
+  }
+  if (bestPoint.empty()) return std::nullopt;
+  struct stat view;
+  if (stat(bestPoint.c_str(), &view) != 0) return std::nullopt;  // a dead view: nothing serves it
+  std::string beneath = findServingDescriptor(bestSource, view.st_dev);
+  if (beneath.empty()) return std::nullopt;
+  return ViewCover{bestPoint, beneath};
+}
+
+std::string pathBeneathViews(const std::string& path) {
+  const std::string absolute = absolutePath(path);
+  std::optional<ViewCover> cover = viewCovering(absolute);
+  if (!cover) return absolute;
+  const std::string rest = cover->mountPoint == "/" ? absolute : absolute.substr(cover->mountPoint.size());
+  // "/." makes tools that never follow a final symbolic link step through
+  // the descriptor's link to the folder.
+  return cover->beneath + (rest.empty() ? "/." : rest);
+}
+
+}  // namespace zephlore::view

@@ -1,0 +1,26 @@
+// The files beneath a view. A view's process holds the tree it shows open,
+// and /proc/PID/fd/N reaches that tree even where the view covers it; so a
+// process of the same user (the helper, zephlore decompress) can work on the
+// stored files of a folder that programs see through a view.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace zephlore::view {
+
+struct ViewCover {
+  std::string mountPoint;  // where the view is mounted
+  std::string beneath;     // "/proc/PID/fd/N": the tree it shows
+};
+
+// The view whose mount point is `path` or holds it (the innermost one);
+// none when no view of ours covers it or its process is gone.
+std::optional<ViewCover> viewCovering(const std::string& path);
+
+// `path` made to reach the stored files when a view covers it
+// ("/proc/PID/fd/N/." for the mount point itself); `path` itself (absolute)
+// otherwise.
+std::string pathBeneathViews(const std::string& path);
+
+}  // namespace zephlore::view

@@ -1,0 +1,467 @@
+#define FUSE_USE_VERSION 314
+#include "view/view_file_system.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fuse3/fuse.h>
+#include <sys/file.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "base/log.h"
+#include "engine/decmpfs_header.h"
+#include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_uncompressor.h"
+#include "platform/attribute_names.h"
+#include "platform/file_flags.h"
+#include "view/compressed_content.h"
+#include "view/layout_attributes.h"
+
+namespace zephlore::view {
+namespace {
+
+// What an open file of the view holds: the file beneath, and for a
+// compressed file opened for reading, the means to inflate it.
+struct OpenFile {
+  UniqueFd fd;
+  std::shared_ptr<CompressedContent> compressed;
+};
+
+struct OpenDirectory {
+  DIR* dir = nullptr;
+  struct dirent* entry = nullptr;  // read but not yet handed out
+  off_t offset = 0;
+};
+
+ViewFileSystem& fs() { return *static_cast<ViewFileSystem*>(fuse_get_context()->private_data); }
+
+// A path of the view relative to the root descriptor.
+const char* rel(const char* path) { return path[1] != '\0' ? path + 1 : "."; }
+
+OpenFile& openFile(const fuse_file_info* fi) { return *reinterpret_cast<OpenFile*>(fi->fh); }
+OpenDirectory& openDirectory(const fuse_file_info* fi) { return *reinterpret_cast<OpenDirectory*>(fi->fh); }
+
+int result(int r) { return r < 0 ? -errno : r; }
+
+std::string proc(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
+// The content size a compressed file's header gives; none for a file that
+// is not in the compressed state (a file without the flag was left half
+// converted and is shown as it is).
+std::optional<uint64_t> compressedSizeOf(const FileRef& file) {
+  uint8_t value[kDecmpfsValueSize + 1];
+  const ssize_t n = Env::shared().getxattr(file, attr::kDecmpfs, value, sizeof value);
+  uint64_t size = 0;
+  if (n < 0 || !parseDecmpfsValue(value, static_cast<size_t>(n), &size, nullptr)) return std::nullopt;
+  std::optional<uint32_t> flags = FileFlags::get(file);
+  if (!flags || !(*flags & FileFlags::kUFCompressed)) return std::nullopt;
+  return size;
+}
+
+bool isCandidate(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_size == 0; }
+
+
+// --- Operations ---------------------------------------------------------------
+
+void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
+  // Real inode numbers keep hard links recognisable to cp -a and rsync -H.
+  cfg->use_ino = 1;
+  // Open files are served by descriptor, so an unlinked open file needs no
+  // hidden rename, and reads and writes need no path.
+  cfg->nullpath_ok = 1;
+  cfg->hard_remove = 1;
+  cfg->entry_timeout = 1.0;
+  cfg->attr_timeout = 1.0;
+  cfg->negative_timeout = 0;
+  // Plain files' data goes from the file beneath to the kernel by splice.
+  conn->want |= conn->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+  return &fs();
+}
+
+int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
+  if (fi) {
+    OpenFile& file = openFile(fi);
+    if (fstat(file.fd.get(), st) != 0) return -errno;
+    if (file.compressed) showContentSize(st, file.compressed->size());
+    return 0;
+  }
+  if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (isCandidate(*st)) {
+    if (std::optional<uint64_t> size = fs().compressedSize(path, *st)) showContentSize(st, *size);
+  }
+  return 0;
+}
+
+int viewReadlink(const char* path, char* buf, size_t size) {
+  ssize_t n = readlinkat(fs().rootFd(), rel(path), buf, size - 1);
+  if (n < 0) return -errno;
+  buf[n] = '\0';
+  return 0;
+}
+
+int viewMknod(const char* path, mode_t mode, dev_t rdev) {
+  if (S_ISFIFO(mode)) return result(mkfifoat(fs().rootFd(), rel(path), mode));
+  return result(mknodat(fs().rootFd(), rel(path), mode, rdev));
+}
+
+int viewMkdir(const char* path, mode_t mode) { return result(mkdirat(fs().rootFd(), rel(path), mode)); }
+int viewUnlink(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), 0)); }
+int viewRmdir(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR)); }
+
+int viewSymlink(const char* target, const char* path) {
+  return result(symlinkat(target, fs().rootFd(), rel(path)));
+}
+
+int viewRename(const char* from, const char* to, unsigned int flags) {
+  return result(renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags));
+}
+
+int viewLink(const char* from, const char* to) {
+  return result(linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0));
+}
+
+int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
+  if (fi) return result(fchmod(openFile(fi).fd.get(), mode));
+  return result(fchmodat(fs().rootFd(), rel(path), mode, 0));
+}
+
+int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
+  if (fi) return result(fchown(openFile(fi).fd.get(), uid, gid));
+  return result(fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW));
+}
+
+int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
+  if (fi) {
+    if (openFile(fi).compressed) return -EBADF;
+    return result(ftruncate(openFile(fi).fd.get(), size));
+  }
+  if (int r = fs().expandBeforeWriting(path); r != 0) return r;
+  UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) return -errno;
+  return result(ftruncate(fd.get(), size));
+}
+
+int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
+  if (fi) return result(futimens(openFile(fi).fd.get(), ts));
+  return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
+}
+
+// Opens (or creates) a file of the view. A compressed file is expanded
+// first when the open may write; a compressed file opened for reading is
+// served by inflating its blocks.
+int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode) {
+  ViewFileSystem& view = fs();
+  const bool writing = (fi->flags & O_ACCMODE) != O_RDONLY || (fi->flags & O_TRUNC);
+  const int flags = fi->flags | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0);
+  // The helper may compress the file between the check and the open: it is
+  // looked at again through the opened descriptor.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (writing) {
+      if (int r = view.expandBeforeWriting(path); r != 0) return r;
+    }
+    auto file = std::make_unique<OpenFile>();
+    file->fd.reset(openat(view.rootFd(), rel(path), flags, mode));
+    if (!file->fd) return -errno;
+    struct stat st;
+    if (fstat(file->fd.get(), &st) != 0) return -errno;
+    if (S_ISREG(st.st_mode)) {
+      const FileRef ref = FileRef::descriptor(file->fd.get());
+      std::optional<uint64_t> size = isCandidate(st) ? compressedSizeOf(ref) : std::nullopt;
+      if (size && writing) continue;
+      if (size) {
+        Error error;
+        file->compressed =
+            CompressedContent::open(file->fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
+        if (!file->compressed) {
+          KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
+          return -EIO;
+        }
+      } else if (st.st_size > 0 && Env::shared().getxattr(ref, attr::kDecmpfs, nullptr, 0) >= 0) {
+        view.noteMixedFile(path, st);
+      }
+    }
+    fi->fh = reinterpret_cast<uint64_t>(file.release());
+    return 0;
+  }
+  return -EBUSY;
+}
+
+int viewOpen(const char* path, fuse_file_info* fi) { return openOrCreate(path, fi, false, 0); }
+int viewCreate(const char* path, mode_t mode, fuse_file_info* fi) { return openOrCreate(path, fi, true, mode); }
+
+int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse_file_info* fi) {
+  OpenFile& file = openFile(fi);
+  // libfuse frees the vector and any memory in it after replying.
+  auto* vec = static_cast<fuse_bufvec*>(std::calloc(1, sizeof(fuse_bufvec)));
+  if (!vec) return -ENOMEM;
+  vec->count = 1;
+  fuse_buf& buf = vec->buf[0];
+  buf.fd = -1;
+  if (file.compressed) {
+    buf.mem = std::malloc(size > 0 ? size : 1);
+    if (!buf.mem) {
+      std::free(vec);
+      return -ENOMEM;
+    }
+    ssize_t n = file.compressed->read(static_cast<uint64_t>(offset), size, static_cast<uint8_t*>(buf.mem));
+    if (n < 0) {
+      std::free(buf.mem);
+      std::free(vec);
+      return static_cast<int>(n);
+    }
+    buf.size = static_cast<size_t>(n);
+  } else {
+    buf.size = size;
+    buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+    buf.fd = file.fd.get();
+    buf.pos = offset;
+  }
+  *bufp = vec;
+  return 0;
+}
+
+int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi) {
+  OpenFile& file = openFile(fi);
+  if (file.compressed) return -EBADF;
+  fuse_bufvec out{};
+  out.count = 1;
+  out.buf[0].size = fuse_buf_size(in);
+  out.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+  out.buf[0].fd = file.fd.get();
+  out.buf[0].pos = offset;
+  return static_cast<int>(fuse_buf_copy(&out, in, FUSE_BUF_SPLICE_NONBLOCK));
+}
+
+int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().rootFd(), st)); }
+
+int viewRelease(const char*, fuse_file_info* fi) {
+  delete reinterpret_cast<OpenFile*>(fi->fh);
+  return 0;
+}
+
+int viewFsync(const char*, int datasync, fuse_file_info* fi) {
+  const int fd = openFile(fi).fd.get();
+  return result(datasync ? fdatasync(fd) : fsync(fd));
+}
+
+int viewSetxattr(const char* path, const char* name, const char* value, size_t size, int flags) {
+  // Writing the layout through the view would make a mixed file.
+  if (isLayoutAttribute(name)) return -EPERM;
+  return result(lsetxattr(fs().underlyingPath(path).c_str(), name, value, size, flags));
+}
+
+int viewGetxattr(const char* path, const char* name, char* value, size_t size) {
+  if (isLayoutAttribute(name)) return -ENODATA;
+  ssize_t n = lgetxattr(fs().underlyingPath(path).c_str(), name, value, size);
+  return n < 0 ? -errno : static_cast<int>(n);
+}
+
+int viewListxattr(const char* path, char* list, size_t size) {
+  std::vector<char> names(kXattrListMax);
+  ssize_t n = llistxattr(fs().underlyingPath(path).c_str(), names.data(), names.size());
+  if (n < 0) return -errno;
+  const size_t kept = removeLayoutAttributes(names.data(), static_cast<size_t>(n));
+  if (size == 0) return static_cast<int>(kept);
+  if (kept > size) return -ERANGE;
+  std::memcpy(list, names.data(), kept);
+  return static_cast<int>(kept);
+}
+
+int viewRemovexattr(const char* path, const char* name) {
+  if (isLayoutAttribute(name)) return -ENODATA;
+  return result(lremovexattr(fs().underlyingPath(path).c_str(), name));
+}
+
+int viewOpendir(const char* path, fuse_file_info* fi) {
+  int fd = openat(fs().rootFd(), rel(path), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return -errno;
+  auto directory = std::make_unique<OpenDirectory>();
+  directory->dir = fdopendir(fd);
+  if (!directory->dir) {
+    int err = errno;
+    close(fd);
+    return -err;
+  }
+  fi->fh = reinterpret_cast<uint64_t>(directory.release());
+  return 0;
+}
+
+int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fuse_file_info* fi,
+                fuse_readdir_flags flags) {
+  OpenDirectory& d = openDirectory(fi);
+  if (offset != d.offset) {
+    seekdir(d.dir, offset);
+    d.entry = nullptr;
+    d.offset = offset;
+  }
+  const int dirFd = dirfd(d.dir);
+  while (true) {
+    if (!d.entry) {
+      d.entry = readdir(d.dir);
+      if (!d.entry) break;
+    }
+    struct stat st{};
+    fuse_fill_dir_flags fill = static_cast<fuse_fill_dir_flags>(0);
+    if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      fill = FUSE_FILL_DIR_PLUS;
+      if (isCandidate(st)) {
+        if (std::optional<uint64_t> size = fs().compressedSize(proc(dirFd) + "/" + d.entry->d_name, st)) {
+          showContentSize(&st, *size);
+        }
+      }
+    } else {
+      st = {};
+      st.st_ino = d.entry->d_ino;
+      st.st_mode = static_cast<mode_t>(d.entry->d_type) << 12;
+    }
+    const off_t next = telldir(d.dir);
+    if (filler(buf, d.entry->d_name, &st, next, fill)) break;
+    d.entry = nullptr;
+    d.offset = next;
+  }
+  return 0;
+}
+
+int viewReleasedir(const char*, fuse_file_info* fi) {
+  OpenDirectory* d = reinterpret_cast<OpenDirectory*>(fi->fh);
+  closedir(d->dir);
+  delete d;
+  return 0;
+}
+
+int viewFsyncdir(const char*, int datasync, fuse_file_info* fi) {
+  const int fd = dirfd(openDirectory(fi).dir);
+  return result(datasync ? fdatasync(fd) : fsync(fd));
+}
+
+int viewAccess(const char* path, int mask) { return result(faccessat(fs().rootFd(), rel(path), mask, 0)); }
+
+int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(openFile(fi).fd.get(), op)); }
+
+int viewFallocate(const char*, int mode, off_t offset, off_t length, fuse_file_info* fi) {
+  if (openFile(fi).compressed) return -EBADF;
+  return result(fallocate(openFile(fi).fd.get(), mode, offset, length));
+}
+
+off_t viewLseek(const char*, off_t offset, int whence, fuse_file_info* fi) {
+  OpenFile& file = openFile(fi);
+  if (file.compressed) {
+    // The content has no holes.
+    const off_t size = static_cast<off_t>(file.compressed->size());
+    if (offset < 0 || offset >= size) return -ENXIO;
+    return whence == SEEK_DATA ? offset : size;
+  }
+  off_t r = lseek(file.fd.get(), offset, whence);
+  return r < 0 ? -errno : r;
+}
+
+fuse_operations makeOperations() {
+  fuse_operations ops{};
+  ops.init = viewInit;
+  ops.getattr = viewGetattr;
+  ops.readlink = viewReadlink;
+  ops.mknod = viewMknod;
+  ops.mkdir = viewMkdir;
+  ops.unlink = viewUnlink;
+  ops.rmdir = viewRmdir;
+  ops.symlink = viewSymlink;
+  ops.rename = viewRename;
+  ops.link = viewLink;
+  ops.chmod = viewChmod;
+  ops.chown = viewChown;
+  ops.truncate = viewTruncate;
+  ops.utimens = viewUtimens;
+  ops.open = viewOpen;
+  ops.create = viewCreate;
+  ops.read_buf = viewReadBuf;
+  ops.write_buf = viewWriteBuf;
+  ops.statfs = viewStatfs;
+  ops.release = viewRelease;
+  ops.fsync = viewFsync;
+  ops.setxattr = viewSetxattr;
+  ops.getxattr = viewGetxattr;
+  ops.listxattr = viewListxattr;
+  ops.removexattr = viewRemovexattr;
+  ops.opendir = viewOpendir;
+  ops.readdir = viewReaddir;
+  ops.releasedir = viewReleasedir;
+  ops.fsyncdir = viewFsyncdir;
+  ops.access = viewAccess;
+  ops.flock = viewFlock;
+  ops.fallocate = viewFallocate;
+  ops.lseek = viewLseek;
+  // No lock(): POSIX record locks are then kept by the kernel for the view.
+  return ops;
+}
+
+}  // namespace
+
+void showContentSize(struct stat* st, uint64_t size) {
+  st->st_size = static_cast<off_t>(size);
+  st->st_blocks = static_cast<blkcnt_t>((size + 4095) / 4096 * 8);
+}
+
+ViewFileSystem::ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes)
+    : root_(std::move(root)),
+      base_(proc(root_.get())),
+      shownAs_(std::move(shownAs)),
+      cache_(cacheBytes),
+      prefetcher_(2) {}
+
+const fuse_operations& ViewFileSystem::operations() {
+  static const fuse_operations ops = makeOperations();
+  return ops;
+}
+
+std::string ViewFileSystem::underlyingPath(const char* path) const {
+  return path[1] != '\0' ? base_ + path : base_;
+}
+
+std::string ViewFileSystem::shownPath(const char* path) const {
+  return path[1] != '\0' ? shownAs_ + path : shownAs_;
+}
+
+std::optional<uint64_t> ViewFileSystem::compressedSize(const std::string& underlying, const struct stat& st) {
+  if (!isCandidate(st)) return std::nullopt;
+  const SizeKey key{st.st_dev, st.st_ino, static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
+  {
+    std::lock_guard lock(sizesMutex_);
+    if (auto found = sizes_.find(key); found != sizes_.end()) {
+      if (found->second < 0) return std::nullopt;
+      return static_cast<uint64_t>(found->second);
+    }
+  }
+  std::optional<uint64_t> size = compressedSizeOf(FileRef::atPath(underlying));
+  constexpr size_t kMostSizes = 1 << 18;
+  std::lock_guard lock(sizesMutex_);
+  if (sizes_.size() >= kMostSizes) sizes_.clear();
+  sizes_[key] = size ? static_cast<int64_t>(*size) : -1;
+  return size;
+}
+
+int ViewFileSystem::expandBeforeWriting(const char* path) {
+  std::lock_guard lock(expandMutex_);
+  struct stat st;
+  if (fstatat(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
+  if (!compressedSize(path, st)) return 0;
+  Error error;
+  if (QVHFSUncompressor::expandInPlacePath(underlyingPath(path), &error)) return 0;
+  KRLog("Could not expand %s before writing to it: %s", shownPath(path).c_str(), error.describe().c_str());
+  return error.code == kHFSErrorOpenForWriting ? -EBUSY : -EIO;
+}
+
+void ViewFileSystem::noteMixedFile(const char* path, const struct stat& st) {
+  std::lock_guard lock(mixedMutex_);
+  if (!mixedReported_.insert({st.st_dev, st.st_ino}).second) return;
+  KRLog("%s was written after it was compressed; the view shows its data fork and keeps its compressed data",
+        shownPath(path).c_str());
+}
+
+}  // namespace zephlore::view

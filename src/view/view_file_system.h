@@ -1,0 +1,84 @@
+// The view's file system: the tree under one directory descriptor, with
+// every compressed file shown at its full content. Plain files, directories
+// and everything else pass straight through to the tree beneath; only the
+// compressed layout is translated (sizes, reads, the hidden attributes) and
+// a compressed file is expanded in place before anything writes to it.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/env.h"
+#include "view/block_prefetcher.h"
+#include "view/inflated_block_cache.h"
+
+struct fuse_operations;
+
+namespace zephlore::view {
+
+class ViewFileSystem {
+ public:
+  // `root` is the tree shown; `shownAs` names the mount point in log lines.
+  ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes);
+
+  // The operations table for fuse_new(); the private data is the ViewFileSystem.
+  static const fuse_operations& operations();
+
+  int rootFd() const { return root_.get(); }
+  // A path that reaches the tree beneath even when the view covers it.
+  std::string underlyingPath(const char* path) const;
+  // Where a path of the view is shown, for log lines.
+  std::string shownPath(const char* path) const;
+
+  // The content size of a compressed file; none for any other file.
+  // `underlying` reaches the file beneath; answers are kept per inode and
+  // change time, which every change of the layout moves on.
+  std::optional<uint64_t> compressedSize(const std::string& underlying, const struct stat& st);
+  std::optional<uint64_t> compressedSize(const char* path, const struct stat& st) {
+    return compressedSize(underlyingPath(path), st);
+  }
+  // Expands the file in place if it is compressed: 0, or -errno.
+  int expandBeforeWriting(const char* path);
+  // Logs, once per file, that a mixed file is shown as its data fork.
+  void noteMixedFile(const char* path, const struct stat& st);
+
+  InflatedBlockCache& cache() { return cache_; }
+  BlockPrefetcher& prefetcher() { return prefetcher_; }
+
+ private:
+  UniqueFd root_;
+  const std::string base_;  // "/proc/self/fd/N", the root by descriptor
+  const std::string shownAs_;
+  InflatedBlockCache cache_;
+  BlockPrefetcher prefetcher_;  // after the cache: its work uses it
+  struct SizeKey {
+    dev_t device;
+    ino_t inode;
+    int64_t changeTimeNs;
+    bool operator==(const SizeKey&) const = default;
+  };
+  struct SizeKeyHash {
+    size_t operator()(const SizeKey& k) const {
+      return std::hash<uint64_t>()(k.inode) * 31 + std::hash<int64_t>()(k.changeTimeNs) + k.device;
+    }
+  };
+  std::mutex sizesMutex_;
+  std::unordered_map<SizeKey, int64_t, SizeKeyHash> sizes_;  // -1: not compressed
+  std::mutex expandMutex_;  // one expansion at a time
+  std::mutex mixedMutex_;
+  std::set<std::pair<dev_t, ino_t>> mixedReported_;
+};
+
+// Sets the size and blocks a program sees for a compressed file of `size` bytes.
+void showContentSize(struct stat* st, uint64_t size);
+
+}  // namespace zephlore::view
