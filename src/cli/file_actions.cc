@@ -5,7 +5,6 @@
 #include <cerrno>
 
 #include "cli/candidate_check.h"
-#include "cli/interrupt.h"
 #include "engine/compressed_file_info.h"
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
@@ -27,18 +26,6 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
   return failed(job.path, error, job.size, job.named);
 }
 
-// Keeps the interrupt handler informed of the swap in progress, so that a
-// second Ctrl-C never cuts a file in the middle of it.
-class CriticalSectionGuard : public QVHFSCompressedFileRepresentationDelegate {
- public:
-  void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
-    InterruptHandler::enterCriticalSection();
-  }
-  void compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
-    InterruptHandler::exitCriticalSection();
-  }
-};
-
 class CompressAction : public FileAction {
  public:
   explicit CompressAction(bool verify) : verify_(verify) {}
@@ -48,13 +35,12 @@ class CompressAction : public FileAction {
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
-    CriticalSectionGuard guard;
     HFSCompressionOptions options;
     options.workers = workers;
     options.verify = verify_;
     Error error;
     std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, nullptr, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
       return failedOrVanished(job, error);
