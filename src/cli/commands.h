@@ -3,6 +3,7 @@
 //   file_commands.cc  compress, decompress, info, cat (files and trees)
 //   pane_commands.cc  settings, activate, exclude, login, quit, ... (the
 //                     helper's control surface)
+//   status_commands.cc  status, pause, resume (the running helper's live state)
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -13,5 +14,6 @@ namespace zephlore::cli {
 // status in `*exit_code` (0 success, 1 failure; usage errors are CLI11's 2).
 void addFileCommands(CLI::App& app, int* exit_code);
 void addPaneCommands(CLI::App& app, int* exit_code);
+void addStatusCommands(CLI::App& app, int* exit_code);
 
 }  // namespace zephlore::cli

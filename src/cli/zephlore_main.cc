@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
   int exit_code = 0;
   zephlore::cli::addFileCommands(app, &exit_code);
   zephlore::cli::addPaneCommands(app, &exit_code);
+  zephlore::cli::addStatusCommands(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
