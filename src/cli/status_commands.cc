@@ -129,7 +129,7 @@ void showStatus(int* exit_code, bool json) {
     live = decode(all);
     g_variant_unref(all);
   } else if (!absent) {
-    std::cerr << "zephlore: cannot read the helper's status: " << problem << "\n";
+    std::cerr << "zephlore: zephlore-helper runs, but its status cannot be read: " << problem << "\n";
     *exit_code = 1;
     return;
   }
