@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # run.sh [FOLDER...]: installs what is missing, builds, and runs zephlore-helper
-# in the foreground (logs on the terminal; Ctrl-C ends it cleanly, status 0).
+# in the foreground (logs on the terminal; Ctrl-C ends it cleanly, status 0),
+# watching the FOLDERs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -19,4 +20,14 @@ if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ] && [ ! -S "${XDG_RUNTIME_DIR:-/nonexis
   (trap "" INT TERM; while kill -0 "$helper_pid" 2>/dev/null; do sleep 1; done; kill "$bus_pid" 2>/dev/null) </dev/null >/dev/null 2>&1 &
 fi
 
-exec build/bin/zephlore-helper "$@"
+if [ $# -gt 0 ]; then
+  # Once the helper owns its bus name, hand it the folders and let it work.
+  (for _ in $(seq 50); do
+     gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
+       --method org.freedesktop.DBus.NameHasOwner com.quorvane.ZephloreHelper 2>/dev/null | grep -q true && break
+     sleep 0.2
+   done
+   build/bin/zephlore add "$@" && build/bin/zephlore activate) &
+fi
+
+exec build/bin/zephlore-helper

@@ -5,6 +5,7 @@
 //                     helper's control surface)
 //   folder_commands.cc add, remove, folders (the watched folders)
 //   mount_commands.cc mount, unmount (the view at full content)
+//   status_commands.cc  status, pause, resume (the running helper's live state)
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -17,5 +18,6 @@ void addFileCommands(CLI::App& app, int* exit_code);
 void addPaneCommands(CLI::App& app, int* exit_code);
 void addFolderCommands(CLI::App& app, int* exit_code);
 void addMountCommands(CLI::App& app, int* exit_code);
+void addStatusCommands(CLI::App& app, int* exit_code);
 
 }  // namespace zephlore::cli

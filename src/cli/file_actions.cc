@@ -6,7 +6,6 @@
 
 #include "cli/candidate_check.h"
 #include "cli/conversion_safety.h"
-#include "cli/interrupt.h"
 #include "engine/compressed_file_info.h"
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
@@ -28,21 +27,17 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
   return failed(job.path, error, job.size, job.named);
 }
 
-// Keeps the interrupt handler informed of the swap in progress, so that a
-// second Ctrl-C never cuts a file in the middle of it.
-// ... and records the file for the next run to repair, should this one be
-// killed there.
-class CriticalSectionGuard : public QVHFSCompressedFileRepresentationDelegate {
+// Records the file being swapped for the next run to repair, should this
+// one be killed there.
+class CrashRecordKeeper : public QVHFSCompressedFileRepresentationDelegate {
  public:
-  explicit CriticalSectionGuard(ProcessInProcessRecord* record) : record_(record) {}
+  explicit CrashRecordKeeper(ProcessInProcessRecord* record) : record_(record) {}
   void compressorWillEnterCriticalSectionForFile(QVHFSCompressedFileRepresentation*,
                                                  const std::string& path) override {
-    InterruptHandler::enterCriticalSection();
     if (record_) record_->willProcessFile(path);
   }
   void compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*, const std::string&) override {
     if (record_) record_->didProcessFile();
-    InterruptHandler::exitCriticalSection();
   }
 
  private:
@@ -59,13 +54,13 @@ class CompressAction : public FileAction {
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
     if (safety_) safety_->cleanFolderOf(job.path);
-    CriticalSectionGuard guard(safety_ ? safety_->record() : nullptr);
+    CrashRecordKeeper guard(safety_ ? safety_->record() : nullptr);
     HFSCompressionOptions options;
     options.workers = workers;
     options.verify = verify_;
     Error error;
     std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, nullptr, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
       return failedOrVanished(job, error);

@@ -5,12 +5,12 @@
 
 #include <cstring>
 
+#include "platform/critical_section.h"
+
 namespace zephlore::cli {
 namespace {
 
 std::atomic<bool> g_stop{false};
-std::atomic<bool> g_abandon{false};
-std::atomic<int> g_critical{0};
 std::atomic<int> g_signal{0};
 struct sigaction g_old_int, g_old_term;
 
@@ -25,10 +25,7 @@ void onSignal(int sig) {
     writeStderr("\nzephlore: stopping after the files in flight (interrupt again to quit now)\n");
     return;
   }
-  // Set the wish before looking at the count: a section ending at the same
-  // time then sees it and quits in our place.
-  g_abandon.store(true);
-  if (g_critical.load() == 0) _exit(128 + sig);
+  CriticalSection::exitWhenOutside(128 + g_signal.load());
 }
 
 }  // namespace
@@ -53,12 +50,6 @@ const std::atomic<bool>& InterruptHandler::stopFlag() { return g_stop; }
 int InterruptHandler::exitStatus() {
   const int sig = g_signal.load();
   return 128 + (sig != 0 ? sig : SIGINT);
-}
-
-void InterruptHandler::enterCriticalSection() { g_critical.fetch_add(1); }
-
-void InterruptHandler::exitCriticalSection() {
-  if (g_critical.fetch_sub(1) == 1 && g_abandon.load()) _exit(exitStatus());
 }
 
 }  // namespace zephlore::cli

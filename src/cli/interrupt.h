@@ -2,7 +2,8 @@
 // taking new files; files in flight are finished whole and the summary so far
 // is printed. A second one quits at once, but never while a file is inside
 // its critical section (the moment its compressed copy is swapped in): then
-// the process quits as soon as the last such section ends.
+// the process quits as soon as the last such section ends (the engine
+// brackets each swap; see platform/critical_section.h).
 #pragma once
 
 #include <atomic>
@@ -22,10 +23,6 @@ class InterruptHandler {
   static bool requested() { return stopFlag().load(); }
   // The exit status for an interrupted run: 128 + the signal's number.
   static int exitStatus();
-
-  // Bracket a file's critical section (engine delegate calls).
-  static void enterCriticalSection();
-  static void exitCriticalSection();
 };
 
 }  // namespace zephlore::cli

@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   zephlore::cli::addPaneCommands(app, &exit_code);
   zephlore::cli::addFolderCommands(app, &exit_code);
   zephlore::cli::addMountCommands(app, &exit_code);
+  zephlore::cli::addStatusCommands(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

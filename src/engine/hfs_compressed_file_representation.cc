@@ -22,6 +22,7 @@
 #include "engine/swap_window.h"
 #include "platform/attribute_fork.h"
 #include "platform/attribute_names.h"
+#include "platform/critical_section.h"
 #include "platform/file_flags.h"
 #include "platform/metadata_copy.h"
 #include "platform/temporary_files.h"
@@ -570,12 +571,16 @@ void QVHFSCompressedFileRepresentation::rollback(const std::string& path, Siblin
   copy.forgetName();
 }
 
+// The process-wide bracket holds back a quit asked for meanwhile (Ctrl-C, a
+// crash path) until the swap and its record are both done.
 void QVHFSCompressedFileRepresentation::willEnterCriticalSection(const std::string& path) {
+  CriticalSection::enter();
   if (delegate_) delegate_->compressorWillEnterCriticalSectionForFile(this, path);
 }
 
 void QVHFSCompressedFileRepresentation::didExitCriticalSection(const std::string& path) {
   if (delegate_) delegate_->compressorDidExitCriticalSectionForFile(this, path);
+  CriticalSection::leave();
 }
 
 // --- Class operations ------------------------------------------------------------

@@ -57,6 +57,9 @@ class DistributedNotificationCenter {
 
   // True when a bus connection was made and has not been lost.
   bool isConnected() const;
+  // The connection itself, for this process's other bus users: what they
+  // export must live where the helper's name is owned. None without a bus.
+  GDBusConnection* connection() const { return connection_; }
 
   // Observes `name` from any sender. `handler` runs on `loop` (the main
   // RunLoop unless told otherwise). When this returns the bus routes the

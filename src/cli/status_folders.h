@@ -1,0 +1,20 @@
+// The watched folders and their savings for `zephlore status`, as the
+// helper's history database has them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zephlore::cli {
+
+struct StatusFolder {
+  std::string path;
+  uint64_t savings = 0;  // bytes
+};
+
+// None when the folders cannot be read; *problem then says why.
+std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(std::string* problem);
+
+}  // namespace zephlore::cli

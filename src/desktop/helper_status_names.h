@@ -1,0 +1,26 @@
+// The helper's live status on the session bus: what the helper exports and
+// `zephlore status`, `pause` and `resume` read and call.
+//
+//   object    /com/quorvane/ZephloreHelper on com.quorvane.ZephloreHelper
+//   interface com.quorvane.ZephloreHelper (read-only properties, with
+//             org.freedesktop.DBus.Properties.PropertiesChanged)
+//   methods   Pause(), Resume()
+#pragma once
+
+namespace zephlore::status_names {
+
+inline constexpr const char* kObjectPath = "/com/quorvane/ZephloreHelper";
+inline constexpr const char* kInterface = "com.quorvane.ZephloreHelper";
+
+inline constexpr const char* kStatusValue = "StatusValue";      // i: 0 Idle .. 4 Compressing
+inline constexpr const char* kStatusText = "StatusText";        // s
+inline constexpr const char* kPaused = "Paused";                // b
+inline constexpr const char* kActive = "Active";                // b
+inline constexpr const char* kTotalSavings = "TotalSavings";    // t: bytes
+inline constexpr const char* kQueuedFiles = "QueuedFiles";      // t
+inline constexpr const char* kFileInProcess = "FileInProcess";  // s: "" when none
+
+inline constexpr const char* kPause = "Pause";
+inline constexpr const char* kResume = "Resume";
+
+}  // namespace zephlore::status_names

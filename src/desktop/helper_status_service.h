@@ -1,0 +1,82 @@
+// Publishes the helper's live status on the session bus (see
+// helper_status_names.h) for desktops without a tray and for scripts. The
+// application pushes every change through the setters (any thread); each
+// change is announced with PropertiesChanged. Pause and Resume run the
+// application's handlers on the main run loop and answer once they ran.
+//
+// The object lives on the connection that owns the helper's bus name. Its
+// calls are served on a GLib thread of this object's own.
+#pragma once
+
+#include <gio/gio.h>
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "base/run_loop.h"
+
+namespace zephlore {
+
+struct HelperStatus {
+  int32_t statusValue = 0;
+  std::string statusText = "Idle";
+  bool paused = false;
+  bool active = false;
+  uint64_t totalSavings = 0;
+  uint64_t queuedFiles = 0;
+  std::string fileInProcess;  // empty: none
+};
+
+class KRHelperStatusService {
+ public:
+  // `connection` may be none (no bus): the setters then only keep the values.
+  explicit KRHelperStatusService(GDBusConnection* connection, RunLoop& loop = RunLoop::main());
+  ~KRHelperStatusService();
+  KRHelperStatusService(const KRHelperStatusService&) = delete;
+  KRHelperStatusService& operator=(const KRHelperStatusService&) = delete;
+
+  bool isExported() const { return registration_ != 0; }
+
+  void setStatus(int32_t value, const std::string& text);
+  void setPaused(bool paused);
+  void setActive(bool active);
+  void setTotalSavings(uint64_t bytes);
+  void setQueuedFiles(uint64_t count);
+  void setFileInProcess(const std::string& path);
+  HelperStatus status() const;
+
+  // Run on the main run loop when a client calls Pause / Resume.
+  void setPauseHandler(std::function<void()> handler);
+  void setResumeHandler(std::function<void()> handler);
+
+ private:
+  // Changes one value under the lock; announces it when it changed.
+  template <typename T>
+  void change(T HelperStatus::*field, const T& value, const char* property);
+  void announce(const char* property, GVariant* value);
+  GVariant* propertyValue(const char* property);
+  void callOnLoop(GDBusMethodInvocation* invocation, const std::function<void()>* handler);
+  void runOnThread(const std::function<void()>& fn);
+
+  static void onMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
+                           GVariant*, GDBusMethodInvocation* invocation, gpointer self);
+  static GVariant* onGetProperty(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* property,
+                                 GError**, gpointer self);
+
+  GDBusConnection* connection_ = nullptr;
+  RunLoop& loop_;
+  GMainContext* context_ = nullptr;
+  GMainLoop* glib_loop_ = nullptr;
+  std::thread thread_;
+  guint registration_ = 0;
+
+  mutable std::mutex mutex_;  // guards the values and the handlers
+  HelperStatus status_;
+  std::function<void()> pause_;
+  std::function<void()> resume_;
+};
+
+}  // namespace zephlore

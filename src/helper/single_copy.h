@@ -1,0 +1,39 @@
+// Only one copy of the helper runs per user. A new copy counts the processes
+// of this user running the same executable, itself included; with 2 or more
+// it terminates before touching anything. Copies started at the same moment
+// all count 2: the bus name decides, and the one that became its primary
+// owner stays. Without a bus the oldest copy stays.
+#pragma once
+
+#include <gio/gio.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zephlore {
+
+struct RunningCopy {
+  int pid = 0;
+  unsigned long long start_ticks = 0;  // since boot, from /proc/PID/stat
+};
+
+// The executable this process runs (what /proc/self/exe points at).
+std::optional<std::string> ownExecutablePath();
+
+// Processes of this user whose executable is `executable`, this one included
+// when it runs it. An executable replaced on disk since (an upgrade) still
+// counts under its path.
+std::vector<RunningCopy> runningCopiesOf(const std::string& executable);
+
+struct SingleCopyVerdict {
+  int copies = 0;              // this one included
+  bool primaryOwner = false;   // of the bus name, asked without queueing
+  bool terminate = false;
+};
+
+// Asks the bus for `busName` (never queueing behind an owner), then counts.
+// `connection` may be none (no session bus).
+SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string& busName);
+
+}  // namespace zephlore
