@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "cli/candidate_check.h"
 #include "cli/interrupt.h"
+#include "engine/candidate_check.h"
 #include "engine/compressed_file_info.h"
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
@@ -27,6 +27,14 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
   return failed(job.path, error, job.size, job.named);
 }
 
+// The command's result for the engine's verdict: none for a candidate.
+std::optional<FileResult> resultFor(const WalkEntry& entry, CandidateRejection rejection, const Error& error) {
+  const uint64_t size = static_cast<uint64_t>(entry.st->st_size);
+  if (rejection == CandidateRejection::kNone) return std::nullopt;
+  if (rejection == CandidateRejection::kUnreadable) return failed(std::string(entry.path), error, size, entry.named);
+  return skipped(std::string(entry.path), skipReasonFor(rejection), size, entry.named);
+}
+
 // Keeps the interrupt handler informed of the swap in progress, so that a
 // second Ctrl-C never cuts a file in the middle of it.
 class CriticalSectionGuard : public QVHFSCompressedFileRepresentationDelegate {
@@ -44,7 +52,8 @@ class CompressAction : public FileAction {
   explicit CompressAction(bool verify) : verify_(verify) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
-    return checkCompressCandidate(entry, !dry_run);
+    Error error;
+    return resultFor(entry, checkCompressCandidate(entry, !dry_run, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
@@ -100,7 +109,8 @@ class DecompressAction : public FileAction {
   }
 
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
-    return checkDecompressCandidate(entry);
+    Error error;
+    return resultFor(entry, checkDecompressCandidate(entry, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {

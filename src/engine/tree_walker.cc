@@ -1,4 +1,4 @@
-#include "cli/tree_walker.h"
+#include "engine/tree_walker.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-namespace zephlore::cli {
+namespace zephlore {
 namespace {
 
 struct Level {
@@ -30,11 +30,11 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
     return;
   }
   if (!S_ISDIR(st.st_mode)) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kNone);
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kNone);
     return;
   }
   if (!options_.recursive) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kDirectory);
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kDirectory);
     return;
   }
   const dev_t volume = st.st_dev;
@@ -78,13 +78,14 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
       continue;
     }
     if (!S_ISDIR(st.st_mode)) {
-      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kNone);
+      visitor.visit({path, parent, d->d_name, &st, false}, WalkSkip::kNone);
       continue;
     }
     if (!options_.cross_volumes && st.st_dev != volume) {
-      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kOtherVolume);
+      visitor.visit({path, parent, d->d_name, &st, false}, WalkSkip::kOtherVolume);
       continue;
     }
+    if (!visitor.shouldEnter({path, parent, d->d_name, &st, false})) continue;
     fd = openat(parent, d->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     DIR* child = fd >= 0 ? fdopendir(fd) : nullptr;
     if (!child) {
@@ -99,4 +100,4 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
   for (const Level& level : stack) closedir(level.dir);
 }
 
-}  // namespace zephlore::cli
+}  // namespace zephlore
