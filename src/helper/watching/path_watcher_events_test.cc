@@ -83,6 +83,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     KRWatcherHistoryLinks history;
     history.folders = [this] { return watch_paths; };
     history.folderSweepDate = [this](const std::string& f) -> std::optional<WallTime> {
+      ++sweep_checks;
       auto it = sweep_dates.find(f);
       if (it == sweep_dates.end()) return std::nullopt;
       return it->second;
@@ -91,6 +92,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     history.setProgressForFolder = [this](int p, const std::string&) { progress.push_back(p); };
     history.justSweptFolder = [this](const std::string& f) { sweep_dates[f] = clock->wallNow(); };
     history.resolveAliases = [this] { ++aliases_resolved; };
+    history.mountStatusDidChangeForPath = [this](const std::string& p) { mount_changes.push_back(p); };
     KRPathWatcherEvents::Options options;
     options.journal_path = home.dataFolder() + "/events.journal";
     options.watch_mounts = false;
@@ -125,6 +127,8 @@ class PathWatcherEventsTest : public ::testing::Test {
   bool have_new_paths = true;
   int set_watch_paths = 0;
   int aliases_resolved = 0;
+  int sweep_checks = 0;  // one per folder at each successful start
+  std::vector<std::string> mount_changes;
   std::unique_ptr<KRPathWatcherEvents> events;
 };
 
@@ -191,6 +195,31 @@ TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsI
   RunLoop::main().runUntilIdle();
   EXPECT_EQ(aliases_resolved, 1);
   EXPECT_EQ(set_watch_paths, 1);
+}
+
+TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsRestartTheStreamEvenWhenPaused) {
+  makeEvents({folder()});
+  sweep_dates[folder()] = clock->wallNow();
+  events->startWatching();
+  EXPECT_EQ(sweep_checks, 1);
+  events->rewatch();
+  EXPECT_EQ(sweep_checks, 1) << "no new folder list: nothing to do";
+  // setWatchPaths with the same folders in another order sets haveNewPaths.
+  have_new_paths = true;
+  events->rewatch();
+  EXPECT_EQ(sweep_checks, 2);
+  EXPECT_TRUE(events->isWatching());
+
+  events->setPaused(true);
+  EXPECT_FALSE(events->isWatching());
+  have_new_paths = true;
+  events->rewatch();
+  EXPECT_TRUE(events->isWatching()) << "rewatch does not look at paused";
+
+  events->setPaused(true);
+  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, "/media/disk"}});
+  EXPECT_TRUE(events->isWatching());
+  EXPECT_EQ(mount_changes, (std::vector<std::string>{"/media/disk"}));
 }
 
 class ThrottleTest : public PathWatcherEventsTest {
