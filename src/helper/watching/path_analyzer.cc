@@ -413,6 +413,10 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
       if (fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
     }
   }
+  // Not a candidate whatever its attributes say; the shared test would look at
+  // them only to name the reason, which costs a compressed tree's re-check a
+  // second system call per file.
+  if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) < kMinimumCompressSize) return 0;
   const std::string path(entry.path);
   Error error;
   // Type, size, flag and attributes, the marker, owner, links, execute bits
@@ -472,7 +476,10 @@ void KRPathAnalyzer::addFilesToCompress() {
   const auto& add = state().links.addFilesToCompress;
   const size_t accepted = add ? add(copy) : 0;
   total_files_to_compress_ += accepted;
-  accummulateSeenFilesCount(static_cast<int32_t>(accepted), path_);
+  // This may run on the analysis thread: the folder found at creation is used
+  // rather than asking the watcher, which lives on the main thread.
+  std::lock_guard lock(state().counts_mutex);
+  state().seen[watched_path_] += static_cast<int32_t>(accepted);
 }
 
 }  // namespace zephlore
