@@ -163,7 +163,8 @@ TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNot
   KRPathAnalyzer::removeAnalyzersCountObserver(watcher);
 
   // A burst larger than the kernel queue: a full re-check finds every file.
-  shell("cd '" + folder() + "' && /usr/bin/python3 -c \"[open('n%d' % i, 'w').write('x' * 4096) for i in range(20000)]\"");
+  shell("cd '" + folder() +
+        "' && /usr/bin/python3 -c \"[open('n%d' % i, 'w').write('x' * 4096) for i in range(20000)]\"");
   settle();
   EXPECT_EQ(compressedCount(), 20003u);
   bool dropped = false;
@@ -259,6 +260,35 @@ TEST_F(ThrottleTest, FiveHundredAndOneAnalyzersStopTheStreamWhichRestartsAt199) 
   EXPECT_FALSE(events->isWatching());
   events->setPaused(false);
   EXPECT_TRUE(events->isWatching());
+}
+
+TEST_F(ThrottleTest, AnEventOlderThanARunningAnalysisIsLeftToIt) {
+  makeEvents({folder()});
+  struct stat st;
+  ASSERT_EQ(lstat(folder().c_str(), &st), 0);
+  const auto nanos = [](WallTime t) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+  };
+  std::vector<FileEvent> before{{folder(), 0, 0}};
+  events->journal().record(before, {static_cast<uint64_t>(st.st_dev)}, nanos(clock->wallNow()) - 1'000'000'000);
+  // A sweep (no event id) begins now; its id comes from the journal.
+  events->analyzePath(folder(), true);
+  held.front().work();
+  auto sweeping = KRPathAnalyzer::analyzerForPath(folder());
+  ASSERT_TRUE(sweeping && sweeping->analysisStartDate());
+  clock->advance(seconds(1.0));
+  std::vector<FileEvent> after{{folder(), 0, 0}};
+  events->journal().record(after, {static_cast<uint64_t>(st.st_dev)}, nanos(clock->wallNow()));
+
+  events->analyzePathUnlessAnalysisStartedAfterEventId(folder(), before[0].id);
+  EXPECT_FALSE(sweeping->mustRecheckPathAfterCompletion()) << "the sweep began after that event";
+  EXPECT_TRUE(events->pendingEvents().empty());
+  events->analyzePathUnlessAnalysisStartedAfterEventId(folder(), after[0].id);
+  EXPECT_TRUE(sweeping->mustRecheckPathAfterCompletion());
+  EXPECT_EQ(events->pendingEvents(), (std::vector<uint64_t>{after[0].id}));
+  // A path gone while an analysis covers it: the event is dropped.
+  events->analyzePathUnlessAnalysisStartedAfterEventId(folder() + "/gone", after[0].id + 1);
+  EXPECT_EQ(events->pendingEvents().size(), 1u);
 }
 
 TEST(PathWatcherProgress, ExactArithmetic) {
