@@ -4,6 +4,7 @@
 #include "platform/file_event_stream.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -177,6 +178,69 @@ INSTANTIATE_TEST_SUITE_P(Backends, FileEventStreamTest,
                          [](const auto& param_info) {
                            return param_info.param == DirectoryWatcher::Kind::kFanotify ? "fanotify" : "inotify";
                          });
+
+// The real inotify limit, lowered to 5 in a user namespace of the test's own
+// (a per-namespace limit), so the rest of the machine is untouched.
+bool lowerInotifyLimitInOwnNamespace() {
+  auto put = [](const char* file, const char* text) {
+    int fd = ::open(file, O_WRONLY);
+    if (fd < 0) return false;
+    const bool ok = write(fd, text, strlen(text)) == static_cast<ssize_t>(strlen(text));
+    close(fd);
+    return ok;
+  };
+  const std::string uid = "0 " + std::to_string(getuid()) + " 1";
+  const std::string gid = "0 " + std::to_string(getgid()) + " 1";
+  return unshare(CLONE_NEWUSER) == 0 && put("/proc/self/setgroups", "deny") &&
+         put("/proc/self/uid_map", uid.c_str()) && put("/proc/self/gid_map", gid.c_str()) &&
+         put("/proc/sys/user/max_inotify_watches", "5");
+}
+
+int markLimitScenario() {
+  if (!lowerInotifyLimitInOwnNamespace()) return 2;
+  ScopedManualClock clock;
+  RunLoop loop(*clock);
+  TempDir dir;
+  EventJournal journal(dir / "events.journal");
+  const std::string root = dir / "root";
+  mkdir(root.c_str(), 0755);
+  for (int i = 0; i < 10; ++i) mkdir((root + "/d" + std::to_string(i)).c_str(), 0755);
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  std::vector<FileEvent> delivered;
+  FileEventStream::Options options;
+  options.roots = {root};
+  options.backend = DirectoryWatcher::Kind::kInotify;
+  FileEventStream stream(loop, journal, options, [&](const auto& events) {
+    delivered.insert(delivered.end(), events.begin(), events.end());
+  });
+  if (!stream.start()) return 3;
+  if (lines.size() != 1 || lines[0].rfind("*** ", 0) != 0 ||
+      lines[0].find("/proc/sys/fs/inotify/max_user_watches") == std::string::npos) {
+    return 4;
+  }
+  clock->advance(std::chrono::minutes(29));
+  loop.runUntilIdle();
+  if (!delivered.empty()) return 5;
+  clock->advance(std::chrono::minutes(1));
+  loop.runUntilIdle();
+  clock->advance(seconds(3.0));
+  loop.runUntilIdle();
+  if (delivered.size() != 1 || delivered[0].path != root || delivered[0].flags != kFileEventMustScanSubDirs) return 6;
+  return 0;
+}
+
+TEST(FileEventStreamLimits, AtTheMarkLimitOneLogLineAndARecheckEvery30Minutes) {
+  // Run in a child: a user namespace can only be entered by a single thread.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(markLimitScenario());
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "no user namespace here";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the scenario failed at step " << WEXITSTATUS(status);
+}
 
 TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
   TempDir dir;
