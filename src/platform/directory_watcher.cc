@@ -33,6 +33,13 @@ std::unique_ptr<DirectoryWatcher> DirectoryWatcher::create(Delegate& delegate, K
   return nullptr;
 }
 
+std::string DirectoryWatcher::childPath(const std::string& dir, const char* name) {
+  std::string path = dir;
+  if (path.empty() || path.back() != '/') path += '/';
+  path += name;
+  return path;
+}
+
 DirectoryWatcher::~DirectoryWatcher() {
   if (fd_ >= 0) close(fd_);
 }
@@ -79,7 +86,7 @@ bool DirectoryWatcher::markTree(const std::string& top, const std::string& root,
     while (struct dirent* e = readdir(d)) {
       if (e->d_type != DT_DIR && e->d_type != DT_UNKNOWN) continue;
       if (e->d_name[0] == '.' && (e->d_name[1] == 0 || (e->d_name[1] == '.' && e->d_name[2] == 0))) continue;
-      std::string child = dir == "/" ? "/" + std::string(e->d_name) : dir + "/" + e->d_name;
+      std::string child = childPath(dir, e->d_name);
       struct stat st;
       if (lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != device) continue;
       todo.push_back(std::move(child));

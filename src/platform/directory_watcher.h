@@ -55,6 +55,9 @@ class DirectoryWatcher {
   // Reads what is queued; returns false on EAGAIN.
   virtual bool readSome() = 0;
 
+  // `name` inside the directory `dir`.
+  static std::string childPath(const std::string& dir, const char* name);
+
   // For the backends' readSome().
   const std::string* pathForKey(const std::string& key) const;
   void changed(const std::string& directory);

@@ -112,7 +112,7 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
       return;
     }
     const bool named = name && name[0] && strcmp(name, ".") != 0;
-    const std::string child = named ? (dir == "/" ? "/" : dir + "/") + name : std::string();
+    const std::string child = named ? childPath(dir, name) : std::string();
     if (named && (mask & FAN_ONDIR)) {
       if (mask & (FAN_DELETE | FAN_MOVED_FROM)) directoryGone(child);
       if (mask & (FAN_CREATE | FAN_MOVED_TO)) directoryAppeared(child, !own);

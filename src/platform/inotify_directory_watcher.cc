@@ -63,7 +63,7 @@ class InotifyDirectoryWatcher final : public DirectoryWatcher {
       if (e->mask & IN_IGNORED) continue;
       const std::string name = e->len ? std::string(e->name) : std::string();
       if (!name.empty() && (e->mask & IN_ISDIR)) {
-        const std::string child = (dir == "/" ? "/" : dir + "/") + name;
+        const std::string child = childPath(dir, name.c_str());
         if (e->mask & (IN_DELETE | IN_MOVED_FROM)) directoryGone(child);
         if (e->mask & (IN_CREATE | IN_MOVED_TO)) directoryAppeared(child);
       }

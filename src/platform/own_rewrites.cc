@@ -27,7 +27,9 @@ void OwnRewrites::end(const std::string& path) {
 bool OwnRewrites::covers(const std::string& directory, const std::string& name) const {
   std::lock_guard lock(mutex_);
   if (paths_.empty()) return false;
-  const std::string full = directory == "/" ? "/" + name : directory + "/" + name;
+  std::string full = directory;
+  if (full.empty() || full.back() != '/') full += '/';
+  full += name;
   if (paths_.count(full)) return true;
   if (name.rfind(".zephlore-", 0) != 0) return false;
   const std::string prefix = directory + "/";
