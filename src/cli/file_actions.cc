@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "cli/candidate_check.h"
 #include "cli/conversion_safety.h"
+#include "engine/candidate_check.h"
 #include "engine/compressed_file_info.h"
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
@@ -25,6 +25,14 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
     return skipped(job.path, SkipReason::kVanished, job.size, job.named);
   }
   return failed(job.path, error, job.size, job.named);
+}
+
+// The command's result for the engine's verdict: none for a candidate.
+std::optional<FileResult> resultFor(const WalkEntry& entry, CandidateRejection rejection, const Error& error) {
+  const uint64_t size = static_cast<uint64_t>(entry.st->st_size);
+  if (rejection == CandidateRejection::kNone) return std::nullopt;
+  if (rejection == CandidateRejection::kUnreadable) return failed(std::string(entry.path), error, size, entry.named);
+  return skipped(std::string(entry.path), skipReasonFor(rejection), size, entry.named);
 }
 
 // Records the file being swapped for the next run to repair, should this
@@ -49,7 +57,8 @@ class CompressAction : public FileAction {
   CompressAction(bool verify, ConversionSafety* safety) : verify_(verify), safety_(safety) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
-    return checkCompressCandidate(entry, !dry_run);
+    Error error;
+    return resultFor(entry, checkCompressCandidate(entry, !dry_run, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
@@ -110,7 +119,8 @@ class DecompressAction : public FileAction {
   }
 
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
-    return checkDecompressCandidate(entry);
+    Error error;
+    return resultFor(entry, checkDecompressCandidate(entry, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {

@@ -88,6 +88,8 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   writeFile(root + "/foreign", compressibleData(9000));
   ASSERT_EQ(chown((root + "/foreign").c_str(), 12345, 12345), 0);
   symlink("text", (root + "/link").c_str());
+  writeFile(root + "/script", compressibleData(9000));
+  ASSERT_EQ(chmod((root + "/script").c_str(), 0744), 0);
   const std::string hostile = root + "/new\nline\xff";
   writeFile(hostile, compressibleData(9000));
 
@@ -104,6 +106,7 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   EXPECT_EQ(r.files[root + "/linked2"]["reason"], "hard_links");
   EXPECT_EQ(r.files[root + "/foreign"]["reason"], "not_owned");
   EXPECT_EQ(r.files[root + "/link"]["reason"], "not_regular");
+  EXPECT_EQ(r.files[root + "/script"]["reason"], "executable");
   // The name holds a byte that is not UTF-8: the exact bytes are in path_bytes.
   json bad;
   for (const auto& [path, j] : r.files) {
@@ -112,9 +115,9 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   ASSERT_FALSE(bad.is_null()) << first.out;
   EXPECT_EQ(bad["outcome"], "failed");
   EXPECT_EQ(bad["error"]["domain"], "com.quorvane.zephlore.hfs");
-  EXPECT_EQ(r.files.size(), 9u);
+  EXPECT_EQ(r.files.size(), 10u);
   EXPECT_EQ(r.summary["files"]["compressed"], 2);
-  EXPECT_EQ(r.summary["files"]["skipped"], 6);
+  EXPECT_EQ(r.summary["files"]["skipped"], 7);
   EXPECT_EQ(r.summary["files"]["failed"], 1);
   EXPECT_EQ(r.summary["skipped_by_reason"]["not_compressible"], 1);
   EXPECT_EQ(r.summary["failed_files"].size(), 1u);

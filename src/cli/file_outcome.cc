@@ -17,6 +17,7 @@ const char* skipReasonKey(SkipReason reason) {
     case SkipReason::kNotOwned: return "not_owned";
     case SkipReason::kNotWritable: return "not_writable";
     case SkipReason::kHardLinks: return "hard_links";
+    case SkipReason::kExecutable: return "executable";
     case SkipReason::kNotCompressible: return "not_compressible";
     case SkipReason::kNotCompressed: return "not_compressed";
     case SkipReason::kNotInGroup: return "not_in_group";
@@ -41,6 +42,7 @@ const char* skipReasonText(SkipReason reason) {
     case SkipReason::kNotOwned: return "not owned by you";
     case SkipReason::kNotWritable: return "not writable";
     case SkipReason::kHardLinks: return "has other hard links";
+    case SkipReason::kExecutable: return "executable";
     case SkipReason::kNotCompressible: return "does not shrink (marked)";
     case SkipReason::kNotCompressed: return "not compressed";
     case SkipReason::kNotInGroup: return "of a group you are not in";
@@ -50,6 +52,27 @@ const char* skipReasonText(SkipReason reason) {
     case SkipReason::kVanished: return "vanished";
   }
   return "unknown";
+}
+
+SkipReason skipReasonFor(CandidateRejection rejection) {
+  switch (rejection) {
+    case CandidateRejection::kNone: return SkipReason::kNone;
+    case CandidateRejection::kNotRegular: return SkipReason::kNotRegular;
+    case CandidateRejection::kTooSmall: return SkipReason::kTooSmall;
+    case CandidateRejection::kAlreadyCompressed: return SkipReason::kAlreadyCompressed;
+    case CandidateRejection::kCompressionAttributes: return SkipReason::kCompressionAttributes;
+    case CandidateRejection::kNotOwned: return SkipReason::kNotOwned;
+    case CandidateRejection::kNotInGroup: return SkipReason::kNotInGroup;
+    case CandidateRejection::kUnsafeName: return SkipReason::kUnsafeName;
+    case CandidateRejection::kHardLinks: return SkipReason::kHardLinks;
+    case CandidateRejection::kExecutable: return SkipReason::kExecutable;
+    case CandidateRejection::kNotWritable: return SkipReason::kNotWritable;
+    case CandidateRejection::kMarkedNotCompressible: return SkipReason::kMarkedNotCompressible;
+    case CandidateRejection::kNotCompressed: return SkipReason::kNotCompressed;
+    case CandidateRejection::kVanished: return SkipReason::kVanished;
+    case CandidateRejection::kUnreadable: return SkipReason::kNone;  // a failure, not a skip
+  }
+  return SkipReason::kNone;
 }
 
 const char* outcomeKey(Outcome outcome, Operation op) {

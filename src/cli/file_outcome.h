@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "engine/candidate_check.h"
 
 namespace zephlore::cli {
 
@@ -31,6 +32,7 @@ enum class SkipReason {
   kNotOwned,
   kNotWritable,
   kHardLinks,               // more than one hard link
+  kExecutable,              // any execute bit: a program that read empty would fail
   kNotCompressible,         // its data does not shrink: marked now
   kNotCompressed,           // decompress: a plain file
   kNotInGroup,              // its group is not one of yours: the copy could not keep it
@@ -45,6 +47,9 @@ inline constexpr int kSkipReasonCount = static_cast<int>(SkipReason::kVanished) 
 const char* skipReasonKey(SkipReason reason);
 // Words for people ("smaller than 4096 bytes").
 const char* skipReasonText(SkipReason reason);
+
+// The command's reason for the engine's verdict on a file.
+SkipReason skipReasonFor(CandidateRejection rejection);
 
 const char* outcomeKey(Outcome outcome, Operation op);  // "compressed", "would_compress", ...
 const char* operationName(Operation op);              // "compress" / "decompress"

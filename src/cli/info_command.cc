@@ -14,7 +14,7 @@
 #include "cli/json_report.h"
 #include "cli/progress_line.h"
 #include "cli/run_summary.h"
-#include "cli/tree_walker.h"
+#include "engine/tree_walker.h"
 #include "engine/compressed_file_info.h"
 
 namespace zephlore::cli {
@@ -183,9 +183,9 @@ class InfoVisitor : public WalkVisitor {
  public:
   explicit InfoVisitor(const InfoOptions& options) : options_(options) {}
 
-  void visit(const WalkEntry& entry, SkipReason skip) override {
+  void visit(const WalkEntry& entry, WalkSkip skip) override {
     const std::string path(entry.path);
-    if (skip == SkipReason::kEngineTemporary) {
+    if (skip == WalkSkip::kEngineTemporary) {
       ++sums_.temporaries;
       return;
     }
@@ -194,8 +194,8 @@ class InfoVisitor : public WalkVisitor {
       if (entry.named) {
         Error e;
         e.domain = kPosixErrorDomain;
-        e.code = skip == SkipReason::kDirectory ? EISDIR : EINVAL;
-        e.message = skip == SkipReason::kDirectory ? "is a directory (use -r)" : "not a regular file";
+        e.code = skip == WalkSkip::kDirectory ? EISDIR : EINVAL;
+        e.message = skip == WalkSkip::kDirectory ? "is a directory (use -r)" : "not a regular file";
         error(path, e);
       }
       return;

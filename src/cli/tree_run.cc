@@ -33,7 +33,7 @@ void raiseOpenFileLimit() {
 class CountingVisitor : public WalkVisitor {
  public:
   CountingVisitor(ProgressLine& progress, FileAction& action) : progress_(progress), action_(action) {}
-  void visit(const WalkEntry& entry, SkipReason) override {
+  void visit(const WalkEntry& entry, WalkSkip) override {
     if (S_ISREG(entry.st->st_mode)) progress_.addTotal(1, action_.workSize(entry));
   }
   void walkError(std::string_view, int, const char*, bool) override {}
@@ -48,13 +48,16 @@ class RunVisitor : public WalkVisitor {
   RunVisitor(const RunOptions& options, FileAction& action, FilePipeline* pipeline)
       : options_(options), action_(action), pipeline_(pipeline) {}
 
-  void visit(const WalkEntry& entry, SkipReason skip) override {
+  void visit(const WalkEntry& entry, WalkSkip skip) override {
     const bool regular = S_ISREG(entry.st->st_mode);
     const uint64_t size = regular ? static_cast<uint64_t>(entry.st->st_size) : 0;
     const uint64_t work = regular ? action_.workSize(entry) : 0;
     FileResult r;
-    if (skip != SkipReason::kNone) {
-      r = skipped(std::string(entry.path), skip, size, entry.named);
+    if (skip != WalkSkip::kNone) {
+      r = skipped(std::string(entry.path), skip == WalkSkip::kDirectory        ? SkipReason::kDirectory
+                                     : skip == WalkSkip::kEngineTemporary ? SkipReason::kEngineTemporary
+                                                                          : SkipReason::kOtherVolume,
+                  size, entry.named);
     } else if (std::optional<FileResult> decided = action_.check(entry, options_.dry_run)) {
       r = std::move(*decided);
       r.named = entry.named;

@@ -10,7 +10,7 @@
 
 #include "cli/file_outcome.h"
 #include "cli/file_pipeline.h"
-#include "cli/tree_walker.h"
+#include "engine/tree_walker.h"
 
 namespace zephlore::cli {
 

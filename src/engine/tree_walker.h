@@ -1,4 +1,5 @@
-// Depth-first walk of the paths named on the command line.
+// Depth-first walk of a path: for the command's arguments and for the
+// helper's analysis of a folder.
 //
 // The walk never follows a symbolic link (it is reported as an entry, not
 // entered), stays on the volume of the path it started from unless told
@@ -14,9 +15,15 @@
 #include <string>
 #include <string_view>
 
-#include "cli/file_outcome.h"
+namespace zephlore {
 
-namespace zephlore::cli {
+// Why the walk does not descend into a directory it visits.
+enum class WalkSkip {
+  kNone,         // not a directory, or not walked for a reason of the visitor's
+  kDirectory,    // the walk is not recursive
+  kOtherVolume,  // on another volume than the start
+  kEngineTemporary,  // a temporary file of the engine's beside a file being converted
+};
 
 struct WalkOptions {
   bool recursive = false;      // descend into directories
@@ -36,9 +43,12 @@ class WalkVisitor {
  public:
   virtual ~WalkVisitor() = default;
   // Every entry the walk does not descend into: files of every type, and
-  // directories it leaves alone, with the reason in `skip` (kDirectory
-  // without -r, kOtherVolume); kNone for anything else.
-  virtual void visit(const WalkEntry& entry, SkipReason skip) = 0;
+  // directories it leaves alone, with the reason in `skip` (kDirectory when
+  // not recursive, kOtherVolume); kNone for anything else.
+  virtual void visit(const WalkEntry& entry, WalkSkip skip) = 0;
+  // Asked for each directory below the start before it is opened; false
+  // leaves it out with everything beneath it, without a visit.
+  virtual bool shouldEnter(const WalkEntry&) { return true; }
   // A path that could not be examined or read. `err` is the errno value,
   // `what` the step that failed ("stat", "open directory", "read directory");
   // `named`: the path was named on the command line.
@@ -61,4 +71,4 @@ class TreeWalker {
   const std::atomic<bool>* stop_;
 };
 
-}  // namespace zephlore::cli
+}  // namespace zephlore

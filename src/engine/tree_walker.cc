@@ -1,4 +1,4 @@
-#include "cli/tree_walker.h"
+#include "engine/tree_walker.h"
 
 #include "engine/engine_temporaries.h"
 
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-namespace zephlore::cli {
+namespace zephlore {
 namespace {
 
 struct Level {
@@ -32,11 +32,11 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
     return;
   }
   if (!S_ISDIR(st.st_mode)) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kNone);
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kNone);
     return;
   }
   if (!options_.recursive) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, SkipReason::kDirectory);
+    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kDirectory);
     return;
   }
   const dev_t volume = st.st_dev;
@@ -81,15 +81,15 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
     }
     if (!S_ISDIR(st.st_mode)) {
       // The engine's own files beside a file being converted are never user files.
-      const SkipReason skip = EngineTemporaries::isTemporaryName(d->d_name) ? SkipReason::kEngineTemporary
-                                                                            : SkipReason::kNone;
+      const WalkSkip skip = EngineTemporaries::isTemporaryName(d->d_name) ? WalkSkip::kEngineTemporary : WalkSkip::kNone;
       visitor.visit({path, parent, d->d_name, &st, false}, skip);
       continue;
     }
     if (!options_.cross_volumes && st.st_dev != volume) {
-      visitor.visit({path, parent, d->d_name, &st, false}, SkipReason::kOtherVolume);
+      visitor.visit({path, parent, d->d_name, &st, false}, WalkSkip::kOtherVolume);
       continue;
     }
+    if (!visitor.shouldEnter({path, parent, d->d_name, &st, false})) continue;
     fd = openat(parent, d->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     DIR* child = fd >= 0 ? fdopendir(fd) : nullptr;
     if (!child) {
@@ -104,4 +104,4 @@ void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
   for (const Level& level : stack) closedir(level.dir);
 }
 
-}  // namespace zephlore::cli
+}  // namespace zephlore

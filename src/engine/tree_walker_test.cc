@@ -1,4 +1,4 @@
-#include "cli/tree_walker.h"
+#include "engine/tree_walker.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,14 +15,14 @@
 
 #include "engine/scratch_dir_for_tests.h"
 
-namespace zephlore::cli {
+namespace zephlore {
 namespace {
 
 using testing::ScratchDir;
 using testing::writeFile;
 
 struct Seen {
-  std::map<std::string, SkipReason> entries;  // path -> reason given by the walk
+  std::map<std::string, WalkSkip> entries;  // path -> reason given by the walk
   std::vector<std::string> order;
   std::map<std::string, int> errors;          // path -> errno
 };
@@ -30,7 +30,7 @@ struct Seen {
 class Recorder : public WalkVisitor {
  public:
   explicit Recorder(Seen& seen) : seen_(seen) {}
-  void visit(const WalkEntry& entry, SkipReason skip) override {
+  void visit(const WalkEntry& entry, WalkSkip skip) override {
     // The entry must be reachable through its directory descriptor.
     struct stat st;
     EXPECT_EQ(fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW), 0) << entry.path;
@@ -83,7 +83,7 @@ TEST(TreeWalker, WalksDepthFirstWithoutFollowingLinksAndKeepsHostileNames) {
   EXPECT_EQ(seen.entries.size(), expected.size());
   for (const std::string& path : expected) {
     ASSERT_TRUE(seen.entries.count(path)) << path;
-    EXPECT_EQ(seen.entries[path], SkipReason::kNone);
+    EXPECT_EQ(seen.entries[path], WalkSkip::kNone);
   }
   for (const auto& [path, reason] : seen.entries) EXPECT_EQ(path.find("secret"), std::string::npos);
 
@@ -96,7 +96,7 @@ TEST(TreeWalker, WalksDepthFirstWithoutFollowingLinksAndKeepsHostileNames) {
   // Without -r a directory is one entry, skipped as such; a file is itself.
   Seen flat = walk(root, {});
   ASSERT_EQ(flat.entries.size(), 1u);
-  EXPECT_EQ(flat.entries[root], SkipReason::kDirectory);
+  EXPECT_EQ(flat.entries[root], WalkSkip::kDirectory);
   Seen one = walk(newline, {});
   ASSERT_EQ(one.entries.size(), 1u);
   EXPECT_TRUE(one.entries.count(newline));
@@ -165,7 +165,7 @@ TEST(TreeWalker, StaysOnTheStartingVolumeUnlessAskedToCross) {
   Seen cross = walk(root, {.recursive = true, .cross_volumes = true});
   umount(mnt.c_str());
 
-  EXPECT_EQ(stay.entries[mnt], SkipReason::kOtherVolume);
+  EXPECT_EQ(stay.entries[mnt], WalkSkip::kOtherVolume);
   EXPECT_TRUE(stay.entries.count(root + "/here"));
   EXPECT_FALSE(stay.entries.count(mnt + "/elsewhere"));
   EXPECT_TRUE(cross.entries.count(mnt + "/elsewhere"));
@@ -206,7 +206,7 @@ TEST(TreeWalker, WalksBeyondThePathLimitAndStopsWhenAsked) {
   struct StopAfterFirst : WalkVisitor {
     std::atomic<bool>* stop;
     int visits = 0;
-    void visit(const WalkEntry&, SkipReason) override {
+    void visit(const WalkEntry&, WalkSkip) override {
       ++visits;
       stop->store(true);
     }
@@ -220,5 +220,23 @@ TEST(TreeWalker, WalksBeyondThePathLimitAndStopsWhenAsked) {
   ASSERT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
 }
 
+TEST(TreeWalker, VisitorMayLeaveOutDirectories) {
+  ScratchDir dir;
+  mkdir((dir / "keep").c_str(), 0755);
+  mkdir((dir / "skip").c_str(), 0755);
+  writeFile(dir / "keep/a", "x");
+  writeFile(dir / "skip/b", "x");
+  struct Picky : Recorder {
+    using Recorder::Recorder;
+    bool shouldEnter(const WalkEntry& entry) override { return std::string(entry.name) != "skip"; }
+  };
+  Seen seen;
+  Picky picky(seen);
+  TreeWalker(WalkOptions{.recursive = true}).walk(dir.path(), picky);
+  EXPECT_EQ(seen.entries.count(dir / "keep/a"), 1u);
+  EXPECT_EQ(seen.entries.count(dir / "skip/b"), 0u);
+  EXPECT_EQ(seen.entries.count(dir / "skip"), 0u);
+}
+
 }  // namespace
-}  // namespace zephlore::cli
+}  // namespace zephlore

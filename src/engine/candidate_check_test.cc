@@ -1,0 +1,52 @@
+#include "engine/candidate_check.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "engine/extended_attributes_helper.h"
+#include "engine/scratch_dir_for_tests.h"
+
+namespace zephlore {
+namespace {
+
+using testing::ScratchDir;
+using testing::writeFile;
+
+CandidateRejection check(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return CandidateRejection::kVanished;
+  Error error;
+  return checkCompressCandidate({path, AT_FDCWD, path.c_str(), &st, true}, false, &error);
+}
+
+TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
+  ScratchDir dir;
+  writeFile(dir / "4095", std::string(4095, 'a'));
+  writeFile(dir / "4096", std::string(4096, 'a'));
+  EXPECT_EQ(check(dir / "4095"), CandidateRejection::kTooSmall);
+  EXPECT_EQ(check(dir / "4096"), CandidateRejection::kNone);
+
+  // Any one execute bit is enough to leave a file alone.
+  for (mode_t bit : {S_IXUSR, S_IXGRP, S_IXOTH}) {
+    ASSERT_EQ(chmod((dir / "4096").c_str(), 0644 | bit), 0);
+    EXPECT_EQ(check(dir / "4096"), CandidateRejection::kExecutable) << bit;
+  }
+  ASSERT_EQ(chmod((dir / "4096").c_str(), 0644), 0);
+
+  ASSERT_EQ(link((dir / "4096").c_str(), (dir / "other").c_str()), 0);
+  EXPECT_EQ(check(dir / "4096"), CandidateRejection::kHardLinks);
+  ASSERT_EQ(unlink((dir / "other").c_str()), 0);
+
+  ASSERT_TRUE(KRExtendedAttributesHelper::setUncompressableAttributeAt(dir / "4096"));
+  EXPECT_EQ(check(dir / "4096"), CandidateRejection::kMarkedNotCompressible);
+
+  ASSERT_EQ(symlink("4096", (dir / "link").c_str()), 0);
+  EXPECT_EQ(check(dir / "link"), CandidateRejection::kNotRegular);
+}
+
+}  // namespace
+}  // namespace zephlore

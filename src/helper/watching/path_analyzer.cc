@@ -1,0 +1,487 @@
+#include "helper/watching/path_analyzer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/log.h"
+#include "base/util.h"
+#include "engine/candidate_check.h"
+#include "engine/compression_signature.h"
+#include "engine/extended_attributes_helper.h"
+#include "engine/volume.h"
+#include "helper/exclusion_rules.h"
+#include "helper/exclusions_processor.h"
+#include "helper/scheduler.h"
+
+namespace zephlore {
+namespace {
+
+constexpr const char* kAnalysisStarted = "analysisStarted";
+constexpr const char* kAnalysisEnded = "analysisEnded";
+constexpr const char* kFileCompressed = "KRFileCompressedNotification";
+constexpr const char* kXcodeGenerated = "com.apple.XcodeGenerated";
+constexpr double kRecentSignature = 43200.0;      // 12 hours
+constexpr double kUnchangedSignature = 604800.0;  // 7 days
+
+// Class-wide state: the registry and the analyzersCount observers live on
+// the main thread; the counts are also added to from analysis threads.
+struct ClassState {
+  KRPathAnalyzerLinks links;
+  std::map<std::string, std::shared_ptr<KRPathAnalyzer>> registry;
+  std::vector<std::pair<uint64_t, std::function<void()>>> count_observers;
+  uint64_t next_observer = 1;
+  std::mutex counts_mutex;
+  std::map<std::string, int32_t> seen;
+  std::map<std::string, int32_t> processed;
+};
+
+ClassState& state() {
+  static ClassState* s = new ClassState;
+  return *s;
+}
+
+RunLoop& mainLoop() { return RunLoop::main(); }
+
+void announceCountChange() {
+  auto observers = state().count_observers;  // an observer may start or end analyses
+  for (auto& [id, fn] : observers) fn();
+}
+
+std::string watchedPathFor(const std::string& path) {
+  const auto& fn = state().links.watchedPathForPath;
+  return fn ? fn(path) : std::string();
+}
+
+}  // namespace
+
+void KRPathAnalyzer::setLinks(KRPathAnalyzerLinks links) { state().links = std::move(links); }
+
+void KRPathAnalyzer::resetForTesting() {
+  ClassState& s = state();
+  s.registry.clear();
+  s.count_observers.clear();
+  s.links = {};
+  std::lock_guard lock(s.counts_mutex);
+  s.seen.clear();
+  s.processed.clear();
+}
+
+std::string KRPathAnalyzer::normalizePath(const std::string& path) {
+  std::string input = path;
+  if (!input.empty() && input[0] == '~' && (input.size() == 1 || input[1] == '/')) {
+    const char* home = getenv("HOME");
+    if (home) input = home + input.substr(1);
+  }
+  const bool absolute = !input.empty() && input[0] == '/';
+  std::vector<std::string> parts;
+  size_t i = 0;
+  while (i <= input.size()) {
+    size_t j = input.find('/', i);
+    if (j == std::string::npos) j = input.size();
+    std::string part = input.substr(i, j - i);
+    if (part == "..") {
+      if (!parts.empty() && parts.back() != "..") {
+        parts.pop_back();
+      } else if (!absolute) {
+        parts.push_back(part);
+      }
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    i = j + 1;
+  }
+  std::string out = absolute ? "/" : "";
+  for (size_t k = 0; k < parts.size(); ++k) {
+    if (k) out += '/';
+    out += parts[k];
+  }
+  return out.empty() && !path.empty() ? "." : out;
+}
+
+std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::analyzerForPath(const std::string& normalizedPath) {
+  auto it = state().registry.find(normalizedPath);
+  return it == state().registry.end() ? nullptr : it->second;
+}
+
+std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::allAnalyzers() {
+  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
+  for (auto& [path, analyzer] : state().registry) out.push_back(analyzer);
+  return out;
+}
+
+size_t KRPathAnalyzer::analyzersCount() { return state().registry.size(); }
+
+std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::copyAnalyzersForPath(const std::string& path) {
+  const std::string normalized = normalizePath(path);
+  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
+  for (auto& [key, analyzer] : state().registry) {
+    if (key == normalized || (analyzer->recursive_ && normalized.compare(0, key.size(), key) == 0)) {
+      out.push_back(analyzer);
+    }
+  }
+  return out;
+}
+
+std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::copyAnalyzersForWatchedPath(
+    const std::string& watchedPath) {
+  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
+  for (auto& [key, analyzer] : state().registry) {
+    if (analyzer->watched_path_ == watchedPath) out.push_back(analyzer);
+  }
+  return out;
+}
+
+uint64_t KRPathAnalyzer::addAnalyzersCountObserver(std::function<void()> observer) {
+  const uint64_t id = state().next_observer++;
+  state().count_observers.emplace_back(id, std::move(observer));
+  return id;
+}
+
+void KRPathAnalyzer::removeAnalyzersCountObserver(uint64_t id) {
+  auto& v = state().count_observers;
+  v.erase(std::remove_if(v.begin(), v.end(), [id](const auto& o) { return o.first == id; }), v.end());
+}
+
+void KRPathAnalyzer::accummulateSeenFilesCount(int32_t count, const std::string& path) {
+  const std::string folder = watchedPathFor(path);
+  std::lock_guard lock(state().counts_mutex);
+  state().seen[folder] += count;
+}
+
+void KRPathAnalyzer::accummulateProcessedFilesCount(int32_t count, const std::string& path) {
+  const std::string folder = watchedPathFor(path);
+  std::lock_guard lock(state().counts_mutex);
+  state().processed[folder] += count;
+}
+
+uint32_t KRPathAnalyzer::seenFilesForWatchedFolder(const std::string& watchedFolder) {
+  std::lock_guard lock(state().counts_mutex);
+  auto it = state().seen.find(watchedFolder);
+  return it == state().seen.end() ? 0 : static_cast<uint32_t>(it->second);
+}
+
+uint32_t KRPathAnalyzer::processedFilesForWatchedFolder(const std::string& watchedFolder) {
+  std::lock_guard lock(state().counts_mutex);
+  auto it = state().processed.find(watchedFolder);
+  return it == state().processed.end() ? 0 : static_cast<uint32_t>(it->second);
+}
+
+// --- Starting, folding, finishing (main thread) ---
+
+std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::startAnalyzerWithPath(const std::string& path, bool recursive,
+                                                                      KRPathAnalyzerDelegate* delegate,
+                                                                      uint64_t eventID) {
+  if (path.empty()) return nullptr;
+  const std::string normalized = normalizePath(path);
+  if (std::shared_ptr<KRPathAnalyzer> running = analyzerForPath(normalized)) {
+    if (running->event_id_ == eventID) return running;  // the same event twice
+    if (running->must_recheck_ && delegate) {
+      delegate->analyzerWillIgnoreRedundantEventForPath(running.get(), running->event_id_for_recheck_, normalized);
+    }
+    running->must_recheck_ = true;
+    running->recheck_recursive_ = running->recheck_recursive_ || recursive;
+    running->event_id_for_recheck_ = eventID;
+    return running;
+  }
+  if (normalized.size() > kMaxPathBytes) {
+    KRLog("Not analysing a path longer than %zu bytes: %s", kMaxPathBytes, normalized.c_str());
+    return nullptr;
+  }
+  std::shared_ptr<KRPathAnalyzer> analyzer(
+      new KRPathAnalyzer(normalized, watchedPathFor(normalized), recursive, delegate, eventID));
+  std::weak_ptr<KRPathAnalyzer> weak = analyzer;
+  analyzer->compressed_observer_ = NotificationCenter::defaultCenter().addObserver(
+      kFileCompressed, state().links.compressor, [weak](const Notification& n) {
+        if (auto self = weak.lock()) self->fileWasCompressed(n);
+      });
+  registerAnalyzer(analyzer);
+  analyzer->start();
+  return analyzer;
+}
+
+KRPathAnalyzer::KRPathAnalyzer(std::string path, std::string watchedPath, bool recursive,
+                               KRPathAnalyzerDelegate* delegate, uint64_t eventID)
+    : path_(std::move(path)),
+      watched_path_(std::move(watchedPath)),
+      recursive_(recursive),
+      event_id_(eventID),
+      delegate_(delegate) {
+  files_to_compress_.reserve(500);
+}
+
+KRPathAnalyzer::~KRPathAnalyzer() {
+  if (compressed_observer_) NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
+}
+
+void KRPathAnalyzer::registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
+  if (!state().registry.emplace(analyzer->path_, analyzer).second) return;
+  announceCountChange();
+  if (state().registry.size() == 1) NotificationCenter::defaultCenter().post(kAnalysisStarted);
+}
+
+void KRPathAnalyzer::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
+  auto it = state().registry.find(analyzer->path_);
+  if (it == state().registry.end() || it->second != analyzer) return;
+  state().registry.erase(it);
+  announceCountChange();
+  if (state().registry.empty()) {
+    NotificationCenter::defaultCenter().post(kAnalysisEnded);
+    if (state().links.closeDatabase) state().links.closeDatabase();
+  }
+}
+
+void KRPathAnalyzer::start() {
+  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path_)) {
+    didFinishAnalyzing();
+    return;
+  }
+  auto self = shared_from_this();
+  Operation op{[self] { self->analyzePath(); },
+               [self] { mainLoop().post([self] { self->didFinishAnalyzing(); }); }};
+  if (state().links.addAnalysisOperation) {
+    state().links.addAnalysisOperation(std::move(op));
+  } else {
+    KRScheduler::addAnalysisOperation(std::move(op));
+  }
+}
+
+void KRPathAnalyzer::cancel() {
+  cancelled_.store(true);
+  std::lock_guard lock(mutex_waiting_for_compression_);
+  cond_compressed_file_.notify_all();
+}
+
+std::optional<WallTime> KRPathAnalyzer::analysisStartDate() const {
+  std::lock_guard lock(start_date_mutex_);
+  return analysis_start_date_;
+}
+
+size_t KRPathAnalyzer::remainingFilesToCompress() const {
+  std::lock_guard lock(files_mutex_);
+  return files_to_compress_.size();
+}
+
+void KRPathAnalyzer::didFinishAnalyzing() {
+  analysis_is_finished_.store(true);
+  notifyDidFinishAnalyzing();
+  if (!isCancelled() && remainingFilesToCompress() > 0) {
+    addFilesToCompress();
+    // The compressor may have processed the last file meanwhile.
+    if (remainingFilesToCompress() == 0) didFinishCompressing();
+  } else {
+    didFinishCompressing();
+  }
+}
+
+void KRPathAnalyzer::fileWasCompressed(const Notification& notification) {
+  const std::string* path = userInfoString(notification.userInfo, "path");
+  if (!path) return;
+  bool now_empty;
+  {
+    std::lock_guard lock(files_mutex_);
+    auto it = std::find(files_to_compress_.begin(), files_to_compress_.end(), *path);
+    if (it == files_to_compress_.end()) return;
+    files_to_compress_.erase(it);
+    now_empty = files_to_compress_.empty();
+  }
+  {
+    std::lock_guard lock(mutex_waiting_for_compression_);
+    cond_compressed_file_.notify_all();
+  }
+  auto self = shared_from_this();
+  mainLoop().post([self, file = *path] { self->notifyDidProcessFile(file); });
+  if (analysisIsFinished() && now_empty) didFinishCompressing();
+}
+
+void KRPathAnalyzer::didFinishCompressing() {
+  if (finished_.exchange(true)) return;
+  NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
+  compressed_observer_ = 0;
+  auto self = shared_from_this();  // the registry lets go of it in the next step
+  mainLoop().postAndWait([self] { self->didFinishCompressing_main(); });
+}
+
+void KRPathAnalyzer::didFinishCompressing_main() {
+  auto self = shared_from_this();
+  notifyDidFinishCompressing();
+  unregisterAnalyzer(self);
+  analyzeSamePathAgain(self);
+}
+
+void KRPathAnalyzer::analyzeSamePathAgain(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
+  if (isCancelled() || !analyzer->must_recheck_) return;
+  startAnalyzerWithPath(analyzer->path_, analyzer->recheck_recursive_, analyzer->delegate_,
+                        analyzer->event_id_for_recheck_);
+}
+
+void KRPathAnalyzer::notifyDidFinishAnalyzing() {
+  if (delegate_) delegate_->analyzerDidFinishAnalyzingPath(this, path_, recursive_);
+}
+
+void KRPathAnalyzer::notifyDidProcessFile(const std::string& path) {
+  accummulateProcessedFilesCount(1, path);
+  if (delegate_) delegate_->analyzerCompressorDidProcessFile(this, path);
+}
+
+void KRPathAnalyzer::notifyDidFinishCompressing() {
+  if (delegate_) delegate_->analyzerCompressorDidFinishCompressingPath(this, path_, recursive_);
+}
+
+// --- The walk (analysis thread) ---
+
+class KRPathAnalyzer::Walk : public WalkVisitor {
+ public:
+  explicit Walk(KRPathAnalyzer& analyzer) : analyzer_(analyzer) {}
+  void visit(const WalkEntry& entry, WalkSkip skip) override {
+    // The engine's temporaries beside a file in conversion are never candidates.
+    if (skip == WalkSkip::kEngineTemporary) return;
+    if (analyzer_.checkEntry(entry) == 1) analyzer_.collect(std::string(entry.path));
+  }
+  bool shouldEnter(const WalkEntry& entry) override { return analyzer_.checkEntry(entry) == 0; }
+  void walkError(std::string_view, int, const char*, bool) override {}  // unreadable: skipped
+
+ private:
+  KRPathAnalyzer& analyzer_;
+};
+
+void KRPathAnalyzer::analyzePath() {
+  Clock& clock = Clock::shared();
+  {
+    std::lock_guard lock(start_date_mutex_);
+    analysis_start_date_ = clock.wallNow();
+  }
+  {
+    std::lock_guard lock(files_mutex_);
+    files_to_compress_.clear();
+  }
+  // A folder must have been quiet for a while before it is walked.
+  for (;;) {
+    const double t = KRUtil::timeIntervalSinceLastModificationOfPath(path_.c_str());
+    if (t >= kFolderSettle) break;
+    if (isCancelled()) return;
+    if (t == -1.0) break;
+    clock.sleepFor(seconds(std::round(kFolderSettle + 0.5 - std::max(t, 0.0))));
+  }
+  struct stat st;
+  if (lstat(watched_path_.c_str(), &st) == 0) {
+    watched_device_ = st.st_dev;
+    watched_device_known_ = true;
+  }
+  const int r = checkFileNeedsToBeCompressed(path_.c_str());
+  if (r == 1) {
+    collect(path_);
+    return;
+  }
+  if (r != 0 || lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
+  Walk walk(*this);
+  TreeWalker(WalkOptions{.recursive = true, .cross_volumes = true}, &cancelled_).walk(path_, walk);
+}
+
+int KRPathAnalyzer::checkFileNeedsToBeCompressed(const char* path) {
+  struct stat st;
+  if (lstat(path, &st) != 0) return 0;
+  return checkEntry({path, AT_FDCWD, path, &st, true});
+}
+
+int KRPathAnalyzer::checkEntry(const WalkEntry& entry) {
+  return S_ISDIR(entry.st->st_mode) ? checkDirectory(entry) : checkFile(entry);
+}
+
+void KRPathAnalyzer::waitForRoomInTheQueue() {
+  if (remainingFilesToCompress() < kHandOverAt) return;
+  addFilesToCompress();
+  std::unique_lock lock(mutex_waiting_for_compression_);
+  cond_compressed_file_.wait(lock, [this] { return isCancelled() || remainingFilesToCompress() <= kResumeAtMost; });
+}
+
+int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
+  if (isCancelled()) return 0;
+  waitForRoomInTheQueue();
+  struct stat st = *walked.st;
+  WalkEntry entry = walked;
+  entry.st = &st;
+  if (S_ISREG(st.st_mode)) {
+    // A file must have been left alone for a while before it is judged.
+    for (;;) {
+      const double t = KRUtil::timeIntervalSinceTime(st.st_ctim.tv_sec);
+      if (t >= kFileSettle) break;
+      Clock::shared().sleepFor(seconds(std::round(kFileSettle + 0.5 - std::max(t, 0.0))));
+      if (fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+    }
+  }
+  // Not a candidate whatever its attributes say; the shared test would look at
+  // them only to name the reason, which costs a compressed tree's re-check a
+  // second system call per file.
+  if (S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) < kMinimumCompressSize) return 0;
+  const std::string path(entry.path);
+  Error error;
+  // Type, size, flag and attributes, the marker, owner, links, execute bits
+  // and writability: the command's test, so that the two never disagree.
+  if (checkCompressCandidate(entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
+  if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(path)) {
+    // Rewritten since we compressed it: not again too soon.
+    const double age = signature->age();
+    if (age < kRecentSignature) return 0;
+    if (signature->uncompressedSize() == static_cast<uint64_t>(st.st_size) && age <= kUnchangedSignature) return 0;
+  }
+  // The primary group is not always among the supplementary ones on Linux.
+  if (st.st_gid != getegid() && !KRUtil::processGroupsInclude(st.st_gid)) return 0;
+  if (state().links.isFileInProcess && state().links.isFileInProcess(path)) return 0;
+  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 0;
+  if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 0;
+  const size_t slash = path.rfind('/');
+  if (path.compare(slash == std::string::npos ? 0 : slash + 1, 2, "._") == 0) return 0;
+  return 1;
+}
+
+int KRPathAnalyzer::checkDirectory(const WalkEntry& entry) {
+  if (isCancelled()) return 2;
+  const std::string path(entry.path);
+  if (!recursive_ && path != path_) return 2;
+  if (KRExtendedAttributesHelper::isAttributeSetAt(kXcodeGenerated, path)) return 2;
+  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 2;
+  if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 2;
+  // Every directory under the analyzer's path lies in its watched folder.
+  if (!watched_device_known_ || entry.st->st_dev != watched_device_) return 2;
+  if (!isHFSPlusVolume(entry.st->st_dev, path)) return 2;
+  return 0;
+}
+
+bool KRPathAnalyzer::isHFSPlusVolume(dev_t device, const std::string& path) {
+  auto it = hfs_volumes_.find(device);
+  if (it != hfs_volumes_.end()) return it->second;
+  const bool hfs = QVVolume::isHFSPlusFileSystemForPath(path);
+  hfs_volumes_[device] = hfs;
+  return hfs;
+}
+
+void KRPathAnalyzer::collect(const std::string& path) {
+  char resolved[PATH_MAX];
+  if (!realpath(path.c_str(), resolved)) return;  // gone or unreachable: skipped
+  std::lock_guard lock(files_mutex_);
+  files_to_compress_.emplace_back(resolved);
+}
+
+void KRPathAnalyzer::addFilesToCompress() {
+  if (isCancelled()) return;
+  std::vector<std::string> copy;
+  {
+    std::lock_guard lock(files_mutex_);
+    copy = files_to_compress_;
+  }
+  const auto& add = state().links.addFilesToCompress;
+  const size_t accepted = add ? add(copy) : 0;
+  total_files_to_compress_ += accepted;
+  // This may run on the analysis thread: the folder found at creation is used
+  // rather than asking the watcher, which lives on the main thread.
+  std::lock_guard lock(state().counts_mutex);
+  state().seen[watched_path_] += static_cast<int32_t>(accepted);
+}
+
+}  // namespace zephlore

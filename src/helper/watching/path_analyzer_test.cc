@@ -1,0 +1,242 @@
+// The analyzer with a stand-in compressor: it records the files handed over
+// and the test reports them processed with "KRFileCompressedNotification",
+// as the compressor queue does. Real files on tmpfs; time on a manual clock.
+#include "helper/watching/path_analyzer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "engine/extended_attributes_helper.h"
+#include "helper/test_support.h"
+
+namespace zephlore {
+namespace {
+
+// A tmpfs of its own: it holds the attributes the compressed form needs, and
+// unlike /dev/shm it is not under a folder the exclusion rules keep out.
+class ScratchDir {
+ public:
+  ScratchDir() : path_("/tmp/zephlore-analyzer-XXXXXX") {
+    mkdtemp(path_.data());
+    mounted_ = mount("zephlore-test", path_.c_str(), "tmpfs", 0, "size=64m") == 0;
+  }
+  ~ScratchDir() {
+    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
+    rmdir(path_.c_str());
+  }
+  bool mounted() const { return mounted_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+};
+
+void write(const std::string& path, size_t size) { testing::writeFile(path, std::string(size, 'z')); }
+
+// Sets a directory's modification time, `ago` seconds before the clock's now.
+void touchDirectory(const std::string& path, Clock& clock, int64_t ago) {
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(clock.wallNow().time_since_epoch()).count();
+  struct timespec times[2] = {{now - ago, 0}, {now - ago, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+struct Recorder : KRPathAnalyzerDelegate {
+  std::vector<std::string> calls;
+  void analyzerWillIgnoreRedundantEventForPath(KRPathAnalyzer*, uint64_t id, const std::string&) override {
+    calls.push_back("ignore " + std::to_string(id));
+  }
+  void analyzerDidFinishAnalyzingPath(KRPathAnalyzer*, const std::string&, bool recursive) override {
+    calls.push_back(recursive ? "analyzed recursively" : "analyzed");
+  }
+  void analyzerCompressorDidProcessFile(KRPathAnalyzer*, const std::string&) override { calls.push_back("file"); }
+  void analyzerCompressorDidFinishCompressingPath(KRPathAnalyzer* a, const std::string&, bool recursive) override {
+    calls.push_back(std::string(recursive ? "finished recursively " : "finished ") + std::to_string(a->eventID()));
+  }
+};
+
+class PathAnalyzerTest : public ::testing::Test {
+ protected:
+  PathAnalyzerTest() {
+    RunLoop::main().runUntilIdle();  // made on the manual clock, bound to this thread
+    mkdir(root().c_str(), 0755);
+    KRPathAnalyzerLinks links;
+    links.watchedPathForPath = [this](const std::string&) { return root(); };
+    links.addFilesToCompress = [this](const std::vector<std::string>& files) {
+      std::lock_guard lock(mutex);
+      size_t accepted = 0;
+      for (const std::string& f : files) accepted += queued.insert(f).second;
+      handed_over.push_back(files.size());
+      changed.notify_all();
+      return accepted;
+    };
+    links.closeDatabase = [this] { ++database_closed; };
+    KRPathAnalyzer::setLinks(links);
+  }
+  ~PathAnalyzerTest() override { KRPathAnalyzer::resetForTesting(); }
+
+  void SetUp() override {
+    if (!dir.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  }
+
+  std::string root() const { return dir / "watched"; }
+
+  void runUntil(const std::function<bool()>& done) {
+    if (!done()) RunLoop::main().runUntil(done);
+  }
+  void runUntilNoAnalyzers() {
+    runUntil([] { return KRPathAnalyzer::analyzersCount() == 0; });
+    RunLoop::main().runUntilIdle();  // the reports posted before the end
+  }
+  // Reports every queued file processed, as the compressor would.
+  void processQueued() {
+    std::set<std::string> files;
+    {
+      std::lock_guard lock(mutex);
+      files.swap(queued);
+    }
+    for (const std::string& f : files) {
+      NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", f}});
+    }
+  }
+  std::set<std::string> queuedFiles() {
+    std::lock_guard lock(mutex);
+    return queued;
+  }
+
+  testing::TestHome home;
+  ScopedManualClock clock;
+  ScratchDir dir;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::set<std::string> queued;
+  std::vector<size_t> handed_over;
+  int database_closed = 0;
+};
+
+TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed) {
+  write(root() + "/4095", 4095);
+  write(root() + "/4096", 4096);
+  write(root() + "/._4096", 4096);
+  mkdir((root() + "/sub").c_str(), 0755);
+  write(root() + "/sub/deep", 8000);
+  mkdir((root() + "/generated").c_str(), 0755);
+  write(root() + "/generated/built", 8000);
+  ASSERT_EQ(setxattr((root() + "/generated").c_str(), "user.com.apple.XcodeGenerated", "1", 1, 0), 0);
+
+  // Not recursive: only the folder's own files.
+  Recorder recorder;
+  auto flat = KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 7);
+  runUntil([&] { return flat->analysisIsFinished(); });
+  EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096"}));
+  EXPECT_EQ(KRPathAnalyzer::seenFilesForWatchedFolder(root()), 1u);
+  // The compressor rejects it: it still counts as processed.
+  NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr,
+                                           {{"path", root() + "/4096"}, {"errorCode", int64_t{700}}});
+  runUntilNoAnalyzers();
+  EXPECT_EQ(KRPathAnalyzer::processedFilesForWatchedFolder(root()), 1u);
+  EXPECT_EQ(recorder.calls, (std::vector<std::string>{"analyzed", "finished 7", "file"}));
+  EXPECT_EQ(database_closed, 1);
+
+  // Recursive: into sub, never into the generated folder.
+  {
+    std::lock_guard lock(mutex);
+    queued.clear();
+  }
+  auto deep = KRPathAnalyzer::startAnalyzerWithPath(root(), true);
+  runUntil([&] { return deep->analysisIsFinished(); });
+  EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096", root() + "/sub/deep"}));
+  processQueued();
+  runUntilNoAnalyzers();
+  EXPECT_EQ(KRPathAnalyzer::seenFilesForWatchedFolder(root()), 3u);
+  EXPECT_EQ(KRPathAnalyzer::processedFilesForWatchedFolder(root()), 3u);
+}
+
+TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
+  write(root() + "/file", 5000);
+  // The folder changed 10 s ago: walked only after the rest of its 30 s.
+  touchDirectory(root(), *clock, 10);
+  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  clock->waitForSleepers(1);
+  clock->advance(seconds(20));
+  clock->waitForSleepers(1);
+  EXPECT_TRUE(queuedFiles().empty());
+  clock->advance(seconds(1));
+  runUntil([&] { return analyzer->analysisIsFinished(); });
+  EXPECT_EQ(queuedFiles().size(), 1u);
+  processQueued();
+  runUntilNoAnalyzers();
+
+  // A file changed 10 s ago is judged after the rest of its 15 s.
+  struct stat st;
+  ASSERT_EQ(lstat((root() + "/file").c_str(), &st), 0);
+  clock->setWall(WallTime(std::chrono::seconds(st.st_ctim.tv_sec + 10)));
+  touchDirectory(root(), *clock, 100);
+  analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  clock->waitForSleepers(1);
+  clock->advance(seconds(5));
+  clock->waitForSleepers(1);
+  EXPECT_TRUE(queuedFiles().empty());
+  clock->advance(seconds(1));
+  runUntil([&] { return analyzer->analysisIsFinished(); });
+  EXPECT_EQ(queuedFiles().size(), 1u);
+}
+
+TEST_F(PathAnalyzerTest, RepeatedEventsFoldIntoOneRecursiveRecheck) {
+  touchDirectory(root(), *clock, 0);  // holds the first walk in its settle wait
+  Recorder recorder;
+  auto first = KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 10);
+  EXPECT_EQ(KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 10), first) << "the same event twice";
+  EXPECT_FALSE(first->mustRecheckPathAfterCompletion());
+  KRPathAnalyzer::startAnalyzerWithPath(root() + "/", false, &recorder, 12);
+  EXPECT_TRUE(first->mustRecheckPathAfterCompletion());
+  EXPECT_TRUE(recorder.calls.empty());
+  KRPathAnalyzer::startAnalyzerWithPath(root(), true, &recorder, 15);
+  EXPECT_EQ(recorder.calls, (std::vector<std::string>{"ignore 12"}));
+  EXPECT_TRUE(first->recheckMustBeRecursive());
+  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 1u);
+
+  clock->waitForSleepers(1);
+  clock->advance(seconds(31));
+  runUntil([&] { return KRPathAnalyzer::analyzerForPath(root()) != first; });
+  auto again = KRPathAnalyzer::analyzerForPath(root());
+  ASSERT_TRUE(again);
+  EXPECT_TRUE(again->isRecursive());
+  EXPECT_EQ(again->eventID(), 15u);
+  runUntilNoAnalyzers();
+  EXPECT_EQ(recorder.calls, (std::vector<std::string>{"ignore 12", "analyzed", "finished 10",
+                                                      "analyzed recursively", "finished recursively 15"}));
+}
+
+TEST_F(PathAnalyzerTest, TheWalkPausesAtAThousandPendingFilesUntilAtMost799Remain) {
+  for (int i = 0; i < 1005; ++i) write(root() + "/f" + std::to_string(i), 4096);
+  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return !handed_over.empty(); });
+    EXPECT_EQ(handed_over[0], 1000u);
+  }
+  const std::set<std::string> queued_now = queuedFiles();
+  std::vector<std::string> files(queued_now.begin(), queued_now.end());
+  auto processed = [&](size_t from, size_t to) {
+    for (size_t i = from; i < to; ++i) {
+      NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", files[i]}});
+    }
+  };
+  processed(0, 200);
+  EXPECT_EQ(analyzer->remainingFilesToCompress(), 800u);
+  EXPECT_FALSE(analyzer->analysisIsFinished()) << "the walk waits at 800";
+  processed(200, 201);
+  runUntil([&] { return analyzer->analysisIsFinished(); });
+  EXPECT_EQ(analyzer->remainingFilesToCompress(), 804u);
+  EXPECT_EQ(analyzer->totalFilesToCompress(), 1005u);
+}
+
+}  // namespace
+}  // namespace zephlore

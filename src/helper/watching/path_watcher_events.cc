@@ -1,0 +1,249 @@
+#include "helper/watching/path_watcher_events.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/log.h"
+#include "base/util.h"
+#include "helper/helper_defaults.h"
+
+namespace zephlore {
+namespace {
+
+std::string defaultJournalPath() {
+  auto folder = KRUtil::applicationSupportFolder();
+  return folder ? *folder + "/events.journal" : std::string();
+}
+
+double secondsSince1970(WallTime t) { return toSeconds(t.time_since_epoch()); }
+
+}  // namespace
+
+KRPathWatcherEvents::KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history,
+                                         Options options)
+    : folders_(std::move(folders)),
+      history_(std::move(history)),
+      options_(std::move(options)),
+      loop_(RunLoop::main()) {
+  const std::string journal = options_.journal_path.empty() ? defaultJournalPath() : options_.journal_path;
+  journal_ = std::make_unique<EventJournal>(journal.empty() ? std::string("/dev/null") : journal);
+  last_event_received_ = lastEventProcessed();
+  pending_events_.reserve(600);
+  count_observer_ = KRPathAnalyzer::addAnalyzersCountObserver([this] { throttle(); });
+  if (options_.watch_mounts) mounts_ = std::make_unique<MountWatcher>(loop_);
+  auto& center = NotificationCenter::defaultCenter();
+  for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
+    observers_.push_back(center.addObserver(name, nullptr, [this](const Notification& n) {
+      didMountOrUnmountNotification(n);
+    }));
+  }
+}
+
+KRPathWatcherEvents::~KRPathWatcherEvents() {
+  for (auto id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
+  KRPathAnalyzer::removeAnalyzersCountObserver(count_observer_);
+  loop_.cancelPerform(this, "sweep");
+  loop_.cancelPerform(this, "startWatching");
+  loop_.cancelPerform(this, "watchedPathWasRenamed");
+  stopWatching();
+}
+
+std::vector<std::string> KRPathWatcherEvents::watchPaths() const {
+  return folders_.watchPaths ? folders_.watchPaths() : std::vector<std::string>{};
+}
+
+// --- The stream ---
+
+void KRPathWatcherEvents::startWatchingFromEvent(uint64_t since) {
+  const std::vector<std::string> paths = watchPaths();
+  if (stream_ || paths.empty()) return;
+  FileEventStream::Options options;
+  options.roots = paths;
+  options.since = since;
+  options.latency = seconds(options_.latency);
+  options.backend = options_.backend;
+  stream_ = std::make_unique<FileEventStream>(loop_, *journal_, options,
+                                              [this](const std::vector<FileEvent>& events) { streamCallback(events); });
+  if (!stream_->start()) {
+    stopWatching();  // no retry until the next trigger
+    return;
+  }
+  if (folders_.clearHaveNewPaths) folders_.clearHaveNewPaths();
+  sweep();
+}
+
+void KRPathWatcherEvents::stopWatching() { stream_.reset(); }
+
+void KRPathWatcherEvents::rewatch() {
+  if (!folders_.haveNewPaths || !folders_.haveNewPaths()) return;
+  stopWatching();
+  startWatching();
+}
+
+void KRPathWatcherEvents::setPaused(bool paused) {
+  paused_ = paused;
+  if (paused) {
+    stopWatching();
+  } else {
+    startWatchingFromEvent(last_event_received_);
+  }
+}
+
+void KRPathWatcherEvents::streamCallback(const std::vector<FileEvent>& events) {
+  for (const FileEvent& event : events) {
+    if (event.path.size() > kMaxPathBytes) {
+      KRLog("Ignoring a change in a folder whose path is longer than %zu bytes: %s", kMaxPathBytes,
+            event.path.c_str());
+      continue;
+    }
+    if (event.flags & kFileEventRootChanged) {
+      // Earlier requests stay: each one re-reads the aliases.
+      loop_.performAfterDelay(this, "watchedPathWasRenamed", seconds(0.1),
+                              [this, path = event.path] { watchedPathWasRenamed(path); });
+    } else if (event.flags & kFileEventMustScanSubDirs) {
+      analyzePath(event.path, true, event.id);
+    } else if (!(event.flags &
+                 (kFileEventIdsWrapped | kFileEventHistoryDone | kFileEventMount | kFileEventUnmount))) {
+      analyzePathUnlessAnalysisStartedAfterEventId(event.path, event.id);
+    }
+  }
+  if (!events.empty()) last_event_received_ = events.back().id;
+}
+
+void KRPathWatcherEvents::analyzePathUnlessAnalysisStartedAfterEventId(const std::string& path, uint64_t eventID) {
+  const auto analyzers = KRPathAnalyzer::copyAnalyzersForPath(path);
+  if (analyzers.empty()) {
+    analyzePath(path, false, eventID);
+    return;
+  }
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return;  // gone: the running analysis sees it
+  for (const auto& analyzer : analyzers) {
+    uint64_t began = analyzer->eventID();
+    if (began == 0) {
+      const auto date = analyzer->analysisStartDate();
+      began = date ? journal_->lastEventIdForDeviceBeforeTime(st.st_dev, secondsSince1970(*date)) : 0;
+    }
+    if (began < eventID) {
+      analyzePath(path, false, eventID);
+      return;
+    }
+  }
+}
+
+void KRPathWatcherEvents::analyzePath(const std::string& path, bool recursive, uint64_t eventID) {
+  if (eventID != 0) pending_events_.push_back(eventID);
+  KRPathAnalyzer::startAnalyzerWithPath(path, recursive, this, eventID);
+}
+
+void KRPathWatcherEvents::cancelAnalyzersForPathsInSet(const std::set<std::string>& paths) {
+  for (const std::string& folder : paths) {
+    for (const auto& analyzer : KRPathAnalyzer::copyAnalyzersForWatchedPath(folder)) analyzer->cancel();
+  }
+}
+
+// --- Event ids ---
+
+void KRPathWatcherEvents::finishedProcessingEvent(uint64_t eventID) {
+  pending_events_.erase(std::remove(pending_events_.begin(), pending_events_.end(), eventID), pending_events_.end());
+  const uint64_t keep = pending_events_.empty()
+                            ? last_event_received_
+                            : *std::min_element(pending_events_.begin(), pending_events_.end());
+  KRHelperDefaults::sharedHelperDefaults().setLastEventID(keep);
+}
+
+uint64_t KRPathWatcherEvents::lastEventProcessed() const {
+  const uint64_t stored = KRHelperDefaults::sharedHelperDefaults().lastEventID();
+  // Since now stays since now; otherwise the stored event is delivered again.
+  return stored == kFileEventIdSinceNow ? stored : stored - 1;
+}
+
+void KRPathWatcherEvents::throttle() {
+  const size_t n = KRPathAnalyzer::analyzersCount();
+  if (stream_ && n >= kStopAtAnalyzers) {
+    stopWatching();
+  } else if (!stream_ && !paused_ && n < kRestartBelowAnalyzers) {
+    startWatchingFromEvent(last_event_received_);
+  }
+}
+
+// --- Sweeps and progress ---
+
+bool KRPathWatcherEvents::mustSweepFolder(const std::string& folder) const {
+  const auto swept = history_.folderSweepDate ? history_.folderSweepDate(folder) : std::nullopt;
+  if (!swept) return true;
+  if (toSeconds(Clock::shared().wallNow() - *swept) > kSweepAge) return true;
+  return !history_.progressForFolder || history_.progressForFolder(folder) != 100;
+}
+
+void KRPathWatcherEvents::sweep() {
+  loop_.cancelPerform(this, "sweep");
+  for (const std::string& folder : watchPaths()) {
+    if (mustSweepFolder(folder)) analyzePath(folder, true);
+  }
+  loop_.performAfterDelay(this, "sweep", seconds(kSweepInterval), [this] { sweep(); });
+}
+
+int KRPathWatcherEvents::progressForCounts(uint32_t seen, uint32_t processed) {
+  if (seen == 0 || processed >= seen) return 100;
+  const float s = static_cast<float>(seen);
+  const float p = static_cast<float>(processed);
+  const float progress = static_cast<float>((s - (s - p)) * 90.0 / s + 10.0);
+  return static_cast<int>(std::round(progress));
+}
+
+void KRPathWatcherEvents::updateProgressForWatchedFolder(const std::string& folder) {
+  const int progress = progressForCounts(KRPathAnalyzer::seenFilesForWatchedFolder(folder),
+                                         KRPathAnalyzer::processedFilesForWatchedFolder(folder));
+  if (history_.setProgressForFolder) history_.setProgressForFolder(progress, folder);
+}
+
+// --- Renames and mounts ---
+
+void KRPathWatcherEvents::watchedPathWasRenamed(const std::string&) {
+  if (history_.resolveAliases) history_.resolveAliases();
+  if (folders_.setWatchPaths && history_.folders) folders_.setWatchPaths(history_.folders());
+}
+
+void KRPathWatcherEvents::willUnmountNotification(const Notification&) {
+  stopWatching();
+  loop_.cancelPerform(this, "startWatching");
+  loop_.performAfterDelay(this, "startWatching", seconds(kRestartAfterUnmount), [this] { startWatching(); });
+}
+
+void KRPathWatcherEvents::didMountOrUnmountNotification(const Notification& notification) {
+  loop_.cancelPerform(this, "startWatching");
+  stopWatching();
+  startWatching();
+  const std::string* device = userInfoString(notification.userInfo, kDevicePathKey);
+  if (device && history_.mountStatusDidChangeForPath) history_.mountStatusDidChangeForPath(*device);
+}
+
+// --- The analyzers' reports ---
+
+void KRPathWatcherEvents::analyzerWillIgnoreRedundantEventForPath(KRPathAnalyzer*, uint64_t eventID,
+                                                                  const std::string&) {
+  if (eventID != 0) finishedProcessingEvent(eventID);
+}
+
+void KRPathWatcherEvents::analyzerCompressorDidProcessFile(KRPathAnalyzer*, const std::string& file) {
+  if (folders_.watchedPathForPath) updateProgressForWatchedFolder(folders_.watchedPathForPath(file));
+}
+
+void KRPathWatcherEvents::analyzerCompressorDidFinishCompressingPath(KRPathAnalyzer* analyzer,
+                                                                     const std::string& path, bool recursive) {
+  if (analyzer->isCancelled()) return;
+  if (analyzer->eventID() != 0) finishedProcessingEvent(analyzer->eventID());
+  if (!recursive || !history_.folders) return;
+  for (const std::string& folder : history_.folders()) {
+    if (folder == path) {
+      if (history_.justSweptFolder) history_.justSweptFolder(folder);
+      updateProgressForWatchedFolder(folder);
+      break;
+    }
+  }
+}
+
+}  // namespace zephlore
