@@ -1,5 +1,7 @@
 #include "helper/pipeline/compressor.h"
 
+#include "platform/own_rewrites.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -187,8 +189,12 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
     } else {
       int64_t saved = 0;
       int64_t uncompressedSize = 0;
-      if (QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, &saved, &uncompressedSize, this,
-                                                                 options)) {
+      // Where the event source cannot tell our writes by process, it tells
+      // them by path (the signature below included).
+      OwnRewrites::shared().begin(path);
+      const bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(
+          path, &error, &saved, &uncompressedSize, this, options);
+      if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
             KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
             path);
@@ -204,6 +210,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
         // analyses pass the file over until it changes.
         if (error.code == kHFSErrorNotCompressible) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
       }
+      OwnRewrites::shared().end(path);
     }
     postFileCompressed(path, failed ? &error : nullptr);
   }

@@ -3,6 +3,10 @@
 // list; the compressor asks it before it touches each queued file.
 #pragma once
 
+#include <memory>
+
+#include "helper/watching/path_watcher_events.h"
+
 #include <mutex>
 #include <optional>
 #include <string>
@@ -41,12 +45,21 @@ class KRPathWatcher {
   std::string watchedPathForPath(const std::string& path) const;
   bool isWatchingFolderForPath(const std::string& path) const { return !watchedPathForPath(path).empty(); }
 
+  // The event half: the stream over these folders, its ids, sweeps and
+  // throttle. Made once at start-up (main thread); until then a new list only
+  // changes the list.
+  KRPathWatcherEvents& startEvents(KRWatcherHistoryLinks history, KRPathWatcherEvents::Options options = {});
+  KRPathWatcherEvents* events() { return events_.get(); }
+  // Stops (true) or restarts the stream; the folder list stays. Main thread.
+  void setPaused(bool paused);
+
  private:
   RunLoop& mainLoop_;
   // The compressor's and the analyzers' threads read the list.
   mutable std::mutex mutex_;
   std::optional<std::vector<std::string>> watchPaths_;
   bool haveNewPaths_ = false;
+  std::unique_ptr<KRPathWatcherEvents> events_;
 };
 
 }  // namespace zephlore

@@ -23,23 +23,51 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
     canonical.emplace();
     for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(path));
   }
-  bool removed = false;
+  std::set<std::string> removed;
+  bool same = false;
   {
     std::lock_guard lock(mutex_);
-    if (canonical == watchPaths_) return;
-    if (watchPaths_) {
+    same = canonical == watchPaths_;
+    if (!same && watchPaths_) {
       const std::set<std::string> kept = canonical ? std::set<std::string>(canonical->begin(), canonical->end())
                                                    : std::set<std::string>();
-      removed = std::any_of(watchPaths_->begin(), watchPaths_->end(),
-                            [&](const std::string& old) { return kept.count(old) == 0; });
+      for (const std::string& old : *watchPaths_) {
+        if (kept.count(old) == 0) removed.insert(old);
+      }
     }
+  }
+  // An equal list still lets a change not yet acted upon restart the stream.
+  if (same) {
+    if (events_) events_->rewatch();
+    return;
+  }
+  if (events_) events_->cancelAnalyzersForPathsInSet(removed);
+  {
+    std::lock_guard lock(mutex_);
     haveNewPaths_ = true;
     watchPaths_ = std::move(canonical);
   }
-  if (removed) {
+  if (!removed.empty()) {
     mainLoop_.performAfterDelay(seconds(kRemovalDelay),
                                 [] { KRCompressor::sharedCompressor().removeFilesNoLongerBeingWatched(); });
   }
+  if (events_) events_->rewatch();
+}
+
+KRPathWatcherEvents& KRPathWatcher::startEvents(KRWatcherHistoryLinks history, KRPathWatcherEvents::Options options) {
+  if (events_) return *events_;
+  KRWatcherFolderLinks folders;
+  folders.watchPaths = [this] { return watchPaths().value_or(std::vector<std::string>{}); };
+  folders.setWatchPaths = [this](const std::vector<std::string>& paths) { setWatchPaths(paths); };
+  folders.watchedPathForPath = [this](const std::string& path) { return watchedPathForPath(path); };
+  folders.haveNewPaths = [this] { return haveNewPaths(); };
+  folders.clearHaveNewPaths = [this] { setHaveNewPaths(false); };
+  events_ = std::make_unique<KRPathWatcherEvents>(std::move(folders), std::move(history), std::move(options));
+  return *events_;
+}
+
+void KRPathWatcher::setPaused(bool paused) {
+  if (events_) events_->setPaused(paused);
 }
 
 std::optional<std::vector<std::string>> KRPathWatcher::watchPaths() const {
