@@ -27,7 +27,7 @@ std::string zephloreCommand() {
 
 }  // namespace
 
-std::vector<std::string> KRHelperUtil::controlSurfaceCommand() {
+std::vector<std::string> KRControlSurface::controlSurfaceCommand() {
   std::string terminal;
   if (gchar* found = g_find_program_in_path("x-terminal-emulator")) {
     terminal = found;
@@ -40,7 +40,7 @@ std::vector<std::string> KRHelperUtil::controlSurfaceCommand() {
   return {terminal, "-e", zephloreCommand(), "folders"};
 }
 
-bool KRHelperUtil::openControlSurface() {
+bool KRControlSurface::openControlSurface() {
   std::vector<std::string> command = controlSurfaceCommand();
   if (command.empty()) {
     KRLog("Cannot open Zephlore: no x-terminal-emulator and no $TERMINAL");
@@ -60,11 +60,11 @@ bool KRHelperUtil::openControlSurface() {
   return true;
 }
 
-void KRHelperUtil::openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::function<void()> callback) {
+void KRControlSurface::openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::function<void()> callback) {
   if (openControlSurface() && callback) mainLoop.post(std::move(callback));
 }
 
-void KRHelperUtil::showHistory(RunLoop& mainLoop) {
+void KRControlSurface::showHistory(RunLoop& mainLoop) {
   openControlSurfaceAndRunBlock(mainLoop, [] {
     DistributedNotificationCenter::defaultCenter().postNotificationName(kShowHistoryNotification);
   });

@@ -12,9 +12,9 @@
 
 namespace zephlore {
 
-class KRHelperUtil {
+class KRControlSurface {
  public:
-  KRHelperUtil() = delete;
+  KRControlSurface() = delete;
 
   // The terminal's command line, none when there is no terminal to run.
   static std::vector<std::string> controlSurfaceCommand();

@@ -18,7 +18,7 @@ void wireDesktopParts(const KRDesktopWiring& wiring) {
   compressor.setSavingsRecorder(wiring.addSavingsForPath);
 
   KRMenuBarController& controller = KRMenuBarController::sharedMenuBarController();
-  controller.setShowHistoryAction([&loop] { KRHelperUtil::showHistory(loop); });
+  controller.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });
   if (wiring.totalSavings) controller.setTotalSavingsSource(wiring.totalSavings);
   static KRStatusNotifierItem* item = new KRStatusNotifierItem(
       loop, [] { KRMenuBarController::sharedMenuBarController().togglePause(); },

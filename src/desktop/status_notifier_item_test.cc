@@ -161,7 +161,7 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
   KRMenuBarController controller(loop);
   {
     // No tray yet: the item is simply not shown anywhere.
-    KRStatusNotifierItem item(loop, [&] { controller.togglePause(); }, [&] { KRHelperUtil::showHistory(loop); });
+    KRStatusNotifierItem item(loop, [&] { controller.togglePause(); }, [&] { KRControlSurface::showHistory(loop); });
     controller.setView(&item);
     controller.setTotalSavingsSource([] { return uint64_t{1234567}; });
     controller.setVisible(true);
@@ -190,7 +190,7 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
 
     // "Open Zephlore": the terminal runs `zephlore folders`, then the history
     // is asked for.
-    std::vector<std::string> command = KRHelperUtil::controlSurfaceCommand();
+    std::vector<std::string> command = KRControlSurface::controlSurfaceCommand();
     ASSERT_EQ(command.size(), 4u);
     EXPECT_EQ(command[0], bin + "/x-terminal-emulator");
     EXPECT_EQ(command[3], "folders");
