@@ -1,32 +1,77 @@
-// KRAppDelegate: the helper's application object. So far it pauses and
-// resumes the work for the status item's Pause and Resume; start-up, quit
-// and the rest of the lifecycle join it later.
+// KRAppDelegate: the helper's application object. It runs the process from
+// start to exit: refuses to run twice, finishes the file the previous run
+// left half converted, connects the command's notices to the watcher, the
+// update bridge and the history, applies "active" and "visible", installs the
+// crash handling and the power monitoring, and at the end stops the work in
+// order, so that no file is left half written. Everything here runs on the
+// main thread.
 #pragma once
 
-#include <functional>
+#include <memory>
+#include <string>
+
+#include "base/notification_center.h"
+#include "helper/crash_controller.h"
 
 namespace zephlore {
 
-class KRAppDelegate {
+class KRHelperStatusService;
+
+class KRAppDelegate : public KRCrashControllerDelegate {
  public:
   static KRAppDelegate& sharedAppDelegate();
 
-  // Stops the watcher's event stream (its folders are kept), then pauses
-  // the compressor. Main thread.
+  // The start-up steps in their order. False when another copy runs: this
+  // one has touched nothing and must end now.
+  bool awakeFromNib();
+
+  void listenToPrefPane();
+  void watchPaths();
+  void checkIntegrityOfPreviousRun();
+
+  // The command's notices.
+  void checkOwnVersion(const Notification& notification);
+  void getReadyToQuit(const Notification& notification);
+  void checkForUpdates(const Notification& notification);
+
+  // The status item's Pause and Resume (and the bus object's methods).
   void pauseApp();
-  // Restarts the stream and resumes the compressor. Main thread.
   void resumeApp();
 
-  // The watcher's setPaused, until the watcher's event stream is here.
-  void setWatcherPauseAction(std::function<void(bool paused)> action) { watcherPaused_ = std::move(action); }
+  void updateActiveStatus();
+  void updateVisibility();
+
+  // Asks the application to end: should-terminate, will-terminate, then the
+  // main run loop stops. Quit signals and "krimbleHelperShouldQuit" come here.
+  void terminate();
+  // False: the history could not commit; the helper keeps running.
+  bool applicationShouldTerminate();
+  void applicationWillTerminate();
+  // Stops the work and keeps the compressor's critical-section lock for good.
+  void terminateActivity();
+
+  // KRCrashControllerDelegate
+  void crashControllerDidReceiveSignal(KRCrashController* controller, int32_t signal) override;
+
+  bool shouldQuit() const { return shouldQuit_; }
+  const std::string& ownVersion() const { return ownVersion_; }
 
   KRAppDelegate(const KRAppDelegate&) = delete;
   KRAppDelegate& operator=(const KRAppDelegate&) = delete;
 
  private:
-  KRAppDelegate() = default;
+  KRAppDelegate();
 
-  std::function<void(bool)> watcherPaused_;
+  // What Linux adds around the steps: desktop notices, the links between
+  // the pipeline's parts, the live status on the bus.
+  void connectParts();
+  void publishStatus();
+
+  bool shouldQuit_ = false;
+  bool terminating_ = false;
+  bool activityTerminated_ = false;
+  std::string ownVersion_;
+  std::unique_ptr<KRHelperStatusService> statusService_;
 };
 
 }  // namespace zephlore

@@ -127,6 +127,7 @@ void KRMenuBarController::cancelDelayedCalls() { mainLoop_.cancelPerform(this, k
 
 void KRMenuBarController::menuChanged() {
   if (view_ && visible_) view_->setMenu(menu_);
+  if (changeObserver_) changeObserver_();
 }
 
 void KRMenuBarController::processStatusNotification(const std::string& name) {

@@ -69,6 +69,8 @@ class KRMenuBarController {
   void setTotalSavingsSource(std::function<uint64_t()> source);
   // What "Open Zephlore" does (the desktop installs the terminal launcher).
   void setShowHistoryAction(std::function<void()> action);
+  // Told after every change of what the item shows (status, pause, savings).
+  void setChangeObserver(std::function<void()> observer) { changeObserver_ = std::move(observer); }
 
   // Main thread from here on.
   void setVisible(bool visible);
@@ -102,6 +104,7 @@ class KRMenuBarController {
   KRStatusItemView* view_ = nullptr;
   std::function<uint64_t()> totalSavings_;
   std::function<void()> showHistoryAction_;
+  std::function<void()> changeObserver_;
   KRStatusMenu menu_;
   std::string iconName_ = kIconNormal;
   int32_t appStatus_ = kStatusIdle;

@@ -1,6 +1,7 @@
-// zephlore-helper: the background helper. Finds its data folder, then runs
-// the main run loop until SIGINT or SIGTERM, and ends with status 0. The
-// lifecycle class takes over these start-up steps as it is built.
+// zephlore-helper: the background helper's application main. Builds the
+// application delegate, runs its start-up steps and then the main run loop
+// until the delegate ends it; SIGINT, SIGTERM and SIGHUP take the same
+// orderly path as "krimbleHelperShouldQuit".
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -13,32 +14,31 @@
 #include "base/error.h"
 #include "base/log.h"
 #include "base/run_loop.h"
+#include "base/sped_up_clock.h"
 #include "base/util.h"
-#include "desktop/history_services.h"
-#include "helper/distributed_notification_center.h"
-#include "helper/exclusions_processor.h"
-#include "helper/notification_names.h"
-#include "helper/previous_run_recovery.h"
+#include "desktop/app_delegate.h"
 
 namespace {
 
 using namespace zephlore;
 
 // Quit signals arrive as readable data on a signalfd that the run loop
-// watches, so the quit runs on the main thread like any other event.
+// watches, so the quit runs on the main thread like any other event. The mask
+// is set before any thread starts, so every thread leaves them to the fd.
 int watchQuitSignals(RunLoop& loop) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGINT);
   sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGHUP);
   if (sigprocmask(SIG_BLOCK, &mask, nullptr) != 0) return -1;
   int fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
   if (fd < 0) return -1;
-  loop.watchFd(fd, POLLIN, [fd, &loop](short) {
+  loop.watchFd(fd, POLLIN, [fd](short) {
     signalfd_siginfo info;
     while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
       KRLog("ZephloreHelper: %s received, quitting", strsignal(static_cast<int>(info.ssi_signo)));
-      loop.stop();
+      KRAppDelegate::sharedAppDelegate().terminate();
     }
   });
   return fd;
@@ -50,6 +50,8 @@ int main() {
   // Dates and text widths follow the user's locale; numbers keep "1.02 KB".
   setlocale(LC_CTYPE, "");
   setlocale(LC_TIME, "");
+  // Before anything reads the clock (a testing aid; unset, real time).
+  installClockSpeedFromEnvironment();
 
   RunLoop& loop = RunLoop::main();
   const int signal_fd = watchQuitSignals(loop);
@@ -69,25 +71,8 @@ int main() {
   }
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
 
-  // Listen to the command's exclusion edits from the first moment, repair
-  // what the previous run left half done, then take the helper's bus name
-  // (monitors see a named sender; a second copy shows as a queued owner).
-  KRExclusionsProcessor::sharedExclusionsProcessor();
-  checkIntegrityOfPreviousRun();
-  // The history listens before the name is taken: a command that waits for
-  // the name posts its folders right after.
-  startHistoryServices(loop, [&loop] { loop.stop(); });
-  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  if (bus.isConnected()) {
-    bus.ownName(kHelperBusName);
-    if (bus.queuedOwnerCount(kHelperBusName) >= 2) {
-      KRLog("ZephloreHelper: another copy is already running, quitting");
-      return 0;
-    }
-  }
-
+  if (!KRAppDelegate::sharedAppDelegate().awakeFromNib()) return 0;
   loop.run();
-  stopHistoryServices();
   // Worker threads still hopping to the main thread get an answer now.
   loop.shutdown();
   close(signal_fd);
