@@ -24,6 +24,9 @@ namespace {
 using namespace zephlore;
 
 // A private data folder and a tmpfs folder tree, made once per process.
+struct Setting;
+Setting& setting();
+
 struct Setting {
   Setting() {
     root = "/dev/shm/zephlore-history-bench-" + std::to_string(getpid());
@@ -32,10 +35,12 @@ struct Setting {
     Clock::setShared(&clock);
     RunLoop::main().runUntilIdle();  // this thread is the main thread
     KRUtil::applicationSupportFolder();
-  }
-  ~Setting() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root, ignored);
+    // The setting lives as long as the process (the main run loop keeps its
+    // clock); the folder goes at exit.
+    std::atexit([] {
+      std::error_code ignored;
+      std::filesystem::remove_all(setting().root, ignored);
+    });
   }
   ManualClock clock;
   std::string root;

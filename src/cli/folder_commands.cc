@@ -3,6 +3,7 @@
 // the helper keeps, read-only, whether or not the helper runs.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <iostream>
@@ -66,23 +67,40 @@ void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& 
     *exit_code = 1;
     return;
   }
-  // The helper saves a moment after the change and then says so; waiting for
-  // that lets `zephlore folders` right afterwards show the change.
+  // The helper saves a moment after the change and then says so. Each such
+  // notice, the history is read again until it shows the change (a save the
+  // helper made for another reason may come first), so that `zephlore
+  // folders` right afterwards shows it too.
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   RunLoop loop;
-  bool saved = false;
+  std::vector<std::string> pending = folders;
+  auto recorded = [&] {
+    std::vector<HistoryRecord> records;
+    HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+    std::erase_if(pending, [&](const std::string& folder) {
+      return std::any_of(records.begin(), records.end(), [&](const HistoryRecord& record) {
+        return record.folder == folder && record.enabled == adding;
+      });
+    });
+  };
   auto observer = center.addObserver(
-      kSavingsChangedNotification, [&](const Notification&) { saved = true; }, loop);
+      kSavingsChangedNotification, [&](const Notification&) { recorded(); }, loop);
   center.postNotificationName(kFoldersNotification,
                               {{adding ? kFoldersToAddKey : kFoldersToRemoveKey, folders}}, false);
   center.flush();
   bool timedOut = false;
   loop.performAfterDelay(seconds(kSaveWaitSeconds), [&] { timedOut = true; });
-  loop.runUntil([&] { return saved || timedOut; });
+  loop.runUntil([&] { return pending.empty() || timedOut; });
   center.removeObserver(observer);
   postVersionIfHelperRuns();
   for (const std::string& folder : folders) {
-    std::cout << (adding ? "Watching " : "No longer watching ") << folder << "\n";
+    if (std::find(pending.begin(), pending.end(), folder) != pending.end()) {
+      std::cout << folder << ": zephlore-helper has not recorded the change"
+                << (adding ? " (a folder inside a watched one is not added on its own)" : "")
+                << "\n";
+    } else {
+      std::cout << (adding ? "Watching " : "No longer watching ") << folder << "\n";
+    }
   }
 }
 
