@@ -4,16 +4,6 @@
 #include <memory>
 
 namespace zephlore {
-namespace {
-
-gboolean runOnce(gpointer data) {
-  (*static_cast<std::function<void()>*>(data))();
-  return G_SOURCE_REMOVE;
-}
-
-void destroy(gpointer data) { delete static_cast<std::function<void()>*>(data); }
-
-}  // namespace
 
 DesktopGlibThread::DesktopGlibThread(bool globalDefault)
     : context_(globalDefault ? g_main_context_ref(g_main_context_default()) : g_main_context_new()),
@@ -35,8 +25,22 @@ DesktopGlibThread::~DesktopGlibThread() {
 }
 
 void DesktopGlibThread::invoke(std::function<void()> fn) {
-  g_main_context_invoke_full(context_, G_PRIORITY_DEFAULT, runOnce, new std::function<void()>(std::move(fn)),
-                             destroy);
+  {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(fn));
+  }
+  g_main_context_invoke(context_, drainTasks, this);
+}
+
+gboolean DesktopGlibThread::drainTasks(gpointer data) {
+  auto* self = static_cast<DesktopGlibThread*>(data);
+  std::vector<std::function<void()>> tasks;
+  {
+    std::lock_guard lock(self->mutex_);
+    tasks.swap(self->tasks_);
+  }
+  for (std::function<void()>& task : tasks) task();
+  return G_SOURCE_REMOVE;
 }
 
 void DesktopGlibThread::invokeAndWait(std::function<void()> fn) {

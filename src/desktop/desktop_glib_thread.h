@@ -7,7 +7,9 @@
 #include <glib.h>
 
 #include <functional>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace zephlore {
 
@@ -30,9 +32,15 @@ class DesktopGlibThread {
   bool isCurrentThread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
  private:
+  static gboolean drainTasks(gpointer self);
+
   GMainContext* context_;
   GMainLoop* loop_;
   std::thread thread_;
+  // Calls cross to the thread under our own lock: GLib's hand-over is
+  // invisible to the thread checker.
+  std::mutex mutex_;
+  std::vector<std::function<void()>> tasks_;
 };
 
 }  // namespace zephlore
