@@ -22,9 +22,9 @@ const std::vector<std::string>* userInfoStrings(const UserInfo& info, const std:
   return lookup<std::vector<std::string>>(info, key);
 }
 
-NotificationCenter& NotificationCenter::defaultCenter() {
-  static NotificationCenter* center = new NotificationCenter;
-  return *center;
+SharedInstance<NotificationCenter>& NotificationCenter::sharedInstance() {
+  static SharedInstance<NotificationCenter> instance([] { return new NotificationCenter(); });
+  return instance;
 }
 
 NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name, const void* object,

@@ -12,6 +12,8 @@
 #include <variant>
 #include <vector>
 
+#include "base/shared_instance.h"
+
 namespace zephlore {
 
 using UserInfoValue = std::variant<std::string, int64_t, std::vector<std::string>>;
@@ -33,7 +35,9 @@ class NotificationCenter {
   using ObserverId = uint64_t;
   using Handler = std::function<void(const Notification&)>;
 
-  static NotificationCenter& defaultCenter();  // never destroyed
+  static NotificationCenter& defaultCenter() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<NotificationCenter>).
+  static SharedInstance<NotificationCenter>& sharedInstance();
 
   // Observes `name` (empty: every name) from `object` (nullptr: any sender).
   ObserverId addObserver(std::string name, const void* object, Handler handler);
@@ -46,6 +50,7 @@ class NotificationCenter {
   void post(const std::string& name, const void* object = nullptr, UserInfo userInfo = {});
 
  private:
+  friend class ScopedShared<NotificationCenter>;
   bool isRegistered(ObserverId id);
 
   struct Observer {

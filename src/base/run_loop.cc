@@ -192,7 +192,7 @@ int RunLoop::runDueTimers() {
   return ran;
 }
 
-int RunLoop::pollOnce(bool may_block) {
+int RunLoop::pollOnce(bool may_block, std::optional<TimePoint> until) {
   std::vector<pollfd> fds;
   std::vector<WatchId> ids;
   int timeout_ms = 0;
@@ -205,8 +205,12 @@ int RunLoop::pollOnce(bool may_block) {
     }
     if (may_block && posted_.empty() && !stop_requested_) {
       timeout_ms = -1;
-      if (!timers_.empty()) {
-        const TimePoint first = timers_.begin()->first;
+      std::optional<TimePoint> wake_at = until;
+      if (!timers_.empty() && (!wake_at || timers_.begin()->first < *wake_at)) {
+        wake_at = timers_.begin()->first;
+      }
+      if (wake_at) {
+        const TimePoint first = *wake_at;
         // A manual clock gives no real wait; a timer already due (armed at
         // zero delay during the last pass) must not leave us blocked.
         std::optional<Duration> wait =
@@ -265,7 +269,16 @@ int RunLoop::runUntilIdle() {
   return total;
 }
 
-void RunLoop::runUntil(const std::function<bool()>& done) {
+bool RunLoop::runUntil(const std::function<bool()>& done, Duration limit) {
+  runLoop(done, clock_.now() + limit);
+  return done();
+}
+
+void RunLoop::run() {
+  runLoop([] { return false; }, std::nullopt);
+}
+
+void RunLoop::runLoop(const std::function<bool()>& done, std::optional<TimePoint> until) {
   bindThread();
   for (;;) {
     runPosted();
@@ -278,12 +291,12 @@ void RunLoop::runUntil(const std::function<bool()>& done) {
       }
     }
     if (done()) return;
-    pollOnce(true);
+    if (until && clock_.now() >= *until) {
+      KRLog("*** RunLoop: gave up waiting after the time limit");
+      return;
+    }
+    pollOnce(true, until);
   }
-}
-
-void RunLoop::run() {
-  runUntil([] { return false; });
 }
 
 void RunLoop::stop() {

@@ -1,4 +1,6 @@
 #include "cli/tree_walker.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,13 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "engine/scratch_dir_for_tests.h"
 
 namespace zephlore::cli {
 namespace {
 
-using testing::ScratchDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 struct Seen {
   std::map<std::string, SkipReason> entries;  // path -> reason given by the walk

@@ -3,6 +3,7 @@
 // cannot be made to fail on demand). Whatever fails, the file is either fully
 // converted or exactly as it was (content, mode, owner, times, inode, every
 // attribute), and nothing is left beside it.
+#include <fcntl.h>
 #include <sys/acl.h>
 
 #include <set>
@@ -17,11 +18,12 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_uncompressor.h"
 #include "platform/fault_env.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using Fault = FaultInjectingEnv::Fault;

@@ -10,7 +10,7 @@
 
 #include "platform/env.h"
 
-namespace zephlore::testing {
+namespace zephlore::testkit {
 
 class HookedEnv final : public Env {
  public:
@@ -64,4 +64,4 @@ class HookedEnv final : public Env {
   Env& base_ = Env::system();
 };
 
-}  // namespace zephlore::testing
+}  // namespace zephlore::testkit

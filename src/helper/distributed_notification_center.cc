@@ -87,9 +87,9 @@ bool isUTF8(const std::string& text) {
 
 }  // namespace
 
-DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
-  static DistributedNotificationCenter* center = new DistributedNotificationCenter();
-  return *center;
+SharedInstance<DistributedNotificationCenter>& DistributedNotificationCenter::sharedInstance() {
+  static SharedInstance<DistributedNotificationCenter> instance([] { return new DistributedNotificationCenter(); });
+  return instance;
 }
 
 DistributedNotificationCenter::DistributedNotificationCenter(std::optional<std::string> address) {

@@ -31,6 +31,7 @@
 
 #include "base/notification_center.h"
 #include "base/run_loop.h"
+#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -45,7 +46,9 @@ class DistributedNotificationCenter {
 
   // The center of this process, on the session bus (DBUS_SESSION_BUS_ADDRESS,
   // else $XDG_RUNTIME_DIR/bus). Connects on first use; never destroyed.
-  static DistributedNotificationCenter& defaultCenter();
+  static DistributedNotificationCenter& defaultCenter() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<DistributedNotificationCenter>).
+  static SharedInstance<DistributedNotificationCenter>& sharedInstance();
 
   // A center of its own on the bus at `address` (none: the session bus).
   // The default center is the one to use; a second one stands for a second
@@ -86,6 +89,7 @@ class DistributedNotificationCenter {
   bool nameHasOwner(const std::string& busName);
 
  private:
+  friend class ScopedShared<DistributedNotificationCenter>;
   struct ObserverRecord;
   struct Subscription;
 

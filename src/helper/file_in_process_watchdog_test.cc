@@ -1,15 +1,16 @@
 #include "helper/file_in_process_watchdog.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
-#include "engine/scratch_dir_for_tests.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
 // The single instance reads the data folder once per process; each test runs
 // in a process of its own, so the data home is set before the first use.
@@ -21,6 +22,7 @@ TEST(KRFileInProcessWatchdogTest, RecoversThePreviousRecordThenTracesEachFile) {
   writeFile(record, "/a/b\n42");
 
   EXPECT_EQ(KRFileInProcessWatchdog::watchdogFilename(), record);
+  ScopedShared<KRFileInProcessWatchdog> fresh_watchdog;
   KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
   EXPECT_EQ(&watchdog, &KRFileInProcessWatchdog::sharedWatchdog());
   EXPECT_TRUE(watchdog.hasInProcessFileFromPreviousSession());

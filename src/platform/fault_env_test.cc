@@ -1,20 +1,21 @@
 #include "platform/fault_env.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-#include "platform/platform_test_support.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(FaultInjectingEnv, FailsTheChosenCallOnlyAndForwardsTheRest) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "a", "0123456789");
   writeFile(dir / "b", "b");
   FaultInjectingEnv env;

@@ -1,19 +1,20 @@
 #include "platform/file_flags.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
 
-#include "platform/platform_test_support.h"
 
 namespace zephlore {
 namespace {
 
 TEST(FileFlags, AFourByteLittleEndianWordThatReadsZeroWhenAbsent) {
-  testing::TempDir dir;
+  testkit::ScratchDir dir;
   const std::string path = dir / "f";
-  testing::writeFile(path, "x");
+  testkit::writeFile(path, "x");
   const FileRef file = FileRef::atPath(path);
 
   EXPECT_EQ(FileFlags::get(file), 0u);

@@ -1,4 +1,6 @@
 #include "platform/temporary_files.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,14 +10,13 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "platform/platform_test_support.h"
 
 namespace zephlore {
 namespace {
 
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
+using testkit::readFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 mode_t modeOf(const std::string& path) {
   struct stat st;
@@ -24,7 +25,7 @@ mode_t modeOf(const std::string& path) {
 }
 
 TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
-  TempDir runtime, data;
+  ScratchDir runtime, data;
   ASSERT_EQ(chmod(runtime.path().c_str(), 0700), 0);
   setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
   setenv("XDG_DATA_HOME", data.path().c_str(), 1);
@@ -63,7 +64,7 @@ TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
 }
 
 TEST(TemporaryFiles, OwnLeftoversAreReplacedAndPlantedFilesRefused) {
-  TempDir dir;
+  ScratchDir dir;
   Env& env = Env::shared();
   Error error;
 
