@@ -14,15 +14,13 @@
 
 namespace zephlore {
 
-RunLoop::RunLoop(Clock& clock) : clock_(clock) {
-  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd_ < 0) KRLog("*** RunLoop: eventfd failed: %s", strerror(errno));
+RunLoop::RunLoop(Clock& clock) : clock_(clock), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_fd_) KRLog("*** RunLoop: eventfd failed: %s", strerror(errno));
   advance_observer_ = clock_.addAdvanceObserver([this] { wake(); });
 }
 
 RunLoop::~RunLoop() {
   clock_.removeAdvanceObserver(advance_observer_);
-  if (wake_fd_ >= 0) close(wake_fd_);
 }
 
 RunLoop& RunLoop::main() {
@@ -130,9 +128,9 @@ void RunLoop::unwatchFd(WatchId id) {
 }
 
 void RunLoop::wake() {
-  if (wake_fd_ < 0) return;
+  if (!wake_fd_) return;
   uint64_t one = 1;
-  ssize_t ignored = write(wake_fd_, &one, sizeof one);
+  ssize_t ignored = write(wake_fd_.get(), &one, sizeof one);
   (void)ignored;
 }
 
@@ -198,7 +196,7 @@ int RunLoop::pollOnce(bool may_block, std::optional<TimePoint> until) {
   int timeout_ms = 0;
   {
     std::lock_guard lock(mutex_);
-    fds.push_back(pollfd{wake_fd_, POLLIN, 0});
+    fds.push_back(pollfd{wake_fd_.get(), POLLIN, 0});
     for (const Watch& w : watches_) {
       fds.push_back(pollfd{w.fd, w.events, 0});
       ids.push_back(w.id);
@@ -230,7 +228,7 @@ int RunLoop::pollOnce(bool may_block, std::optional<TimePoint> until) {
   }
   if (fds[0].revents & POLLIN) {
     uint64_t count;
-    ssize_t ignored = read(wake_fd_, &count, sizeof count);
+    ssize_t ignored = read(wake_fd_.get(), &count, sizeof count);
     (void)ignored;
   }
   int ran = 0;

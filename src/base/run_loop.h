@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "base/unique_fd.h"
 
 namespace zephlore {
 
@@ -111,8 +112,8 @@ class RunLoop {
   void bindThread();
 
   Clock& clock_;
+  UniqueFd wake_fd_;
   uint64_t advance_observer_ = 0;
-  int wake_fd_ = -1;
 
   mutable std::mutex mutex_;
   std::multimap<TimePoint, Timer> timers_;  // ordered by deadline, FIFO on ties

@@ -98,7 +98,9 @@ TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
     // The instance form, through the single instance.
     KRScheduler::sharedScheduler().queueCompressionOperation({[&, i] {
       tracker.started(i);
-      if (i == 0) EXPECT_TRUE(hold.wait());  // everything queues up behind the first
+      if (i == 0) {
+        EXPECT_TRUE(hold.wait());  // everything queues up behind the first
+      }
       tracker.finished(i);
     }, nullptr});
   }
