@@ -16,6 +16,7 @@
 #include "base/data_folder.h"
 #include "base/log.h"
 #include "base/xdg.h"
+#include "testing/files.h"
 #include "testing/scoped_env.h"
 #include "testing/scratch_dir.h"
 
@@ -23,14 +24,9 @@ namespace zephlore {
 namespace {
 
 namespace fs = std::filesystem;
+using testkit::modeOf;
 using testkit::ScopedEnvVar;
 using testkit::ScratchDir;
-
-mode_t modeOf(const std::string& path) {
-  struct stat st;
-  EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
 
 TEST(UtilDataFolder, OlderFolderNamesWinInOrderThenZephloreIsCreated) {
   ScratchDir tmp;

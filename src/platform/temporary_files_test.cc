@@ -14,15 +14,10 @@
 namespace zephlore {
 namespace {
 
+using testkit::modeOf;
 using testkit::readFile;
 using testkit::ScratchDir;
 using testkit::writeFile;
-
-mode_t modeOf(const std::string& path) {
-  struct stat st;
-  EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
 
 TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
   ScratchDir runtime, data;

@@ -1,6 +1,7 @@
 #include "testing/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,6 +41,12 @@ std::string readFile(const std::string& path) {
   close(fd);
   if (n < 0) throw std::runtime_error("read " + path);
   return data;
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) throw std::runtime_error("lstat " + path);
+  return st.st_mode & 07777;
 }
 
 std::string compressibleData(size_t size, uint32_t seed) {

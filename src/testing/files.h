@@ -12,6 +12,8 @@ namespace zephlore::testkit {
 void writeFile(const std::string& path, const std::string& data, mode_t mode = 0644);
 // Without touching the access time where allowed (tests compare it).
 std::string readFile(const std::string& path);
+// The permission bits of `path`, not following a final link.
+mode_t modeOf(const std::string& path);
 
 // Words from a small vocabulary in a seeded order: compresses well, not trivially.
 std::string compressibleData(size_t size, uint32_t seed = 1);
