@@ -1,6 +1,4 @@
 #include "cli/tree_walker.h"
-#include "testing/files.h"
-#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore::cli {
 namespace {

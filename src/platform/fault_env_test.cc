@@ -1,12 +1,12 @@
 #include "platform/fault_env.h"
-#include "testing/files.h"
-#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {

@@ -1,12 +1,12 @@
 #include "platform/file_flags.h"
-#include "testing/files.h"
-#include "testing/scratch_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
 
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {

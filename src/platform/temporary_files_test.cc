@@ -1,6 +1,4 @@
 #include "platform/temporary_files.h"
-#include "testing/files.h"
-#include "testing/scratch_dir.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,6 +8,10 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "base/data_folder.h"
+#include "testing/files.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
@@ -22,8 +24,9 @@ using testkit::writeFile;
 TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
   ScratchDir runtime, data;
   ASSERT_EQ(chmod(runtime.path().c_str(), 0700), 0);
-  setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
-  setenv("XDG_DATA_HOME", data.path().c_str(), 1);
+  testkit::ScopedEnvVar runtime_env("XDG_RUNTIME_DIR", runtime.path());
+  testkit::ScopedEnvVar data_env("XDG_DATA_HOME", data.path());
+  ScopedShared<DataFolder> data_folder;  // looked up afresh in `data`
 
   Error error;
   auto dir = TemporaryFiles::privateDirectory(&error);
