@@ -24,11 +24,11 @@ function(zephlore_tests name dir)
     return()
   endif()
   add_executable(${name} ${srcs})
-  target_link_libraries(${name} PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${ARGN} zephlore_testing GTest::gtest GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     ZEPHLORE_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
     ZEPHLORE_BINARY_DIR="${CMAKE_BINARY_DIR}")
-  # Each test in its own process: the single instances of the helper live for a
-  # whole process, so one test's instance must never leak into the next.
+  # Each test in its own process under ctest; the binary also passes when run
+  # directly, all tests in one process (scripts/test.sh does both).
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
 endfunction()

@@ -4,7 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build}
 shift || true
-if [ ! -f "$dir/build.ninja" ]; then
-  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+# Options given for an existing tree configure it again, so they take effect.
+if [ ! -f "$dir/build.ninja" ] || [ "$#" -gt 0 ]; then
+  cmake -S . -B "$dir" -G Ninja "$@"
 fi
 cmake --build "$dir" --parallel "$(nproc)"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # test.sh: installs what is missing, builds, and runs every test: the normal
-# build, then ASan+UBSan, then TSan over the threaded parts, then a bounded
-# fuzzing run of the format parser.
+# build (under ctest, then each test binary once in one process), then
+# ASan+UBSan, then TSan over the threaded parts, then a bounded fuzzing run of
+# the format parser.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -10,6 +11,13 @@ jobs=$(nproc)
 echo "== build and test (RelWithDebInfo)"
 bash scripts/build.sh build
 ctest --test-dir build --output-on-failure -j "$jobs"
+# Once more with all tests of a binary in one process: no test may depend on
+# running alone, and a wait that never ends fails within seconds.
+echo "== each test binary in one process"
+for suite in build/bin/*_tests; do
+  echo "-- $suite"
+  "$suite" --gtest_brief=1
+done
 
 echo "== ASan + UBSan"
 bash scripts/build.sh build-asan -DZEPHLORE_SANITIZE=address -DZEPHLORE_BENCH=OFF

@@ -2,6 +2,8 @@
 // kernel release from uname ("6.1.0-18-amd64" -> 6, 1, 0). The named
 // queries keep their historical rules (they look for major version 10), so
 // they answer false here; nothing on Linux depends on them for behaviour.
+// Kept for the diagnostics that name the system a report came from
+// (getOperatingSystemVersionString).
 #pragma once
 
 #include <optional>

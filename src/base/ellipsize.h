@@ -1,7 +1,8 @@
 // Shortening text to a width, ending over-long lines in "...". Width is
 // measured through a pluggable function; the default counts terminal display
 // columns (a CJK character is 2, a combining mark 0), since Linux has no one
-// text-drawing service to ask.
+// text-drawing service to ask. Kept for the status item's menu, whose
+// entries must fit the menu's width.
 #pragma once
 
 #include <functional>

@@ -11,6 +11,8 @@ namespace zephlore {
 inline constexpr const char* kHFSErrorDomain = "com.quorvane.zephlore.hfs";
 // The helper's domain (8000: the file's folder is no longer watched).
 inline constexpr const char* kHelperErrorDomain = "com.quorvane.zephlore.error";
+// A failed system call of the base layer: the errno is the code.
+inline constexpr const char* kPosixErrorDomain = "com.quorvane.zephlore.posix";
 
 struct Error {
   std::string domain;

@@ -1,6 +1,7 @@
 // Small list operations: stack and queue pops that answer none on an empty
 // list, taking the first n elements at once (the compressor drains its queue
-// 50 at a time), and maps that keep or skip empty results.
+// 50 at a time), and maps that keep or skip empty results (the watcher,
+// the volume checks and the exclusion lists map their paths this way).
 #pragma once
 
 #include <algorithm>

@@ -25,9 +25,9 @@ const Error* userInfoError(const UserInfo& info, const std::string& key) {
   return lookup<Error>(info, key);
 }
 
-NotificationCenter& NotificationCenter::defaultCenter() {
-  static NotificationCenter* center = new NotificationCenter;
-  return *center;
+SharedInstance<NotificationCenter>& NotificationCenter::sharedInstance() {
+  static SharedInstance<NotificationCenter> instance([] { return new NotificationCenter(); });
+  return instance;
 }
 
 NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name, const void* object,

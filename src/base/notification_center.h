@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -37,7 +38,9 @@ class NotificationCenter {
   using ObserverId = uint64_t;
   using Handler = std::function<void(const Notification&)>;
 
-  static NotificationCenter& defaultCenter();  // never destroyed
+  static NotificationCenter& defaultCenter() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<NotificationCenter>).
+  static SharedInstance<NotificationCenter>& sharedInstance();
 
   // Observes `name` (empty: every name) from `object` (nullptr: any sender).
   ObserverId addObserver(std::string name, const void* object, Handler handler);
@@ -50,6 +53,7 @@ class NotificationCenter {
   void post(const std::string& name, const void* object = nullptr, UserInfo userInfo = {});
 
  private:
+  friend class ScopedShared<NotificationCenter>;
   bool isRegistered(ObserverId id);
 
   struct Observer {

@@ -14,15 +14,13 @@
 
 namespace zephlore {
 
-RunLoop::RunLoop(Clock& clock) : clock_(clock) {
-  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_fd_ < 0) KRLog("*** RunLoop: eventfd failed: %s", strerror(errno));
+RunLoop::RunLoop(Clock& clock) : clock_(clock), wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_fd_) KRLog("*** RunLoop: eventfd failed: %s", strerror(errno));
   advance_observer_ = clock_.addAdvanceObserver([this] { wake(); });
 }
 
 RunLoop::~RunLoop() {
   clock_.removeAdvanceObserver(advance_observer_);
-  if (wake_fd_ >= 0) close(wake_fd_);
 }
 
 RunLoop& RunLoop::main() {
@@ -130,9 +128,9 @@ void RunLoop::unwatchFd(WatchId id) {
 }
 
 void RunLoop::wake() {
-  if (wake_fd_ < 0) return;
+  if (!wake_fd_) return;
   uint64_t one = 1;
-  ssize_t ignored = write(wake_fd_, &one, sizeof one);
+  ssize_t ignored = write(wake_fd_.get(), &one, sizeof one);
   (void)ignored;
 }
 
@@ -192,21 +190,25 @@ int RunLoop::runDueTimers() {
   return ran;
 }
 
-int RunLoop::pollOnce(bool may_block) {
+int RunLoop::pollOnce(bool may_block, std::optional<TimePoint> until) {
   std::vector<pollfd> fds;
   std::vector<WatchId> ids;
   int timeout_ms = 0;
   {
     std::lock_guard lock(mutex_);
-    fds.push_back(pollfd{wake_fd_, POLLIN, 0});
+    fds.push_back(pollfd{wake_fd_.get(), POLLIN, 0});
     for (const Watch& w : watches_) {
       fds.push_back(pollfd{w.fd, w.events, 0});
       ids.push_back(w.id);
     }
     if (may_block && posted_.empty() && !stop_requested_) {
       timeout_ms = -1;
-      if (!timers_.empty()) {
-        const TimePoint first = timers_.begin()->first;
+      std::optional<TimePoint> wake_at = until;
+      if (!timers_.empty() && (!wake_at || timers_.begin()->first < *wake_at)) {
+        wake_at = timers_.begin()->first;
+      }
+      if (wake_at) {
+        const TimePoint first = *wake_at;
         // A manual clock gives no real wait; a timer already due (armed at
         // zero delay during the last pass) must not leave us blocked.
         std::optional<Duration> wait =
@@ -226,7 +228,7 @@ int RunLoop::pollOnce(bool may_block) {
   }
   if (fds[0].revents & POLLIN) {
     uint64_t count;
-    ssize_t ignored = read(wake_fd_, &count, sizeof count);
+    ssize_t ignored = read(wake_fd_.get(), &count, sizeof count);
     (void)ignored;
   }
   int ran = 0;
@@ -265,7 +267,16 @@ int RunLoop::runUntilIdle() {
   return total;
 }
 
-void RunLoop::runUntil(const std::function<bool()>& done) {
+bool RunLoop::runUntil(const std::function<bool()>& done, Duration limit) {
+  runLoop(done, clock_.now() + limit);
+  return done();
+}
+
+void RunLoop::run() {
+  runLoop([] { return false; }, std::nullopt);
+}
+
+void RunLoop::runLoop(const std::function<bool()>& done, std::optional<TimePoint> until) {
   bindThread();
   for (;;) {
     runPosted();
@@ -278,12 +289,12 @@ void RunLoop::runUntil(const std::function<bool()>& done) {
       }
     }
     if (done()) return;
-    pollOnce(true);
+    if (until && clock_.now() >= *until) {
+      KRLog("*** RunLoop: gave up waiting after the time limit");
+      return;
+    }
+    pollOnce(true, until);
   }
-}
-
-void RunLoop::run() {
-  runUntil([] { return false; });
 }
 
 void RunLoop::stop() {

@@ -13,11 +13,13 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/clock.h"
+#include "base/unique_fd.h"
 
 namespace zephlore {
 
@@ -67,8 +69,11 @@ class RunLoop {
   void run();
   // Asks run()/runUntil() to return after the current callback. Any thread.
   void stop();
-  // Runs until `done()` is true (checked after every callback).
-  void runUntil(const std::function<bool()>& done);
+  // Runs until `done()` is true (checked after every callback), stop(), or
+  // `limit` has passed on the loop's clock. Returns done(). The limit keeps a
+  // wait for something that never comes from hanging.
+  static constexpr Duration kDefaultRunLimit = std::chrono::seconds(10);
+  bool runUntil(const std::function<bool()>& done, Duration limit = kDefaultRunLimit);
   // Runs everything that is due now (posted calls, due timers, ready fds)
   // without blocking; returns how many callbacks ran. For tests.
   int runUntilIdle();
@@ -100,13 +105,15 @@ class RunLoop {
   TimerId addTimer(TimePoint deadline, Timer timer);
   int runPosted();
   int runDueTimers();
-  int pollOnce(bool may_block);
+  // Blocks at most until `until` (none: until woken).
+  int pollOnce(bool may_block, std::optional<TimePoint> until = std::nullopt);
+  void runLoop(const std::function<bool()>& done, std::optional<TimePoint> until);
   void wake();
   void bindThread();
 
   Clock& clock_;
+  UniqueFd wake_fd_;
   uint64_t advance_observer_ = 0;
-  int wake_fd_ = -1;
 
   mutable std::mutex mutex_;
   std::multimap<TimePoint, Timer> timers_;  // ordered by deadline, FIFO on ties

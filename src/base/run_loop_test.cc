@@ -243,5 +243,25 @@ TEST(RunLoop, WatchedDescriptorsAndClosedOnes) {
   EXPECT_NE(lines[0].find("was closed while watched"), std::string::npos);
 }
 
+TEST(RunLoop, RunUntilGivesUpAtItsLimitOnTheLoopsClock) {
+  ManualClock clock;
+  RunLoop loop(clock);
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  // A timer just inside the limit still fires; the wait then ends unmet.
+  bool fired = false;
+  loop.performAfterDelay(4s, [&] { fired = true; });
+  loop.post([&] { clock.advance(5s); });
+  EXPECT_FALSE(loop.runUntil([] { return false; }, 5s));
+  EXPECT_TRUE(fired);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("time limit"), std::string::npos);
+
+  // Met before the limit: true, and nothing logged.
+  loop.post([] {});
+  EXPECT_TRUE(loop.runUntil([&] { return fired; }, 1s));
+  EXPECT_EQ(lines.size(), 1u);
+}
+
 }  // namespace
 }  // namespace zephlore

@@ -1,7 +1,6 @@
 #include "base/util.h"
 
 #include <langinfo.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,172 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "base/log.h"
 
 namespace zephlore {
-namespace {
-
-bool isAbsolute(const char* path) { return path && path[0] == '/'; }
-
-std::string errnoText(int err) { return std::strerror(err); }
-
-bool isDirectory(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// mkdir -p with mode 0700 for each folder made. Used only for the user's data
-// home, which a fresh account may not have yet.
-bool makeFolders(const std::string& path, Error* error) {
-  if (isDirectory(path)) return true;
-  for (size_t pos = 1; pos <= path.size(); ++pos) {
-    if (pos != path.size() && path[pos] != '/') continue;
-    std::string prefix = path.substr(0, pos);
-    if (mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
-      return fail(error, kHelperErrorDomain, errno,
-                  "cannot create the folder " + prefix + ": " + errnoText(errno));
-    }
-  }
-  if (!isDirectory(path)) {
-    return fail(error, kHelperErrorDomain, ENOTDIR, path + " is not a folder");
-  }
-  return true;
-}
-
-std::string homeFromUserDatabase() {
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buf(size > 0 ? static_cast<size_t>(size) : 16384);
-  struct passwd pw;
-  struct passwd* found = nullptr;
-  if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &found) != 0 || !found) return "";
-  return isAbsolute(found->pw_dir) ? found->pw_dir : "";
-}
-
-// The user's data home, the stand-in for the per-user Application Support
-// folder: $XDG_DATA_HOME, else $HOME/.local/share, else the user database's
-// home, else the private temporary directory.
-std::optional<std::string> dataHome() {
-  const char* xdg = getenv("XDG_DATA_HOME");
-  if (xdg && *xdg) {
-    if (isAbsolute(xdg)) return std::string(xdg);
-    KRLog("ZephloreHelper: ignoring XDG_DATA_HOME \"%s\": not an absolute path", xdg);
-  }
-  const char* home = getenv("HOME");
-  if (isAbsolute(home)) return std::string(home) + "/.local/share";
-  std::string pw_home = homeFromUserDatabase();
-  if (!pw_home.empty()) {
-    KRLog("ZephloreHelper: HOME is not a full path; using the home folder %s of the user database",
-          pw_home.c_str());
-    return pw_home + "/.local/share";
-  }
-  std::optional<std::string> tmp = KRUtil::privateTemporaryDirectory();
-  if (tmp) {
-    KRLog("ZephloreHelper: no home folder known; keeping data in the temporary folder %s",
-          tmp->c_str());
-  } else {
-    KRLog("*** ZephloreHelper: no home folder known and no private temporary folder");
-  }
-  return tmp;
-}
-
-std::mutex g_data_folder_mutex;
-std::string* g_data_folder = nullptr;  // the cache; never freed
-
-}  // namespace
-
-// --- The data folder -------------------------------------------------------
-
-std::optional<std::string> KRUtil::dataFolderIn(const std::string& base, Error* error) {
-  // Folders of earlier installations come first, in this order, so their
-  // data is reused where it is rather than moved.
-  for (const char* old_name : {"Krimble", "Krimbler"}) {
-    std::string candidate = base + "/" + old_name;
-    if (isDirectory(candidate)) return candidate;
-  }
-  std::string folder = base + "/Zephlore";
-  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    fail(error, kHelperErrorDomain, errno,
-         "cannot create the data folder " + folder + ": " + errnoText(errno));
-    return std::nullopt;
-  }
-  if (!isDirectory(folder)) {
-    fail(error, kHelperErrorDomain, ENOTDIR, "the data folder " + folder + " is not a folder");
-    return std::nullopt;
-  }
-  return folder;
-}
-
-std::optional<std::string> KRUtil::applicationSupportFolder() {
-  return applicationSupportFolder(nullptr);
-}
-
-std::optional<std::string> KRUtil::applicationSupportFolder(Error* error) {
-  std::lock_guard lock(g_data_folder_mutex);
-  if (g_data_folder) return *g_data_folder;
-  std::optional<std::string> base = dataHome();
-  if (!base) {
-    fail(error, kHelperErrorDomain, ENOENT, "no home folder and no private temporary folder");
-    return std::nullopt;
-  }
-  if (!makeFolders(*base, error)) return std::nullopt;
-  std::optional<std::string> folder = dataFolderIn(*base, error);
-  if (folder) g_data_folder = new std::string(*folder);
-  return folder;
-}
-
-std::string KRUtil::pathToExclusionPathsFile() {
-  std::optional<std::string> folder = applicationSupportFolder();
-  return folder ? *folder + "/excludedPaths.plist" : "";
-}
-
-std::string KRUtil::pathToExclusionExtensionsFile() {
-  std::optional<std::string> folder = applicationSupportFolder();
-  return folder ? *folder + "/excludedExtensions.plist" : "";
-}
-
-std::optional<std::string> KRUtil::makePrivateDirectory(const std::string& path, Error* error) {
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    fail(error, kHelperErrorDomain, errno, "cannot create " + path + ": " + errnoText(errno));
-    return std::nullopt;
-  }
-  // lstat: a symlink planted in a shared folder must not redirect us.
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) {
-    fail(error, kHelperErrorDomain, errno, "cannot read " + path + ": " + errnoText(errno));
-    return std::nullopt;
-  }
-  const char* problem = nullptr;
-  if (S_ISLNK(st.st_mode)) {
-    problem = "is a symbolic link";
-  } else if (!S_ISDIR(st.st_mode)) {
-    problem = "is not a folder";
-  } else if (st.st_uid != geteuid()) {
-    problem = "belongs to another user";
-  } else if (st.st_mode & 077) {
-    problem = "is open to other users";
-  }
-  if (problem) {
-    fail(error, kHelperErrorDomain, EPERM, path + " " + problem);
-    return std::nullopt;
-  }
-  return path;
-}
-
-std::optional<std::string> KRUtil::privateTemporaryDirectory() {
-  std::vector<std::string> candidates;
-  const char* runtime = getenv("XDG_RUNTIME_DIR");
-  if (isAbsolute(runtime)) candidates.push_back(std::string(runtime) + "/zephlore");
-  candidates.push_back("/tmp/zephlore-" + std::to_string(geteuid()));
-  for (const std::string& candidate : candidates) {
-    Error error;
-    if (auto dir = makePrivateDirectory(candidate, &error)) return dir;
-    KRLog("*** ZephloreHelper: refusing the temporary folder: %s", error.message.c_str());
-  }
-  return std::nullopt;
-}
 
 // --- Display ---------------------------------------------------------------
 

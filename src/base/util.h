@@ -1,6 +1,6 @@
-// KRUtil: small stateless helpers of the helper process: where its private
-// data folder is, how byte counts and dates are shown, file ages and group
-// membership for the analyzer's candidate test.
+// KRUtil: small helpers of the helper process: where its private data
+// folder is (cached, see DataFolder), how byte counts and dates are shown,
+// file ages and group membership for the analyzer's candidate test.
 #pragma once
 
 #include <sys/types.h>
@@ -21,14 +21,10 @@ class KRUtil {
  public:
   KRUtil() = delete;
 
-  // --- The data folder ---------------------------------------------------
+  // --- The data folder (kept by DataFolder) ---------------------------
 
-  // The helper's data folder, chosen once per process: inside the user's data
-  // home ($XDG_DATA_HOME, else ~/.local/share) the first existing folder of
-  // "Krimble" and "Krimbler" (data of earlier installations is reused in
-  // place), else "Zephlore", created with mode 0700 when missing. Once found
-  // the path is cached for the life of the process. None when it could not be
-  // made; then nothing is cached and the next call tries again.
+  // The helper's data folder (see DataFolder::path()); none when it could
+  // not be made.
   static std::optional<std::string> applicationSupportFolder();
   // The same, telling why it failed.
   static std::optional<std::string> applicationSupportFolder(Error* error);
@@ -37,21 +33,6 @@ class KRUtil {
   // there is no data folder.
   static std::string pathToExclusionPathsFile();
   static std::string pathToExclusionExtensionsFile();
-
-  // A private per-user directory (mode 0700, owned by us):
-  // $XDG_RUNTIME_DIR/zephlore, else /tmp/zephlore-<uid>. Created when
-  // missing. None (and a logged line) when neither can be made safe.
-  static std::optional<std::string> privateTemporaryDirectory();
-
-  // Creates `path` (not its parents) with mode 0700 if missing and checks it
-  // is a real directory owned by this user with no group or other access.
-  // None and a filled `error` otherwise; a symlink is never followed.
-  static std::optional<std::string> makePrivateDirectory(const std::string& path,
-                                                         Error* error = nullptr);
-
-  // The data folder choice inside `base` without the cache (steps after the
-  // data home is known). Exposed for tests.
-  static std::optional<std::string> dataFolderIn(const std::string& base, Error* error);
 
   // --- Display -----------------------------------------------------------
 

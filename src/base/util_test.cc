@@ -13,71 +13,57 @@
 #include <string>
 #include <vector>
 
+#include "base/data_folder.h"
 #include "base/log.h"
+#include "base/xdg.h"
+#include "testing/files.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
 namespace fs = std::filesystem;
-
-// A scratch folder in memory, removed with everything in it.
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/dev/shm/zephlore-util-XXXXXX";
-    path_ = mkdtemp(pattern);
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-mode_t modeOf(const std::string& path) {
-  struct stat st;
-  EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
+using testkit::modeOf;
+using testkit::ScopedEnvVar;
+using testkit::ScratchDir;
 
 TEST(UtilDataFolder, OlderFolderNamesWinInOrderThenZephloreIsCreated) {
-  TempDir tmp;
+  ScratchDir tmp;
   const std::string base = tmp.path();
   Error error;
 
   // A plain file called "Krimble" is not a folder and is passed over.
   std::ofstream(base + "/Krimble") << "x";
-  auto folder = KRUtil::dataFolderIn(base, &error);
+  auto folder = DataFolder::chooseIn(base, &error);
   ASSERT_TRUE(folder) << error.message;
   EXPECT_EQ(*folder, base + "/Zephlore");
   EXPECT_EQ(modeOf(*folder), 0700u);
 
   fs::create_directory(base + "/Krimbler");
-  EXPECT_EQ(KRUtil::dataFolderIn(base, &error), base + "/Krimbler");
+  EXPECT_EQ(DataFolder::chooseIn(base, &error), base + "/Krimbler");
   fs::remove(base + "/Krimble");
   fs::create_directory(base + "/Krimble");
-  EXPECT_EQ(KRUtil::dataFolderIn(base, &error), base + "/Krimble");
+  EXPECT_EQ(DataFolder::chooseIn(base, &error), base + "/Krimble");
 
   // No intermediate folders are made for the data folder itself.
-  EXPECT_FALSE(KRUtil::dataFolderIn(base + "/missing/deeper", &error));
+  EXPECT_FALSE(DataFolder::chooseIn(base + "/missing/deeper", &error));
   EXPECT_NE(error.message.find("cannot create the data folder"), std::string::npos);
   EXPECT_FALSE(fs::exists(base + "/missing"));
 
   // "Zephlore" taken by a file: a clear failure, not a crash.
-  TempDir other;
+  ScratchDir other;
   std::ofstream(other.path() + "/Zephlore") << "x";
-  EXPECT_FALSE(KRUtil::dataFolderIn(other.path(), &error));
+  EXPECT_FALSE(DataFolder::chooseIn(other.path(), &error));
   EXPECT_NE(error.message.find("is not a folder"), std::string::npos);
 }
 
 TEST(UtilDataFolder, FailureIsNotCachedSuccessIsCachedForGood) {
-  TempDir tmp;
+  ScopedShared<DataFolder> fresh;
+  ScratchDir tmp;
   // A data home below a plain file cannot be made.
   std::ofstream(tmp.path() + "/file") << "x";
-  setenv("XDG_DATA_HOME", (tmp.path() + "/file/data").c_str(), 1);
+  ScopedEnvVar data("XDG_DATA_HOME", tmp.path() + "/file/data");
   Error error;
   EXPECT_FALSE(KRUtil::applicationSupportFolder(&error));
   EXPECT_FALSE(error.message.empty());
@@ -100,20 +86,30 @@ TEST(UtilDataFolder, FailureIsNotCachedSuccessIsCachedForGood) {
 }
 
 TEST(UtilDataFolder, RelativeXdgDataHomeIsIgnoredForHome) {
-  TempDir tmp;
+  ScopedShared<DataFolder> fresh;
+  ScratchDir tmp;
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  setenv("XDG_DATA_HOME", "relative/share", 1);
-  setenv("HOME", tmp.path().c_str(), 1);
+  ScopedEnvVar data("XDG_DATA_HOME", "relative/share");
+  ScopedEnvVar home("HOME", tmp.path());
   EXPECT_EQ(KRUtil::applicationSupportFolder(), tmp.path() + "/.local/share/Zephlore");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("ignoring XDG_DATA_HOME"), std::string::npos);
+
+  // No home at all: the private runtime folder, never a shared one.
+  ScopedShared<DataFolder> again;
+  ScopedEnvVar no_data("XDG_DATA_HOME", std::nullopt);
+  ScopedEnvVar no_home("HOME", std::nullopt);
+  ScopedEnvVar runtime("XDG_RUNTIME_DIR", tmp.path());
+  if (homeFolder().empty()) {  // the user database may still know one
+    EXPECT_EQ(KRUtil::applicationSupportFolder(), tmp.path() + "/zephlore/Zephlore");
+  }
 }
 
 TEST(UtilPrivateDirectory, MadePrivateAndRefusedWhenUnsafe) {
-  TempDir tmp;
-  setenv("XDG_RUNTIME_DIR", tmp.path().c_str(), 1);
-  auto dir = KRUtil::privateTemporaryDirectory();
+  ScratchDir tmp;
+  ScopedEnvVar runtime("XDG_RUNTIME_DIR", tmp.path());
+  auto dir = privateRuntimeFolder();
   ASSERT_TRUE(dir);
   EXPECT_EQ(*dir, tmp.path() + "/zephlore");
   EXPECT_EQ(modeOf(*dir), 0700u);
@@ -121,43 +117,36 @@ TEST(UtilPrivateDirectory, MadePrivateAndRefusedWhenUnsafe) {
   Error error;
   const std::string link = tmp.path() + "/link";
   ASSERT_EQ(symlink(dir->c_str(), link.c_str()), 0);
-  EXPECT_FALSE(KRUtil::makePrivateDirectory(link, &error));
+  EXPECT_FALSE(makePrivateDirectory(link, &error));
   EXPECT_NE(error.message.find("symbolic link"), std::string::npos);
 
   const std::string file = tmp.path() + "/file";
   std::ofstream(file) << "x";
-  EXPECT_FALSE(KRUtil::makePrivateDirectory(file, &error));
+  EXPECT_FALSE(makePrivateDirectory(file, &error));
   EXPECT_NE(error.message.find("not a folder"), std::string::npos);
 
   const std::string open = tmp.path() + "/open";
   ASSERT_EQ(mkdir(open.c_str(), 0700), 0);
   ASSERT_EQ(chmod(open.c_str(), 0755), 0);
-  EXPECT_FALSE(KRUtil::makePrivateDirectory(open, &error));
+  EXPECT_FALSE(makePrivateDirectory(open, &error));
   EXPECT_NE(error.message.find("open to other users"), std::string::npos);
 
   if (geteuid() == 0) {  // only root can hand a folder to someone else
     const std::string foreign = tmp.path() + "/foreign";
     ASSERT_EQ(mkdir(foreign.c_str(), 0700), 0);
     ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
-    EXPECT_FALSE(KRUtil::makePrivateDirectory(foreign, &error));
+    EXPECT_FALSE(makePrivateDirectory(foreign, &error));
     EXPECT_NE(error.message.find("another user"), std::string::npos);
   }
 
-  // An unsafe runtime folder is refused with a logged line and the next
-  // candidate is tried.
+  // An unsafe runtime folder is refused; there is no shared fallback.
   fs::remove(*dir);
   ASSERT_EQ(symlink(open.c_str(), dir->c_str()), 0);
-  std::vector<std::string> lines;
-  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  auto fallback = KRUtil::privateTemporaryDirectory();
-  ASSERT_FALSE(lines.empty());
-  EXPECT_NE(lines[0].find("refusing the temporary folder"), std::string::npos);
-  if (fallback) {
-    EXPECT_EQ(*fallback, "/tmp/zephlore-" + std::to_string(geteuid()));
-  }
+  EXPECT_FALSE(privateRuntimeFolder(&error));
+  ScopedEnvVar shared_runtime("XDG_RUNTIME_DIR", "/tmp");
+  EXPECT_FALSE(privateRuntimeFolder(&error));
+  EXPECT_NE(error.message.find("not a private folder"), std::string::npos);
 }
-
-
 TEST(UtilPrettySize, BytesThenDecimalUnitsInSinglePrecision) {
   const std::pair<uint64_t, const char*> cases[] = {
       {0, "0 b"},
@@ -176,7 +165,7 @@ TEST(UtilPrettySize, BytesThenDecimalUnitsInSinglePrecision) {
 }
 
 TEST(UtilFileAge, DirectoriesByModificationOthersByStatusChange) {
-  TempDir tmp;
+  ScratchDir tmp;
   ScopedManualClock clock;
   const int64_t now = static_cast<int64_t>(time(nullptr));
   clock->setWall(WallTime(std::chrono::seconds(now)) + std::chrono::milliseconds(900));

@@ -1,6 +1,7 @@
 // KRVersionComparator: orders version strings such as "1.10b3" part by part:
 // runs of digits compare as numbers, runs of other characters as text, and a
-// period is a part of its own.
+// period is a part of its own. Kept for the update check, which must tell
+// whether an offered version is newer than the running one.
 #pragma once
 
 #include <cstdint>

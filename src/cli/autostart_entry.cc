@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "helper/config_home.h"
+#include "base/xdg.h"
 #include "helper/plist_file.h"
 #include "helper/resources.h"
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/write_all.h"
 #include "cli/display_name.h"
 #include "cli/file_command_parts.h"
 #include "engine/file_content_reader.h"
@@ -25,17 +26,6 @@ struct CatOptions {
   uint64_t length = std::numeric_limits<uint64_t>::max();
   int jobs = 0;
 };
-
-bool writeAll(int fd, const uint8_t* data, size_t n) {
-  while (n > 0) {
-    ssize_t w = write(fd, data, n);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return false;
-    data += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
 
 bool catRange(FileContentReader& reader, uint64_t offset, uint64_t length, Error* error) {
   constexpr size_t kChunk = 1 << 20;

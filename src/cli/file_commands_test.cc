@@ -14,19 +14,21 @@
 #include <vector>
 
 #include "cli/command_test_support.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore::cli {
 namespace {
 
 using nlohmann::json;
-using testing::Child;
-using testing::compressibleData;
-using testing::randomData;
-using testing::readFile;
-using testing::runZephlore;
-using testing::ScratchDir;
-using testing::writeFile;
+using testkit::Child;
+using testkit::compressibleData;
+using testkit::randomData;
+using testkit::readFile;
+using testkit::runZephlore;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 std::vector<json> jsonLines(const std::string& out) {
   std::vector<json> lines;
@@ -276,7 +278,8 @@ TEST_F(FileCommands, InterruptFinishesFilesInFlightAndLeavesEveryFileWhole) {
   constexpr int kFiles = 100;
   for (int i = 0; i < kFiles; ++i) writeFile(root + "/f" + std::to_string(i), compressibleData(20000, i));
 
-  Child child({"compress", "-r", "-j", "2", "--json", "--verbose", root}, /*stdout_pipe_size=*/4096);
+  Child child(testkit::zephloreCommand({"compress", "-r", "-j", "2", "--json", "--verbose", root}),
+              /*stdout_pipe_size=*/4096);
   ASSERT_TRUE(child.waitForLine());
   ASSERT_EQ(kill(child.pid(), SIGINT), 0);
   EXPECT_EQ(child.finish(), 130) << child.err();

@@ -243,35 +243,37 @@ void addListCommand(CLI::App& app, int* exit_code, const char* name, const char*
       ->callback([=] { listEntries(exit_code, command); });
 }
 
-}  // namespace
+// The four on/off settings of the helper, each a command of its own.
+void addSwitchCommands(CLI::App& app, int* exit_code) {
+  struct Switch {
+    const char* name;
+    const char* description;
+    bool (KRDefaultsController::*setter)(bool);
+    bool value;
+    void (*post)();
+    const char* done;
+  };
+  static const Switch kSwitches[] = {
+      {"activate", "Let zephlore-helper watch and compress the watched folders",
+       &KRDefaultsController::setHelperActive, true, postActiveStatus,
+       "zephlore-helper is active."},
+      {"deactivate", "Stop zephlore-helper from watching and compressing (it keeps running)",
+       &KRDefaultsController::setHelperActive, false, postActiveStatus,
+       "zephlore-helper is inactive."},
+      {"show-icon", "Show zephlore-helper's status icon (while it is active)",
+       &KRDefaultsController::setVisible, true, postVisibility,
+       "The status icon is shown while zephlore-helper is active."},
+      {"hide-icon", "Hide zephlore-helper's status icon", &KRDefaultsController::setVisible, false,
+       postVisibility, "The status icon is hidden."},
+  };
+  for (const Switch& entry : kSwitches) {
+    app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry] {
+      setDefault(exit_code, entry.setter, entry.value, entry.post, entry.done);
+    });
+  }
+}
 
-void addPaneCommands(CLI::App& app, int* exit_code) {
-  app.add_subcommand("settings",
-                     "Show every setting of zephlore-helper and the file it is kept in")
-      ->callback([] { showSettings(); });
-
-  app.add_subcommand("activate", "Let zephlore-helper watch and compress the watched folders")
-      ->callback([=] {
-        setDefault(exit_code, &KRDefaultsController::setHelperActive, true, postActiveStatus,
-                   "zephlore-helper is active.");
-      });
-  app.add_subcommand("deactivate",
-                     "Stop zephlore-helper from watching and compressing (it keeps running)")
-      ->callback([=] {
-        setDefault(exit_code, &KRDefaultsController::setHelperActive, false, postActiveStatus,
-                   "zephlore-helper is inactive.");
-      });
-
-  app.add_subcommand("show-icon", "Show zephlore-helper's status icon (while it is active)")
-      ->callback([=] {
-        setDefault(exit_code, &KRDefaultsController::setVisible, true, postVisibility,
-                   "The status icon is shown while zephlore-helper is active.");
-      });
-  app.add_subcommand("hide-icon", "Hide zephlore-helper's status icon")->callback([=] {
-    setDefault(exit_code, &KRDefaultsController::setVisible, false, postVisibility,
-               "The status icon is hidden.");
-  });
-
+void addLoginCommand(CLI::App& app, int* exit_code) {
   auto login_state = std::make_shared<std::string>();
   CLI::App* login = app.add_subcommand(
       "login", "Start zephlore-helper at login or not (an autostart entry of the desktop)");
@@ -297,7 +299,9 @@ void addPaneCommands(CLI::App& app, int* exit_code) {
                      : std::string("zephlore-helper no longer starts at login."))
               << "\n";
   });
+}
 
+void addUpdatesCommand(CLI::App& app, int* exit_code) {
   auto updates_action = std::make_shared<std::string>();
   CLI::App* updates = app.add_subcommand(
       "updates", "Turn automatic update checks on or off, or ask for a check now");
@@ -328,7 +332,9 @@ void addPaneCommands(CLI::App& app, int* exit_code) {
     }
     tellHelper(nullptr);
   });
+}
 
+void addExclusionCommands(CLI::App& app, int* exit_code) {
   addListCommand(app, exit_code, "exclude",
                  "Folders and files zephlore-helper never compresses (by path prefix)", "PATH",
                  "Folders or files; relative paths are taken from the working folder",
@@ -341,7 +347,18 @@ void addPaneCommands(CLI::App& app, int* exit_code) {
                  ListCommand{"excluded extensions", &KRUtil::pathToExclusionExtensionsFile,
                              kExcludedExtensionsNotification, &addExtension, &removeExtension,
                              &displayExtension});
+}
 
+}  // namespace
+
+void addPaneCommands(CLI::App& app, int* exit_code) {
+  app.add_subcommand("settings",
+                     "Show every setting of zephlore-helper and the file it is kept in")
+      ->callback([] { showSettings(); });
+  addSwitchCommands(app, exit_code);
+  addLoginCommand(app, exit_code);
+  addUpdatesCommand(app, exit_code);
+  addExclusionCommands(app, exit_code);
   app.add_subcommand("quit", "Ask zephlore-helper to finish the file in hand and quit")
       ->callback([] {
         bool told = tellHelper(

@@ -10,8 +10,8 @@
 namespace zephlore {
 namespace {
 
-using testing::deterministicNoise;
-using testing::deterministicText;
+using testkit::deterministicNoise;
+using testkit::deterministicText;
 
 // The reused stream must give exactly compress2's bytes, block after block,
 // whatever came before it.

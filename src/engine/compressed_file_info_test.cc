@@ -1,5 +1,6 @@
 #include "engine/compressed_file_info.h"
 
+#include <fcntl.h>
 #include <sys/xattr.h>
 
 #include <gtest/gtest.h>
@@ -8,12 +9,14 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
 TEST(CompressedFileInfoTest, TellsEachStateAndReadsAnyRangeOfTheContent) {
   ScopedRuntimeDir runtime;

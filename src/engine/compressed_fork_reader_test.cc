@@ -1,5 +1,6 @@
 #include "engine/compressed_fork_reader.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -15,8 +16,8 @@
 namespace zephlore {
 namespace {
 
-using testing::deterministicText;
-using testing::TempFile;
+using testkit::deterministicText;
+using testkit::TempFile;
 
 std::vector<uint8_t> makeFork(const std::vector<uint8_t>& data) {
   TempFile fork;

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/clock.h"
+#include "engine/plist_ptr.h"
 
 namespace zephlore {
 namespace {
@@ -15,10 +16,6 @@ constexpr const char* kUncompressedSizeKey = "uncompressedSize";
 constexpr const char* kLastCompressedKey = "lastCompressed";
 
 double nowSeconds() { return toSeconds(Clock::shared().wallNow().time_since_epoch()); }
-
-struct PlistDeleter {
-  void operator()(plist_t plist) const { plist_free(plist); }
-};
 
 }  // namespace
 
@@ -30,7 +27,7 @@ KRCompressionSignature KRCompressionSignature::signatureWithUncompressedSize(
 double KRCompressionSignature::age() const { return nowSeconds() - lastCompressed_; }
 
 std::vector<uint8_t> KRCompressionSignature::archive() const {
-  std::unique_ptr<void, PlistDeleter> dict(plist_new_dict());
+  PlistPtr dict(plist_new_dict());
   // "lastCompressed" first, as the archive has always been written.
   plist_dict_set_item(dict.get(), kLastCompressedKey, plist_new_real(lastCompressed_));
   plist_dict_set_item(dict.get(), kUncompressedSizeKey, plist_new_uint(uncompressedSize_));
@@ -47,7 +44,7 @@ std::optional<KRCompressionSignature> KRCompressionSignature::unarchive(const vo
   if (!data || size == 0 || size > UINT32_MAX) return std::nullopt;
   plist_t parsed = nullptr;
   plist_from_memory(static_cast<const char*>(data), static_cast<uint32_t>(size), &parsed);
-  std::unique_ptr<void, PlistDeleter> root(parsed);
+  PlistPtr root(parsed);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
   plist_t sizeNode = plist_dict_get_item(root.get(), kUncompressedSizeKey);
   plist_t timeNode = plist_dict_get_item(root.get(), kLastCompressedKey);

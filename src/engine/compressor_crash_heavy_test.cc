@@ -6,6 +6,7 @@
 // The parent then runs the next start's recovery from the record (itself
 // sometimes killed and run again) and checks that every file has its
 // original content, compressed or not, and nothing is left beside it.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -20,11 +21,12 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hooked_env_for_tests.h"
 #include "engine/in_process_record.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using Rep = QVHFSCompressedFileRepresentation;
 
 struct Step {

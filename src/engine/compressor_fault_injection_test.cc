@@ -3,6 +3,7 @@
 // cannot be made to fail on demand). Whatever fails, the file is either fully
 // converted or exactly as it was (content, mode, owner, times, inode, every
 // attribute), and nothing is left beside it.
+#include <fcntl.h>
 #include <sys/acl.h>
 
 #include <set>
@@ -17,21 +18,17 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_uncompressor.h"
 #include "platform/fault_env.h"
+#include "platform/env_operations.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using Fault = FaultInjectingEnv::Fault;
 
-const char* const kOperations[] = {
-    "open", "openLocked", "openTmpFile", "linkTmpFile", "close", "pread", "pwrite", "fsync", "ftruncate",
-    "fstat", "fstatfs", "fchmod", "fchown", "futimens", "getAcl", "setAcl", "lstat", "stat", "statfs", "statvfs",
-    "rename", "exchange", "unlink", "mkdir", "fsyncDirectory", "realPath", "getxattr", "setxattr", "removexattr",
-    "listxattr", "xattrListSize", "fileUsers", "hasWriters", "takeWriteLease", "writeLeaseHeld", "releaseLease",
-    "lockDescriptor", "access", "describeVolume"};
 const std::string kData = compressibleData(3 * 65536 + 123);
 
 class CompressorFaultInjectionTest : public ::testing::Test {
@@ -60,7 +57,7 @@ class CompressorFaultInjectionTest : public ::testing::Test {
     env_.clear();
     run();
     std::vector<Fault> faults;
-    for (const char* op : kOperations) {
+    for (const char* op : kEnvOperationNames) {
       for (int nth = 1; nth <= env_.calls(op); ++nth) {
         faults.push_back({op, EIO, nth, 1, {}, false});
         if (op == std::string("pread") || op == std::string("pwrite")) faults.push_back({op, EIO, nth, 1, {}, true});

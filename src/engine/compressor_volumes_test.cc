@@ -2,6 +2,7 @@
 // process may not mount): ext4 as distributions make it keeps about 4 KiB of
 // attributes per file and cannot hold a fork, so compressing there fails
 // cleanly; ext4 with large attribute values round-trips.
+#include <fcntl.h>
 #include <sys/xattr.h>
 
 #include <gtest/gtest.h>
@@ -10,8 +11,9 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
-#include "platform/platform_test_support.h"
 #include "platform/volume_capabilities.h"
+#include "testing/files.h"
+#include "testing/loop_mount.h"
 
 namespace zephlore {
 namespace {
@@ -26,12 +28,12 @@ std::string logText(size_t n) {
 TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeValuesRoundTrip) {
   for (bool largeValues : {false, true}) {
     SCOPED_TRACE(largeValues ? "ea_inode" : "default");
-    testing::LoopMount ext4(largeValues ? "mkfs.ext4 -q -F -O ea_inode" : testing::kDefaultExt4);
+    testkit::LoopMount ext4(largeValues ? "mkfs.ext4 -q -F -O ea_inode" : testkit::kDefaultExt4);
     if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
     VolumeCapabilities::forget();  // an earlier image may have had the same device number
     const std::string path = ext4 / "file.log";
     const std::string data = logText(3 << 20);
-    testing::writeFile(path, data, 0640);
+    testkit::writeFile(path, data, 0640);
     ASSERT_EQ(lsetxattr(path.c_str(), "user.note", "kept", 4, 0), 0);
     struct stat before, after;
     ASSERT_EQ(lstat(path.c_str(), &before), 0);
@@ -45,7 +47,7 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
       ASSERT_EQ(lstat(path.c_str(), &after), 0);
       EXPECT_EQ(after.st_ino, before.st_ino);
       EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
-      EXPECT_TRUE(testing::readFile(path) == data);
+      EXPECT_TRUE(testkit::readFile(path) == data);
       EXPECT_EQ(llistxattr(path.c_str(), names, sizeof names), 10);  // "user.note" alone
     } else {
       ASSERT_TRUE(compressed) << error.describe();
@@ -55,7 +57,7 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
       size_t got = 0;
       EXPECT_TRUE(reader->read(0, content.data(), content.size(), &got, &error) && content == data);
       ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(path, &error)) << error.describe();
-      EXPECT_TRUE(testing::readFile(path) == data);
+      EXPECT_TRUE(testkit::readFile(path) == data);
     }
     EXPECT_EQ(std::system(("test \"$(ls -A " + ext4.path() + ")\" = \"file.log\nlost+found\"").c_str()), 0);
   }

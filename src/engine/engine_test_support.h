@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace zephlore::testing {
+namespace zephlore::testkit {
 
 // Lines "<number> <word> <word> <word>\n", words picked by a 32-bit LCG.
 inline std::vector<uint8_t> deterministicText(size_t n) {
@@ -175,4 +175,4 @@ inline std::string sharedTestDataDir(const std::string& name) {
   return dir;
 }
 
-}  // namespace zephlore::testing
+}  // namespace zephlore::testkit

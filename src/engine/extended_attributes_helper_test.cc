@@ -9,13 +9,14 @@
 
 #include "base/clock.h"
 #include "platform/env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 using Helper = KRExtendedAttributesHelper;
 
 void setMtime(const std::string& path, time_t sec, long nsec) {
@@ -24,7 +25,7 @@ void setMtime(const std::string& path, time_t sec, long nsec) {
 }
 
 TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
   setMtime(file, 1600000000, 123456789);
@@ -67,7 +68,7 @@ TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
 }
 
 TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCounts) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "");
   EXPECT_FALSE(Helper::isCompressionAttributeSetAt(dir / "f"));
   const FileRef file = FileRef::atPath(dir / "f");
@@ -119,7 +120,7 @@ TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
   }
   EXPECT_FALSE(KRCompressionSignature::unarchive(nullptr, 0));
 
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "");
   EXPECT_FALSE(Helper::compressionSignatureAtPath(dir / "f"));
   ASSERT_TRUE(Helper::setCompressionSignature(signature, dir / "f"));

@@ -1,10 +1,7 @@
 #include "engine/fd_io.h"
 
+#include "base/write_all.h"
 #include "platform/env.h"
-
-#include <unistd.h>
-
-#include <cerrno>
 
 namespace zephlore {
 
@@ -18,21 +15,6 @@ bool pwriteFull(int fd, const void* buf, size_t n, uint64_t offset) {
   return Env::shared().pwriteFully(fd, buf, n, offset);
 }
 
-bool writeFull(int fd, const void* buf, size_t n) {
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t w = ::write(fd, static_cast<const char*>(buf) + done, n - done);
-    if (w < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (w == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(w);
-  }
-  return true;
-}
+bool writeFull(int fd, const void* buf, size_t n) { return writeAll(fd, buf, n); }
 
 }  // namespace zephlore

@@ -7,26 +7,27 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "base/data_folder.h"
 #include "base/log.h"
 #include "platform/env.h"
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 class QVFileManagerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(chmod(runtime_.path().c_str(), 0700), 0);
-    setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
-  }
+  void SetUp() override { ASSERT_EQ(chmod(runtime_.path().c_str(), 0700), 0); }
   std::string privateDir() const { return runtime_ / "zephlore"; }
 
-  TempDir runtime_;  // on /dev/shm
+  ScratchDir runtime_;  // on /dev/shm
+  testkit::ScopedEnvVar runtime_env_{"XDG_RUNTIME_DIR", runtime_.path()};
 };
 
 TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
@@ -37,8 +38,8 @@ TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
   EXPECT_EQ(path->rfind(privateDir() + "/QVS-tmp.", 0), 0u) << *path;
   UniqueFd owned(fd);
 
-  TempDir shm;                // the temporary directory's volume
-  TempDir other("/var/tmp");  // the root volume, not tmpfs here
+  ScratchDir shm;                // the temporary directory's volume
+  ScratchDir other("/var/tmp");  // the root volume, not tmpfs here
   writeFile(shm / "f", "x");
   writeFile(other / "f", "x");
   const std::string hash = std::to_string(QVFileManager::temporaryNameHash(shm / "f"));
@@ -53,8 +54,9 @@ TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
   EXPECT_NE(hash, otherHash);
 
   // Without any private directory the name is never in a shared one.
-  setenv("XDG_RUNTIME_DIR", "/tmp", 1);
-  setenv("XDG_DATA_HOME", "/proc/nowhere", 1);
+  testkit::ScopedEnvVar shared_runtime("XDG_RUNTIME_DIR", "/tmp");
+  testkit::ScopedEnvVar no_data_home("XDG_DATA_HOME", "/proc/nowhere");
+  ScopedShared<DataFolder> no_data_folder;
   EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(shm / "f"),
             shm / "f.QVS-tmp-" + hash);
   EXPECT_FALSE(QVFileManager::createTemporaryFile(&fd));
@@ -62,7 +64,7 @@ TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
 }
 
 TEST_F(QVFileManagerTest, AttributeCopySkipsNamesWithoutRegardToCase) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "from", "");
   writeFile(dir / "to", "");
   Env& env = Env::shared();

@@ -14,9 +14,10 @@
 #include <tuple>
 #include <vector>
 
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
-namespace zephlore::testing {
+namespace zephlore::testkit {
 
 inline std::map<std::string, std::string> attributesOf(const std::string& path) {
   std::map<std::string, std::string> out;
@@ -72,4 +73,4 @@ inline std::vector<std::string> listFolder(const std::string& dir) {
   return names;
 }
 
-}  // namespace zephlore::testing
+}  // namespace zephlore::testkit

@@ -5,17 +5,19 @@
 #include <unistd.h>
 
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::Child;
-using testing::TempDir;
-using testing::writeFile;
+using testkit::HoldingChild;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(QVFileUsage, OwnWritersCanBeExcludedButOtherUsersCount) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "x");
   bool forWriting = true;
@@ -36,7 +38,7 @@ TEST(QVFileUsage, OwnWritersCanBeExcludedButOtherUsersCount) {
 
   {
     // Another process reading it: open, not for writing.
-    Child reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
+    HoldingChild reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
     ASSERT_TRUE(reader.ready());
     EXPECT_TRUE(QVFileUsage::isFileOpenExcludingOwnProcess(file, true));
     EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(file, &forWriting, true));
@@ -49,14 +51,14 @@ TEST(QVFileUsage, OwnWritersCanBeExcludedButOtherUsersCount) {
   }
 
   // A process whose current directory is the path counts as a writer.
-  Child resident([&] { return chdir(dir.path().c_str()) == 0; });
+  HoldingChild resident([&] { return chdir(dir.path().c_str()) == 0; });
   ASSERT_TRUE(resident.ready());
   EXPECT_TRUE(QVFileUsage::isFileOpenForWritingExcludingOwnProcess(dir.path(), &forWriting, true));
   EXPECT_TRUE(forWriting);
 }
 
 TEST(QVFileUsage, UnreadableAnswersNo) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "x");
   UniqueFd own(::open((dir / "f").c_str(), O_RDWR));
   EXPECT_FALSE(QVFileUsage::usersOfFile(dir / "missing"));

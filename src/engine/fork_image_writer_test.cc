@@ -14,11 +14,11 @@
 namespace zephlore {
 namespace {
 
-using testing::deterministicNoise;
-using testing::deterministicText;
-using testing::sha256Hex;
-using testing::TempFile;
-using testing::toHex;
+using testkit::deterministicNoise;
+using testkit::deterministicText;
+using testkit::sha256Hex;
+using testkit::TempFile;
+using testkit::toHex;
 
 struct Golden {
   const char* kind;
@@ -74,10 +74,10 @@ std::vector<uint8_t> expandAll(const std::vector<uint8_t>& fork, uint64_t size, 
 }
 
 TEST(ForkImageWriter, ReproducesARealForkAndReadsItBack) {
-  const std::string dir = testing::sharedTestDataDir("macos-zlib-fork");
+  const std::string dir = testkit::sharedTestDataDir("macos-zlib-fork");
   if (dir.empty()) GTEST_SKIP() << "../shared/testdata/macos-zlib-fork is not beside the repository";
-  const std::vector<uint8_t> original = testing::readWholeFile(dir + "/zlib.expected");
-  const std::vector<uint8_t> real = testing::readWholeFile(dir + "/real_zlib_rsrc.rsrc");
+  const std::vector<uint8_t> original = testkit::readWholeFile(dir + "/zlib.expected");
+  const std::vector<uint8_t> real = testkit::readWholeFile(dir + "/real_zlib_rsrc.rsrc");
   ASSERT_EQ(original.size(), 150000u);
 
   TempFile source(original);

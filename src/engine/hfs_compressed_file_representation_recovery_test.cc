@@ -7,11 +7,12 @@
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/sibling_temp_file.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::ElementsAre;
 using Rep = QVHFSCompressedFileRepresentation;
 

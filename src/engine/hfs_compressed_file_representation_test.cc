@@ -1,5 +1,6 @@
 #include "engine/hfs_compressed_file_representation.h"
 
+#include <fcntl.h>
 #include <sys/acl.h>
 #include <sys/file.h>
 #include <sys/wait.h>
@@ -15,11 +16,12 @@
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
 #include "engine/sibling_temp_file.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Rep = QVHFSCompressedFileRepresentation;

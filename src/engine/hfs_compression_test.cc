@@ -10,16 +10,17 @@
 #include "base/log.h"
 #include "platform/env.h"
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(HFSCompression, TheCompressedFlagAndTheHeaderTest) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "");
   EXPECT_FALSE(HFSCompression::isFileUFCompressed(file));

@@ -7,11 +7,12 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 

@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
 TEST(InProcessRecordTest, ParsesWhatEarlierRunsLeft) {
   const struct {

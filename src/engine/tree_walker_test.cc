@@ -13,13 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::ScratchDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 struct Seen {
   std::map<std::string, WalkSkip> entries;  // path -> reason given by the walk

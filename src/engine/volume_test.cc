@@ -4,17 +4,19 @@
 
 #include "base/log.h"
 #include "engine/path_string.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/loop_mount.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::LoopMount;
-using testing::TempDir;
-using testing::writeFile;
+using testkit::LoopMount;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(QVVolume, TmpfsIsACompressingVolumeWithExchange) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "a", "a");
   writeFile(dir / "b", "b");
 
@@ -52,7 +54,7 @@ TEST(QVVolume, TmpfsIsACompressingVolumeWithExchange) {
 }
 
 TEST(QVVolume, DefaultExt4IsNotACompressingVolume) {
-  LoopMount ext4(testing::kDefaultExt4);
+  LoopMount ext4(testkit::kDefaultExt4);
   if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
   writeFile(ext4 / "f", "x");
   EXPECT_EQ(QVVolume::fileSystemTypeForPath(ext4 / "f"), "ext4");
@@ -67,7 +69,7 @@ TEST(QVVolume, DefaultExt4IsNotACompressingVolume) {
 }
 
 TEST(QVPathString, CanonicalFormsDirectoriesAndUsablePaths) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "x");
   ASSERT_EQ(symlink(dir.path().c_str(), (dir / "link").c_str()), 0);
   EXPECT_EQ(QVPathString::stringByCanonicalizingPath(dir / "link/./f"), dir / "f");

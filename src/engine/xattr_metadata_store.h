@@ -17,17 +17,13 @@
 #include <vector>
 
 #include "base/error.h"
+#include "engine/plist_ptr.h"
 #include "platform/env.h"
 
 namespace zephlore {
 
 // Errors of the store: the errno of the failed call as the code, no message.
 inline constexpr const char* kXattrErrorDomain = "com.quorvane.tolvanic.xattr";
-
-struct PlistFree {
-  void operator()(plist_t plist) const { plist_free(plist); }
-};
-using PlistPtr = std::unique_ptr<void, PlistFree>;
 
 class RZXattrMetadataStore {
  public:

@@ -6,17 +6,18 @@
 #include <cerrno>
 
 #include "base/log.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 using Store = RZXattrMetadataStore;
 
 TEST(RZXattrMetadataStore, BytesStringsAndPropertyLists) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "");
   EXPECT_TRUE(Store::allKeysAtPath(file, false).empty());
@@ -51,7 +52,7 @@ TEST(RZXattrMetadataStore, BytesStringsAndPropertyLists) {
 }
 
 TEST(RZXattrMetadataStore, BadValuesAreLoggedNeverThrown) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "");
   std::vector<std::string> lines;

@@ -35,9 +35,9 @@ const char* typeName(plist_t node) {
 
 }  // namespace
 
-KRDefaultsController& KRDefaultsController::sharedDefaultsController() {
-  static KRDefaultsController* controller = new KRDefaultsController();
-  return *controller;
+SharedInstance<KRDefaultsController>& KRDefaultsController::sharedInstance() {
+  static SharedInstance<KRDefaultsController> instance([] { return new KRDefaultsController(); });
+  return instance;
 }
 
 KRDefaultsController::KRDefaultsController() { setupDefaultValues(); }

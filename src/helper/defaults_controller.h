@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "base/shared_instance.h"
 #include "helper/plist_file.h"
 
 namespace zephlore {
@@ -28,7 +29,9 @@ class KRDefaultsController {
 
   // Created on first use: reads the file and writes it back at once, so the
   // file exists (with the built-in defaults on a first run) from then on.
-  static KRDefaultsController& sharedDefaultsController();
+  static KRDefaultsController& sharedDefaultsController() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRDefaultsController>).
+  static SharedInstance<KRDefaultsController>& sharedInstance();
 
   // The data folder + "defaults.plist"; "" when there is no data folder.
   std::string defaultsFileName() const;
@@ -65,6 +68,7 @@ class KRDefaultsController {
   PlistPtr defaultValues() const;
 
  private:
+  friend class ScopedShared<KRDefaultsController>;
   KRDefaultsController();
   void setupDefaultValues();
   bool boolForKey(const char* key) const;

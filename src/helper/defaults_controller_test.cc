@@ -5,14 +5,15 @@
 #include <filesystem>
 
 #include "base/log.h"
-#include "helper/test_support.h"
+#include "testing/files.h"
+#include "testing/test_home.h"
 #include "view/view_mounter.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TestHome;
-using testing::writeFile;
+using testkit::TestHome;
+using testkit::writeFile;
 
 std::string defaultsPath(const TestHome& home) { return home.dataFolder() + "/defaults.plist"; }
 
@@ -36,6 +37,7 @@ void writeDefaults(const TestHome& home, const std::string& dict_body) {
 
 TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
   TestHome home;
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_TRUE(defaults.firstRun());
   EXPECT_TRUE(defaults.helperActive());
@@ -56,6 +58,7 @@ TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
 TEST(DefaultsControllerTest, AFileWithOnlyActiveFallsBackKeyByKeyAndStaysAsItIs) {
   TestHome home;
   writeDefaults(home, "<key>active</key><false/>");
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_FALSE(defaults.helperActive());
   EXPECT_TRUE(defaults.visible());
@@ -86,6 +89,7 @@ TEST(DefaultsControllerTest, AFileWithOnlyActiveFallsBackKeyByKeyAndStaysAsItIs)
 TEST(DefaultsControllerTest, AnEmptyDictionaryIsTreatedLikeNoFile) {
   TestHome home;
   writeDefaults(home, "");
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_EQ(plist_dict_get_size(defaults.defaults().get()), 7u);
   EXPECT_EQ(plist_dict_get_size(fileDictionary(home).get()), 7u);
@@ -94,6 +98,7 @@ TEST(DefaultsControllerTest, AnEmptyDictionaryIsTreatedLikeNoFile) {
 
 TEST(DefaultsControllerTest, ReloadSeesAnotherProcessChangeOnlyWhenAsked) {
   TestHome home;
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   writeDefaults(home, "<key>active</key><false/><key>visible</key><integer>0</integer>");
   EXPECT_TRUE(defaults.helperActive());
@@ -104,6 +109,7 @@ TEST(DefaultsControllerTest, ReloadSeesAnotherProcessChangeOnlyWhenAsked) {
 
 TEST(DefaultsControllerTest, BadFilesGiveBuiltInDefaultsAndOneLogLine) {
   TestHome home;
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   const std::string header = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   const std::vector<std::string> bad_files = {
@@ -140,6 +146,7 @@ TEST(DefaultsControllerTest, MistypedValuesAreReadByTheirOwnConversionOrFallBack
                 "<key>firstRun</key><string>yes</string>");
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_TRUE(defaults.helperActive());
   EXPECT_FALSE(defaults.visible());
@@ -154,6 +161,7 @@ TEST(DefaultsControllerTest, MistypedValuesAreReadByTheirOwnConversionOrFallBack
 
 TEST(DefaultsControllerTest, AFailedWriteKeepsTheValueAndLogsTheFile) {
   TestHome home;
+  ScopedShared<KRDefaultsController> fresh_defaults;
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   // A folder where the file should be cannot be replaced by rename().
   std::filesystem::remove(defaultsPath(home));

@@ -6,18 +6,6 @@
 
 #include "base/log.h"
 
-#if defined(__SANITIZE_THREAD__)
-// GLib and GIO are not built for the thread checker and hand memory between
-// their own threads with futexes it cannot see, so their calls into libc
-// (memset, memcpy, allocation) look like races. Ignore those calls made from
-// inside GLib; our own data crosses threads only through std::mutex.
-extern "C" const char* __tsan_default_suppressions() {
-  return "called_from_lib:libglib-2.0.so.0\n"
-         "called_from_lib:libgobject-2.0.so.0\n"
-         "called_from_lib:libgio-2.0.so.0\n";
-}
-#endif
-
 namespace zephlore {
 
 // What an observer is: immutable after creation except for `active`, which
@@ -87,20 +75,17 @@ bool isUTF8(const std::string& text) {
 
 }  // namespace
 
-DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
-  static DistributedNotificationCenter* center = new DistributedNotificationCenter();
-  return *center;
+SharedInstance<DistributedNotificationCenter>& DistributedNotificationCenter::sharedInstance() {
+  static SharedInstance<DistributedNotificationCenter> instance([] { return new DistributedNotificationCenter(); });
+  return instance;
 }
 
 DistributedNotificationCenter::DistributedNotificationCenter(std::optional<std::string> address) {
-  context_ = g_main_context_new();
-  loop_ = g_main_loop_new(context_, FALSE);
-  thread_ = std::thread([this] { threadMain(); });
-  runOnBusThread([this, &address] { connect(address); });
+  glib_.run([this, &address] { connect(address); });
 }
 
 DistributedNotificationCenter::~DistributedNotificationCenter() {
-  runOnBusThread([this] {
+  glib_.run([this] {
     std::lock_guard lock(mutex_);
     for (auto& [id, entry] : observers_) {
       entry.record->active = false;
@@ -111,22 +96,10 @@ DistributedNotificationCenter::~DistributedNotificationCenter() {
     owned_names_.clear();
   });
   if (connection_) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-  // GDBus frees subscriptions and name owners through sources queued on our
-  // context: let them run before the loop ends.
-  runOnBusThread([this] {
-    while (g_main_context_pending(context_)) g_main_context_iteration(context_, FALSE);
-  });
-  g_main_loop_quit(loop_);
-  thread_.join();
+  // GDBus frees subscriptions and name owners through sources queued on the
+  // thread's context: stop() lets them run before the loop ends.
+  glib_.stop();
   if (connection_) g_object_unref(connection_);
-  g_main_loop_unref(loop_);
-  g_main_context_unref(context_);
-}
-
-void DistributedNotificationCenter::threadMain() {
-  g_main_context_push_thread_default(context_);
-  g_main_loop_run(loop_);
-  g_main_context_pop_thread_default(context_);
 }
 
 void DistributedNotificationCenter::connect(const std::optional<std::string>& address) {
@@ -182,41 +155,6 @@ bool DistributedNotificationCenter::isConnected() const {
   return connection_ != nullptr && !closed_.load();
 }
 
-void DistributedNotificationCenter::runOnBusThread(std::function<void()> fn) {
-  if (std::this_thread::get_id() == thread_.get_id()) {
-    fn();
-    return;
-  }
-  auto done = std::make_shared<std::promise<void>>();
-  std::future<void> finished = done->get_future();
-  {
-    // The task itself travels through our own locked queue, so that the
-    // hand-over is visible to thread checkers; GLib only wakes the thread.
-    std::lock_guard lock(mutex_);
-    tasks_.emplace_back(std::move(fn), done);
-  }
-  GSource* source = g_idle_source_new();
-  g_source_set_priority(source, G_PRIORITY_DEFAULT);
-  g_source_set_callback(source, &DistributedNotificationCenter::drainTasks, this, nullptr);
-  g_source_attach(source, context_);
-  g_source_unref(source);
-  finished.wait();
-}
-
-gboolean DistributedNotificationCenter::drainTasks(gpointer self) {
-  auto* center = static_cast<DistributedNotificationCenter*>(self);
-  decltype(center->tasks_) batch;
-  {
-    std::lock_guard lock(center->mutex_);
-    batch.swap(center->tasks_);
-  }
-  for (auto& [fn, done] : batch) {
-    fn();
-    done->set_value();
-  }
-  return G_SOURCE_REMOVE;
-}
-
 void DistributedNotificationCenter::onSignal(GDBusConnection*, const gchar* sender, const gchar*,
                                              const gchar*, const gchar*, GVariant* parameters,
                                              gpointer data) {
@@ -268,7 +206,7 @@ DistributedNotificationCenter::ObserverId DistributedNotificationCenter::addObse
   }
   // Subscribing on the GLib thread makes its context the one that receives
   // the signals.
-  runOnBusThread([this, &name, &record, id] {
+  glib_.run([this, &name, &record, id] {
     auto* subscription = new Subscription{record};
     guint handle = g_dbus_connection_signal_subscribe(
         connection_, nullptr, kInterface, kSignalName, kObjectPath, name.c_str(),
@@ -360,7 +298,7 @@ bool DistributedNotificationCenter::flush() {
 
 void DistributedNotificationCenter::ownName(const std::string& busName) {
   if (!isConnected()) return;
-  runOnBusThread([this, &busName] {
+  glib_.run([this, &busName] {
     guint owner = g_bus_own_name_on_connection(connection_, busName.c_str(),
                                                G_BUS_NAME_OWNER_FLAGS_NONE, nullptr, nullptr,
                                                nullptr, nullptr);

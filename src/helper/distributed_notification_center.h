@@ -20,17 +20,17 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/notification_center.h"
 #include "base/run_loop.h"
+#include "base/shared_instance.h"
+#include "helper/glib_thread.h"
 
 namespace zephlore {
 
@@ -45,7 +45,9 @@ class DistributedNotificationCenter {
 
   // The center of this process, on the session bus (DBUS_SESSION_BUS_ADDRESS,
   // else $XDG_RUNTIME_DIR/bus). Connects on first use; never destroyed.
-  static DistributedNotificationCenter& defaultCenter();
+  static DistributedNotificationCenter& defaultCenter() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<DistributedNotificationCenter>).
+  static SharedInstance<DistributedNotificationCenter>& sharedInstance();
 
   // A center of its own on the bus at `address` (none: the session bus).
   // The default center is the one to use; a second one stands for a second
@@ -92,14 +94,11 @@ class DistributedNotificationCenter {
   bool nameHasOwner(const std::string& busName);
 
  private:
+  friend class ScopedShared<DistributedNotificationCenter>;
   struct ObserverRecord;
   struct Subscription;
 
-  void threadMain();
   void connect(const std::optional<std::string>& address);
-  // Runs `fn` on the GLib thread and returns when it has run.
-  void runOnBusThread(std::function<void()> fn);
-  static gboolean drainTasks(gpointer self);
   static void onSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                        GVariant* parameters, gpointer data);
   static void onClosed(GDBusConnection*, gboolean, GError*, gpointer self);
@@ -107,15 +106,12 @@ class DistributedNotificationCenter {
   GVariant* callBus(const char* method, GVariant* parameters, const char* replyType,
                     bool quietIfNoOwner = false);
 
-  GMainContext* context_ = nullptr;
-  GMainLoop* loop_ = nullptr;
-  std::thread thread_;
+  GlibThread glib_;  // owns the connection and receives the signals
   GDBusConnection* connection_ = nullptr;  // set once while constructing
   std::atomic<bool> closed_{false};
   std::atomic<bool> post_failure_logged_{false};
 
   std::mutex mutex_;  // guards everything below
-  std::vector<std::pair<std::function<void()>, std::shared_ptr<std::promise<void>>>> tasks_;
   struct ObserverEntry {
     std::shared_ptr<ObserverRecord> record;
     guint subscription = 0;

@@ -7,14 +7,16 @@
 
 #include "base/log.h"
 #include "helper/notification_names.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::runProcess;
-using testing::TestHome;
-using testing::TestSessionBus;
+using testkit::runProcess;
+using testkit::TestHome;
+using testkit::TestSessionBus;
 
 // Log lines may come from the GLib thread.
 struct LogLines {
@@ -40,14 +42,15 @@ void emitFromAnotherProcess(const std::string& name, const std::string& userInfo
                                    "'" + name + "'"};
   if (!userInfo.empty()) argv.push_back(userInfo);
   if (immediate) argv.push_back(immediate);
-  testing::ProcessResult result = runProcess(argv);
-  ASSERT_EQ(result.exit_code, 0) << result.err;
+  testkit::ProcessResult result = runProcess(argv);
+  ASSERT_EQ(result.status, 0) << result.err;
 }
 
 class DistributedNotificationCenterTest : public ::testing::Test {
  protected:
   TestHome home;
   TestSessionBus bus{home.root()};
+  ScopedShared<DistributedNotificationCenter> fresh_center;
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
 };
 
@@ -66,7 +69,7 @@ TEST_F(DistributedNotificationCenterTest, NoticeFromAnotherProcessReachesTheMain
   emitFromAnotherProcess(kFoldersNotification,
                          "{'foldersToAdd': <['/home/a b', '/Mus\u00e9e']>, 'foldersToRemove': "
                          "<@as []>, 'note': <'x'>, 'count': <int32 5>}");
-  RunLoop::main().runUntil([&] { return !received.empty(); });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !received.empty(); }));
 
   EXPECT_EQ(handler_thread, std::this_thread::get_id());
   ASSERT_EQ(received.size(), 1u);
@@ -103,7 +106,7 @@ TEST_F(DistributedNotificationCenterTest, ObserversSeeOnlyTheirOwnNames) {
   emitFromAnotherProcess(kVersionNotification, "{'version': <'1.2 '>}");
   emitFromAnotherProcess(kVersionNotification);  // no "version": the handler decides
   emitFromAnotherProcess(kHelperShouldQuitNotification);
-  RunLoop::main().runUntil([&] { return !quit_seen.empty(); });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !quit_seen.empty(); }));
 
   EXPECT_EQ(quit_seen, std::vector<std::string>{kHelperShouldQuitNotification});
   EXPECT_EQ(version_seen,
@@ -128,7 +131,7 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadAndRemovedObserversS
     center.flush();
   });
   poster.join();
-  RunLoop::main().runUntil([&] { return !kept.empty(); });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !kept.empty(); }));
 
   EXPECT_EQ(removed_calls, 0);
   ASSERT_EQ(kept.size(), 1u);
@@ -145,7 +148,7 @@ TEST_F(DistributedNotificationCenterTest, HandMadeSignalsAreReadLeniently) {
   // Only a name; then a list where the dictionary belongs.
   emitFromAnotherProcess(kActiveStatusNotification, "", nullptr);
   emitFromAnotherProcess(kActiveStatusNotification, "['x']", "true");
-  RunLoop::main().runUntil([&] { return received.size() == 2; });
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return received.size() == 2; }));
 
   for (const Notification& note : received) {
     EXPECT_EQ(note.name, kActiveStatusNotification);
@@ -169,6 +172,7 @@ TEST_F(DistributedNotificationCenterTest, CountsTheCopiesThatOwnTheHelperName) {
 TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
   TestHome home;  // no bus address, no $XDG_RUNTIME_DIR/bus
   LogLines log;
+  ScopedShared<DistributedNotificationCenter> fresh_center;
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   EXPECT_FALSE(center.isConnected());
   int calls = 0;

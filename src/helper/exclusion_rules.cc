@@ -9,13 +9,13 @@
 
 namespace zephlore {
 
-KRExclusionRules& KRExclusionRules::sharedExclusionRules() {
-  static KRExclusionRules* rules = [] {
+SharedInstance<KRExclusionRules>& KRExclusionRules::sharedInstance() {
+  static SharedInstance<KRExclusionRules> instance([] {
     auto* loaded = new KRExclusionRules();
     loaded->loadExclusionRules();
     return loaded;
-  }();
-  return *rules;
+  });
+  return instance;
 }
 
 KRExclusionRules::KRExclusionRules() {

@@ -13,6 +13,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "base/shared_instance.h"
+
 namespace zephlore {
 
 class KRExclusionRules {
@@ -21,7 +23,9 @@ class KRExclusionRules {
   static constexpr const char* kHelperRulesName = "ExclusionRules.plist";
 
   // Created on first use with loadExclusionRules() done.
-  static KRExclusionRules& sharedExclusionRules();
+  static KRExclusionRules& sharedExclusionRules() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRExclusionRules>).
+  static SharedInstance<KRExclusionRules>& sharedInstance();
 
   // An empty rule set, for building one by hand.
   KRExclusionRules();
@@ -48,6 +52,7 @@ class KRExclusionRules {
   size_t ruleCount() const;
 
  private:
+  friend class ScopedShared<KRExclusionRules>;
   std::unordered_set<std::string> suffix_rules_;
   std::unordered_set<std::string> prefix_rules_;
   std::unordered_set<std::string> component_rules_;

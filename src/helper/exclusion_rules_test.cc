@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
-#include "helper/test_support.h"
+#include "testing/files.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TestHome;
-using testing::writeFile;
+using testkit::TestHome;
+using testkit::writeFile;
 
 std::string rule(const std::string& type, const std::string& key, const std::string& value) {
   return "<dict><key>RuleType</key><string>" + type + "</string><key>" + key + "</key><string>" +
@@ -74,6 +75,8 @@ TEST(ExclusionRulesTest, MissingAndBadRuleFilesAddNothing) {
 
 TEST(ExclusionRulesTest, TheShippedRulesKeepProgramDataAndCompressedFormatsPlain) {
   TestHome home;
+  ScopedShared<KRExclusionRules> fresh_rules;
+  fresh_rules->loadExclusionRules();
   KRExclusionRules& rules = KRExclusionRules::sharedExclusionRules();
   EXPECT_GT(rules.ruleCount(), 100u);
   for (const std::string& path : std::vector<std::string>{

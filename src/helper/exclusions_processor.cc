@@ -20,18 +20,24 @@ std::string lowercase(std::string text) {
 
 }  // namespace
 
-KRExclusionsProcessor& KRExclusionsProcessor::sharedExclusionsProcessor() {
-  static KRExclusionsProcessor* processor = new KRExclusionsProcessor();
-  return *processor;
+SharedInstance<KRExclusionsProcessor>& KRExclusionsProcessor::sharedInstance() {
+  static SharedInstance<KRExclusionsProcessor> instance([] { return new KRExclusionsProcessor(); });
+  return instance;
 }
 
-KRExclusionsProcessor::KRExclusionsProcessor() {
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
-  center.addObserver(kExcludedPathsNotification,
-                     [this](const Notification&) { excludedPathsUpdate(); });
-  center.addObserver(kExcludedExtensionsNotification,
-                     [this](const Notification&) { excludedExtensionsUpdate(); });
+KRExclusionsProcessor::KRExclusionsProcessor()
+    : center_(DistributedNotificationCenter::defaultCenter()),
+      paths_observer_(center_.addObserver(kExcludedPathsNotification,
+                                          [this](const Notification&) { excludedPathsUpdate(); })),
+      extensions_observer_(center_.addObserver(
+          kExcludedExtensionsNotification,
+          [this](const Notification&) { excludedExtensionsUpdate(); })) {
   readFiles();
+}
+
+KRExclusionsProcessor::~KRExclusionsProcessor() {
+  center_.removeObserver(paths_observer_);
+  center_.removeObserver(extensions_observer_);
 }
 
 void KRExclusionsProcessor::readFiles() {

@@ -16,6 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "base/shared_instance.h"
+#include "helper/distributed_notification_center.h"
+
 namespace zephlore {
 
 class KRExclusionsProcessor {
@@ -24,7 +27,14 @@ class KRExclusionsProcessor {
 
   // Created when the helper starts, before anything else, so that it listens
   // from the first moment: observes both names, then reads both files.
-  static KRExclusionsProcessor& sharedExclusionsProcessor();
+  static KRExclusionsProcessor& sharedExclusionsProcessor() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRExclusionsProcessor>).
+  static SharedInstance<KRExclusionsProcessor>& sharedInstance();
+
+  // Stops listening (a test's own instance ends before the center).
+  ~KRExclusionsProcessor();
+  KRExclusionsProcessor(const KRExclusionsProcessor&) = delete;
+  KRExclusionsProcessor& operator=(const KRExclusionsProcessor&) = delete;
 
   // Reads both files (paths first).
   void readFiles();
@@ -52,8 +62,11 @@ class KRExclusionsProcessor {
   static std::optional<List> readListFile(const std::string& path, const char* what);
 
  private:
+  friend class ScopedShared<KRExclusionsProcessor>;
   KRExclusionsProcessor();
 
+  DistributedNotificationCenter& center_;
+  DistributedNotificationCenter::ObserverId paths_observer_, extensions_observer_;
   mutable std::mutex mutex_;  // guards the two pointers, never the lists
   std::shared_ptr<const List> paths_;
   std::shared_ptr<const List> extensions_;

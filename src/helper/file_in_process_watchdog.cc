@@ -9,11 +9,9 @@ std::string KRFileInProcessWatchdog::watchdogFilename() {
   return folder ? *folder + "/inprocess.kr" : "";
 }
 
-KRFileInProcessWatchdog& KRFileInProcessWatchdog::sharedWatchdog() {
-  // Created once under the static-initialisation lock, never destroyed: the
-  // record's descriptor (and its lock) stays open for the whole process.
-  static KRFileInProcessWatchdog* instance = new KRFileInProcessWatchdog();
-  return *instance;
+SharedInstance<KRFileInProcessWatchdog>& KRFileInProcessWatchdog::sharedInstance() {
+  static SharedInstance<KRFileInProcessWatchdog> instance([] { return new KRFileInProcessWatchdog(); });
+  return instance;
 }
 
 KRFileInProcessWatchdog::KRFileInProcessWatchdog() : record_(watchdogFilename()) {}

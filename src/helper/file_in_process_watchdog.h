@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "base/shared_instance.h"
 #include "engine/in_process_record.h"
 
 namespace zephlore {
@@ -24,7 +25,9 @@ class KRFileInProcessWatchdog {
   // The single instance, created on first use. It reads the previous run's
   // record, then opens the record file under an exclusive lock, which a second
   // running helper therefore fails to take (it logs and runs without a trace).
-  static KRFileInProcessWatchdog& sharedWatchdog();
+  static KRFileInProcessWatchdog& sharedWatchdog() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRFileInProcessWatchdog>).
+  static SharedInstance<KRFileInProcessWatchdog>& sharedInstance();
 
   KRFileInProcessWatchdog(const KRFileInProcessWatchdog&) = delete;
   KRFileInProcessWatchdog& operator=(const KRFileInProcessWatchdog&) = delete;
@@ -41,6 +44,7 @@ class KRFileInProcessWatchdog {
   void reset();
 
  private:
+  friend class ScopedShared<KRFileInProcessWatchdog>;
   KRFileInProcessWatchdog();
 
   InProcessRecordFile record_;

@@ -4,23 +4,26 @@
 
 #include <gtest/gtest.h>
 
-#include "engine/scratch_dir_for_tests.h"
+#include "base/data_folder.h"
+#include "testing/files.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
-// The single instance reads the data folder once per process; each test runs
-// in a process of its own, so the data home is set before the first use.
 TEST(KRFileInProcessWatchdogTest, RecoversThePreviousRecordThenTracesEachFile) {
   ScratchDir home;
-  setenv("XDG_DATA_HOME", home.path().c_str(), 1);
+  testkit::ScopedEnvVar data_home("XDG_DATA_HOME", home.path());
+  ScopedShared<DataFolder> data_folder;  // looked up afresh in this home
   ASSERT_EQ(mkdir((home / "Zephlore").c_str(), 0700), 0);
   const std::string record = home / "Zephlore/inprocess.kr";
   writeFile(record, "/a/b\n42");
 
   EXPECT_EQ(KRFileInProcessWatchdog::watchdogFilename(), record);
+  ScopedShared<KRFileInProcessWatchdog> fresh_watchdog;
   KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
   EXPECT_EQ(&watchdog, &KRFileInProcessWatchdog::sharedWatchdog());
   EXPECT_TRUE(watchdog.hasInProcessFileFromPreviousSession());

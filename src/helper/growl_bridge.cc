@@ -4,9 +4,9 @@
 
 namespace zephlore {
 
-KRGrowlBridge& KRGrowlBridge::sharedGrowlBridge() {
-  static KRGrowlBridge* bridge = new KRGrowlBridge();
-  return *bridge;
+SharedInstance<KRGrowlBridge>& KRGrowlBridge::sharedInstance() {
+  static SharedInstance<KRGrowlBridge> instance([] { return new KRGrowlBridge(); });
+  return instance;
 }
 
 std::string KRGrowlBridge::notificationNameForType(uint32_t type) {

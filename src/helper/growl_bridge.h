@@ -10,6 +10,8 @@
 #include <mutex>
 #include <string>
 
+#include "base/shared_instance.h"
+
 namespace zephlore {
 
 // One notice as the desktop receives it. `name` is the type's name, which a
@@ -41,7 +43,9 @@ class KRGrowlBridge {
     kFinishingOperations = 5,
   };
 
-  static KRGrowlBridge& sharedGrowlBridge();
+  static KRGrowlBridge& sharedGrowlBridge() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRGrowlBridge>).
+  static SharedInstance<KRGrowlBridge>& sharedInstance();
 
   // The type's name, or "" for an unknown type.
   static std::string notificationNameForType(uint32_t type);
@@ -69,6 +73,7 @@ class KRGrowlBridge {
   KRGrowlBridge& operator=(const KRGrowlBridge&) = delete;
 
  private:
+  friend class ScopedShared<KRGrowlBridge>;
   KRGrowlBridge() = default;
   void send(const Notice& notice);
 

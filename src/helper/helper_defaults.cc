@@ -4,13 +4,13 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "helper/config_home.h"
+#include "base/xdg.h"
 
 namespace zephlore {
 
-KRHelperDefaults& KRHelperDefaults::sharedHelperDefaults() {
-  static KRHelperDefaults* defaults = new KRHelperDefaults();
-  return *defaults;
+SharedInstance<KRHelperDefaults>& KRHelperDefaults::sharedInstance() {
+  static SharedInstance<KRHelperDefaults> instance([] { return new KRHelperDefaults(); });
+  return instance;
 }
 
 KRHelperDefaults::KRHelperDefaults()

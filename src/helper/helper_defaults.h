@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 
+#include "base/shared_instance.h"
 #include "helper/plist_file.h"
 
 namespace zephlore {
@@ -23,7 +24,9 @@ class KRHelperDefaults {
   // The event id that means "from now on".
   static constexpr uint64_t kSinceNow = UINT64_MAX;
 
-  static KRHelperDefaults& sharedHelperDefaults();
+  static KRHelperDefaults& sharedHelperDefaults() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRHelperDefaults>).
+  static SharedInstance<KRHelperDefaults>& sharedInstance();
 
   // Where the domain lives: $XDG_CONFIG_HOME (else ~/.config) + file name.
   const std::string& domainFileName() const { return path_; }
@@ -48,6 +51,7 @@ class KRHelperDefaults {
   bool synchronize();
 
  private:
+  friend class ScopedShared<KRHelperDefaults>;
   KRHelperDefaults();
   void setupDefaultValues();
   void registerDefaults(plist_t fallbacks);

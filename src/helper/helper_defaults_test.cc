@@ -6,13 +6,14 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "helper/test_support.h"
+#include "testing/files.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TestHome;
-using testing::writeFile;
+using testkit::TestHome;
+using testkit::writeFile;
 
 std::string domainPath(const TestHome& home) {
   return home.configFolder() + "/com.quorvane.ZephloreHelper.plist";
@@ -32,6 +33,7 @@ plist_t fileValue(const TestHome& home, const char* key, PlistPtr& keep) {
 
 TEST(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWritten) {
   TestHome home;
+  ScopedShared<KRHelperDefaults> fresh_defaults;
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_EQ(defaults.domainFileName(), domainPath(home));
   EXPECT_EQ(defaults.lastEventID(), 0xFFFFFFFFFFFFFFFFull);
@@ -43,6 +45,7 @@ TEST(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWritten) {
 TEST(HelperDefaultsTest, LastEventIDIsOnDiskWhenTheSetterReturns) {
   TestHome home;
   std::filesystem::remove(home.configFolder());  // a fresh account has none
+  ScopedShared<KRHelperDefaults> fresh_defaults;
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   PlistPtr keep;
   // Values above the signed range survive the XML round trip.
@@ -56,6 +59,7 @@ TEST(HelperDefaultsTest, LastEventIDIsOnDiskWhenTheSetterReturns) {
 TEST(HelperDefaultsTest, HandSetValuesAreHonouredAndNotOverwritten) {
   TestHome home;
   writeDomain(home, "<key>useSeamlessFileSwitch</key><false/><key>lastEventID</key><integer>77</integer>");
+  ScopedShared<KRHelperDefaults> fresh_defaults;
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_FALSE(defaults.useSeamlessFileSwitch());
   EXPECT_EQ(defaults.lastEventID(), 77u);
@@ -72,6 +76,7 @@ TEST(HelperDefaultsTest, HandSetValuesAreHonouredAndNotOverwritten) {
 
 TEST(HelperDefaultsTest, ShouldRelaunchPrefsIsWrittenOnTheNextTurnOfTheLoop) {
   TestHome home;
+  ScopedShared<KRHelperDefaults> fresh_defaults;
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   defaults.setShouldRelaunchPrefs(true);
   EXPECT_TRUE(defaults.shouldRelaunchPrefs());
@@ -87,6 +92,7 @@ TEST(HelperDefaultsTest, BadFilesGiveFallbacksAndOneLogLine) {
                     "<array/>");
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  ScopedShared<KRHelperDefaults> fresh_defaults;
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_EQ(defaults.lastEventID(), KRHelperDefaults::kSinceNow);
   EXPECT_FALSE(defaults.shouldRelaunchPrefs());

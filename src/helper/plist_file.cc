@@ -9,25 +9,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/write_all.h"
+
 namespace zephlore {
 namespace {
 
 constexpr size_t kMaxPlistFileSize = 16u << 20;
 
 std::string errnoText(int err) { return std::strerror(err); }
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
 
 std::string folderOf(const std::string& path) {
   size_t slash = path.rfind('/');

@@ -11,13 +11,9 @@
 #include <string>
 #include <vector>
 
-namespace zephlore {
+#include "engine/plist_ptr.h"
 
-struct PlistDeleter {
-  void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
-};
-// Owns a libplist tree (a root node and everything below it).
-using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+namespace zephlore {
 
 // Why a property-list file gave no tree.
 enum class PlistReadStatus { kOk, kMissing, kEmpty, kUnreadable, kUnparsable };

@@ -10,9 +10,9 @@ void post(const char* name) { DistributedNotificationCenter::defaultCenter().pos
 
 }  // namespace
 
-KRPreferenceCommunicator& KRPreferenceCommunicator::sharedCommunicatorController() {
-  static KRPreferenceCommunicator* communicator = new KRPreferenceCommunicator();
-  return *communicator;
+SharedInstance<KRPreferenceCommunicator>& KRPreferenceCommunicator::sharedInstance() {
+  static SharedInstance<KRPreferenceCommunicator> instance([] { return new KRPreferenceCommunicator(); });
+  return instance;
 }
 
 void KRPreferenceCommunicator::notifyHelperShouldKeepAlive() {

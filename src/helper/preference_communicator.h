@@ -4,11 +4,15 @@
 // about; the settings store uses it for the update switch.
 #pragma once
 
+#include "base/shared_instance.h"
+
 namespace zephlore {
 
 class KRPreferenceCommunicator {
  public:
-  static KRPreferenceCommunicator& sharedCommunicatorController();
+  static KRPreferenceCommunicator& sharedCommunicatorController() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRPreferenceCommunicator>).
+  static SharedInstance<KRPreferenceCommunicator>& sharedInstance();
 
   // Each posts one name with no userInfo, not immediate, on the default
   // distributed notification center.
@@ -20,6 +24,7 @@ class KRPreferenceCommunicator {
   void notifyAutomaticUpdatesDisabled();   // "krimbleHelperDisableUpdates"
 
  private:
+  friend class ScopedShared<KRPreferenceCommunicator>;
   KRPreferenceCommunicator() = default;
 };
 

@@ -2,10 +2,9 @@
 
 namespace zephlore {
 
-KRScheduler& KRScheduler::sharedScheduler() {
-  // Never destroyed: queue threads may still run while the process exits.
-  static KRScheduler* scheduler = new KRScheduler;
-  return *scheduler;
+SharedInstance<KRScheduler>& KRScheduler::sharedInstance() {
+  static SharedInstance<KRScheduler> instance([] { return new KRScheduler(); });
+  return instance;
 }
 
 void KRScheduler::addAnalysisOperation(Operation operation) {

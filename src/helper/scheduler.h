@@ -6,6 +6,7 @@
 #pragma once
 
 #include "base/operation_queue.h"
+#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -15,7 +16,9 @@ class KRScheduler {
   static constexpr int kMaxConcurrentCompressions = 1;
 
   // The single instance: made on first use, never destroyed.
-  static KRScheduler& sharedScheduler();
+  static KRScheduler& sharedScheduler() { return sharedInstance().get(); }
+  // Where tests install their own (ScopedShared<KRScheduler>).
+  static SharedInstance<KRScheduler>& sharedInstance();
 
   // Class forms: forward to the single instance. Any thread.
   static void addAnalysisOperation(Operation operation);
@@ -36,6 +39,7 @@ class KRScheduler {
   KRScheduler& operator=(const KRScheduler&) = delete;
 
  private:
+  friend class ScopedShared<KRScheduler>;
   KRScheduler() = default;
 
   OperationQueue analysisQueue_{kMaxConcurrentAnalyses};

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <latch>
 #include <memory>
 #include <mutex>
 #include <vector>
+
+#include "testing/bounded_wait.h"
 
 namespace zephlore {
 namespace {
@@ -28,8 +29,8 @@ class Tracker {
       --running_;
     });
   }
-  void waitStarted(size_t n) { wait([&] { return started_.size() >= n; }); }
-  void waitFinished(size_t n) { wait([&] { return finished_.size() >= n; }); }
+  [[nodiscard]] bool waitStarted(size_t n) { return wait([&] { return started_.size() >= n; }); }
+  [[nodiscard]] bool waitFinished(size_t n) { return wait([&] { return finished_.size() >= n; }); }
   std::vector<int> startedOrder() { return read(started_); }
   std::vector<int> finishedOrder() { return read(finished_); }
   int peak() { return read(peak_); }
@@ -48,9 +49,9 @@ class Tracker {
     return field;
   }
   template <typename P>
-  void wait(P ready) {
+  bool wait(P ready) {
     std::unique_lock lock(mutex_);
-    cv_.wait(lock, ready);
+    return testkit::boundedWait(lock, cv_, ready);
   }
 
   std::mutex mutex_;
@@ -60,46 +61,51 @@ class Tracker {
 };
 
 TEST(Scheduler, ThreeAnalysesRunTwoAtATimeInSubmissionOrder) {
+  Tracker tracker;
+  std::vector<std::unique_ptr<testkit::BoundedLatch>> gates;
+  // Declared last, so its queues finish before what they use goes away.
+  ScopedShared<KRScheduler> fresh;
   KRScheduler& scheduler = KRScheduler::sharedScheduler();
   EXPECT_EQ(&scheduler, &KRScheduler::sharedScheduler());
   EXPECT_EQ(scheduler.analysisQueue().maxConcurrentOperationCount(), 2);
   EXPECT_EQ(scheduler.compressionQueue().maxConcurrentOperationCount(), 1);
 
-  Tracker tracker;
-  std::vector<std::unique_ptr<std::latch>> gates;
-  for (int i = 0; i < 3; ++i) gates.push_back(std::make_unique<std::latch>(1));
+  for (int i = 0; i < 3; ++i) gates.push_back(std::make_unique<testkit::BoundedLatch>(1));
   for (int i = 0; i < 3; ++i) {
     KRScheduler::addAnalysisOperation({[&, i] {
       tracker.started(i);
-      gates[static_cast<size_t>(i)]->wait();
+      EXPECT_TRUE(gates[static_cast<size_t>(i)]->wait());
     }, [&, i] { tracker.finished(i); }});
   }
-  tracker.waitStarted(2);
+  ASSERT_TRUE(tracker.waitStarted(2));
   EXPECT_EQ(tracker.startedOrder().size(), 2u);  // the first two are blocked: no third
   // The second finishing lets the third in while the first still runs.
-  gates[1]->count_down();
-  tracker.waitStarted(3);
+  gates[1]->countDown();
+  ASSERT_TRUE(tracker.waitStarted(3));
   EXPECT_EQ(tracker.startedOrder().back(), 2);
   EXPECT_EQ(tracker.finishedOrder(), std::vector<int>{1});
-  gates[0]->count_down();
-  gates[2]->count_down();
-  tracker.waitFinished(3);
+  gates[0]->countDown();
+  gates[2]->countDown();
+  ASSERT_TRUE(tracker.waitFinished(3));
   EXPECT_EQ(tracker.peak(), 2);
 }
 
 TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
   Tracker tracker;
-  std::latch hold(1);
+  testkit::BoundedLatch hold(1);
+  ScopedShared<KRScheduler> fresh;
   for (int i = 0; i < 5; ++i) {
     // The instance form, through the single instance.
     KRScheduler::sharedScheduler().queueCompressionOperation({[&, i] {
       tracker.started(i);
-      if (i == 0) hold.wait();  // everything queues up behind the first
+      if (i == 0) {
+        EXPECT_TRUE(hold.wait());  // everything queues up behind the first
+      }
       tracker.finished(i);
     }, nullptr});
   }
-  tracker.waitStarted(1);
-  hold.count_down();
+  ASSERT_TRUE(tracker.waitStarted(1));
+  hold.countDown();
   KRScheduler::sharedScheduler().compressionQueue().waitUntilAllOperationsAreFinished();
   EXPECT_EQ(tracker.peak(), 1);
   EXPECT_EQ(tracker.startedOrder(), (std::vector<int>{0, 1, 2, 3, 4}));
@@ -109,12 +115,14 @@ TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
 TEST(Scheduler, AnAnalysisAndACompressionRunSideBySide) {
   // Each waits for the other to have started: it can only end if both run
   // at once on their own queues.
-  std::latch both(2);
-  std::latch done(2);
-  KRScheduler::addAnalysisOperation({[&] { both.arrive_and_wait(); }, [&] { done.count_down(); }});
+  testkit::BoundedLatch both(2);
+  testkit::BoundedLatch done(2);
+  ScopedShared<KRScheduler> fresh;
+  KRScheduler::addAnalysisOperation(
+      {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
   KRScheduler::addCompressionOperation(
-      {[&] { both.arrive_and_wait(); }, [&] { done.count_down(); }});
-  done.wait();
+      {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
+  ASSERT_TRUE(done.wait());
 }
 
 }  // namespace

@@ -10,13 +10,14 @@
 
 #include "platform/attribute_names.h"
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 std::vector<uint8_t> noise(size_t n, uint32_t seed) {
   std::mt19937 rng(seed);
@@ -45,7 +46,7 @@ std::vector<uint8_t> readAll(AttributeForkReader& reader) {
 }
 
 TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
@@ -86,7 +87,7 @@ TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
 }
 
 TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
@@ -122,7 +123,7 @@ TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
 }
 
 TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
@@ -150,7 +151,7 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
 }
 
 TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
@@ -181,7 +182,7 @@ TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
 // The way the fork writer streams: the middle first in odd-sized runs, the
 // end, then the front; pieces are stored as soon as they are whole.
 TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
@@ -235,7 +236,7 @@ TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
 }
 
 TEST(AttributeFork, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);

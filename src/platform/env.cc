@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "base/write_all.h"
+
 namespace zephlore {
 namespace {
 
@@ -14,16 +16,6 @@ std::atomic<Env*> g_shared{nullptr};
 
 std::string FileRef::describe() const {
   return isDescriptor() ? "descriptor " + std::to_string(fd) : path;
-}
-
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-  if (this != &other) reset(other.release());
-  return *this;
-}
-
-void UniqueFd::reset(int fd) {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = fd;
 }
 
 Env& Env::shared() {
@@ -48,20 +40,7 @@ ssize_t Env::preadFully(int fd, void* buf, size_t n, uint64_t offset) {
 }
 
 bool Env::pwriteFully(int fd, const void* buf, size_t n, uint64_t offset) {
-  size_t done = 0;
-  while (done < n) {
-    ssize_t put = pwrite(fd, static_cast<const char*>(buf) + done, n - done, offset + done);
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (put == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(put);
-  }
-  return true;
+  return pwriteAll(fd, buf, n, offset);
 }
 
 std::optional<std::vector<uint8_t>> Env::getxattrValue(const FileRef& file,

@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
+
 namespace zephlore {
 
 // Linux namespace that holds the system's attributes.
@@ -66,31 +68,6 @@ struct VolumeDescription {
   bool internal = false;       // a real disk on an internal bus
   bool external = false;       // a real disk on an external bus (USB, ...)
   bool writable = false;       // not mounted read-only
-};
-
-// Owns a descriptor and closes it (plain close(2), not through Env).
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept;
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  explicit operator bool() const { return valid(); }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-  void reset(int fd = -1);
-
- private:
-  int fd_ = -1;
 };
 
 class Env {

@@ -12,20 +12,22 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "platform/platform_test_support.h"
 #include "platform/proc_file_users.h"
 #include "platform/volume_description.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
-using testing::Child;
+using testkit::readFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
+using testkit::HoldingChild;
 
 TEST(Env, AttributesLiveInTheUserNamespaceAndListWithoutThePrefix) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
   Env& env = Env::shared();
@@ -67,7 +69,7 @@ TEST(Env, AttributesLiveInTheUserNamespaceAndListWithoutThePrefix) {
 }
 
 TEST(Env, OpenNeverFollowsAFinalSymlinkAndLocksFailAtOnce) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
   const std::string link = dir / "link";
@@ -89,7 +91,7 @@ TEST(Env, OpenNeverFollowsAFinalSymlinkAndLocksFailAtOnce) {
   again.reset();
 
   // Held by another process.
-  Child holder([&] {
+  HoldingChild holder([&] {
     int fd = ::open(file.c_str(), O_RDONLY);
     return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
   });
@@ -99,7 +101,7 @@ TEST(Env, OpenNeverFollowsAFinalSymlinkAndLocksFailAtOnce) {
 }
 
 TEST(Env, ExchangeSwapsNamesAndUnnamedFilesAreLinkedOnlyWhenDone) {
-  TempDir dir;
+  ScratchDir dir;
   Env& env = Env::shared();
   writeFile(dir / "a", "old contents");
   writeFile(dir / "b", "new");
@@ -127,7 +129,7 @@ TEST(Env, ExchangeSwapsNamesAndUnnamedFilesAreLinkedOnlyWhenDone) {
 }
 
 TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
   Env& env = Env::shared();
@@ -139,10 +141,10 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
   ASSERT_TRUE(users);
   EXPECT_TRUE(users->empty());
 
-  Child reader([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
+  HoldingChild reader([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
   // Reads first, writes later: the later writable descriptor must count.
-  Child lateWriter([&] { return ::open(file.c_str(), O_RDONLY) >= 0 && ::open(file.c_str(), O_WRONLY) >= 0; });
-  Child resident([&] { return chdir(dir.path().c_str()) == 0; });
+  HoldingChild lateWriter([&] { return ::open(file.c_str(), O_RDONLY) >= 0 && ::open(file.c_str(), O_WRONLY) >= 0; });
+  HoldingChild resident([&] { return chdir(dir.path().c_str()) == 0; });
   ASSERT_TRUE(reader.ready() && resident.ready() && lateWriter.ready());
   UniqueFd writer(::open(file.c_str(), O_WRONLY | O_APPEND));  // after the forks: not inherited
 
@@ -172,7 +174,7 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
 }
 
 TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
   Env& env = Env::shared();
@@ -181,7 +183,7 @@ TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
   if (!writers) GTEST_SKIP() << "file leases are turned off here: " << std::strerror(errno);
   EXPECT_FALSE(*writers);
   {
-    Child reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
+    HoldingChild reader([&] { return ::open(file.c_str(), O_RDONLY) >= 0; });
     ASSERT_TRUE(reader.ready());
     EXPECT_EQ(env.hasWriters(probe.get()), false);
   }
@@ -190,14 +192,14 @@ TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
     EXPECT_EQ(env.hasWriters(probe.get()), true);
   }
   {
-    Child writer([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
+    HoldingChild writer([&] { return ::open(file.c_str(), O_RDWR) >= 0; });
     ASSERT_TRUE(writer.ready());
     EXPECT_EQ(env.hasWriters(probe.get()), true);
   }
   // No lease is left: another process opens the file for writing at once
   // (a lease would hold it back for the kernel's break time and signal us).
   EXPECT_EQ(env.hasWriters(probe.get()), false);
-  Child later([&] { return ::open(file.c_str(), O_WRONLY | O_NONBLOCK) >= 0; });
+  HoldingChild later([&] { return ::open(file.c_str(), O_WRONLY | O_NONBLOCK) >= 0; });
   EXPECT_TRUE(later.ready());
 }
 

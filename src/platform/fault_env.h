@@ -5,8 +5,8 @@
 //   env.inject({.op = "setxattr", .error = ENOSPC, .nth = 2, .match = "decmpfs"});
 //   ScopedSharedEnv use(&env);
 //
-// Operation names are the Env method names ("open", "openLocked", "pwrite",
-// "exchange", "setxattr", "fileUsers", ...). A fault fires on the nth call of
+// Operation names are the Env method names (kEnvOperationNames: "open",
+// "openLocked", "pwrite", "exchange", "setxattr", "fileUsers", ...). A fault fires on the nth call of
 // its operation counted from its injection, among the calls that match:
 // `match`, when not empty, must occur in the call's path, attribute name or
 // (for a descriptor) the name the descriptor was opened under.
@@ -19,11 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/env.h"
+#include "platform/env_wrapper.h"
 
 namespace zephlore {
 
-class FaultInjectingEnv final : public Env {
+class FaultInjectingEnv final : public EnvWrapper {
  public:
   struct Fault {
     std::string op;
@@ -37,7 +37,7 @@ class FaultInjectingEnv final : public Env {
   };
 
   // Wraps the real system unless told otherwise; `base` must outlive this.
-  explicit FaultInjectingEnv(Env* base = &Env::system());
+  explicit FaultInjectingEnv(Env* base = &Env::system()) : EnvWrapper(*base) {}
 
   void inject(Fault fault);
   void failOn(const std::string& op, int error, int nth = 1) {
@@ -52,47 +52,13 @@ class FaultInjectingEnv final : public Env {
   int calls(const std::string& op) const;
   int fired() const;
 
-  int open(const std::string& path, int flags, mode_t mode = 0) override;
-  int openLocked(const std::string& path, int flags, mode_t mode = 0) override;
-  int openTmpFile(const std::string& dir, mode_t mode) override;
-  int linkTmpFile(int fd, const std::string& path) override;
-  int close(int fd) override;
-  ssize_t pread(int fd, void* buf, size_t n, uint64_t offset) override;
-  ssize_t pwrite(int fd, const void* buf, size_t n, uint64_t offset) override;
-  int fsync(int fd) override;
-  int ftruncate(int fd, uint64_t length) override;
-  int fstat(int fd, struct stat* st) override;
-  int fstatfs(int fd, struct statfs* st) override;
-  int fchmod(int fd, mode_t mode) override;
-  int fchown(int fd, uid_t uid, gid_t gid) override;
-  int futimens(int fd, const struct timespec times[2]) override;
-  std::optional<std::vector<uint8_t>> getAcl(int fd) override;
-  int setAcl(int fd, const std::vector<uint8_t>& acl) override;
-  int lstat(const std::string& path, struct stat* st) override;
-  int stat(const std::string& path, struct stat* st) override;
-  int statfs(const std::string& path, struct statfs* st) override;
-  int statvfs(const std::string& path, struct statvfs* st) override;
-  int rename(const std::string& from, const std::string& to) override;
-  int exchange(const std::string& a, const std::string& b) override;
-  int unlink(const std::string& path) override;
-  int mkdir(const std::string& path, mode_t mode) override;
-  int fsyncDirectory(const std::string& path) override;
-  std::optional<std::string> realPath(const std::string& path) override;
-  ssize_t getxattr(const FileRef& file, const std::string& name, void* buf, size_t n) override;
-  int setxattr(const FileRef& file, const std::string& name, const void* value, size_t n,
-               int flags) override;
-  int removexattr(const FileRef& file, const std::string& name) override;
-  std::optional<std::vector<std::string>> listxattr(const FileRef& file) override;
-  ssize_t xattrListSize(const FileRef& file) override;
-  std::optional<std::vector<FileUser>> fileUsers(dev_t device, ino_t inode) override;
-  std::optional<bool> hasWriters(int fd) override;
-  int takeWriteLease(int fd) override;
-  bool writeLeaseHeld(int fd) override;
-  int releaseLease(int fd) override;
-  int lockDescriptor(int fd) override;
-  std::optional<std::vector<std::string>> listDirectory(const std::string& path) override;
-  int access(const std::string& path, int mode) override;
-  std::optional<VolumeDescription> describeVolume(const std::string& path) override;
+  // Env's default mode, for calls made on this type.
+  int open(const std::string& path, int flags) { return open(path, flags, 0); }
+  int openLocked(const std::string& path, int flags) { return openLocked(path, flags, 0); }
+
+#define ZEPHLORE_ENV_FAULTY(result, name, params, ...) result name params override;
+  ZEPHLORE_ENV_OPERATIONS(ZEPHLORE_ENV_FAULTY)
+#undef ZEPHLORE_ENV_FAULTY
 
  private:
   struct Armed {
@@ -103,9 +69,7 @@ class FaultInjectingEnv final : public Env {
 
   // Counts the call and decides its fate; on kFail errno is already set.
   Outcome decide(const char* op, std::vector<std::string> subjects, int fd = -1);
-  Outcome decideFor(const char* op, const FileRef& file, const std::string& name);
 
-  Env* base_;
   mutable std::mutex mutex_;
   std::vector<Armed> faults_;
   std::map<std::string, int> calls_;

@@ -5,16 +5,17 @@
 
 #include <cerrno>
 
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(FaultInjectingEnv, FailsTheChosenCallOnlyAndForwardsTheRest) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "a", "0123456789");
   writeFile(dir / "b", "b");
   FaultInjectingEnv env;

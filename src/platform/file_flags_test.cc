@@ -5,15 +5,16 @@
 
 #include <cerrno>
 
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
 TEST(FileFlags, AFourByteLittleEndianWordThatReadsZeroWhenAbsent) {
-  testing::TempDir dir;
+  testkit::ScratchDir dir;
   const std::string path = dir / "f";
-  testing::writeFile(path, "x");
+  testkit::writeFile(path, "x");
   const FileRef file = FileRef::atPath(path);
 
   EXPECT_EQ(FileFlags::get(file), 0u);

@@ -12,13 +12,14 @@
 #include <cstring>
 
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 std::string aclText(const std::string& path, acl_type_t type = ACL_TYPE_ACCESS) {
   acl_t acl = acl_get_file(path.c_str(), type);
@@ -38,7 +39,7 @@ void setAclText(const std::string& path, const char* text, acl_type_t type = ACL
 }
 
 TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string from = dir / "from";
   writeFile(from, "old");
   setAclText(from, "u::rw-,u:65534:r--,g::r--,m::r--,o::---");
@@ -108,7 +109,7 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
 }
 
 TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "from", "");
   writeFile(dir / "to", "");
   Env& env = Env::shared();

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 
+#include "base/unique_fd.h"
+
 namespace zephlore {
 namespace {
 
@@ -17,6 +19,17 @@ namespace {
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
+using DirStream = std::unique_ptr<DIR, DirCloser>;
+
+// A stream over the folder `dirfd` on a descriptor of its own, so that
+// `dirfd` stays usable for openat(); none (errno set) on failure.
+DirStream listFolder(const UniqueFd& dirfd) {
+  UniqueFd copy(::dup(dirfd.get()));
+  if (!copy) return nullptr;
+  DirStream dir(::fdopendir(copy.get()));
+  if (dir) copy.release();  // the stream owns it now
+  return dir;
+}
 
 bool parseNumber(const char* text, long* out) {
   if (*text < '0' || *text > '9') return false;
@@ -30,11 +43,10 @@ bool parseNumber(const char* text, long* out) {
 
 // The fdinfo text is a few short lines; one read is enough.
 std::string readSmallFileAt(int dirfd, const std::string& name) {
-  int fd = ::openat(dirfd, name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "";
+  UniqueFd fd(::openat(dirfd, name.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return "";
   char buf[1024];
-  ssize_t got = ::read(fd, buf, sizeof buf - 1);
-  ::close(fd);
+  ssize_t got = ::read(fd.get(), buf, sizeof buf - 1);
   return got > 0 ? std::string(buf, static_cast<size_t>(got)) : "";
 }
 
@@ -47,15 +59,10 @@ bool sameFile(const struct stat& st, dev_t device, ino_t inode) {
 // the file for reading first and for writing later still counts as a writer.
 // None when it does not hold the file or cannot be read.
 std::optional<uint32_t> openModeInProcess(int pidfd, dev_t device, ino_t inode) {
-  int fdDir = ::openat(pidfd, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fdDir < 0) return std::nullopt;
-  int listFd = ::dup(fdDir);
-  std::unique_ptr<DIR, DirCloser> dir(listFd >= 0 ? ::fdopendir(listFd) : nullptr);
-  if (!dir) {
-    if (listFd >= 0) ::close(listFd);
-    ::close(fdDir);
-    return std::nullopt;
-  }
+  UniqueFd fdDir(::openat(pidfd, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fdDir) return std::nullopt;
+  DirStream dir = listFolder(fdDir);
+  if (!dir) return std::nullopt;
   std::optional<uint32_t> mode;
   while (struct dirent* entry = ::readdir(dir.get())) {
     long number;
@@ -63,20 +70,16 @@ std::optional<uint32_t> openModeInProcess(int pidfd, dev_t device, ino_t inode) 
     // stat through the magic link reaches the open file itself, also when
     // its name was unlinked or renamed since.
     struct stat st;
-    if (::fstatat(fdDir, entry->d_name, &st, 0) != 0 || !sameFile(st, device, inode)) continue;
-    int infoDir = ::openat(pidfd, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (::fstatat(fdDir.get(), entry->d_name, &st, 0) != 0 || !sameFile(st, device, inode)) continue;
+    UniqueFd infoDir(::openat(pidfd, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::optional<uint32_t> flags;
-    if (infoDir >= 0) {
-      flags = parseFdInfoFlags(readSmallFileAt(infoDir, entry->d_name));
-      ::close(infoDir);
-    }
+    if (infoDir) flags = parseFdInfoFlags(readSmallFileAt(infoDir.get(), entry->d_name));
     // A descriptor closed between the two looks still counted as open; read
     // it as read-only then.
     const uint32_t thisMode = flags ? (*flags & O_ACCMODE) : 0;
     if (!mode || *mode == O_RDONLY) mode = thisMode;
     if (thisMode != O_RDONLY) break;
   }
-  ::close(fdDir);
   return mode;
 }
 
@@ -103,32 +106,23 @@ std::optional<uint32_t> parseFdInfoFlags(const std::string& text) {
 }
 
 std::optional<std::vector<FileUser>> scanProcForFileUsers(dev_t device, ino_t inode) {
-  int procFd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (procFd < 0) return std::nullopt;
-  int listFd = ::dup(procFd);
-  std::unique_ptr<DIR, DirCloser> proc(listFd >= 0 ? ::fdopendir(listFd) : nullptr);
-  if (!proc) {
-    int saved = errno;
-    if (listFd >= 0) ::close(listFd);
-    ::close(procFd);
-    errno = saved;
-    return std::nullopt;
-  }
+  UniqueFd procFd(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!procFd) return std::nullopt;
+  DirStream proc = listFolder(procFd);
+  if (!proc) return std::nullopt;
   std::vector<FileUser> users;
   while (struct dirent* entry = ::readdir(proc.get())) {
     long pid;
     if (!parseNumber(entry->d_name, &pid)) continue;
-    int pidfd = ::openat(procFd, entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (pidfd < 0) continue;  // gone meanwhile
+    UniqueFd pidfd(::openat(procFd.get(), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!pidfd) continue;  // gone meanwhile
     struct stat cwd;
-    if (::fstatat(pidfd, "cwd", &cwd, 0) == 0 && sameFile(cwd, device, inode)) {
+    if (::fstatat(pidfd.get(), "cwd", &cwd, 0) == 0 && sameFile(cwd, device, inode)) {
       users.push_back(FileUser{static_cast<pid_t>(pid), kFileUserCurrentDirectory});
-    } else if (std::optional<uint32_t> mode = openModeInProcess(pidfd, device, inode)) {
+    } else if (std::optional<uint32_t> mode = openModeInProcess(pidfd.get(), device, inode)) {
       users.push_back(FileUser{static_cast<pid_t>(pid), *mode});
     }
-    ::close(pidfd);
   }
-  ::close(procFd);
   return users;
 }
 

@@ -10,37 +10,15 @@
 #include <random>
 
 #include "base/util.h"
+#include "base/xdg.h"
 #include "platform/platform_error.h"
 
 namespace zephlore {
-namespace {
-
-// A directory in which to make our private one: ours or root's, and not
-// writable by others (who could otherwise swap what we make there).
-bool safeParent(const std::string& dir, Error* error) {
-  struct stat st;
-  if (Env::shared().lstat(dir, &st) != 0) return failWithErrno(error, errno, "cannot read " + dir);
-  if (!S_ISDIR(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0) ||
-      (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    return failWithErrno(error, EPERM,
-                         "refusing to keep temporary files in " + dir +
-                             ": not a private directory of this user");
-  }
-  return true;
-}
-
-}  // namespace
-
 std::optional<std::string> TemporaryFiles::privateDirectory(Error* error) {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime && runtime[0] == '/' && safeParent(runtime, error)) {
-    if (auto dir = KRUtil::makePrivateDirectory(std::string(runtime) + "/zephlore", error)) {
-      return dir;
-    }
-  }
+  if (auto runtime = privateRuntimeFolder()) return runtime;
   std::optional<std::string> data = KRUtil::applicationSupportFolder(error);
-  if (!data || !safeParent(*data, error)) return std::nullopt;
-  return KRUtil::makePrivateDirectory(*data + "/tmp", error);
+  if (!data || !isSafeParent(*data, error)) return std::nullopt;
+  return makePrivateDirectory(*data + "/tmp", error);
 }
 
 std::optional<TemporaryFiles::Created> TemporaryFiles::create(const std::string& prefix,

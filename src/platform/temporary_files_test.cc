@@ -8,26 +8,25 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "platform/platform_test_support.h"
+#include "base/data_folder.h"
+#include "testing/files.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::readFile;
-using testing::TempDir;
-using testing::writeFile;
-
-mode_t modeOf(const std::string& path) {
-  struct stat st;
-  EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
+using testkit::modeOf;
+using testkit::readFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
-  TempDir runtime, data;
+  ScratchDir runtime, data;
   ASSERT_EQ(chmod(runtime.path().c_str(), 0700), 0);
-  setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
-  setenv("XDG_DATA_HOME", data.path().c_str(), 1);
+  testkit::ScopedEnvVar runtime_env("XDG_RUNTIME_DIR", runtime.path());
+  testkit::ScopedEnvVar data_env("XDG_DATA_HOME", data.path());
+  ScopedShared<DataFolder> data_folder;  // looked up afresh in `data`
 
   Error error;
   auto dir = TemporaryFiles::privateDirectory(&error);
@@ -63,7 +62,7 @@ TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
 }
 
 TEST(TemporaryFiles, OwnLeftoversAreReplacedAndPlantedFilesRefused) {
-  TempDir dir;
+  ScratchDir dir;
   Env& env = Env::shared();
   Error error;
 

@@ -7,17 +7,19 @@
 
 #include "platform/attribute_fork.h"
 #include "platform/fault_env.h"
-#include "platform/platform_test_support.h"
+#include "testing/files.h"
+#include "testing/loop_mount.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::LoopMount;
-using testing::TempDir;
-using testing::writeFile;
+using testkit::LoopMount;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 TEST(VolumeCapabilities, TmpfsHoldsTheCompressedFormAndSwapsNames) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "x");
   FaultInjectingEnv counting;
   ScopedSharedEnv use(&counting);
@@ -36,13 +38,13 @@ TEST(VolumeCapabilities, TmpfsHoldsTheCompressedFormAndSwapsNames) {
   EXPECT_EQ(counting.calls("exchange"), swaps);
   // The scratch files are gone and the probe attribute was removed.
   EXPECT_TRUE(Env::shared().listxattr(FileRef::atPath(dir / "f"))->empty());
-  EXPECT_EQ(testing::readFile(dir / "f"), "x");
+  EXPECT_EQ(testkit::readFile(dir / "f"), "x");
 
   EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(dir / "missing/x"));
 }
 
 TEST(VolumeCapabilities, AMeasurementThatFailsIsNotKept) {
-  TempDir dir;
+  ScratchDir dir;
   writeFile(dir / "f", "x");
   VolumeCapabilities::forget();  // nothing known about tmpfs yet
   FaultInjectingEnv faults;
@@ -55,7 +57,7 @@ TEST(VolumeCapabilities, AMeasurementThatFailsIsNotKept) {
 }
 
 TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
-  LoopMount ext4(testing::kDefaultExt4);
+  LoopMount ext4(testkit::kDefaultExt4);
   if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
   const std::string path = ext4 / "file";
   writeFile(path, "contents");
@@ -81,7 +83,7 @@ TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
   EXPECT_NE(error.message.find("cannot hold"), std::string::npos) << error.message;
   EXPECT_FALSE(AttributeFork::isPresent(FileRef::atPath(path)));
   EXPECT_TRUE(Env::shared().listxattr(FileRef::atPath(path))->empty());
-  EXPECT_EQ(testing::readFile(path), "contents");
+  EXPECT_EQ(testkit::readFile(path), "contents");
 
   // A small fork still fits.
   EXPECT_TRUE(AttributeFork::write(FileRef::atPath(path), fork.data(), 300, &error))
@@ -90,7 +92,7 @@ TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
 
 TEST(VolumeCapabilities, AnImageMountedInAnothersPlaceIsMeasuredAfresh) {
   {
-    LoopMount plain(testing::kDefaultExt4);
+    LoopMount plain(testkit::kDefaultExt4);
     if (!plain.ok()) GTEST_SKIP() << plain.skipReason();
     EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(plain.path()));
   }

@@ -1,0 +1,81 @@
+// Every operation of Env, listed once. The wrapper, the fault-injecting Env
+// and the test hooks are generated from this list, so a new operation cannot
+// escape them: the compiler refuses an Env whose list lacks one of its pure
+// virtual operations.
+//
+// X(result, name, (parameters), (arguments), (fault subjects), kind)
+//   fault subjects: the paths or names a fault's `match` is tried against,
+//                   and the descriptor whose file name is tried too (-1: none)
+//   kind:           plain, or custom when FaultInjectingEnv writes its own
+//                   version (close, and the short transfers of pread/pwrite)
+#pragma once
+
+#define ZEPHLORE_ENV_OPERATIONS(X)                                                               \
+  X(int, open, (const std::string& path, int flags, mode_t mode), (path, flags, mode),          \
+    ({path}, -1), plain)                                                                         \
+  X(int, openLocked, (const std::string& path, int flags, mode_t mode), (path, flags, mode),    \
+    ({path}, -1), plain)                                                                         \
+  X(int, openTmpFile, (const std::string& dir, mode_t mode), (dir, mode), ({dir}, -1), plain)    \
+  X(int, linkTmpFile, (int fd, const std::string& path), (fd, path), ({path}, fd), plain)        \
+  X(int, close, (int fd), (fd), ({}, fd), custom)                                                \
+  X(ssize_t, pread, (int fd, void* buf, size_t n, uint64_t offset), (fd, buf, n, offset),       \
+    ({}, fd), custom)                                                                            \
+  X(ssize_t, pwrite, (int fd, const void* buf, size_t n, uint64_t offset),                      \
+    (fd, buf, n, offset), ({}, fd), custom)                                                      \
+  X(int, fsync, (int fd), (fd), ({}, fd), plain)                                                 \
+  X(int, ftruncate, (int fd, uint64_t length), (fd, length), ({}, fd), plain)                    \
+  X(int, fstat, (int fd, struct stat* st), (fd, st), ({}, fd), plain)                            \
+  X(int, fstatfs, (int fd, struct statfs* st), (fd, st), ({}, fd), plain)                        \
+  X(int, fchmod, (int fd, mode_t mode), (fd, mode), ({}, fd), plain)                             \
+  X(int, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), ({}, fd), plain)                \
+  X(int, futimens, (int fd, const struct timespec times[2]), (fd, times), ({}, fd), plain)       \
+  X(std::optional<std::vector<uint8_t>>, getAcl, (int fd), (fd), ({}, fd), plain)                \
+  X(int, setAcl, (int fd, const std::vector<uint8_t>& acl), (fd, acl), ({}, fd), plain)          \
+  X(int, lstat, (const std::string& path, struct stat* st), (path, st), ({path}, -1), plain)     \
+  X(int, stat, (const std::string& path, struct stat* st), (path, st), ({path}, -1), plain)      \
+  X(int, statfs, (const std::string& path, struct statfs* st), (path, st), ({path}, -1), plain)  \
+  X(int, statvfs, (const std::string& path, struct statvfs* st), (path, st), ({path}, -1),       \
+    plain)                                                                                       \
+  X(int, rename, (const std::string& from, const std::string& to), (from, to), ({from, to}, -1), \
+    plain)                                                                                       \
+  X(int, exchange, (const std::string& a, const std::string& b), (a, b), ({a, b}, -1), plain)    \
+  X(int, unlink, (const std::string& path), (path), ({path}, -1), plain)                         \
+  X(int, mkdir, (const std::string& path, mode_t mode), (path, mode), ({path}, -1), plain)       \
+  X(int, fsyncDirectory, (const std::string& path), (path), ({path}, -1), plain)                 \
+  X(std::optional<std::string>, realPath, (const std::string& path), (path), ({path}, -1),       \
+    plain)                                                                                       \
+  X(ssize_t, getxattr, (const FileRef& file, const std::string& name, void* buf, size_t n),     \
+    (file, name, buf, n), ({file.path, name}, file.fd), plain)                                   \
+  X(int, setxattr,                                                                               \
+    (const FileRef& file, const std::string& name, const void* value, size_t n, int flags),     \
+    (file, name, value, n, flags), ({file.path, name}, file.fd), plain)                          \
+  X(int, removexattr, (const FileRef& file, const std::string& name), (file, name),             \
+    ({file.path, name}, file.fd), plain)                                                         \
+  X(std::optional<std::vector<std::string>>, listxattr, (const FileRef& file), (file),          \
+    ({file.path}, file.fd), plain)                                                               \
+  X(ssize_t, xattrListSize, (const FileRef& file), (file), ({file.path}, file.fd), plain)        \
+  X(std::optional<std::vector<FileUser>>, fileUsers, (dev_t device, ino_t inode),               \
+    (device, inode), ({}, -1), plain)                                                            \
+  X(std::optional<bool>, hasWriters, (int fd), (fd), ({}, -1), plain)                            \
+  X(int, takeWriteLease, (int fd), (fd), ({}, fd), plain)                                        \
+  X(bool, writeLeaseHeld, (int fd), (fd), ({}, fd), plain)                                       \
+  X(int, releaseLease, (int fd), (fd), ({}, fd), plain)                                          \
+  X(int, lockDescriptor, (int fd), (fd), ({}, fd), plain)                                        \
+  X(std::optional<std::vector<std::string>>, listDirectory, (const std::string& path), (path),  \
+    ({path}, -1), plain)                                                                         \
+  X(int, access, (const std::string& path, int mode), (path, mode), ({path}, -1), plain)         \
+  X(std::optional<VolumeDescription>, describeVolume, (const std::string& path), (path),        \
+    ({path}, -1), plain)
+
+// Expands a parenthesized list: ZEPHLORE_ENV_UNPACK (a, b) is a, b.
+#define ZEPHLORE_ENV_UNPACK(...) __VA_ARGS__
+
+namespace zephlore {
+
+// The operations' names, as FaultInjectingEnv and the hooks know them.
+#define ZEPHLORE_ENV_OPERATION_NAME(result, name, ...) #name,
+inline constexpr const char* kEnvOperationNames[] = {
+    ZEPHLORE_ENV_OPERATIONS(ZEPHLORE_ENV_OPERATION_NAME)};
+#undef ZEPHLORE_ENV_OPERATION_NAME
+
+}  // namespace zephlore

@@ -1,0 +1,25 @@
+#include "testing/test_home.h"
+
+#include <sys/stat.h>
+
+#include <stdexcept>
+
+namespace zephlore::testkit {
+
+namespace {
+std::string makeFolder(const std::string& path, mode_t mode) {
+  if (mkdir(path.c_str(), mode) != 0) throw std::runtime_error("mkdir " + path);
+  return path;
+}
+}  // namespace
+
+TestHome::TestHome()
+    : home_("HOME", root_.path()),
+      data_("XDG_DATA_HOME", makeFolder(root_ / "data", 0755)),
+      config_("XDG_CONFIG_HOME", makeFolder(root_ / "config", 0755)),
+      runtime_("XDG_RUNTIME_DIR", makeFolder(root_ / "run", 0700)),
+      bus_("DBUS_SESSION_BUS_ADDRESS", std::nullopt) {}
+
+ScopedRuntimeDir::ScopedRuntimeDir() : runtime_("XDG_RUNTIME_DIR", dir_.path()) {}
+
+}  // namespace zephlore::testkit
