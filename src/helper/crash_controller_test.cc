@@ -1,6 +1,7 @@
 #include "helper/crash_controller.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,9 +33,12 @@ class SavingDelegate : public KRCrashControllerDelegate {
   bool hang_;
 };
 
-int* volatile g_nowhere = nullptr;
-
-void faultOnThisThread() { *g_nowhere = 1; }
+// A real fault: a store to a page nobody may touch (not a null pointer, which
+// the undefined-behaviour checker would stop first).
+void faultOnThisThread() {
+  void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  *static_cast<volatile int*>(page) = 1;
+}
 
 // Called through a pointer the compiler cannot see through, so that the
 // recursion is neither turned into a loop nor flagged.
