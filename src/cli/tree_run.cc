@@ -53,6 +53,7 @@ class RunVisitor : public WalkVisitor {
     const uint64_t size = regular ? static_cast<uint64_t>(entry.st->st_size) : 0;
     const uint64_t work = regular ? action_.workSize(entry) : 0;
     FileResult r;
+    if (skip == SkipReason::kEngineTemporary && !options_.dry_run) action_.temporarySeen(entry);
     if (skip != SkipReason::kNone) {
       r = skipped(std::string(entry.path), skip, size, entry.named);
     } else if (std::optional<FileResult> decided = action_.check(entry, options_.dry_run)) {

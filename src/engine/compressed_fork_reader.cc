@@ -215,10 +215,14 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   }
 
   Env& env = Env::shared();
+  // A regular file gets holes; a pipe or terminal gets every byte in order.
+  struct stat outStat;
+  const bool sparse = env.fstat(outFd, &outStat) == 0 && S_ISREG(outStat.st_mode);
   size_t buffered = 0;
   uint64_t written = 0;  // where the buffer goes in the output
   auto flush = [&](Error* e) {
-    if (buffered > 0 && !env.pwriteFully(outFd, writeBuffer.get(), buffered, written)) {
+    if (buffered > 0 && !(sparse ? env.pwriteFully(outFd, writeBuffer.get(), buffered, written)
+                                 : writeFull(outFd, writeBuffer.get(), buffered))) {
       return writeError(e);
     }
     written += buffered;
@@ -240,7 +244,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   stages.drain = [&](uint64_t index, size_t slot, Error* e) {
     const size_t length = static_cast<size_t>(blockLength(index));
     const uint8_t* block = output.get() + slot * kBlock;
-    if (isAllZero(block, length)) {
+    if (sparse && isAllZero(block, length)) {
       // Left as a hole: a sparse file stays sparse.
       if (!flush(e)) return false;
       written += length;
@@ -254,7 +258,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   if (!OrderedBlockPipeline::run(blockCount_, workers, window, stages, error)) return false;
   if (!flush(error)) return false;
   // Holes at the end have no bytes written to give the file its size.
-  if (env.ftruncate(outFd, uncompressedSize_) != 0) return writeError(error);
+  if (sparse && env.ftruncate(outFd, uncompressedSize_) != 0) return writeError(error);
   return true;
 }
 
