@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -193,6 +196,12 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     if (seen > 1 || walked_tree || interrupted) emit(streams.out, summary.table(elapsed, interrupted));
   }
   if (interrupted) return InterruptHandler::exitStatus();
+  // A report that could not be written (a full disk) is a failure too.
+  const int err = fflush(streams.out) != 0 ? errno : ferror(streams.out) ? EIO : 0;
+  if (err != 0) {
+    fprintf(streams.err, "zephlore: cannot write the report: %s\n", strerror(err));
+    return 1;
+  }
   return summary.failed() > 0 ? 1 : 0;
 }
 
