@@ -24,6 +24,11 @@ bool readError(Error* error, const std::string& what) {
               "Could not read the " + what + " of the file: " + std::strerror(errno));
 }
 
+// The fork could not be read (as opposed to: it is not a valid fork).
+bool isReadFailure(const Error& error) {
+  return error.code == kHFSErrorCouldNotRead || error.code == kHFSErrorOutOfMemory;
+}
+
 // Presence of one attribute; false with errno set on a real read error.
 bool present(Env& env, int fd, const char* name, bool* has) {
   if (env.getxattr(FileRef::descriptor(fd), name, nullptr, 0) >= 0) {
@@ -116,7 +121,7 @@ std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool 
     Error forkError;
     fork = AttributeForkSource::open(FileRef::descriptor(fd), "descriptor " + std::to_string(fd), &forkError);
     if (!fork) {
-      if (forkError.code != kHFSErrorCouldNotRead) return Verdict{CompressionState::kNotOurs, forkError.message};
+      if (!isReadFailure(forkError)) return Verdict{CompressionState::kNotOurs, forkError.message};
       if (error) *error = forkError;
       return std::nullopt;
     }
@@ -143,7 +148,7 @@ std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool 
     Error forkError;
     std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, size, &forkError);
     if (!reader) {
-      if (forkError.code == kHFSErrorCouldNotRead) {
+      if (isReadFailure(forkError)) {
         if (error) *error = forkError;
         return std::nullopt;
       }

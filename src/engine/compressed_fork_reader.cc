@@ -8,6 +8,7 @@
 
 #include "engine/fd_io.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 #include "engine/ordered_block_pipeline.h"
 #include "platform/env.h"
 
@@ -25,7 +26,7 @@ bool corrupt(Error* error, const std::string& why) {
 }
 
 bool outOfMemory(Error* error) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not allocate memory to read the compressed data");
+  return fail(error, kHFSErrorDomain, kHFSErrorOutOfMemory, "Could not allocate memory to read the compressed data");
 }
 
 std::string str(uint64_t v) { return std::to_string(v); }
@@ -188,7 +189,7 @@ bool isAllZero(const uint8_t* data, size_t n) {
 }
 
 bool writeError(Error* error) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
               std::string("Could not write the uncompressed data: ") + std::strerror(errno));
 }
 

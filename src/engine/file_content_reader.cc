@@ -88,7 +88,7 @@ bool FileContentReader::copyTo(int outFd, int workers, Error* error) {
     if (!read(offset, buf.data(), buf.size(), &got, error)) return false;
     if (got == 0) break;  // the file shrank since it was opened
     if (!writeFull(outFd, buf.data(), got)) {
-      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
                   std::string("Could not write the content: ") + std::strerror(errno));
     }
     offset += got;

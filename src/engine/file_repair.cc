@@ -31,21 +31,21 @@ bool stripCompressedForm(int fd, Error* error) {
   const FileRef file = FileRef::descriptor(fd);
   std::optional<uint32_t> flags = FileFlags::get(file);
   if (flags && (*flags & FileFlags::kUFCompressed) && !FileFlags::set(file, *flags & ~FileFlags::kUFCompressed)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot clear the compressed flag: ") + std::strerror(errno));
   }
   if (env.removexattr(file, attr::kDecmpfs) != 0 && errno != ENODATA) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot remove the compression header: ") + std::strerror(errno));
   }
   // The signature describes the compressed form; the data fork is what stays.
   if (env.removexattr(file, attr::kSignature) != 0 && errno != ENODATA) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot remove the compression signature: ") + std::strerror(errno));
   }
   Error why;
   if (!AttributeFork::remove(file, &why)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "cannot remove the compressed data: " + why.message);
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression, "cannot remove the compressed data: " + why.message);
   }
   return true;
 }

@@ -242,7 +242,7 @@ bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
   }
   if (imageFd_) return true;
   KRLog("Could not create temporary file to hold compressed data");
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorNoTemporaryFile,
               "Could not create temporary file to hold compressed data: " + why.message);
 }
 

@@ -42,7 +42,7 @@ bool readFailure(Error* error, const std::string& why) {
 }
 
 bool writeFailure(Error* error, const std::string& destination, const std::string& why) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
               "Could not create the expanded file at " + destination + ": " + why);
 }
 
