@@ -13,6 +13,7 @@
 #include "engine/decmpfs_header.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "platform/attribute_names.h"
 #include "platform/file_flags.h"
 
@@ -66,8 +67,7 @@ bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* in
                 "Could not stat source file at " + path + ": " + std::strerror(errno));
   }
   if (!S_ISREG(st.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile,
-                "File at path " + path + " is not a regular file");
+    return refuse(error, kHFSErrorNotRegularFile, path);
   }
   UniqueFd fd(env.open(path, O_RDONLY | O_NONBLOCK));
   if (!fd) {

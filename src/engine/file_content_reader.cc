@@ -10,6 +10,7 @@
 #include "engine/attribute_fork_source.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 
 namespace zephlore {
 namespace {
@@ -32,7 +33,7 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
     return nullptr;
   }
   if (!S_ISREG(st.st_mode)) {
-    fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+    refuse(error, kHFSErrorNotRegularFile, path);
     return nullptr;
   }
   std::unique_ptr<FileContentReader> reader(new FileContentReader());
@@ -51,8 +52,7 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
     case CompressionState::kCompressed:
       break;
     case CompressionState::kMixed:
-      fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-           "File at path " + path + " was written after it was compressed");
+      refuse(error, kHFSErrorWrittenAfterCompression, path);
       return nullptr;
     case CompressionState::kIncomplete:
     case CompressionState::kNotOurs:

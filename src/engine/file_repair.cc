@@ -9,6 +9,7 @@
 #include "engine/compressed_file_info.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "engine/hfs_uncompressor.h"
 #include "platform/attribute_fork.h"
 #include "platform/attribute_names.h"
@@ -59,7 +60,7 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
   }
   // Locked throughout: no other run of ours converts the file meanwhile.
   UniqueFd lock(env.openLocked(path, O_RDONLY | O_NONBLOCK));
-  if (!lock) return failed(error, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+  if (!lock) return refuse(error, kHFSErrorLocked, path), Outcome::kFailed;
   QVHFSUncompressor expander(path);
   expander.setAcceptWrittenData(true);
   if (!expander.expandTo(recovered, error)) return Outcome::kFailed;
