@@ -10,14 +10,16 @@ bash scripts/build.sh build
 if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ] && [ ! -S "${XDG_RUNTIME_DIR:-/nonexistent}/bus" ]; then
   # No session bus (a server, a container): start a private one for this run,
   # in its own session so that a Ctrl-C reaches the helper only. A small
-  # watcher ends the bus once the helper (this process, after exec) is gone.
+  # watcher ends the bus once the helper (this process, after exec) is gone;
+  # it ignores the signals that end the helper, a terminal's hang-up too, so
+  # that it outlives the helper and never leaves the bus behind.
   bus_info=$(dbus-daemon --session --fork --print-address=1 --print-pid=1)
   DBUS_SESSION_BUS_ADDRESS=$(sed -n 1p <<<"$bus_info")
   export DBUS_SESSION_BUS_ADDRESS
   bus_pid=$(sed -n 2p <<<"$bus_info")
   echo "run.sh: started a private session bus at $DBUS_SESSION_BUS_ADDRESS" >&2
   helper_pid=$$
-  (trap "" INT TERM; while kill -0 "$helper_pid" 2>/dev/null; do sleep 1; done; kill "$bus_pid" 2>/dev/null) </dev/null >/dev/null 2>&1 &
+  (trap "" INT TERM HUP; while kill -0 "$helper_pid" 2>/dev/null; do sleep 1; done; kill "$bus_pid" 2>/dev/null) </dev/null >/dev/null 2>&1 &
 fi
 
 if [ $# -gt 0 ]; then

@@ -14,6 +14,7 @@
 
 #include "base/write_all.h"
 #include "cli/display_name.h"
+#include "cli/named_path.h"
 #include "cli/file_command_parts.h"
 #include "engine/file_content_reader.h"
 
@@ -51,7 +52,7 @@ int runCat(const CatOptions& options) {
   int status = 0;
   for (const std::string& path : options.files) {
     Error error;
-    std::unique_ptr<FileContentReader> reader = FileContentReader::open(path, &error);
+    std::unique_ptr<FileContentReader> reader = FileContentReader::open(followNamedLink(path), &error);
     const bool ok = reader && (whole ? reader->copyTo(STDOUT_FILENO, jobs, &error)
                                      : catRange(*reader, options.offset, options.length, &error));
     if (!ok) {

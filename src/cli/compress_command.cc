@@ -55,11 +55,11 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
                     "Ctrl-C stops taking new files, finishes the files in flight whole and prints the "
                     "summary so far.\n"
                     "Exit status: 0 when every file was compressed or skipped, 1 when any failed, 2 on "
-                    "usage errors, 130 when interrupted.\n"
+                    "usage errors, 130 when interrupted (Ctrl-C), 143 when ended by SIGTERM.\n"
                   : "Compressed files are expanded in place; plain files are skipped. A file written "
                     "after it was compressed is refused, so that neither version is lost.\n"
                     "Exit status: 0 when every file was decompressed or skipped, 1 when any failed, 2 "
-                    "on usage errors, 130 when interrupted.\n");
+                    "on usage errors, 130 when interrupted (Ctrl-C), 143 when ended by SIGTERM.\n");
   cmd->callback([options, exit_code] {
     RunOptions run = options->run;
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);

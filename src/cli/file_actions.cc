@@ -61,6 +61,10 @@ class CompressAction : public FileAction {
     return resultFor(entry, checkCompressCandidate(entry, !dry_run, &error), error);
   }
 
+  void temporarySeen(const WalkEntry& entry) override {
+    if (safety_) safety_->cleanFolderOf(std::string(entry.path));
+  }
+
   FileResult run(const FilePipeline::Job& job, int workers) override {
     if (safety_) safety_->cleanFolderOf(job.path);
     CrashRecordKeeper guard(safety_ ? safety_->record() : nullptr);
@@ -108,6 +112,10 @@ class CompressAction : public FileAction {
 class DecompressAction : public FileAction {
  public:
   explicit DecompressAction(ConversionSafety* safety) : safety_(safety) {}
+
+  void temporarySeen(const WalkEntry& entry) override {
+    if (safety_) safety_->cleanFolderOf(std::string(entry.path));
+  }
 
   uint64_t workSize(const WalkEntry& entry) override {
     // A compressed file's data fork is empty: its size is in its header.

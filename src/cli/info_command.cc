@@ -10,6 +10,7 @@
 
 #include "base/util.h"
 #include "cli/display_name.h"
+#include "cli/named_path.h"
 #include "cli/file_command_parts.h"
 #include "cli/json_report.h"
 #include "cli/progress_line.h"
@@ -249,7 +250,7 @@ class InfoVisitor : public WalkVisitor {
 int runInfo(const InfoOptions& options) {
   InfoVisitor visitor(options);
   TreeWalker walker({options.recursive, options.cross_volumes});
-  for (const std::string& path : options.paths) walker.walk(path, visitor);
+  for (const std::string& path : options.paths) walker.walk(followNamedLink(path), visitor);
   if (options.recursive) {
     if (options.json) {
       puts(dumpLine(visitor.sums().toJson()).c_str());
@@ -261,8 +262,9 @@ int runInfo(const InfoOptions& options) {
     fputs("Some files are written after compression, cut short or damaged: run \"zephlore repair\" on them.\n",
           stderr);
   }
-  if (fflush(stdout) != 0 || ferror(stdout)) {
-    fprintf(stderr, "zephlore: cannot write the output: %s\n", strerror(errno));
+  const int err = fflush(stdout) != 0 ? errno : ferror(stdout) ? EIO : 0;
+  if (err != 0) {
+    fprintf(stderr, "zephlore: cannot write the output: %s\n", strerror(err));
     return 1;
   }
   return visitor.failed() || visitor.needsRepair() ? 1 : 0;

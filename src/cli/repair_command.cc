@@ -18,6 +18,10 @@ class RepairAction : public FileAction {
  public:
   explicit RepairAction(ConversionSafety* safety) : safety_(safety) {}
 
+  void temporarySeen(const WalkEntry& entry) override {
+    if (safety_) safety_->cleanFolderOf(std::string(entry.path));
+  }
+
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
     const uint64_t size = static_cast<uint64_t>(entry.st->st_size);
     if (!S_ISREG(entry.st->st_mode)) return skipped(std::string(entry.path), SkipReason::kNotRegular, size, entry.named);

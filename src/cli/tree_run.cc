@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -53,6 +56,7 @@ class RunVisitor : public WalkVisitor {
     const uint64_t size = regular ? static_cast<uint64_t>(entry.st->st_size) : 0;
     const uint64_t work = regular ? action_.workSize(entry) : 0;
     FileResult r;
+    if (skip == WalkSkip::kEngineTemporary && !options_.dry_run) action_.temporarySeen(entry);
     if (skip != WalkSkip::kNone) {
       r = skipped(std::string(entry.path), skip == WalkSkip::kDirectory        ? SkipReason::kDirectory
                                      : skip == WalkSkip::kEngineTemporary ? SkipReason::kEngineTemporary
@@ -195,6 +199,12 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     if (seen > 1 || walked_tree || interrupted) emit(streams.out, summary.table(elapsed, interrupted));
   }
   if (interrupted) return InterruptHandler::exitStatus();
+  // A report that could not be written (a full disk) is a failure too.
+  const int err = fflush(streams.out) != 0 ? errno : ferror(streams.out) ? EIO : 0;
+  if (err != 0) {
+    fprintf(streams.err, "zephlore: cannot write the report: %s\n", strerror(err));
+    return 1;
+  }
   return summary.failed() > 0 ? 1 : 0;
 }
 

@@ -39,6 +39,9 @@ class FileAction {
   // The result when the file is left alone (skipped, or failed to be
   // examined); none when it is a candidate. `dry_run`: change nothing.
   virtual std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) = 0;
+  // The walk met a temporary file of the engine (a stopped run's, or one in
+  // use by a live run).
+  virtual void temporarySeen(const WalkEntry& entry) { (void)entry; }
   // Converts a candidate with `workers` engine threads.
   virtual FileResult run(const FilePipeline::Job& job, int workers) = 0;
 };

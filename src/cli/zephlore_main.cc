@@ -9,6 +9,7 @@ int main(int argc, char** argv) {
   zephlore::setLogTarget(zephlore::LogTarget::kStderr);
   CLI::App app{"zephlore: transparent file compression, and the control surface of zephlore-helper"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("zephlore ") + ZEPHLORE_VERSION);
   int exit_code = 0;
   zephlore::cli::addFileCommands(app, &exit_code);
   zephlore::cli::addPaneCommands(app, &exit_code);

@@ -30,6 +30,7 @@ int watchQuitSignals(RunLoop& loop) {
   sigemptyset(&mask);
   sigaddset(&mask, SIGINT);
   sigaddset(&mask, SIGTERM);
+  // A closed terminal ends the helper like any quit, not with 129.
   sigaddset(&mask, SIGHUP);
   if (sigprocmask(SIG_BLOCK, &mask, nullptr) != 0) return -1;
   int fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);

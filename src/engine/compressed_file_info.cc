@@ -4,12 +4,16 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <optional>
+#include <vector>
 
 #include "engine/attribute_fork_source.h"
 #include "engine/compressed_fork_reader.h"
 #include "engine/decmpfs_header.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "platform/attribute_names.h"
 #include "platform/file_flags.h"
 
@@ -19,6 +23,11 @@ namespace {
 bool readError(Error* error, const std::string& what) {
   return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
               "Could not read the " + what + " of the file: " + std::strerror(errno));
+}
+
+// The fork could not be read (as opposed to: it is not a valid fork).
+bool isReadFailure(const Error& error) {
+  return error.code == kHFSErrorCouldNotRead || error.code == kHFSErrorOutOfMemory;
 }
 
 // Presence of one attribute; false with errno set on a real read error.
@@ -58,8 +67,7 @@ bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* in
                 "Could not stat source file at " + path + ": " + std::strerror(errno));
   }
   if (!S_ISREG(st.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile,
-                "File at path " + path + " is not a regular file");
+    return refuse(error, kHFSErrorNotRegularFile, path);
   }
   UniqueFd fd(env.open(path, O_RDONLY | O_NONBLOCK));
   if (!fd) {
@@ -73,94 +81,120 @@ bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* in
   return inspect(fd.get(), st, info, error, checkFork);
 }
 
-bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileInfo* out, Error* error,
-                                 bool checkFork) {
-  Env& env = Env::shared();
-  CompressedFileInfo info;
-  info.dataForkSize = static_cast<uint64_t>(st.st_size);
-  info.allocatedBytes = static_cast<uint64_t>(st.st_blocks) * 512;
-  info.uncompressedSize = info.dataForkSize;
-  const FileRef file = FileRef::descriptor(fd);
+namespace {
 
+// What the attributes say, before anything is judged.
+struct Markers {
+  std::optional<std::vector<uint8_t>> decmpfs;
+};
+
+bool readMarkers(int fd, CompressedFileInfo* info, Markers* markers, Error* error) {
+  Env& env = Env::shared();
+  const FileRef file = FileRef::descriptor(fd);
   std::optional<uint32_t> flags = FileFlags::get(file);
   if (!flags) return readError(error, "compressed flag");
-  info.hasCompressedFlag = *flags & FileFlags::kUFCompressed;
-  if (!present(env, fd, attr::kExclude, &info.hasExcludeMarker) ||
-      !present(env, fd, attr::kSignature, &info.hasSignature)) {
+  info->hasCompressedFlag = *flags & FileFlags::kUFCompressed;
+  if (!present(env, fd, attr::kExclude, &info->hasExcludeMarker) ||
+      !present(env, fd, attr::kSignature, &info->hasSignature)) {
     return readError(error, "attributes");
   }
-  std::optional<std::vector<uint8_t>> decmpfs = env.getxattrValue(file, attr::kDecmpfs);
-  if (!decmpfs && errno != ENODATA) return readError(error, "compression header");
-  info.hasDecmpfs = decmpfs.has_value();
+  markers->decmpfs = env.getxattrValue(file, attr::kDecmpfs);
+  if (!markers->decmpfs && errno != ENODATA) return readError(error, "compression header");
+  info->hasDecmpfs = markers->decmpfs.has_value();
   ssize_t forkHead = env.getxattr(file, attr::kResourceFork, nullptr, 0);
   if (forkHead < 0 && errno != ENODATA) return readError(error, "resource fork");
-  info.hasResourceFork = forkHead >= 0;
+  info->hasResourceFork = forkHead >= 0;
+  return true;
+}
 
-  auto finish = [&](CompressionState state, std::string problem) {
-    info.state = state;
-    // A damaged header's size is no size at all: it must not be counted.
-    if (state == CompressionState::kNotOurs) info.uncompressedSize = info.dataForkSize;
-    info.problem = std::move(problem);
-    *out = std::move(info);
-    return true;
-  };
+// A state and, for the odd ones, what is wrong; none when the attributes
+// could not be read (the error says why).
+struct Verdict {
+  CompressionState state;
+  std::string problem;
+};
 
-  if (!info.hasCompressedFlag && !info.hasDecmpfs && !info.hasResourceFork) {
-    return finish(CompressionState::kPlain, "");
-  }
-  if (info.dataForkSize > 0) {
-    uint64_t size = 0;
-    if (decmpfs && parseDecmpfsValue(decmpfs->data(), decmpfs->size(), &size, nullptr)) info.headerSize = size;
-    return finish(CompressionState::kMixed,
-                  "its data fork holds data beside the attributes of the compressed form "
-                  "(it was written after it was compressed)");
-  }
-
+std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool checkFork, CompressedFileInfo* info,
+                                           Error* error) {
   std::unique_ptr<ForkSource> fork;
-  if (info.hasResourceFork) {
+  if (info->hasResourceFork) {
     Error forkError;
-    fork = AttributeForkSource::open(file, "descriptor " + std::to_string(fd), &forkError);
+    fork = AttributeForkSource::open(FileRef::descriptor(fd), "descriptor " + std::to_string(fd), &forkError);
     if (!fork) {
-      if (forkError.code != kHFSErrorCouldNotRead) return finish(CompressionState::kNotOurs, forkError.message);
+      if (!isReadFailure(forkError)) return Verdict{CompressionState::kNotOurs, forkError.message};
       if (error) *error = forkError;
-      return false;
+      return std::nullopt;
     }
-    info.forkSize = fork->size();
+    info->forkSize = fork->size();
   }
-  if (!info.hasDecmpfs) {
-    if (info.hasResourceFork && !info.hasCompressedFlag) {
-      return finish(CompressionState::kIncomplete,
-                    "it has a resource fork but no compression header (a conversion was cut short)");
+  if (!info->hasDecmpfs) {
+    if (info->hasResourceFork && !info->hasCompressedFlag) {
+      return Verdict{CompressionState::kIncomplete,
+                     "it has a resource fork but no compression header (a conversion was cut short)"};
     }
-    return finish(CompressionState::kNotOurs, info.hasResourceFork
-                                                  ? "it has the compressed flag but no compression header"
-                                                  : "it has the compressed flag but no compressed data");
+    return Verdict{CompressionState::kNotOurs, info->hasResourceFork
+                                                   ? "it has the compressed flag but no compression header"
+                                                   : "it has the compressed flag but no compressed data"};
   }
   uint64_t size = 0;
   Error headerError;
-  if (!parseDecmpfsValue(decmpfs->data(), decmpfs->size(), &size, &headerError)) {
-    return finish(CompressionState::kNotOurs, headerError.message);
+  if (!parseDecmpfsValue(markers.decmpfs->data(), markers.decmpfs->size(), &size, &headerError)) {
+    return Verdict{CompressionState::kNotOurs, headerError.message};
   }
-  info.uncompressedSize = size;
-  info.headerSize = size;
-  if (!fork) return finish(CompressionState::kNotOurs, "it has a compression header but no resource fork");
+  info->uncompressedSize = size;
+  info->headerSize = size;
+  if (!fork) return Verdict{CompressionState::kNotOurs, "it has a compression header but no resource fork"};
   if (checkFork) {
     Error forkError;
     std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, size, &forkError);
     if (!reader) {
-      if (forkError.code == kHFSErrorCouldNotRead) {
+      if (isReadFailure(forkError)) {
         if (error) *error = forkError;
-        return false;
+        return std::nullopt;
       }
-      return finish(CompressionState::kNotOurs, forkError.message);
+      return Verdict{CompressionState::kNotOurs, forkError.message};
     }
-    info.blockCount = reader->blockCount();
+    info->blockCount = reader->blockCount();
   }
-  if (!info.hasCompressedFlag) {
-    return finish(CompressionState::kIncomplete,
-                  "it has its compressed data but not the compressed flag (a conversion was cut short)");
+  if (!info->hasCompressedFlag) {
+    return Verdict{CompressionState::kIncomplete,
+                   "it has its compressed data but not the compressed flag (a conversion was cut short)"};
   }
-  return finish(CompressionState::kCompressed, "");
+  return Verdict{CompressionState::kCompressed, ""};
+}
+
+}  // namespace
+
+bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileInfo* out, Error* error,
+                                 bool checkFork) {
+  CompressedFileInfo info;
+  info.dataForkSize = static_cast<uint64_t>(st.st_size);
+  info.allocatedBytes = static_cast<uint64_t>(st.st_blocks) * 512;
+  info.uncompressedSize = info.dataForkSize;
+  Markers markers;
+  if (!readMarkers(fd, &info, &markers, error)) return false;
+
+  Verdict verdict{CompressionState::kPlain, ""};
+  const bool plain = !info.hasCompressedFlag && !info.hasDecmpfs && !info.hasResourceFork;
+  if (!plain && info.dataForkSize > 0) {
+    uint64_t size = 0;
+    if (markers.decmpfs && parseDecmpfsValue(markers.decmpfs->data(), markers.decmpfs->size(), &size, nullptr)) {
+      info.headerSize = size;
+    }
+    verdict = {CompressionState::kMixed,
+               "its data fork holds data beside the attributes of the compressed form "
+               "(it was written after it was compressed)"};
+  } else if (!plain) {
+    std::optional<Verdict> judged = judgeCompressedForm(fd, markers, checkFork, &info, error);
+    if (!judged) return false;
+    verdict = std::move(*judged);
+  }
+  info.state = verdict.state;
+  info.problem = std::move(verdict.problem);
+  // A damaged header's size is no size at all: it must not be counted.
+  if (info.state == CompressionState::kNotOurs) info.uncompressedSize = info.dataForkSize;
+  *out = std::move(info);
+  return true;
 }
 
 }  // namespace zephlore

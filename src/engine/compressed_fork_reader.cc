@@ -8,6 +8,7 @@
 
 #include "engine/fd_io.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 #include "engine/ordered_block_pipeline.h"
 #include "platform/env.h"
 
@@ -25,7 +26,7 @@ bool corrupt(Error* error, const std::string& why) {
 }
 
 bool outOfMemory(Error* error) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not allocate memory to read the compressed data");
+  return fail(error, kHFSErrorDomain, kHFSErrorOutOfMemory, "Could not allocate memory to read the compressed data");
 }
 
 std::string str(uint64_t v) { return std::to_string(v); }
@@ -188,7 +189,7 @@ bool isAllZero(const uint8_t* data, size_t n) {
 }
 
 bool writeError(Error* error) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
               std::string("Could not write the uncompressed data: ") + std::strerror(errno));
 }
 
@@ -215,10 +216,14 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   }
 
   Env& env = Env::shared();
+  // A regular file gets holes; a pipe or terminal gets every byte in order.
+  struct stat outStat;
+  const bool sparse = env.fstat(outFd, &outStat) == 0 && S_ISREG(outStat.st_mode);
   size_t buffered = 0;
   uint64_t written = 0;  // where the buffer goes in the output
   auto flush = [&](Error* e) {
-    if (buffered > 0 && !env.pwriteFully(outFd, writeBuffer.get(), buffered, written)) {
+    if (buffered > 0 && !(sparse ? env.pwriteFully(outFd, writeBuffer.get(), buffered, written)
+                                 : writeFull(outFd, writeBuffer.get(), buffered))) {
       return writeError(e);
     }
     written += buffered;
@@ -240,7 +245,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   stages.drain = [&](uint64_t index, size_t slot, Error* e) {
     const size_t length = static_cast<size_t>(blockLength(index));
     const uint8_t* block = output.get() + slot * kBlock;
-    if (isAllZero(block, length)) {
+    if (sparse && isAllZero(block, length)) {
       // Left as a hole: a sparse file stays sparse.
       if (!flush(e)) return false;
       written += length;
@@ -254,7 +259,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
   if (!OrderedBlockPipeline::run(blockCount_, workers, window, stages, error)) return false;
   if (!flush(error)) return false;
   // Holes at the end have no bytes written to give the file its size.
-  if (env.ftruncate(outFd, uncompressedSize_) != 0) return writeError(error);
+  if (sparse && env.ftruncate(outFd, uncompressedSize_) != 0) return writeError(error);
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include "engine/attribute_fork_source.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 
 namespace zephlore {
 namespace {
@@ -32,7 +33,7 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
     return nullptr;
   }
   if (!S_ISREG(st.st_mode)) {
-    fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+    refuse(error, kHFSErrorNotRegularFile, path);
     return nullptr;
   }
   std::unique_ptr<FileContentReader> reader(new FileContentReader());
@@ -51,8 +52,7 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
     case CompressionState::kCompressed:
       break;
     case CompressionState::kMixed:
-      fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-           "File at path " + path + " was written after it was compressed");
+      refuse(error, kHFSErrorWrittenAfterCompression, path);
       return nullptr;
     case CompressionState::kIncomplete:
     case CompressionState::kNotOurs:
@@ -88,7 +88,7 @@ bool FileContentReader::copyTo(int outFd, int workers, Error* error) {
     if (!read(offset, buf.data(), buf.size(), &got, error)) return false;
     if (got == 0) break;  // the file shrank since it was opened
     if (!writeFull(outFd, buf.data(), got)) {
-      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
                   std::string("Could not write the content: ") + std::strerror(errno));
     }
     offset += got;

@@ -9,6 +9,7 @@
 #include "engine/compressed_file_info.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "engine/hfs_uncompressor.h"
 #include "platform/attribute_fork.h"
 #include "platform/attribute_names.h"
@@ -31,21 +32,21 @@ bool stripCompressedForm(int fd, Error* error) {
   const FileRef file = FileRef::descriptor(fd);
   std::optional<uint32_t> flags = FileFlags::get(file);
   if (flags && (*flags & FileFlags::kUFCompressed) && !FileFlags::set(file, *flags & ~FileFlags::kUFCompressed)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot clear the compressed flag: ") + std::strerror(errno));
   }
   if (env.removexattr(file, attr::kDecmpfs) != 0 && errno != ENODATA) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot remove the compression header: ") + std::strerror(errno));
   }
   // The signature describes the compressed form; the data fork is what stays.
   if (env.removexattr(file, attr::kSignature) != 0 && errno != ENODATA) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot remove the compression signature: ") + std::strerror(errno));
   }
   Error why;
   if (!AttributeFork::remove(file, &why)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "cannot remove the compressed data: " + why.message);
+    return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression, "cannot remove the compressed data: " + why.message);
   }
   return true;
 }
@@ -59,7 +60,7 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
   }
   // Locked throughout: no other run of ours converts the file meanwhile.
   UniqueFd lock(env.openLocked(path, O_RDONLY | O_NONBLOCK));
-  if (!lock) return failed(error, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+  if (!lock) return refuse(error, kHFSErrorLocked, path), Outcome::kFailed;
   QVHFSUncompressor expander(path);
   expander.setAcceptWrittenData(true);
   if (!expander.expandTo(recovered, error)) return Outcome::kFailed;

@@ -16,6 +16,7 @@
 #include "engine/fd_io.h"
 #include "engine/hfs_compression_structs_helper.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 #include "engine/ordered_block_pipeline.h"
 
 namespace zephlore {
@@ -35,7 +36,7 @@ bool readFailure(Error* error, const std::string& why) {
 }
 
 bool writeFailure(Error* error, int err) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
               std::string("Could not write the compressed data: ") + std::strerror(err));
 }
 
@@ -125,7 +126,7 @@ class ForkImageWriter {
         if (!codecs_.back()->deflater.valid() || !codecs_.back()->inflater.valid()) throw std::bad_alloc();
       }
     } catch (const std::bad_alloc&) {
-      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not allocate memory to compress the file");
+      return fail(error, kHFSErrorDomain, kHFSErrorOutOfMemory, "Could not allocate memory to compress the file");
     }
     return true;
   }
@@ -177,7 +178,7 @@ class ForkImageWriter {
       std::string why;
       if (codec.inflater.inflate(out, outSize, codec.scratch.get(), n, &why) != BlockInflater::Result::kOk ||
           std::memcmp(codec.scratch.get(), in, n) != 0) {
-        return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+        return fail(error, kHFSErrorDomain, kHFSErrorVerificationFailed,
                     "Compressed data did not verify: block " + std::to_string(index) + " does not inflate to its source");
       }
     }
@@ -227,7 +228,7 @@ class ForkImageWriter {
     try {
       prologue.assign(prologueSize, 0);
     } catch (const std::bad_alloc&) {
-      return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not allocate memory to compress the file");
+      return fail(error, kHFSErrorDomain, kHFSErrorOutOfMemory, "Could not allocate memory to compress the file");
     }
     H::flipRsrcHead(&head_);
     std::memcpy(prologue.data(), &head_, sizeof head_);

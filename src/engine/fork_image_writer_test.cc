@@ -10,6 +10,7 @@
 #include "engine/decmpfs_header.h"
 #include "engine/engine_test_support.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 
 namespace zephlore {
 namespace {
@@ -203,7 +204,7 @@ TEST(ForkImageWriter, SourceThatChangesSizeOrCannotBeWrittenFails) {
   ASSERT_GE(readOnly, 0);
   Error error;
   EXPECT_FALSE(writeForkImage(data.data(), data.size(), readOnly, ForkWriteOptions{}, nullptr, &error));
-  EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
+  EXPECT_EQ(error.code, kHFSErrorCouldNotWrite);
   EXPECT_NE(error.message.find("Could not write"), std::string::npos) << error.message;
   close(readOnly);
   // An unreadable source descriptor.

@@ -15,6 +15,7 @@
 #include "engine/fork_source.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "engine/hfs_uncompressor.h"
 #include "engine/open_for_writing.h"
 #include "engine/path_checks.h"
@@ -136,17 +137,17 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, "Could not stat source file at " + path);
   }
   if (!S_ISREG(st.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+    return refuse(error, kHFSErrorNotRegularFile, path);
   }
   if (st.st_nlink > 1) {
-    return fail(error, kHFSErrorDomain, kHFSErrorHardLinks, "File at path " + path + " has more than one hard link");
+    return refuse(error, kHFSErrorHardLinks, path);
   }
 
   // Lock probe: a cooperating program that holds the file's lock is at work.
   int probe = env.openLocked(path, O_WRONLY | O_NONBLOCK);
   if (probe == -1) {
     if (errno == EWOULDBLOCK) {
-      return fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+      return refuse(error, kHFSErrorLocked, path);
     }
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
                 "Could not open source file at " + path + ": " + errnoText(errno));
@@ -163,7 +164,7 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
   }
   struct stat opened;
   if (env.fstat(sourceFd_.get(), &opened) != 0 || !sameFile(opened, st) || !S_ISREG(opened.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    return refuse(error, kHFSErrorModified, path);
   }
 
   CompressedFileInfo info;
@@ -172,15 +173,13 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
     case CompressionState::kPlain:
       break;
     case CompressionState::kMixed:
-      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-                  "File at path " + path + " was written after it was compressed");
+      return refuse(error, kHFSErrorWrittenAfterCompression, path);
     case CompressionState::kCompressed:
       // Its data fork is empty: there is nothing to read and compress afresh.
-      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed, "File at path " + path + " already compressed");
+      return refuse(error, kHFSErrorAlreadyCompressed, path);
     case CompressionState::kIncomplete:
     case CompressionState::kNotOurs:
-      return fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
-                  "File at path " + path + " already compressed (" + info.problem + ")");
+      return refuse(error, kHFSErrorAlreadyCompressed, path, info.problem);
   }
 
   sourcePath_ = path;
@@ -243,7 +242,7 @@ bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
   }
   if (imageFd_) return true;
   KRLog("Could not create temporary file to hold compressed data");
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorNoTemporaryFile,
               "Could not create temporary file to hold compressed data: " + why.message);
 }
 
@@ -350,12 +349,11 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
   SwapWindow window(lock.get());
   if (env.fstat(lock.get(), &locked) != 0 || !unchanged(locked, expected)) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    return refuse(error, kHFSErrorModified, path);
   }
   // With the lease, nobody else has the file open at all.
   if (!window.leased() && isOpenForWritingByOtherProcesses(lock.get(), locked)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
-                "File at path " + path + " is open for writing by another process");
+    return refuse(error, kHFSErrorOpenForWriting, path);
   }
 
   willEnterCriticalSection(path);
@@ -377,14 +375,14 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
 bool QVHFSCompressedFileRepresentation::refuseTarget(const std::string& path, const struct stat& target, bool isSource,
                                                      Error* error) {
   if (!S_ISREG(target.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + path + " is not a regular file");
+    return refuse(error, kHFSErrorNotRegularFile, path);
   }
   if (target.st_nlink > 1) {
-    return fail(error, kHFSErrorDomain, kHFSErrorHardLinks, "File at path " + path + " has more than one hard link");
+    return refuse(error, kHFSErrorHardLinks, path);
   }
   if (!isSource && path == sourcePath_) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    return fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    return refuse(error, kHFSErrorModified, path);
   }
   return true;
 }
@@ -397,7 +395,7 @@ UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, 
     int err = errno;
     KRLog("**** Could not open destination file %s - locked?", path.c_str());
     if (err == EWOULDBLOCK) {
-      fail(error, kHFSErrorDomain, kHFSErrorLocked, "File at path " + path + " is locked by other process");
+      refuse(error, kHFSErrorLocked, path);
     } else {
       fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, "Could not open source file at " + path + ": " + errnoText(err));
     }
@@ -405,20 +403,18 @@ UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, 
   }
   if (env.fstat(lock.get(), locked) != 0 || !sameFile(*locked, target)) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
-    fail(error, kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was modified while compressing");
+    refuse(error, kHFSErrorModified, path);
     return UniqueFd();
   }
   if (isSource) return lock;
   CompressedFileInfo info;
   if (!CompressedFileInfo::inspect(lock.get(), *locked, &info, error, false)) return UniqueFd();
   if (info.state == CompressionState::kMixed) {
-    fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-         "File at path " + path + " was written after it was compressed");
+    refuse(error, kHFSErrorWrittenAfterCompression, path);
     return UniqueFd();
   }
   if (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed) {
-    fail(error, kHFSErrorDomain, kHFSErrorAlreadyCompressed,
-         "File at path " + path + " already compressed (" + info.problem + ")");
+    refuse(error, kHFSErrorAlreadyCompressed, path, info.problem);
     return UniqueFd();
   }
   return lock;

@@ -23,6 +23,15 @@ enum HFSRefusalCode : int {
   // Another program opened the file while it was being swapped: the swap is
   // undone so that its writes land in the file at the name.
   kHFSErrorOpenedDuringSwap = 717,
+  kHFSErrorOutOfMemory = 718,       // "Could not allocate memory to ..."
+  // The output (an expanded copy, the compressed fork's image, standard
+  // output) could not be written.
+  kHFSErrorCouldNotWrite = 719,
+  // A compressed block did not inflate to its source again: nothing replaced.
+  kHFSErrorVerificationFailed = 720,
+  kHFSErrorNoTemporaryFile = 721,   // "Could not create temporary file to hold compressed data"
+  // Repair could not take the compressed form off a file written after compression.
+  kHFSErrorCannotStripCompression = 722,
 };
 
 }  // namespace zephlore

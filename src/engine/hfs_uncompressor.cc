@@ -14,6 +14,7 @@
 #include "engine/compressed_fork_reader.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
+#include "engine/hfs_refusals.h"
 #include "engine/open_for_writing.h"
 #include "engine/process_records.h"
 #include "engine/sibling_temp_file.h"
@@ -42,7 +43,7 @@ bool readFailure(Error* error, const std::string& why) {
 }
 
 bool writeFailure(Error* error, const std::string& destination, const std::string& why) {
-  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead,
+  return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
               "Could not create the expanded file at " + destination + ": " + why);
 }
 
@@ -73,7 +74,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   struct stat sourceStat;
   if (env.lstat(source, &sourceStat) != 0) return readFailure(error, source + ": " + std::strerror(errno));
   if (!S_ISREG(sourceStat.st_mode)) {
-    return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile, "File at path " + source + " is not a regular file");
+    return refuse(error, kHFSErrorNotRegularFile, source);
   }
   UniqueFd sourceFd(env.openLocked(source, O_RDONLY | O_NONBLOCK));
   if (!sourceFd) sourceFd.reset(env.open(source, O_RDONLY | O_NONBLOCK));
@@ -89,8 +90,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
     case CompressionState::kMixed:
       // Into another file, the compressed version can be taken out whole.
       if (acceptWrittenData_ && destination != source) break;
-      return fail(error, kHFSErrorDomain, kHFSErrorWrittenAfterCompression,
-                  "File at path " + source + " was written after it was compressed");
+      return refuse(error, kHFSErrorWrittenAfterCompression, source);
     case CompressionState::kIncomplete:
       if (ignoreCompressionFlag_ && info.hasDecmpfs) break;
       [[fallthrough]];
@@ -114,13 +114,11 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   std::optional<MetadataSnapshot> metadata;
   if (replacing) {
     if (!S_ISREG(destinationStat.st_mode)) {
-      return fail(error, kHFSErrorDomain, kHFSErrorNotRegularFile,
-                  "File at path " + destination + " is not a regular file");
+      return refuse(error, kHFSErrorNotRegularFile, destination);
     }
     // Renaming over a file with other names would leave them the old content.
     if (destinationStat.st_nlink > 1) {
-      return fail(error, kHFSErrorDomain, kHFSErrorHardLinks,
-                  "File at path " + destination + " has more than one hard link");
+      return refuse(error, kHFSErrorHardLinks, destination);
     }
     Error why;
     UniqueFd destinationFd;
@@ -186,8 +184,7 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
   const bool busy = inPlace ? !leased && isOpenForWritingByOtherProcesses(sourceFd, now)
                             : isOpenForWritingByOtherProcesses(destinationStat);
   if (busy) {
-    return fail(error, kHFSErrorDomain, kHFSErrorOpenForWriting,
-                "File at path " + destination + " is open for writing by another process");
+    return refuse(error, kHFSErrorOpenForWriting, destination);
   }
   // From the moment the output has a name until it is settled, a kill
   // leaves a second whole copy beside the file: recorded for repair.

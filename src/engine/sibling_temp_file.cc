@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <mutex>
+#include <set>
 
 namespace zephlore {
 namespace {
@@ -25,7 +27,23 @@ std::string baseName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// Names of the copies this process works with: a clean-up in this process
+// must not even open them (an open would break the lease held in a swap).
+std::mutex& inUseMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::multiset<std::string>& namesInUse() {
+  static std::multiset<std::string>* names = new std::multiset<std::string>;  // used until exit
+  return *names;
+}
+
 }  // namespace
+
+bool SiblingTempFile::isInUseHere(const std::string& name) {
+  std::lock_guard lock(inUseMutex());
+  return namesInUse().count(name) != 0;
+}
 
 std::string SiblingTempFile::nameFor(const std::string& path, Kind kind) {
   char name[40];
@@ -36,6 +54,14 @@ std::string SiblingTempFile::nameFor(const std::string& path, Kind kind) {
 }
 
 bool SiblingTempFile::removeOwnLeftover(Env& env, const std::string& name) {
+  if (isInUseHere(name)) {
+    errno = EEXIST;
+    return false;
+  }
+  return removeUnheld(env, name);
+}
+
+bool SiblingTempFile::removeUnheld(Env& env, const std::string& name) {
   struct stat st;
   if (env.lstat(name, &st) != 0) return false;
   if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
@@ -57,15 +83,21 @@ bool SiblingTempFile::removeOwnLeftover(Env& env, const std::string& name) {
 }
 
 bool SiblingTempFile::isHeld(Env& env, const std::string& name) {
+  if (isInUseHere(name)) return true;
   UniqueFd unheld(env.openLocked(name, O_RDONLY | O_NONBLOCK));
   return !unheld && errno == EWOULDBLOCK;
 }
 
 SiblingTempFile::SiblingTempFile(Env& env, std::string targetPath, Kind kind)
-    : env_(env), target_(std::move(targetPath)), name_(nameFor(target_, kind)) {}
+    : env_(env), target_(std::move(targetPath)), name_(nameFor(target_, kind)) {
+  std::lock_guard lock(inUseMutex());
+  namesInUse().insert(name_);
+}
 
 SiblingTempFile::~SiblingTempFile() {
   if (named_) env_.unlink(name_);
+  std::lock_guard lock(inUseMutex());
+  namesInUse().erase(namesInUse().find(name_));
 }
 
 bool SiblingTempFile::create(mode_t mode) {
@@ -73,7 +105,7 @@ bool SiblingTempFile::create(mode_t mode) {
   if (fd == -1 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
     // No unnamed files here: create the copy at its name at once.
     fd = env_.open(name_, O_RDWR | O_CREAT | O_EXCL, mode);
-    if (fd == -1 && errno == EEXIST && removeOwnLeftover(env_, name_)) {
+    if (fd == -1 && errno == EEXIST && removeUnheld(env_, name_)) {
       fd = env_.open(name_, O_RDWR | O_CREAT | O_EXCL, mode);
     }
     if (fd != -1) named_ = true;
@@ -89,7 +121,7 @@ bool SiblingTempFile::link() {
   if (named_) return true;
   int result = env_.linkTmpFile(fd_.get(), name_);
   if (result != 0 && errno == EEXIST) {
-    if (!removeOwnLeftover(env_, name_)) {
+    if (!removeUnheld(env_, name_)) {
       if (errno == ENOENT) errno = EEXIST;  // it vanished meanwhile: someone else is at work
       return false;
     }

@@ -31,6 +31,8 @@ class SiblingTempFile {
   static bool removeOwnLeftover(Env& env, const std::string& name);
   // Whether a live run holds the copy at `name`.
   static bool isHeld(Env& env, const std::string& name);
+  // Whether a copy of this process has that name now.
+  static bool isInUseHere(const std::string& name);
 
   SiblingTempFile(Env& env, std::string targetPath, Kind kind);
   ~SiblingTempFile();  // closes; unlinks the name if it still holds our copy
@@ -56,6 +58,9 @@ class SiblingTempFile {
   bool named() const { return named_; }
 
  private:
+  // removeOwnLeftover() without asking whether this process uses the name.
+  static bool removeUnheld(Env& env, const std::string& name);
+
   Env& env_;
   std::string target_;
   std::string name_;

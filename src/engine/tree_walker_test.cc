@@ -74,8 +74,13 @@ TEST(TreeWalker, WalksDepthFirstWithoutFollowingLinksAndKeepsHostileNames) {
   symlink(outside.c_str(), (root + "/dirlink").c_str());
   symlink((outside + "/secret").c_str(), (root + "/filelink").c_str());
   mkfifo((root + "/fifo").c_str(), 0644);
+  // The engine's own files beside a file: seen, but never as the user's.
+  writeFile(root + "/sub/.zephlore-0123456789abcdef.c", "copy");
 
   Seen seen = walk(root + "/", {.recursive = true});
+  ASSERT_TRUE(seen.entries.count(root + "/sub/.zephlore-0123456789abcdef.c"));
+  EXPECT_EQ(seen.entries[root + "/sub/.zephlore-0123456789abcdef.c"], SkipReason::kEngineTemporary);
+  seen.entries.erase(root + "/sub/.zephlore-0123456789abcdef.c");
   EXPECT_TRUE(seen.errors.empty());
   std::vector<std::string> expected = {root + "/a.txt",   root + "/sub/deeper/b.txt", root + "/sub/c.txt",
                                        newline,           latin1,

@@ -1,12 +1,18 @@
 #include "helper/previous_run_recovery.h"
 
 #include "base/log.h"
+#include "base/util.h"
+#include "engine/process_records.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "helper/file_in_process_watchdog.h"
 
 namespace zephlore {
 
 void checkIntegrityOfPreviousRun() {
+  // Runs of the command (or another helper's) that ended in a swap.
+  if (std::optional<std::string> folder = KRUtil::applicationSupportFolder()) {
+    ProcessInProcessRecord::repairRecordsOfGoneProcesses(*folder);
+  }
   KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
   if (!watchdog.hasInProcessFileFromPreviousSession()) return;
   const std::string path = watchdog.inProcessFileFromPreviousSession().value_or("");

@@ -6,6 +6,8 @@ namespace zephlore {
 
 // Keeps a finished conversion or expands a half-made one back into a plain
 // file, logs the outcome, and clears the record either way: no second try.
+// The records other runs (the command) left in the data folder when they
+// were killed are repaired and removed as well.
 void checkIntegrityOfPreviousRun();
 
 }  // namespace zephlore
