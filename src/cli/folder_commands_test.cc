@@ -12,13 +12,16 @@
 #include "helper/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"
 #include "helper/notification_names.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::ProcessResult;
-using testing::runProcess;
+using testkit::ProcessResult;
+using testkit::runProcess;
 
 const std::string kZephlore = ZEPHLORE_BINARY_DIR "/bin/zephlore";
 
@@ -34,7 +37,7 @@ pid_t helperPid() {
        "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.GetConnectionUnixProcessID",
        kHelperBusName});
   unsigned pid = 0;
-  if (result.exit_code != 0 || sscanf(result.out.c_str(), "(uint32 %u,)", &pid) != 1) return 0;
+  if (result.status != 0 || sscanf(result.out.c_str(), "(uint32 %u,)", &pid) != 1) return 0;
   return static_cast<pid_t>(pid);
 }
 
@@ -57,27 +60,27 @@ class FolderCommandsTest : public ::testing::Test {
     }
   }
 
-  testing::TestHome home_;
-  testing::TestSessionBus bus_{home_.root()};
-  testing::ShmFolder shm_;
+  testkit::TestHome home_;
+  testkit::TestSessionBus bus_{home_.root()};
+  testkit::ShmFolder shm_;
 };
 
 TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToShow) {
   std::string folder = shm_.make("Documents");
   ProcessResult refused = zephlore({"add", shm_.path() + "/missing"});
-  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_EQ(refused.status, 1);
   EXPECT_NE(refused.err.find("no such folder"), std::string::npos);
-  testing::writeFile(shm_.path() + "/file", "x");
-  EXPECT_EQ(zephlore({"add", shm_.path() + "/file"}).exit_code, 1);
+  testkit::writeFile(shm_.path() + "/file", "x");
+  EXPECT_EQ(zephlore({"add", shm_.path() + "/file"}).status, 1);
   EXPECT_EQ(helperPid(), 0);
   EXPECT_NE(zephlore({"folders"}).out.find("No folders yet"), std::string::npos);
 
   ProcessResult added = zephlore({"add", shm_.path() + "/./Documents"});
-  ASSERT_EQ(added.exit_code, 0) << added.err;
+  ASSERT_EQ(added.status, 0) << added.err;
   EXPECT_NE(helperPid(), 0);
 
   ProcessResult shown = zephlore({"folders", "--json"});
-  ASSERT_EQ(shown.exit_code, 0) << shown.err;
+  ASSERT_EQ(shown.status, 0) << shown.err;
   nlohmann::json json = nlohmann::json::parse(shown.out);
   ASSERT_EQ(json["folders"].size(), 1u) << shown.out;
   EXPECT_EQ(json["folders"][0]["path"], folder);
@@ -85,13 +88,13 @@ TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToSh
   EXPECT_EQ(json["folders"][0]["savings"], 0);
   EXPECT_EQ(json["totalSavings"], 0);
 
-  ASSERT_EQ(zephlore({"remove", folder}).exit_code, 0);
+  ASSERT_EQ(zephlore({"remove", folder}).status, 0);
   json = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
   EXPECT_EQ(json["folders"][0]["watched"], false);
 }
 
 TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
-  ASSERT_EQ(zephlore({"add", shm_.make("w")}).exit_code, 0);
+  ASSERT_EQ(zephlore({"add", shm_.make("w")}).status, 0);
   const pid_t first = helperPid();
   ASSERT_NE(first, 0);
 
@@ -114,7 +117,7 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
   center.postNotificationName(kVersionNotification, {{kVersionKey, "0.0.0 "}}, false);
   center.flush();
   ASSERT_TRUE(waitForExit(first, 5'000));
-  ASSERT_EQ(runProcess({"gdbus", "wait", "--session", "--timeout", "5", kHelperBusName}).exit_code,
+  ASSERT_EQ(runProcess({"gdbus", "wait", "--session", "--timeout", "5", kHelperBusName}).status,
             0);
   const pid_t second = helperPid();
   EXPECT_NE(second, 0);

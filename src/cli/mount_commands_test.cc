@@ -15,18 +15,20 @@
 #include <vector>
 
 #include "cli/command_test_support.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "view/view_mounter.h"
 
 namespace zephlore::cli {
 namespace {
 
-using testing::Child;
-using testing::compressibleData;
-using testing::readFile;
-using testing::runZephlore;
-using testing::ScratchDir;
-using testing::writeFile;
+using testkit::Child;
+using testkit::compressibleData;
+using testkit::readFile;
+using testkit::runZephlore;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 bool fuseUsable() { return access("/dev/fuse", R_OK | W_OK) == 0; }
 
@@ -47,7 +49,7 @@ class MountedView {
   explicit MountedView(std::vector<std::string> args, std::string mountPoint)
       : mountPoint_(std::move(mountPoint)) {
     args.insert(args.begin(), {"mount", "-f"});
-    child_ = std::make_unique<Child>(args);
+    child_ = std::make_unique<Child>(testkit::zephloreCommand(args));
     ready_ = child_->waitForLine();  // printed once the view is mounted
   }
   ~MountedView() {
@@ -330,7 +332,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   mkdir((source_ + "/sub").c_str(), 0755);
   writeFile(source_ + "/sub/report", text);
   compress(source_);
-  view::ViewMounter mounter(testing::zephloreBinary());
+  view::ViewMounter mounter(testkit::zephloreBinary());
   struct Unmounter {
     std::string at;
     ~Unmounter() { runZephlore({"unmount", "-z", at}); }

@@ -10,15 +10,18 @@
 #include "desktop/helper_status_service.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/notification_names.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::ProcessResult;
-using testing::runProcess;
-using testing::TestHome;
-using testing::TestSessionBus;
+using testkit::ProcessResult;
+using testkit::runProcess;
+using testkit::TestHome;
+using testkit::TestSessionBus;
 
 ProcessResult zephlore(std::vector<std::string> args) {
   args.insert(args.begin(), ZEPHLORE_BINARY_DIR "/bin/zephlore");
@@ -42,16 +45,16 @@ ProcessResult zephloreServedBy(RunLoop& loop, std::vector<std::string> args) {
 TEST(StatusCommands, SayPlainlyWhenNoHelperRuns) {
   TestHome home;
   ProcessResult r = zephlore({"status"});  // no bus at all
-  EXPECT_EQ(r.exit_code, 3);
+  EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.out.find("zephlore-helper is not running."), std::string::npos) << r.out;
 
   TestSessionBus bus(home.root());
   r = zephlore({"status", "--json"});
-  EXPECT_EQ(r.exit_code, 3);
+  EXPECT_EQ(r.status, 3);
   EXPECT_EQ(nlohmann::json::parse(r.out)["running"], false) << r.out;
   for (const char* command : {"pause", "resume"}) {
     r = zephlore({command});
-    EXPECT_EQ(r.exit_code, 1) << command;
+    EXPECT_EQ(r.status, 1) << command;
     EXPECT_NE(r.err.find("not running"), std::string::npos) << r.err;
   }
 }
@@ -78,7 +81,7 @@ TEST_F(LiveStatus, StatusShowsThePushedValuesAndPauseResumeReachTheApplication) 
   service.setFileInProcess("/dev/shm/w/big\xff.bin");  // not UTF-8: travels mended
 
   ProcessResult r = zephlore({"status", "--json"});
-  ASSERT_EQ(r.exit_code, 0) << r.err;
+  ASSERT_EQ(r.status, 0) << r.err;
   nlohmann::json status = nlohmann::json::parse(r.out);
   EXPECT_EQ(status["running"], true);
   EXPECT_EQ(status["status"]["value"], 4);
@@ -97,17 +100,17 @@ TEST_F(LiveStatus, StatusShowsThePushedValuesAndPauseResumeReachTheApplication) 
   });
   service.setResumeHandler([&] { ++resumes; });
   r = zephloreServedBy(loop, {"pause"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(pauses, 1) << "the answer comes after the handler ran";
 
   r = zephlore({"status"});
-  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("Status:          Paused (2)"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("Paused:          yes"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("Total savings:   1.23 GB"), std::string::npos) << r.out;
 
   r = zephloreServedBy(loop, {"resume"});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(resumes, 1);
 }
 

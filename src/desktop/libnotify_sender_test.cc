@@ -10,12 +10,15 @@
 #include "base/run_loop.h"
 #include "base/util.h"
 #include "helper/history/helper_util.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::runProcess;
+using testkit::runProcess;
 
 // python3-dbusmock's notification daemon on the test's private bus.
 class MockNotificationServer {
@@ -31,7 +34,7 @@ class MockNotificationServer {
     // Blocks until the name is on the bus (no fixed sleep).
     ready_ = runProcess({"gdbus", "wait", "--session", "--timeout", "30",
                          "org.freedesktop.Notifications"})
-                 .exit_code == 0;
+                 .status == 0;
   }
   ~MockNotificationServer() {
     kill(pid_, SIGTERM);
@@ -53,8 +56,8 @@ class MockNotificationServer {
 };
 
 TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
-  testing::TestHome home;
-  testing::TestSessionBus bus(home.root());
+  testkit::TestHome home;
+  testkit::TestSessionBus bus(home.root());
   MockNotificationServer server;
   ASSERT_TRUE(server.ready());
 
@@ -83,8 +86,8 @@ TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
 }
 
 TEST(LibnotifySenderTest, ARandomBytesHistoryDatabaseReachesTheServerAsACriticalAlert) {
-  testing::TestHome home;
-  testing::TestSessionBus bus(home.root());
+  testkit::TestHome home;
+  testkit::TestSessionBus bus(home.root());
   MockNotificationServer server;
   ASSERT_TRUE(server.ready());
   auto sender = std::make_shared<LibnotifySender>();
@@ -94,7 +97,7 @@ TEST(LibnotifySenderTest, ARandomBytesHistoryDatabaseReachesTheServerAsACritical
   std::string path = KRHelperUtil::databasePath();
   std::string noise;
   for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));
-  testing::writeFile(path, noise);
+  testkit::writeFile(path, noise);
 
   HistoryContext* context = KRHelperUtil::managedObjectContext();
   ASSERT_NE(context, nullptr);
@@ -110,7 +113,7 @@ TEST(LibnotifySenderTest, ARandomBytesHistoryDatabaseReachesTheServerAsACritical
 }
 
 TEST(LibnotifySenderTest, WithoutAServerANoticeIsDroppedWithOneLine) {
-  testing::TestHome home;
+  testkit::TestHome home;
   std::vector<std::string> lines;
   std::mutex mutex;
   ScopedLogCapture capture([&](const std::string& line) {
@@ -121,7 +124,7 @@ TEST(LibnotifySenderTest, WithoutAServerANoticeIsDroppedWithOneLine) {
   sender.send(Notice{1, "Pause", "Zephlore Paused", "no bus at all"});
   sender.flush();
   {
-    testing::TestSessionBus bus(home.root());  // a bus, but no notification server
+    testkit::TestSessionBus bus(home.root());  // a bus, but no notification server
     sender.send(Notice{1, "Pause", "Zephlore Paused", "no server"});
     sender.flush();
   }

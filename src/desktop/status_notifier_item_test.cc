@@ -14,7 +14,10 @@
 #include "helper/distributed_notification_center.h"
 #include "helper/notification_names.h"
 #include "helper/pipeline/compressor.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
@@ -143,12 +146,12 @@ void click(FakeTrayWatcher& tray, const std::string& service, int32_t id) {
 }
 
 TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
-  testing::TestHome home;
-  testing::TestSessionBus bus(home.root());
+  testkit::TestHome home;
+  testkit::TestSessionBus bus(home.root());
   // A terminal of our own: this machine may have none.
   const std::string bin = home.root() + "/bin";
   mkdir(bin.c_str(), 0755);
-  testing::writeFile(bin + "/x-terminal-emulator", "#!/bin/sh\nexit 0\n");
+  testkit::writeFile(bin + "/x-terminal-emulator", "#!/bin/sh\nexit 0\n");
   chmod((bin + "/x-terminal-emulator").c_str(), 0755);
   setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
 

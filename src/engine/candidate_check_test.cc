@@ -8,13 +8,15 @@
 #include <string>
 
 #include "engine/extended_attributes_helper.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::ScratchDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 CandidateRejection check(const std::string& path) {
   struct stat st;

@@ -227,7 +227,7 @@ TEST(DecmpfsHeader, AcceptsOnlyWhatWeWrite) {
 namespace zephlore {
 namespace {
 
-using testing::deterministicNoise;
+using testkit::deterministicNoise;
 
 // A fork laid out from the format's rules alone, with the blocks' bytes as
 // given: what another system may write, not what our writer makes.

@@ -13,11 +13,14 @@
 #include "engine/in_process_record.h"
 #include "engine/process_records.h"
 #include "engine/sibling_temp_file.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 

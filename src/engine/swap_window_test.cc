@@ -15,13 +15,15 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "platform/fault_env.h"
 
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
 const std::string kData = compressibleData(3 * 65536 + 123);
 const std::string kAppended = "23 bytes from a writer\n";

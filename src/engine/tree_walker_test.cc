@@ -79,7 +79,7 @@ TEST(TreeWalker, WalksDepthFirstWithoutFollowingLinksAndKeepsHostileNames) {
 
   Seen seen = walk(root + "/", {.recursive = true});
   ASSERT_TRUE(seen.entries.count(root + "/sub/.zephlore-0123456789abcdef.c"));
-  EXPECT_EQ(seen.entries[root + "/sub/.zephlore-0123456789abcdef.c"], SkipReason::kEngineTemporary);
+  EXPECT_EQ(seen.entries[root + "/sub/.zephlore-0123456789abcdef.c"], WalkSkip::kEngineTemporary);
   seen.entries.erase(root + "/sub/.zephlore-0123456789abcdef.c");
   EXPECT_TRUE(seen.errors.empty());
   std::vector<std::string> expected = {root + "/a.txt",   root + "/sub/deeper/b.txt", root + "/sub/c.txt",

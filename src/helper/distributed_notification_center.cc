@@ -309,7 +309,7 @@ void DistributedNotificationCenter::ownName(const std::string& busName) {
 
 void DistributedNotificationCenter::releaseNames() {
   if (!isConnected()) return;
-  runOnBusThread([this] {
+  glib_.run([this] {
     std::lock_guard lock(mutex_);
     // Sends ReleaseName and waits for the bus's answer.
     for (guint owner : owned_names_) g_bus_unown_name(owner);

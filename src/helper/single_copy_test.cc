@@ -1,18 +1,23 @@
 #include "helper/single_copy.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TestHome;
-using testing::TestSessionBus;
+using testkit::TestHome;
+using testkit::TestSessionBus;
 
 bool listed(const std::vector<RunningCopy>& copies, pid_t pid) {
   return std::any_of(copies.begin(), copies.end(), [pid](const RunningCopy& c) { return c.pid == pid; });

@@ -16,13 +16,16 @@
 #include "base/notification_center.h"
 #include "platform/mount_watcher.h"
 #include "platform/own_rewrites.h"
-#include "platform/platform_test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/loop_mount.h"
+#include "testing/scratch_dir.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
-using testing::writeFile;
+using testkit::ScratchDir;
+using testkit::writeFile;
 
 // Another process changes the file system.
 void shell(const std::string& command) {
@@ -71,8 +74,8 @@ class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Ki
   }
 
   ScopedManualClock clock;
-  TempDir dir;
-  TempDir journal_dir;
+  ScratchDir dir;
+  ScratchDir journal_dir;
   RunLoop loop;
   EventJournal journal;
   std::vector<std::vector<FileEvent>> batches;
@@ -200,7 +203,7 @@ int markLimitScenario() {
   if (!lowerInotifyLimitInOwnNamespace()) return 2;
   ScopedManualClock clock;
   RunLoop loop(*clock);
-  TempDir dir;
+  ScratchDir dir;
   EventJournal journal(dir / "events.journal");
   const std::string root = dir / "root";
   mkdir(root.c_str(), 0755);
@@ -243,7 +246,7 @@ TEST(FileEventStreamLimits, AtTheMarkLimitOneLogLineAndARecheckEvery30Minutes) {
 }
 
 TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "events.journal";
   {
     EventJournal journal(path, 10);
@@ -278,7 +281,7 @@ TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
 }
 
 TEST(EventJournal, IdsAboveTheCounterRaiseIt) {
-  TempDir dir;
+  ScratchDir dir;
   const std::string path = dir / "events.journal";
   {
     EventJournal journal(path);
@@ -307,7 +310,7 @@ TEST(MountWatcher, ParsesEscapedMountPointsAndPostsRealMounts) {
 
   ScopedManualClock clock;
   RunLoop loop(*clock);
-  TempDir dir;
+  ScratchDir dir;
   const std::string mnt = dir / "mnt with space";
   mkdir(mnt.c_str(), 0755);
   MountWatcher watcher(loop);

@@ -8,22 +8,25 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/platform_test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/loop_mount.h"
+#include "testing/scratch_dir.h"
 #include "platform/power_supplies.h"
 #include "platform/thread_priority.h"
 
 namespace zephlore {
 namespace {
 
-using testing::TempDir;
+using testkit::ScratchDir;
 
 void put(const std::string& path, const std::string& text) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  testing::writeFile(path, text);
+  testkit::writeFile(path, text);
 }
 
 TEST(KernelLoadCountersTest, CpuLinesSumTheBusyAndIdleFieldsPerProcessor) {
-  TempDir root;
+  ScratchDir root;
   put(root.path() + "/proc/stat",
       "cpu  9 9 9 9 9 9 9 9 0 0\n"
       "cpu0 10 1 5 100 20 2 3 4 0 0\n"
@@ -50,7 +53,7 @@ TEST(KernelLoadCountersTest, CpuLinesSumTheBusyAndIdleFieldsPerProcessor) {
 }
 
 TEST(KernelLoadCountersTest, FrequencyFromCpufreqElseCpuinfo) {
-  TempDir root;
+  ScratchDir root;
   KernelLoadCounters counters(root.path() + "/proc", root.path() + "/sys");
   EXPECT_FALSE(counters.cpuFrequencyHz());
   put(root.path() + "/proc/cpuinfo", "processor\t: 0\ncpu MHz\t\t: 2399.998\n");
@@ -60,7 +63,7 @@ TEST(KernelLoadCountersTest, FrequencyFromCpufreqElseCpuinfo) {
 }
 
 TEST(KernelLoadCountersTest, DiskBytesCountOnlyWholePhysicalDisks) {
-  TempDir root;
+  ScratchDir root;
   const std::string sys = root.path() + "/sys/block/";
   for (const char* disk : {"sda", "nvme0n1", "loop0", "dm-0", "zram0"}) {
     std::filesystem::create_directories(sys + disk + "/device");
@@ -85,7 +88,7 @@ TEST(KernelLoadCountersTest, DiskBytesCountOnlyWholePhysicalDisks) {
 
 // Batteries and chargers are read from a fake tree: this machine has none.
 TEST(SysfsPowerSuppliesTest, ReadsTypePresenceAndOnlineState) {
-  TempDir root;
+  ScratchDir root;
   EXPECT_TRUE(SysfsPowerSupplies(root.path() + "/missing").list().empty());
   put(root.path() + "/BAT0/type", "Battery\n");
   put(root.path() + "/BAT0/present", "1\n");

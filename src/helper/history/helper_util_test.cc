@@ -10,13 +10,16 @@
 #include "base/run_loop.h"
 #include "base/util.h"
 #include "helper/history/history_test_support.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testing::RecordingSender;
-using testing::TestHome;
+using testkit::RecordingSender;
+using testkit::TestHome;
 
 class HelperUtilTest : public ::testing::Test {
  protected:
@@ -43,7 +46,7 @@ TEST_F(HelperUtilTest, RandomBytesAreReportedDeletedAndReplacedByAnEmptyStore) {
   std::string bytes(8192, '\0');
   std::mt19937 random(7);
   for (char& c : bytes) c = static_cast<char>(random());
-  testing::writeFile(path_, bytes);
+  testkit::writeFile(path_, bytes);
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
 
@@ -62,7 +65,7 @@ TEST_F(HelperUtilTest, RandomBytesAreReportedDeletedAndReplacedByAnEmptyStore) {
 }
 
 TEST_F(HelperUtilTest, AZeroByteFilePassesAndBecomesTheStore) {
-  testing::writeFile(path_, "");
+  testkit::writeFile(path_, "");
   EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(path_));
   EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(path_ + ".none"));
   ASSERT_NE(KRHelperUtil::managedObjectContext(), nullptr);

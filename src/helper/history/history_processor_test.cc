@@ -10,15 +10,18 @@
 #include "helper/history/helper_util.h"
 #include "helper/history/history_test_support.h"
 #include "helper/notification_names.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::RecordingSender;
-using testing::ShmFolder;
-using testing::TestHome;
+using testkit::RecordingSender;
+using testkit::ShmFolder;
+using testkit::TestHome;
 
 class HistoryProcessorTest : public ::testing::Test {
  protected:
@@ -73,7 +76,7 @@ TEST_F(HistoryProcessorTest, AParentTakesOverItsChildAndAChildOfAWatchedFolderIs
   add(b);
   EXPECT_FALSE(processor_->shouldAllowFolder(shm_.make("q/bc/d")));
   EXPECT_TRUE(processor_->shouldAllowFolder(shm_.path() + "/q/bc"));
-  testing::writeFile(shm_.path() + "/q/bc/file", "x");
+  testkit::writeFile(shm_.path() + "/q/bc/file", "x");
   EXPECT_EQ(processor_->enabledFolderPathForPath(shm_.path() + "/q/bc/file"), b);
   EXPECT_EQ(processor_->enabledFolderPathForPath(b), b);
   EXPECT_EQ(processor_->enabledFolderPathForPath("/elsewhere/file"), "");
@@ -81,7 +84,7 @@ TEST_F(HistoryProcessorTest, AParentTakesOverItsChildAndAChildOfAWatchedFolderIs
 
 TEST_F(HistoryProcessorTest, SavingsStayAfterARemoveAndComeBackWithTheFolder) {
   std::string folder = shm_.make("docs");
-  testing::writeFile(folder + "/f", "x");
+  testkit::writeFile(folder + "/f", "x");
   add(folder);
   processor_->addSavingsForPath(4096, folder + "/f");
   processor_->addSavingsForPath(0, folder + "/f");
@@ -150,7 +153,7 @@ TEST_F(HistoryProcessorTest, TwoFolderNoticesInQuickSuccessionGiveOneSaveAfterTh
 
 TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   std::string folder = shm_.make("burst");
-  testing::writeFile(folder + "/f", "x");
+  testkit::writeFile(folder + "/f", "x");
   add(folder);
   advance(0.2);
   const uint64_t before = KRHelperUtil::persistentStoreCoordinator()->transactionCount();

@@ -12,7 +12,7 @@
 
 #include "helper/growl_bridge.h"
 
-namespace zephlore::testing {
+namespace zephlore::testkit {
 
 class RecordingSender : public NoticeSender {
  public:
@@ -54,4 +54,4 @@ class ShmFolder {
   std::string path_;
 };
 
-}  // namespace zephlore::testing
+}  // namespace zephlore::testkit

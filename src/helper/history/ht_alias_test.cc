@@ -10,7 +10,7 @@ namespace zephlore {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ShmFolder;
+using testkit::ShmFolder;
 
 TEST(HTAliasTest, FollowsAFolderRenamedInPlaceAndMovedWithinTheVolume) {
   ShmFolder root;

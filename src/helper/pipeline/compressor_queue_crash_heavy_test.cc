@@ -22,7 +22,9 @@
 #include "engine/file_content_reader.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hooked_env_for_tests.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "helper/file_in_process_watchdog.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/pipeline_test_support.h"
@@ -31,7 +33,7 @@
 namespace zephlore {
 namespace {
 
-using namespace testing;
+using namespace testkit;
 
 constexpr const char* kDirVariable = "ZEPHLORE_QUEUE_CRASH_DIR";
 constexpr const char* kRecoverOnlyVariable = "ZEPHLORE_QUEUE_CRASH_RECOVER_ONLY";

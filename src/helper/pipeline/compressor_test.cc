@@ -16,7 +16,9 @@
 
 #include "engine/extended_attributes_helper.h"
 #include "engine/file_content_reader.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "helper/file_in_process_watchdog.h"
 #include "helper/pipeline/pipeline_test_support.h"
 #include "platform/thread_priority.h"
@@ -24,9 +26,9 @@
 namespace zephlore {
 namespace {
 
-using testing::FixedLoad;
-using testing::NotificationRecorder;
-using testing::PostedNotification;
+using testkit::FixedLoad;
+using testkit::NotificationRecorder;
+using testkit::PostedNotification;
 
 class CompressorTest : public ::testing::Test {
  protected:
@@ -43,7 +45,7 @@ class CompressorTest : public ::testing::Test {
     std::vector<std::string> paths;
     for (int i = 0; i < count; ++i) {
       std::string path = dir / (prefix + std::to_string(i));
-      testing::writeFile(path, testing::compressibleData(8192, static_cast<uint32_t>(i)));
+      testkit::writeFile(path, testkit::compressibleData(8192, static_cast<uint32_t>(i)));
       paths.push_back(path);
     }
     return paths;
@@ -62,8 +64,8 @@ class CompressorTest : public ::testing::Test {
     loop.runUntilIdle();
   }
 
-  const std::string& home = testing::processTestHome();
-  testing::ScratchDir dir;
+  const std::string& home = testkit::processTestHome();
+  testkit::ScratchDir dir;
   ScopedManualClock clock;
   FixedLoad load{*clock};
   ScopedSystemLoadHandler useLoad{&load};
@@ -205,19 +207,19 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
 
 TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string noise = dir / "noise";
-  testing::writeFile(noise, testing::randomData(200000, 7));
+  testkit::writeFile(noise, testkit::randomData(200000, 7));
   const std::string linked = dir / "linked";
-  testing::writeFile(linked, testing::compressibleData(20000));
+  testkit::writeFile(linked, testkit::compressibleData(20000));
   ASSERT_EQ(link(linked.c_str(), (dir / "second-name").c_str()), 0);
   const std::string vanished = dir / "vanished";
-  testing::writeFile(vanished, testing::compressibleData(20000));
+  testkit::writeFile(vanished, testkit::compressibleData(20000));
   const std::string becameDirectory = dir / "became-directory";
-  testing::writeFile(becameDirectory, testing::compressibleData(20000));
+  testkit::writeFile(becameDirectory, testkit::compressibleData(20000));
   const std::string becameLink = dir / "became-link";
-  testing::writeFile(becameLink, testing::compressibleData(20000));
+  testkit::writeFile(becameLink, testkit::compressibleData(20000));
 
   const std::string beingWritten = dir / "being-written";
-  testing::writeFile(beingWritten, testing::compressibleData(20000));
+  testkit::writeFile(beingWritten, testkit::compressibleData(20000));
 
   compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink, beingWritten});
   // Another process has it open for writing (our own descriptors do not count).
@@ -255,8 +257,8 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
     EXPECT_NE(done[i].errorCode, 704) << done[i].path;
   }
   EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(linked));
-  EXPECT_EQ(testing::readFile(linked), testing::compressibleData(20000));
-  EXPECT_EQ(testing::readFile(beingWritten), testing::compressibleData(20000));
+  EXPECT_EQ(testkit::readFile(linked), testkit::compressibleData(20000));
+  EXPECT_EQ(testkit::readFile(beingWritten), testkit::compressibleData(20000));
   EXPECT_EQ(savings.load(), 0u);
 }
 
@@ -296,7 +298,7 @@ TEST_F(CompressorTest, UnwatchedFolderGives8000AndAnEmptiedQueueStillEndsWithCom
   dropped = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(dropped.size(), 4u);
   EXPECT_EQ(dropped[3].errorCode, 8000);
-  EXPECT_EQ(testing::readFile(files[0]), testing::compressibleData(8192, 0));
+  EXPECT_EQ(testkit::readFile(files[0]), testkit::compressibleData(8192, 0));
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "helper/growl_bridge.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/pipeline/system_load_handler.h"
@@ -15,11 +17,11 @@
 namespace zephlore {
 namespace {
 
-using testing::ScratchDir;
+using testkit::ScratchDir;
 
 void put(const std::string& path, const std::string& text) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  testing::writeFile(path, text);
+  testkit::writeFile(path, text);
 }
 
 class FakeTree {

@@ -18,7 +18,7 @@
 #include "base/notification_center.h"
 #include "helper/pipeline/system_load_handler.h"
 
-namespace zephlore::testing {
+namespace zephlore::testkit {
 
 // The helper chooses its data folder once per process, so every test of a
 // process shares one private home (data, settings, runtime files), made on
@@ -124,4 +124,4 @@ class NotificationRecorder {
   std::vector<PostedNotification> posted_;
 };
 
-}  // namespace zephlore::testing
+}  // namespace zephlore::testkit

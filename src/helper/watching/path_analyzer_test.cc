@@ -13,7 +13,10 @@
 #include <set>
 
 #include "engine/extended_attributes_helper.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
@@ -38,7 +41,7 @@ class ScratchDir {
   bool mounted_ = false;
 };
 
-void write(const std::string& path, size_t size) { testing::writeFile(path, std::string(size, 'z')); }
+void write(const std::string& path, size_t size) { testkit::writeFile(path, std::string(size, 'z')); }
 
 // Sets a directory's modification time, `ago` seconds before the clock's now.
 void touchDirectory(const std::string& path, Clock& clock, int64_t ago) {
@@ -110,7 +113,7 @@ class PathAnalyzerTest : public ::testing::Test {
     return queued;
   }
 
-  testing::TestHome home;
+  testkit::TestHome home;
   ScopedManualClock clock;
   ScratchDir dir;
   std::mutex mutex;

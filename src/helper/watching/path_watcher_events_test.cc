@@ -12,7 +12,10 @@
 #include <set>
 
 #include "helper/helper_defaults.h"
-#include "helper/test_support.h"
+#include "testing/child.h"
+#include "testing/files.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
@@ -115,7 +118,7 @@ class PathWatcherEventsTest : public ::testing::Test {
   }
 
   bool hold_analyses = false;
-  testing::TestHome home;
+  testkit::TestHome home;
   ScopedManualClock clock;
   TmpfsDir dir;
   std::mutex mutex;
@@ -157,7 +160,7 @@ TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNot
   // Our own rewriting of a file is not reported, so it starts no analysis.
   std::vector<std::string> started;
   const uint64_t watcher = KRPathAnalyzer::addAnalyzersCountObserver([&] { started.push_back("change"); });
-  testing::writeFile(folder() + "/b", std::string(6000, 'q'));
+  testkit::writeFile(folder() + "/b", std::string(6000, 'q'));
   settle();
   EXPECT_TRUE(started.empty());
   KRPathAnalyzer::removeAnalyzersCountObserver(watcher);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "engine/scratch_dir_for_tests.h"
+#include "testing/files.h"
+#include "testing/scratch_dir.h"
+#include "testing/test_home.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/pipeline_test_support.h"
 #include "helper/watching/path_watcher.h"
@@ -11,11 +13,11 @@ namespace zephlore {
 namespace {
 
 TEST(PathWatcherFoldersTest, FindsTheLongestWatchedPrefixOfCanonicalFolders) {
-  testing::ScratchDir dir;
+  testkit::ScratchDir dir;
   mkdir((dir / "a").c_str(), 0755);
   mkdir((dir / "a/b").c_str(), 0755);
   ASSERT_EQ(symlink((dir / "a").c_str(), (dir / "link").c_str()), 0);
-  testing::writeFile(dir / "a/b/file", "x");
+  testkit::writeFile(dir / "a/b/file", "x");
   ManualClock clock;
   RunLoop loop(clock);
   KRPathWatcher watcher(loop);
@@ -35,19 +37,19 @@ TEST(PathWatcherFoldersTest, FindsTheLongestWatchedPrefixOfCanonicalFolders) {
 }
 
 TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLater) {
-  testing::processTestHome();
-  testing::ScratchDir dir;
+  testkit::processTestHome();
+  testkit::ScratchDir dir;
   mkdir((dir / "kept").c_str(), 0755);
   mkdir((dir / "gone").c_str(), 0755);
-  testing::writeFile(dir / "kept/f", testing::compressibleData(8192));
-  testing::writeFile(dir / "gone/f", testing::compressibleData(8192));
+  testkit::writeFile(dir / "kept/f", testkit::compressibleData(8192));
+  testkit::writeFile(dir / "gone/f", testkit::compressibleData(8192));
   ScopedManualClock clock;
   RunLoop loop(*clock);
   KRPathWatcher watcher(loop);
   KRCompressor compressor(loop);
   ScopedCompressor useCompressor(&compressor);
   compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
-  testing::NotificationRecorder recorder(*clock);
+  testkit::NotificationRecorder recorder(*clock);
 
   watcher.setWatchPaths(std::vector<std::string>{dir / "kept", dir / "gone"});
   EXPECT_EQ(compressor.addFiles({dir / "kept/f", dir / "gone/f"}), 2u);
