@@ -117,9 +117,9 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   ASSERT_FALSE(bad.is_null()) << first.out;
   EXPECT_EQ(bad["outcome"], "skipped");
   EXPECT_EQ(bad["reason"], "unsafe_name");
-  EXPECT_EQ(r.files.size(), 9u);
+  EXPECT_EQ(r.files.size(), 10u);
   EXPECT_EQ(r.summary["files"]["compressed"], 2);
-  EXPECT_EQ(r.summary["files"]["skipped"], 7);
+  EXPECT_EQ(r.summary["files"]["skipped"], 8);
   EXPECT_EQ(r.summary["files"]["failed"], 0);
   EXPECT_EQ(r.summary["skipped_by_reason"]["not_compressible"], 1);
   EXPECT_EQ(r.summary["failed_files"].size(), 0u);
