@@ -23,8 +23,10 @@ using testkit::TestHome;
 
 class HelperUtilTest : public ::testing::Test {
  protected:
+  void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
     RunLoop::main().runUntilIdle();  // this thread is the main thread
+    KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
     KRUtil::applicationSupportFolder();
     path_ = KRHelperUtil::databasePath();
     ASSERT_FALSE(path_.empty());

@@ -25,8 +25,10 @@ using testkit::TestHome;
 
 class HistoryProcessorTest : public ::testing::Test {
  protected:
+  void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
     RunLoop::main().runUntilIdle();  // this thread is the main thread
+    KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
     KRUtil::applicationSupportFolder();
     KRHistoryProcessor::Hooks hooks;
     hooks.postSavingsChanged = [this] { posts_.push_back(clock_->now()); };

@@ -11,6 +11,7 @@
 #include <deque>
 #include <set>
 
+#include "base/shared_instance.h"
 #include "helper/helper_defaults.h"
 #include "testing/child.h"
 #include "testing/files.h"
@@ -119,6 +120,7 @@ class PathWatcherEventsTest : public ::testing::Test {
 
   bool hold_analyses = false;
   testkit::TestHome home;
+  ScopedShared<KRHelperDefaults> defaults;  // its domain file in this test's home
   ScopedManualClock clock;
   TmpfsDir dir;
   std::mutex mutex;
