@@ -12,6 +12,7 @@
 #include "helper/history/history_test_support.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -38,6 +39,7 @@ class HelperUtilTest : public ::testing::Test {
     return db.queryInt("PRAGMA user_version;", nullptr);
   }
 
+  testkit::ProcessManualClock clock_;  // before the main run loop is made
   TestHome home_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
   ScopedNoticeSender scoped_{sender_};

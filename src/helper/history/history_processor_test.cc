@@ -12,6 +12,7 @@
 #include "helper/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -46,7 +47,7 @@ class HistoryProcessorTest : public ::testing::Test {
   void remove(const std::string& path) { processor_->foldersChanged({}, {path}); }
   FolderList folders() { return processor_->folders().value_or(FolderList{}); }
 
-  ScopedManualClock clock_;  // before the main run loop is made
+  testkit::ProcessManualClock clock_;  // before the main run loop is made
   TestHome home_;
   ShmFolder shm_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();

@@ -15,6 +15,7 @@
 #include "engine/extended_attributes_helper.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -114,7 +115,7 @@ class PathAnalyzerTest : public ::testing::Test {
   }
 
   testkit::TestHome home;
-  ScopedManualClock clock;
+  testkit::ProcessManualClock clock;
   ScratchDir dir;
   std::mutex mutex;
   std::condition_variable changed;

@@ -15,6 +15,7 @@
 #include "helper/helper_defaults.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -121,7 +122,7 @@ class PathWatcherEventsTest : public ::testing::Test {
   bool hold_analyses = false;
   testkit::TestHome home;
   ScopedShared<KRHelperDefaults> defaults;  // its domain file in this test's home
-  ScopedManualClock clock;
+  testkit::ProcessManualClock clock;
   TmpfsDir dir;
   std::mutex mutex;
   std::set<std::string> compressed;
