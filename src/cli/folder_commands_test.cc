@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/shared_instance.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"
 #include "helper/notification_names.h"
@@ -100,7 +101,8 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
 
   // Its own version changes nothing: the folder notice after it is still
   // handled by the same process.
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
+  DistributedNotificationCenter& center = *fresh_center;
   RunLoop loop;
   bool saved = false;
   auto observer = center.addObserver(kSavingsChangedNotification,

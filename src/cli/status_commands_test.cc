@@ -6,6 +6,7 @@
 #include <thread>
 #include <nlohmann/json.hpp>
 
+#include "base/shared_instance.h"
 #include "desktop/helper_status_names.h"
 #include "desktop/helper_status_service.h"
 #include "helper/distributed_notification_center.h"
@@ -71,7 +72,8 @@ class LiveStatus : public ::testing::Test {
 
   TestHome home;
   TestSessionBus bus{home.root()};
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
+  DistributedNotificationCenter& center = *fresh_center;
   RunLoop loop;
   KRHelperStatusService service{center.connection(), loop};
 };
