@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/private_tmpfs.h"
 #include "testing/scoped_env.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
@@ -31,26 +31,6 @@ ProcessResult zephlore(std::vector<std::string> args) {
   args.insert(args.begin(), kBin + "zephlore");
   return runProcess(args);
 }
-
-// A tmpfs of the test's own under /tmp: it holds the compressed form's
-// attributes, and unlike /dev/shm no exclusion rule keeps it out.
-class WatchedTmpfs {
- public:
-  WatchedTmpfs() : path_("/tmp/zephlore-e2e-XXXXXX") {
-    if (!mkdtemp(path_.data())) return;
-    mounted_ = mount("zephlore-e2e", path_.c_str(), "tmpfs", 0, "size=256m") == 0;
-  }
-  ~WatchedTmpfs() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-    rmdir(path_.c_str());
-  }
-  bool mounted() const { return mounted_; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  bool mounted_ = false;
-};
 
 // Blocks until `pid` has ended, at most `ms`; false on timeout.
 bool waitForExit(pid_t pid, int ms) {
@@ -103,7 +83,7 @@ class HelperEndToEnd : public ::testing::Test {
         20'000);
   }
 
-  WatchedTmpfs folder_;
+  testkit::PrivateTmpfs folder_;
   testkit::TestHome home_;
   testkit::TestSessionBus bus_{home_.root()};
   testkit::ScopedEnvVar speed_{"ZEPHLORE_CLOCK_SPEED", std::string("1000")};
