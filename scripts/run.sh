@@ -24,11 +24,7 @@ fi
 
 if [ $# -gt 0 ]; then
   # Once the helper owns its bus name, hand it the folders and let it work.
-  (for _ in $(seq 50); do
-     gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
-       --method org.freedesktop.DBus.NameHasOwner com.quorvane.ZephloreHelper 2>/dev/null | grep -q true && break
-     sleep 0.2
-   done
+  (gdbus wait --session --timeout 30 com.quorvane.ZephloreHelper &&
    build/bin/zephlore add "$@" && build/bin/zephlore activate) &
 fi
 

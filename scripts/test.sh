@@ -16,7 +16,7 @@ ctest --test-dir build --output-on-failure -j "$jobs"
 echo "== each test binary in one process"
 for suite in build/bin/*_tests; do
   echo "-- $suite"
-  "$suite" --gtest_brief=1
+  "$suite" --gtest_brief=1 --gtest_filter='-*Heavy*'  # the heavy suites ran above
 done
 
 echo "== ASan + UBSan"

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <climits>
 #include <cstring>
 #include <fstream>
@@ -37,11 +38,43 @@ std::string entryTemplate() {
   return in ? text.str() : kBuiltInEntry;
 }
 
+// A user entry that switches off the system's own entry of the same name.
+constexpr const char* kMaskingEntry =
+    "[Desktop Entry]\n"
+    "Type=Application\n"
+    "Name=Zephlore Helper\n"
+    "Hidden=true\n";
+
+std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// The package's entry for every user ($XDG_CONFIG_DIRS, default /etc/xdg).
+bool systemEntryInstalled() {
+  const char* dirs = getenv("XDG_CONFIG_DIRS");
+  std::string list = dirs && *dirs ? dirs : "/etc/xdg";
+  std::istringstream folders(list);
+  std::string folder;
+  while (std::getline(folders, folder, ':')) {
+    if (!folder.empty() && access((folder + "/autostart/" + kEntryName).c_str(), F_OK) == 0) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::string autostartEntryPath() { return configHome() + "/autostart/" + kEntryName; }
 
-bool autostartEntryInstalled() { return access(autostartEntryPath().c_str(), F_OK) == 0; }
+bool autostartEntryInstalled() {
+  // A user entry overrides the system one; Hidden=true switches it off.
+  if (access(autostartEntryPath().c_str(), F_OK) == 0) {
+    return fileText(autostartEntryPath()).find("Hidden=true") == std::string::npos;
+  }
+  return systemEntryInstalled();
+}
 
 std::string helperExecutablePath() {
   char self[PATH_MAX];
@@ -97,6 +130,16 @@ bool installAutostartEntry(std::string* problem) {
 
 bool removeAutostartEntry(std::string* problem) {
   std::string path = autostartEntryPath();
+  // With the package's entry for every user, only a masking entry of the
+  // user's own stops the start at login.
+  if (systemEntryInstalled()) {
+    std::string folder = path.substr(0, path.rfind('/'));
+    if (!makeFolders(folder)) {
+      if (problem) *problem = "cannot create the folder " + folder;
+      return false;
+    }
+    return writeFileAtomically(path, kMaskingEntry, problem);
+  }
   if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
   if (problem) *problem = "cannot remove " + path + ": " + std::strerror(errno);
   return false;

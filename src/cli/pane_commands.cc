@@ -98,7 +98,9 @@ void showSettings() {
             << "  visible       " << yesNo(defaults.visible())
             << "   (zephlore show-icon / hide-icon)\n"
             << "  runAtLogin    " << yesNo(defaults.autorunAtLogin())
-            << "   (zephlore login on / off)\n"
+            << (defaults.autorunAtLogin() && !autostartEntryInstalled()
+                    ? "   (but no autostart entry: run zephlore login on)\n"
+                    : "   (zephlore login on / off)\n")
             << "  checkUpdates  " << yesNo(defaults.checkForUpdates())
             << "   (zephlore updates on / off)\n"
             << "  transparentView " << yesNo(defaults.transparentView())
@@ -116,7 +118,9 @@ void showSettings() {
             << "\n"
             << "  shouldRelaunchPrefs    " << yesNo(own.shouldRelaunchPrefs()) << "\n"
             << "  useSeamlessFileSwitch  " << yesNo(own.useSeamlessFileSwitch())
-            << "   (set by hand in that file)\n";
+            << (access(own.domainFileName().c_str(), F_OK) == 0
+                    ? "   (set by hand in that file)\n"
+                    : "   (the default; that file does not exist yet, it may be made by hand)\n");
 
   printList("Excluded paths (zephlore exclude)", KRUtil::pathToExclusionPathsFile());
   printList("Excluded extensions (zephlore exclude-ext)", KRUtil::pathToExclusionExtensionsFile());

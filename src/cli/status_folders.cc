@@ -1,12 +1,24 @@
 #include "cli/status_folders.h"
 
+#include "helper/history/helper_util.h"
+#include "helper/history/history_store.h"
+
 namespace zephlore::cli {
 
-// Reads the history database once the history store is part of the command;
-// until then the status shows the helper's live values only.
+// Read-only, as `folders` reads it: the helper may be writing at the same time.
 std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(std::string* problem) {
-  if (problem) *problem = "the history database is not read by this build";
-  return std::nullopt;
+  const std::string path = KRHelperUtil::databasePath();
+  std::vector<HistoryRecord> records;
+  Error error;
+  if (path.empty() || !HistoryStore::readRecords(path, &records, &error)) {
+    if (problem) *problem = path.empty() ? "no data folder" : error.message;
+    return std::nullopt;
+  }
+  std::vector<StatusFolder> folders;
+  for (const HistoryRecord& record : records) {
+    if (record.enabled) folders.push_back({record.folder, record.savings});
+  }
+  return folders;
 }
 
 }  // namespace zephlore::cli

@@ -1,6 +1,6 @@
 // Finds the helper's resource files ("ExclusionRules.plist", the autostart
-// entry, ...) in the source tree when run from a build, or where they are
-// installed.
+// entry, ...): in the checkout for a program of the build tree, else in
+// ../share/zephlore beside the executable, else in the install prefix.
 #pragma once
 
 #include <string>

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
 
 extern char** environ;
@@ -78,10 +79,21 @@ int Child::finish() {
 }
 
 // Waits for output on either pipe; false once both are closed.
-bool Child::pump() {
+bool Child::waitForOutput(const std::function<bool(const std::string&)>& done, int limit_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
+  while (!done(out_text_)) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) return done(out_text_);
+  }
+  return true;
+}
+
+bool Child::pump(int timeout_ms) {
   if (out_ < 0 && err_ < 0) return false;
   pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-  if (poll(fds, 2, -1) < 0) return errno == EINTR;
+  const int ready = poll(fds, 2, timeout_ms);
+  if (ready < 0) return errno == EINTR;
+  if (ready == 0) return true;  // nothing yet; the caller checks its deadline
   readFrom(out_, out_text_, fds[0].revents);
   readFrom(err_, err_text_, fds[1].revents);
   return out_ >= 0 || err_ >= 0;

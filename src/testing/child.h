@@ -27,11 +27,14 @@ class Child {
 
   // Reads until stdout holds a complete line; false at end of output.
   bool waitForLine();
+  // Reads until `done(stdout so far)` holds; false at end of output or when
+  // `limit_ms` pass without it.
+  bool waitForOutput(const std::function<bool(const std::string&)>& done, int limit_ms);
   // Reads everything and returns the exit status (128 + signal if killed).
   int finish();
 
  private:
-  bool pump();
+  bool pump(int timeout_ms = -1);
 
   pid_t pid_ = -1;
   int out_ = -1, err_ = -1;
