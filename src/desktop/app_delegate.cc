@@ -203,7 +203,9 @@ void KRAppDelegate::checkOwnVersion(const Notification& notification) {
   KRLog("ZephloreHelper: version %s announced (this is %s), relaunching", version->c_str(), ownVersion_.c_str());
   if (!KRUpdater::sharedUpdater().relaunch()) return;
   // The new copy must find the name free, not queue behind this one.
-  DistributedNotificationCenter::defaultCenter().releaseNames();
+  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
+  bus.releaseNames();
+  bus.releaseName(kHelperBusName);
   terminate();
 }
 

@@ -317,6 +317,12 @@ void DistributedNotificationCenter::releaseNames() {
   });
 }
 
+void DistributedNotificationCenter::releaseName(const std::string& busName) {
+  if (GVariant* reply = callBus("ReleaseName", g_variant_new("(s)", busName.c_str()), "(u)", true)) {
+    g_variant_unref(reply);
+  }
+}
+
 GVariant* DistributedNotificationCenter::callBus(const char* method, GVariant* parameters,
                                                  const char* replyType, bool quietIfNoOwner) {
   if (!isConnected()) {

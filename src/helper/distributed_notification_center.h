@@ -87,6 +87,9 @@ class DistributedNotificationCenter {
   // Gives every owned name back and returns once the bus has done so, so
   // that a copy started next is not queued behind this one.
   void releaseNames();
+  // Gives back `busName` however this connection came to own it (also by a
+  // plain RequestName) and returns once the bus has done so.
+  void releaseName(const std::string& busName);
   // How many connections own or wait for `busName`, this one included once
   // ownName() was called: the number of running copies. -1 without a bus.
   int queuedOwnerCount(const std::string& busName);

@@ -13,6 +13,7 @@
 #include <set>
 
 #include "engine/extended_attributes_helper.h"
+#include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"
@@ -22,25 +23,7 @@
 namespace zephlore {
 namespace {
 
-// A tmpfs of its own: it holds the attributes the compressed form needs, and
-// unlike /dev/shm it is not under a folder the exclusion rules keep out.
-class ScratchDir {
- public:
-  ScratchDir() : path_("/tmp/zephlore-analyzer-XXXXXX") {
-    mkdtemp(path_.data());
-    mounted_ = mount("zephlore-test", path_.c_str(), "tmpfs", 0, "size=64m") == 0;
-  }
-  ~ScratchDir() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-    rmdir(path_.c_str());
-  }
-  bool mounted() const { return mounted_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-  bool mounted_ = false;
-};
+using AnalyzerTmpfs = testkit::PrivateTmpfs;  // outside the excluded /dev
 
 void write(const std::string& path, size_t size) { testkit::writeFile(path, std::string(size, 'z')); }
 
@@ -116,7 +99,7 @@ class PathAnalyzerTest : public ::testing::Test {
 
   testkit::TestHome home;
   testkit::ProcessManualClock clock;
-  ScratchDir dir;
+  AnalyzerTmpfs dir;
   std::mutex mutex;
   std::condition_variable changed;
   std::set<std::string> queued;

@@ -13,6 +13,7 @@
 
 #include "base/shared_instance.h"
 #include "helper/helper_defaults.h"
+#include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"
@@ -22,23 +23,7 @@
 namespace zephlore {
 namespace {
 
-class TmpfsDir {
- public:
-  TmpfsDir() : path_("/tmp/zephlore-watcher-XXXXXX") {
-    mkdtemp(path_.data());
-    mounted_ = mount("zephlore-test", path_.c_str(), "tmpfs", 0, "size=256m") == 0;
-  }
-  ~TmpfsDir() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-    rmdir(path_.c_str());
-  }
-  bool mounted() const { return mounted_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-  bool mounted_ = false;
-};
+using TmpfsDir = testkit::PrivateTmpfs;  // outside the excluded /dev
 
 void shell(const std::string& command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
 
