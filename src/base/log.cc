@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 namespace zephlore {
@@ -54,7 +55,8 @@ void KRLog(const char* format, ...) {
       g_syslog_open = true;
     }
     syslog(LOG_NOTICE, "%s", line.c_str());
-    if (!isatty(STDERR_FILENO)) return;
+    // The journal takes standard error of a service (JOURNAL_STREAM is set).
+    if (!isatty(STDERR_FILENO) && !getenv("JOURNAL_STREAM")) return;
   }
   fprintf(stderr, "%s\n", line.c_str());
 }

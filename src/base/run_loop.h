@@ -85,6 +85,9 @@ class RunLoop {
   size_t pendingCalls() const;
 
   bool isLoopThread() const;
+  // Makes the calling thread the loop's own before it first runs, so that
+  // start-up work there may hop to the loop (it then runs in place).
+  void bindThread();
   Clock& clock() const { return clock_; }
 
  private:
@@ -109,7 +112,6 @@ class RunLoop {
   int pollOnce(bool may_block, std::optional<TimePoint> until = std::nullopt);
   void runLoop(const std::function<bool()>& done, std::optional<TimePoint> until);
   void wake();
-  void bindThread();
 
   Clock& clock_;
   UniqueFd wake_fd_;

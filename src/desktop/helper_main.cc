@@ -55,6 +55,7 @@ int main() {
   installClockSpeedFromEnvironment();
 
   RunLoop& loop = RunLoop::main();
+  loop.bindThread();  // start-up runs on the loop's own thread
   const int signal_fd = watchQuitSignals(loop);
   if (signal_fd < 0) {
     KRLog("*** ZephloreHelper: cannot watch for quit signals: %s", strerror(errno));
