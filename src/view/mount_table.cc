@@ -15,24 +15,6 @@
 extern char** environ;
 
 namespace zephlore::view {
-namespace {
-
-// Undoes the mount table's octal escapes ("\040" for a space).
-std::string unescape(const std::string& field) {
-  std::string out;
-  for (size_t i = 0; i < field.size(); ++i) {
-    if (field[i] == '\\' && i + 3 < field.size()) {
-      out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-      i += 3;
-    } else {
-      out += field[i];
-    }
-  }
-  return out;
-}
-
-}  // namespace
-
 std::string absolutePath(const std::string& path) {
   std::string full = path;
   if (full.empty() || full[0] != '/') {
@@ -66,7 +48,7 @@ bool isViewMounted(const std::string& mountPoint) {
     std::istringstream tail(line.substr(dash + 3));
     std::string type;
     tail >> type;
-    if (type == kViewFileSystemType && unescape(point) == mountPoint) return true;
+    if (type == kViewFileSystemType && unescapeMountField(point) == mountPoint) return true;
   }
   return false;
 }
@@ -99,6 +81,19 @@ bool unmountView(const std::string& mountPoint, bool lazy, Error* error) {
                 "fusermount3 could not unmount " + mountPoint + (lazy ? "" : " (is a file in it still open?)"));
   }
   return true;
+}
+
+std::string unescapeMountField(const std::string& field) {
+  std::string out;
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size()) {
+      out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+      i += 3;
+    } else {
+      out += field[i];
+    }
+  }
+  return out;
 }
 
 }  // namespace zephlore::view

@@ -13,19 +13,6 @@
 namespace zephlore::view {
 namespace {
 
-std::string unescapeMountField(const std::string& field) {
-  std::string out;
-  for (size_t i = 0; i < field.size(); ++i) {
-    if (field[i] == '\\' && i + 3 < field.size()) {
-      out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-      i += 3;
-    } else {
-      out += field[i];
-    }
-  }
-  return out;
-}
-
 bool isWithin(const std::string& path, const std::string& mountPoint) {
   if (mountPoint == "/") return true;
   return path.compare(0, mountPoint.size(), mountPoint) == 0 &&
