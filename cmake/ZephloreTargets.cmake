@@ -30,5 +30,11 @@ function(zephlore_tests name dir)
     ZEPHLORE_BINARY_DIR="${CMAKE_BINARY_DIR}")
   # Each test in its own process under ctest; the binary also passes when run
   # directly, all tests in one process (scripts/test.sh does both).
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+  # A directory whose tests share something only one may use at a time (the
+  # helper allows one copy per user) names it in ZEPHLORE_TESTS_RESOURCE_LOCK.
+  set(properties TIMEOUT 300)
+  if(ZEPHLORE_TESTS_RESOURCE_LOCK)
+    list(APPEND properties RESOURCE_LOCK ${ZEPHLORE_TESTS_RESOURCE_LOCK})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${properties})
 endfunction()

@@ -125,8 +125,9 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
   EXPECT_NE(second, 0);
   EXPECT_NE(second, first);
   // The new copy has the history the old one saved.
-  nlohmann::json json = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
-  EXPECT_EQ(json["folders"].size(), 2u);
+  ProcessResult shown = zephlore({"folders", "--json"});
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  EXPECT_EQ(nlohmann::json::parse(shown.out)["folders"].size(), 2u);
 }
 
 }  // namespace

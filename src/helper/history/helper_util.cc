@@ -59,6 +59,7 @@ bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path) {
   sqlite3* db = nullptr;
   int rc = sqlite3_open(path.c_str(), &db);
   if (rc == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 5000);  // a reader's lock is not damage
     sqlite3_stmt* statement = nullptr;
     rc = sqlite3_prepare_v2(db, "PRAGMA integrity_check;", -1, &statement, nullptr);
     sqlite3_step(statement);

@@ -1,6 +1,9 @@
 #include "helper/history/sqlite_handle.h"
 
 namespace zephlore {
+namespace {
+constexpr int kBusyTimeoutMs = 5000;
+}  // namespace
 
 SqliteConnection::~SqliteConnection() {
   if (db_) sqlite3_close_v2(db_);
@@ -24,6 +27,10 @@ bool SqliteConnection::open(const std::string& path, int flags, std::string* pro
     return false;
   }
   sqlite3_extended_result_codes(db, 1);
+  // Another process may hold the file a moment (a helper starting up
+  // recovers the write-ahead log under an exclusive lock); wait for it
+  // instead of failing a read that would succeed an instant later.
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
   if (db_) sqlite3_close_v2(db_);
   db_ = db;
   return true;
