@@ -1,7 +1,6 @@
 #include "desktop/helper_status_service.h"
 
 #include <cstring>
-#include <future>
 
 #include "base/log.h"
 #include "desktop/helper_status_names.h"
@@ -52,13 +51,7 @@ GVariant* toVariant(const std::string& v) { return textVariant(v); }
 KRHelperStatusService::KRHelperStatusService(GDBusConnection* connection, RunLoop& loop) : loop_(loop) {
   if (!connection) return;
   connection_ = G_DBUS_CONNECTION(g_object_ref(connection));
-  context_ = g_main_context_new();
-  glib_loop_ = g_main_loop_new(context_, FALSE);
-  thread_ = std::thread([this] {
-    g_main_context_push_thread_default(context_);
-    g_main_loop_run(glib_loop_);
-    g_main_context_pop_thread_default(context_);
-  });
+  glib_ = std::make_unique<GlibThread>();
   // Registered from our thread, so that its calls are served there.
   runOnThread([this] {
     static const GDBusInterfaceVTable vtable = {onMethodCall, onGetProperty, nullptr, {}};
@@ -77,32 +70,12 @@ KRHelperStatusService::~KRHelperStatusService() {
   runOnThread([this] {
     if (registration_) g_dbus_connection_unregister_object(connection_, registration_);
     registration_ = 0;
-    while (g_main_context_pending(context_)) g_main_context_iteration(context_, FALSE);
   });
-  g_main_loop_quit(glib_loop_);
-  thread_.join();
-  g_main_loop_unref(glib_loop_);
-  g_main_context_unref(context_);
+  glib_.reset();  // lets the sources the unregistering queued run, then ends
   g_object_unref(connection_);
 }
 
-void KRHelperStatusService::runOnThread(const std::function<void()>& fn) {
-  struct Task {
-    const std::function<void()>* fn;
-    std::promise<void> done;
-  } task{&fn, {}};
-  std::future<void> done = task.done.get_future();
-  g_main_context_invoke(
-      context_,
-      [](gpointer data) -> gboolean {
-        auto* t = static_cast<Task*>(data);
-        (*t->fn)();
-        t->done.set_value();
-        return G_SOURCE_REMOVE;
-      },
-      &task);
-  done.wait();
-}
+void KRHelperStatusService::runOnThread(const std::function<void()>& fn) { glib_->run(fn); }
 
 template <typename T>
 void KRHelperStatusService::change(T HelperStatus::*field, const T& value, const char* property) {

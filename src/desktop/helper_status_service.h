@@ -12,11 +12,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "base/run_loop.h"
+#include "helper/glib_thread.h"
 
 namespace zephlore {
 
@@ -68,9 +69,7 @@ class KRHelperStatusService {
 
   GDBusConnection* connection_ = nullptr;
   RunLoop& loop_;
-  GMainContext* context_ = nullptr;
-  GMainLoop* glib_loop_ = nullptr;
-  std::thread thread_;
+  std::unique_ptr<GlibThread> glib_;  // serves the object's calls
   guint registration_ = 0;
 
   mutable std::mutex mutex_;  // guards the values and the handlers

@@ -24,7 +24,7 @@ bool sessionBusKnown() {
 
 }  // namespace
 
-LibnotifySender::LibnotifySender() : thread_(std::make_unique<GlibTaskThread>()) {}
+LibnotifySender::LibnotifySender() : thread_(std::make_unique<GlibThread>()) {}
 
 LibnotifySender::~LibnotifySender() {
   thread_->post([] {
@@ -37,7 +37,9 @@ void LibnotifySender::send(const Notice& notice) {
   thread_->post([notice] { show(notice); });
 }
 
-void LibnotifySender::flush() { thread_->flush(); }
+void LibnotifySender::flush() {
+  thread_->run([] {});
+}
 
 void LibnotifySender::show(const Notice& notice) {
   if (!sessionBusKnown()) {

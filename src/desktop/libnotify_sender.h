@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "desktop/glib_task_thread.h"
+#include "helper/glib_thread.h"
 #include "helper/growl_bridge.h"
 
 namespace zephlore {
@@ -27,7 +27,7 @@ class LibnotifySender : public NoticeSender {
  private:
   static void show(const Notice& notice);
 
-  std::unique_ptr<GlibTaskThread> thread_;
+  std::unique_ptr<GlibThread> thread_;
 };
 
 }  // namespace zephlore

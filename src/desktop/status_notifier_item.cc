@@ -64,13 +64,13 @@ KRStatusNotifierItem::KRStatusNotifierItem(RunLoop& mainLoop, std::function<void
       togglePause_(std::move(togglePause)),
       showHistory_(std::move(showHistory)),
       iconThemePath_(iconFolder()),
-      thread_(std::make_unique<DesktopGlibThread>(true)) {
-  thread_->invokeAndWait([this] { startOnBusThread(); });
+      thread_(std::make_unique<GlibThread>(GlibThread::Context::kGlobalDefault)) {
+  thread_->run([this] { startOnBusThread(); });
 }
 
 KRStatusNotifierItem::~KRStatusNotifierItem() {
-  thread_->invokeAndWait([this] { stopOnBusThread(); });
-  thread_.reset();
+  thread_->run([this] { stopOnBusThread(); });
+  thread_.reset();  // runs what is still queued first
   if (connection_) g_object_unref(connection_);
 }
 
@@ -210,7 +210,7 @@ GVariant* KRStatusNotifierItem::onGetProperty(GDBusConnection*, const gchar*, co
 }
 
 void KRStatusNotifierItem::show(const KRStatusMenu& menu, const std::string& iconName, const std::string& toolTip) {
-  thread_->invoke([this, menu, iconName, toolTip] {
+  thread_->post([this, menu, iconName, toolTip] {
     visible_ = true;
     iconName_ = iconName;
     toolTip_ = toolTip;
@@ -223,25 +223,25 @@ void KRStatusNotifierItem::show(const KRStatusMenu& menu, const std::string& ico
 
 void KRStatusNotifierItem::hide() {
   // A passive item is left out of the tray; the menu stays as it is.
-  thread_->invoke([this] {
+  thread_->post([this] {
     visible_ = false;
     emit("NewStatus");
   });
 }
 
 void KRStatusNotifierItem::setIcon(const std::string& iconName) {
-  thread_->invoke([this, iconName] {
+  thread_->post([this, iconName] {
     iconName_ = iconName;
     emit("NewIcon");
   });
 }
 
 void KRStatusNotifierItem::setMenu(const KRStatusMenu& menu) {
-  thread_->invoke([this, menu] { applyMenuOnBusThread(menu); });
+  thread_->post([this, menu] { applyMenuOnBusThread(menu); });
 }
 
 void KRStatusNotifierItem::sync() {
-  thread_->invokeAndWait([] {});
+  thread_->run([] {});
 }
 
 }  // namespace zephlore

@@ -15,7 +15,7 @@
 #include <string>
 
 #include "base/run_loop.h"
-#include "desktop/desktop_glib_thread.h"
+#include "helper/glib_thread.h"
 #include "desktop/menu_bar_controller.h"
 
 typedef struct _DbusmenuServer DbusmenuServer;
@@ -85,7 +85,7 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   std::string toolTip_ = "Zephlore Menu";
 
   // Last: it ends (running what is queued) before the rest goes.
-  std::unique_ptr<DesktopGlibThread> thread_;
+  std::unique_ptr<GlibThread> thread_;
 };
 
 }  // namespace zephlore

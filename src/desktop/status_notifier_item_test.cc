@@ -32,7 +32,7 @@ constexpr const char* kWatcherXml = R"xml(
 class FakeTrayWatcher {
  public:
   explicit FakeTrayWatcher(const std::string& address) {
-    thread_.invokeAndWait([&] {
+    thread_.run([&] {
       connection_ = g_dbus_connection_new_for_address_sync(
           address.c_str(),
           static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
@@ -56,7 +56,7 @@ class FakeTrayWatcher {
     g_variant_unref(reply);
   }
   ~FakeTrayWatcher() {
-    thread_.invokeAndWait([&] {
+    thread_.run([&] {
       g_dbus_connection_close_sync(connection_, nullptr, nullptr);
       g_object_unref(connection_);
       g_dbus_node_info_unref(node_);
@@ -89,7 +89,7 @@ class FakeTrayWatcher {
     changed_.notify_all();
   }
 
-  DesktopGlibThread thread_;
+  GlibThread thread_;
   GDBusConnection* connection_ = nullptr;
   GDBusNodeInfo* node_ = nullptr;
   std::mutex mutex_;

@@ -14,13 +14,20 @@ extern "C" const char* __tsan_default_suppressions() {
 
 namespace zephlore {
 
-GlibThread::GlibThread()
-    : context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)) {
-  thread_ = std::thread([this] {
+GlibThread::GlibThread(Context context)
+    : context_(context == Context::kGlobalDefault ? g_main_context_ref(g_main_context_default())
+                                                  : g_main_context_new()),
+      loop_(g_main_loop_new(context_, FALSE)) {
+  std::promise<void> owned;
+  std::future<void> ready = owned.get_future();
+  thread_ = std::thread([this, &owned] {
+    // Pushing acquires the context; the thread keeps it until the pop.
     g_main_context_push_thread_default(context_);
+    owned.set_value();
     g_main_loop_run(loop_);
     g_main_context_pop_thread_default(context_);
   });
+  ready.wait();
 }
 
 GlibThread::~GlibThread() {

@@ -1,8 +1,9 @@
-// A thread that runs a GLib main loop on a main context of its own, for the
-// parts that talk to the desktop through GLib (the session bus, desktop
-// notices, the status item). Sources attached to context() and callbacks of
-// objects made on this thread run there; other threads hand it work with
-// post() or run().
+// A thread that runs a GLib main loop, for the parts that talk to the desktop
+// through GLib (the session bus, desktop notices, the status object and the
+// tray item). Sources attached to context() and callbacks of objects made on
+// this thread run there; other threads hand it work with post() or run().
+// Each part that may block on a peer (a notification server that does not
+// answer) has a thread of its own, so it cannot hold up the others.
 #pragma once
 
 #include <gio/gio.h>
@@ -19,9 +20,18 @@ namespace zephlore {
 
 class GlibThread {
  public:
-  // Starts the thread; its context is the thread-default one there, so GIO
-  // objects made on it deliver their signals on it.
-  GlibThread();
+  enum class Context {
+    kOwn,
+    // GLib's global default context. libdbusmenu queues its work there, so
+    // the thread serving a menu must run it; only one thread may.
+    kGlobalDefault,
+  };
+
+  // Starts the thread and returns once it owns its context, which is the
+  // thread-default one there, so GIO objects made on it deliver their
+  // signals on it. Until then nobody else may take the context: GLib lets a
+  // thread whose default context is free run "invoked" work itself.
+  explicit GlibThread(Context context = Context::kOwn);
   // stop().
   ~GlibThread();
   GlibThread(const GlibThread&) = delete;
