@@ -54,6 +54,9 @@ bool waitForExit(pid_t pid, int ms) {
 
 class FolderCommandsTest : public ::testing::Test {
  protected:
+  // The helper started here mounts no views: they would outlive it.
+  void SetUp() override { ASSERT_EQ(zephlore({"view-off"}).status, 0); }
+
   ~FolderCommandsTest() override {
     if (pid_t pid = helperPid()) {
       kill(pid, SIGTERM);

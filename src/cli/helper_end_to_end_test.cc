@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -83,6 +84,8 @@ class HelperEndToEnd : public ::testing::Test {
 };
 
 TEST_F(HelperEndToEnd, AFileSavedIntoAWatchedFolderIsCompressedCountedAndSurvivesQuitAndCrash) {
+  // The stored form itself is checked here; views have their own test.
+  ASSERT_EQ(zephlore({"view-off"}).status, 0);
   ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
   const std::string watched = folder_.path() + "/Documents";
   ASSERT_EQ(mkdir(watched.c_str(), 0755), 0);
@@ -134,6 +137,51 @@ TEST_F(HelperEndToEnd, AFileSavedIntoAWatchedFolderIsCompressedCountedAndSurvive
   folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
   EXPECT_GT(folders["totalSavings"].get<uint64_t>(), saved) << "the second file's savings were saved";
   EXPECT_EQ(zephlore({"cat", watched + "/second.txt"}).out, testkit::compressibleData(200'000, 2));
+}
+
+TEST_F(HelperEndToEnd, WithViewsADocumentCompressedByTheHelperReadsInFullThroughItsOwnPath) {
+  if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
+  ASSERT_EQ(zephlore({"view-on"}).status, 0);
+  ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+  const std::string watched = folder_.path() + "/Documents";
+  ASSERT_EQ(mkdir(watched.c_str(), 0755), 0);
+  ASSERT_EQ(zephlore({"add", watched}).status, 0);
+  nlohmann::json status = statusJson();
+  ASSERT_EQ(status["views"].size(), 1u) << status.dump() << helper_->err();
+  EXPECT_EQ(status["views"][0], watched + ": full content through its view");
+
+  // Saved through the folder's usual path, which the view now covers.
+  const std::string original = testkit::compressibleData(300'000, 3);
+  testkit::writeFile(watched + "/report.txt", original);
+  if (!waitForSavingsAbove(0)) {
+    kill(helper_->pid(), SIGTERM);
+    helper_->finish();
+    runProcess({kBin + "zephlore", "unmount", "-z", watched});
+    FAIL() << "no savings counted; helper:\n" << helper_->err();
+  }
+  // Any program reads it at full content, by its usual path.
+  EXPECT_EQ(testkit::readFile(watched + "/report.txt"), original);
+  struct stat st;
+  ASSERT_EQ(stat((watched + "/report.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, static_cast<off_t>(original.size()));
+
+  // No longer watched: the view stays while a file in it is compressed.
+  ASSERT_EQ(zephlore({"remove", watched}).status, 0);
+  status = statusJson();
+  ASSERT_EQ(status["views"].size(), 1u) << status.dump();
+  EXPECT_NE(status["views"][0].get<std::string>().find("report.txt is compressed"), std::string::npos)
+      << status.dump();
+  ASSERT_EQ(zephlore({"quit"}).status, 0);
+  ASSERT_TRUE(waitForExit(helper_->pid(), 10'000));
+  EXPECT_EQ(helper_->finish(), 0) << helper_->err();
+
+  // The view outlives the helper; decompressing works beneath it, and then
+  // the view can go, leaving the plain file.
+  ProcessResult expanded = zephlore({"decompress", "-r", watched});
+  EXPECT_EQ(expanded.status, 0) << expanded.out << expanded.err;
+  ProcessResult unmounted = zephlore({"unmount", watched});
+  ASSERT_EQ(unmounted.status, 0) << unmounted.err;
+  EXPECT_EQ(testkit::readFile(watched + "/report.txt"), original);
 }
 
 TEST_F(HelperEndToEnd, TwoHelpersStartedTogetherLeaveOne) {

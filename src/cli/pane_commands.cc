@@ -93,19 +93,19 @@ void printList(const std::string& title, const std::string& path) {
 void showSettings() {
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   std::cout << "Shared with zephlore-helper: " << defaults.defaultsFileName() << "\n"
-            << "  active        " << yesNo(defaults.helperActive())
+            << "  active          " << yesNo(defaults.helperActive())
             << "   (zephlore activate / deactivate)\n"
-            << "  visible       " << yesNo(defaults.visible())
+            << "  visible         " << yesNo(defaults.visible())
             << "   (zephlore show-icon / hide-icon)\n"
-            << "  runAtLogin    " << yesNo(defaults.autorunAtLogin())
+            << "  runAtLogin      " << yesNo(defaults.autorunAtLogin())
             << (defaults.autorunAtLogin() && !autostartEntryInstalled()
                     ? "   (but no autostart entry: run zephlore login on)\n"
                     : "   (zephlore login on / off)\n")
-            << "  checkUpdates  " << yesNo(defaults.checkForUpdates())
+            << "  checkUpdates    " << yesNo(defaults.checkForUpdates())
             << "   (zephlore updates on / off)\n"
             << "  transparentView " << yesNo(defaults.transparentView())
-            << " (watched folders shown at full content through a view)\n"
-            << "  firstRun      " << yesNo(defaults.firstRun()) << "\n";
+            << "   (zephlore view-on / view-off)\n"
+            << "  firstRun        " << yesNo(defaults.firstRun()) << "\n";
   std::cout << "Autostart entry: " << autostartEntryPath() << " ("
             << (autostartEntryInstalled() ? "present" : "absent") << ")\n";
 
@@ -269,6 +269,16 @@ void addSwitchCommands(CLI::App& app, int* exit_code) {
        "The status icon is shown while zephlore-helper is active."},
       {"hide-icon", "Hide zephlore-helper's status icon", &KRDefaultsController::setVisible, false,
        postVisibility, "The status icon is hidden."},
+      {"view-on",
+       "Let zephlore-helper mount a view over each watched folder, so that programs read "
+       "compressed files at full content",
+       &KRDefaultsController::setTransparentView, true, postActiveStatus,
+       "zephlore-helper mounts a view over each watched folder."},
+      {"view-off",
+       "Stop mounting views over watched folders (a view stays while its folder holds compressed "
+       "files, which programs would read empty)",
+       &KRDefaultsController::setTransparentView, false, postActiveStatus,
+       "zephlore-helper mounts no new views."},
   };
   for (const Switch& entry : kSwitches) {
     app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry] {

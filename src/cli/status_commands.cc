@@ -4,6 +4,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "base/util.h"
@@ -27,6 +28,7 @@ struct LiveStatus {
   bool paused = false, active = false;
   uint64_t savings = 0, queued = 0;
   std::string file;
+  std::vector<std::string> views;  // one line per view over a folder
 };
 
 bool helperIsAbsent(const GError* error) {
@@ -69,6 +71,12 @@ LiveStatus decode(GVariant* all) {
   if (g_variant_lookup(dict, kTotalSavings, "t", &number)) s.savings = number;
   if (g_variant_lookup(dict, kQueuedFiles, "t", &number)) s.queued = number;
   if (g_variant_lookup(dict, kFileInProcess, "&s", &text)) s.file = text;
+  if (g_variant_lookup(dict, kViews, "&s", &text)) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.empty()) s.views.push_back(line);
+    }
+  }
   g_variant_unref(dict);
   return s;
 }
@@ -87,6 +95,10 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
               << " bytes)\n"
               << "  Queued files:    " << live->queued << "\n"
               << "  File in process: " << (live->file.empty() ? "none" : live->file) << "\n";
+    if (!live->views.empty()) {
+      std::cout << "Views:\n";
+      for (const std::string& line : live->views) std::cout << "  " << line << "\n";
+    }
   }
   if (!folders) {
     std::cout << "Watched folders: unknown (" << folders_problem << ")\n";
@@ -108,6 +120,7 @@ void printJson(const std::optional<LiveStatus>& live, const std::optional<std::v
     out["totalSavings"] = live->savings;
     out["queuedFiles"] = live->queued;
     out["fileInProcess"] = live->file.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(live->file);
+    out["views"] = live->views;
   }
   if (folders) {
     out["folders"] = nlohmann::ordered_json::array();

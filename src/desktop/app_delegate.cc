@@ -24,6 +24,7 @@
 #include "helper/updater.h"
 #include "helper/watching/path_analyzer.h"
 #include "helper/watching/path_watcher.h"
+#include "platform/mount_watcher.h"
 
 namespace zephlore {
 namespace {
@@ -90,7 +91,12 @@ bool KRAppDelegate::awakeFromNib() {
   return true;
 }
 
-void KRAppDelegate::checkIntegrityOfPreviousRun() { zephlore::checkIntegrityOfPreviousRun(); }
+void KRAppDelegate::checkIntegrityOfPreviousRun() {
+  // A file left half converted under a view is repaired beneath it: the
+  // view hides the layout that recovery must see.
+  folderViews_.refreshMap();
+  zephlore::checkIntegrityOfPreviousRun();
+}
 
 void KRAppDelegate::listenToPrefPane() {
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
@@ -114,8 +120,14 @@ void KRAppDelegate::connectParts() {
   KRGrowlBridge::sharedGrowlBridge().setSender(noticeSender());
 
   KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
-  history.setWatchPathsHandler(
-      [](const std::optional<FolderList>& folders) { KRPathWatcher::sharedWatcher().setWatchPaths(folders); });
+  history.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
+  // Views mounted or lost meanwhile (a view the user mounted, a view process
+  // killed) change where the stored files are reached.
+  for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
+    NotificationCenter::defaultCenter().addObserver(name, nullptr, [this](const Notification&) {
+      folderViews_.refreshMap();
+    });
+  }
 
   KRDesktopWiring wiring;
   wiring.totalSavings = [&history] { return history.totalSavings(); };
@@ -189,12 +201,22 @@ void KRAppDelegate::publishStatus() {
   statusService_->setActive(KRDefaultsController::sharedDefaultsController().helperActive());
   statusService_->setTotalSavings(KRHistoryProcessor::sharedHistoryProcessor().totalSavings());
   statusService_->setQueuedFiles(KRCompressor::sharedCompressor().queuedFiles().size());
+  std::string views;
+  for (const std::string& line : folderViews_.describe()) views += line + "\n";
+  statusService_->setViews(views);
 }
 
 void KRAppDelegate::watchPaths() {
   KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
   history.resolveAliases();
-  KRPathWatcher::sharedWatcher().setWatchPaths(history.folders());
+  applyWatchPaths(history.folders());
+}
+
+void KRAppDelegate::applyWatchPaths(const std::optional<std::vector<std::string>>& folders) {
+  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
+  folderViews_.foldersChanged(folders, defaults.transparentView() && view::ViewMounter::fuseUsable());
+  KRPathWatcher::sharedWatcher().setWatchPaths(folders);
+  publishStatus();
 }
 
 void KRAppDelegate::checkOwnVersion(const Notification& notification) {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "desktop/folder_views.h"
 #include "base/notification_center.h"
 #include "helper/crash_controller.h"
 
@@ -66,12 +67,15 @@ class KRAppDelegate : public KRCrashControllerDelegate {
   // the pipeline's parts, the live status on the bus.
   void connectParts();
   void publishStatus();
+  // A new list of watched folders: their views first, then the watcher.
+  void applyWatchPaths(const std::optional<std::vector<std::string>>& folders);
 
   bool shouldQuit_ = false;
   bool terminating_ = false;
   bool activityTerminated_ = false;
   std::string ownVersion_;
   std::unique_ptr<KRHelperStatusService> statusService_;
+  KRFolderViews folderViews_;
 };
 
 }  // namespace zephlore

@@ -17,6 +17,8 @@
 #include "base/sped_up_clock.h"
 #include "base/util.h"
 #include "desktop/app_delegate.h"
+#include "platform/path_map.h"
+#include "platform/path_mapping_env.h"
 
 namespace {
 
@@ -72,6 +74,11 @@ int main() {
     return 1;
   }
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
+
+  // The helper's own file work happens beneath the views over its folders
+  // (the views hide the layout it converts); paths stay the shown ones.
+  static PathMappingEnv beneathViews(Env::shared(), PathMap::shared());
+  Env::setShared(&beneathViews);
 
   if (!KRAppDelegate::sharedAppDelegate().awakeFromNib()) return 0;
   loop.run();

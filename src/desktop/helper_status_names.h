@@ -19,6 +19,7 @@ inline constexpr const char* kActive = "Active";                // b
 inline constexpr const char* kTotalSavings = "TotalSavings";    // t: bytes
 inline constexpr const char* kQueuedFiles = "QueuedFiles";      // t
 inline constexpr const char* kFileInProcess = "FileInProcess";  // s: "" when none
+inline constexpr const char* kViews = "Views";                  // s: one line per view, "" when none
 
 inline constexpr const char* kPause = "Pause";
 inline constexpr const char* kResume = "Resume";

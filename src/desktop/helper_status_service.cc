@@ -22,6 +22,7 @@ constexpr const char* kIntrospection =
     "    <property name='TotalSavings' type='t' access='read'/>"
     "    <property name='QueuedFiles' type='t' access='read'/>"
     "    <property name='FileInProcess' type='s' access='read'/>"
+    "    <property name='Views' type='s' access='read'/>"
     "  </interface>"
     "</node>";
 
@@ -115,6 +116,8 @@ void KRHelperStatusService::setFileInProcess(const std::string& path) {
   change(&HelperStatus::fileInProcess, path, kFileInProcess);
 }
 
+void KRHelperStatusService::setViews(const std::string& lines) { change(&HelperStatus::views, lines, kViews); }
+
 HelperStatus KRHelperStatusService::status() const {
   std::lock_guard lock(mutex_);
   return status_;
@@ -139,6 +142,7 @@ GVariant* KRHelperStatusService::propertyValue(const char* property) {
   if (strcmp(property, kTotalSavings) == 0) return toVariant(status_.totalSavings);
   if (strcmp(property, kQueuedFiles) == 0) return toVariant(status_.queuedFiles);
   if (strcmp(property, kFileInProcess) == 0) return toVariant(status_.fileInProcess);
+  if (strcmp(property, kViews) == 0) return toVariant(status_.views);
   return nullptr;
 }
 

@@ -29,6 +29,7 @@ struct HelperStatus {
   uint64_t totalSavings = 0;
   uint64_t queuedFiles = 0;
   std::string fileInProcess;  // empty: none
+  std::string views;          // one line per view over a folder
 };
 
 class KRHelperStatusService {
@@ -47,6 +48,7 @@ class KRHelperStatusService {
   void setTotalSavings(uint64_t bytes);
   void setQueuedFiles(uint64_t count);
   void setFileInProcess(const std::string& path);
+  void setViews(const std::string& lines);
   HelperStatus status() const;
 
   // Run on the main run loop when a client calls Pause / Resume.

@@ -1,6 +1,7 @@
 #include "engine/tree_walker.h"
 
 #include "engine/engine_temporaries.h"
+#include "platform/path_map.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,23 +27,25 @@ bool isDotOrDotDot(const char* name) {
 
 void TreeWalker::walk(const std::string& root, WalkVisitor& visitor) {
   if (stopped()) return;
+  // Beneath a view, the stored files are walked; entries keep the shown paths.
+  const std::string access = PathMap::shared().toAccess(root);
   struct stat st;
-  if (lstat(root.c_str(), &st) != 0) {
+  if (lstat(access.c_str(), &st) != 0) {
     visitor.walkError(root, errno, "stat", true);
     return;
   }
   if (!S_ISDIR(st.st_mode)) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kNone);
+    visitor.visit({root, AT_FDCWD, access.c_str(), &st, true}, WalkSkip::kNone);
     return;
   }
   if (!options_.recursive) {
-    visitor.visit({root, AT_FDCWD, root.c_str(), &st, true}, WalkSkip::kDirectory);
+    visitor.visit({root, AT_FDCWD, access.c_str(), &st, true}, WalkSkip::kDirectory);
     return;
   }
   const dev_t volume = st.st_dev;
   // O_NOFOLLOW: the argument was a directory a moment ago; should it have been
   // replaced by a link since, the open fails instead of walking elsewhere.
-  int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  int fd = open(access.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
   if (!dir) {
     const int err = errno;

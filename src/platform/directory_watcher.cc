@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 
@@ -46,7 +47,7 @@ DirectoryWatcher::~DirectoryWatcher() {
 
 bool DirectoryWatcher::addRoot(const std::string& root) {
   struct stat st;
-  if (lstat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;  // nothing to mark yet
+  if (lstat(PathMap::shared().toAccess(root).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;  // nothing to mark yet
   roots_.push_back(root);
   devices_[root] = st.st_dev;
   return markTree(root, root, false);
@@ -81,14 +82,17 @@ bool DirectoryWatcher::markTree(const std::string& top, const std::string& root,
     }
     // Whatever was created in it before the mark took hold is found this way.
     if (newly_appeared) delegate_.directoryChanged(dir, device);
-    DIR* d = opendir(dir.c_str());
+    const std::string access = PathMap::shared().toAccess(dir);
+    DIR* d = opendir(access.c_str());
     if (!d) continue;
     while (struct dirent* e = readdir(d)) {
       if (e->d_type != DT_DIR && e->d_type != DT_UNKNOWN) continue;
       if (e->d_name[0] == '.' && (e->d_name[1] == 0 || (e->d_name[1] == '.' && e->d_name[2] == 0))) continue;
       std::string child = childPath(dir, e->d_name);
       struct stat st;
-      if (lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != device) continue;
+      if (lstat(childPath(access, e->d_name).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != device) {
+        continue;
+      }
       todo.push_back(std::move(child));
     }
     closedir(d);
@@ -131,7 +135,10 @@ void DirectoryWatcher::directoryAppeared(const std::string& path, bool report) {
   const std::string root = rootOf(path);
   if (root.empty()) return;
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != devices_[root]) return;
+  if (lstat(PathMap::shared().toAccess(path).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+      st.st_dev != devices_[root]) {
+    return;
+  }
   markTree(path, root, report);
 }
 

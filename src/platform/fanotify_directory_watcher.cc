@@ -13,6 +13,7 @@
 
 #include "base/log.h"
 #include "platform/directory_watcher.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 namespace {
@@ -36,7 +37,9 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
   const char* limitFile() const override { return "/proc/sys/fs/fanotify/max_user_marks"; }
 
  protected:
-  std::string mark(const std::string& directory) override {
+  std::string mark(const std::string& shown) override {
+    // Beneath a view, the stored directory is marked; the caller keeps the shown path.
+    const std::string directory = PathMap::shared().toAccess(shown);
     struct statfs sfs;
     union {
       struct file_handle fh;

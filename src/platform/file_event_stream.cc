@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "base/log.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 
@@ -19,7 +20,7 @@ bool FileEventStream::start() {
   running_ = true;
   for (const std::string& root : options_.roots) {
     struct stat st;
-    root_devices_[root] = lstat(root.c_str(), &st) == 0 ? st.st_dev : 0;
+    root_devices_[root] = lstat(PathMap::shared().toAccess(root).c_str(), &st) == 0 ? st.st_dev : 0;
     watcher_->addRoot(root);
   }
   watch_ = loop_.watchFd(watcher_->fd(), POLLIN, [this](short) {

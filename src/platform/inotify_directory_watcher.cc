@@ -9,6 +9,7 @@
 
 #include "platform/directory_watcher.h"
 #include "platform/own_rewrites.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 namespace {
@@ -27,7 +28,7 @@ class InotifyDirectoryWatcher final : public DirectoryWatcher {
 
  protected:
   std::string mark(const std::string& directory) override {
-    const int wd = inotify_add_watch(fd_, directory.c_str(), kEvents);
+    const int wd = inotify_add_watch(fd_, PathMap::shared().toAccess(directory).c_str(), kEvents);
     return wd < 0 ? std::string() : keyFor(wd);
   }
 

@@ -94,6 +94,26 @@ std::optional<ViewCover> viewCovering(const std::string& path) {
   return ViewCover{bestPoint, beneath};
 }
 
+std::map<std::string, std::string> liveViews() {
+  std::map<std::string, std::string> views;
+  std::ifstream table("/proc/self/mountinfo");
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream fields(line);
+    std::string id, parent, device, root, point;
+    fields >> id >> parent >> device >> root >> point;
+    const size_t dash = line.find(" - ");
+    if (dash == std::string::npos) continue;
+    std::istringstream tail(line.substr(dash + 3));
+    std::string type;
+    tail >> type;
+    if (type != kViewFileSystemType) continue;
+    point = unescapeMountField(point);
+    std::optional<ViewCover> cover = viewCovering(point);
+    if (cover && cover->mountPoint == point) views[point] = cover->beneath;
+  }
+  return views;
+}
+
 std::string pathBeneathViews(const std::string& path) {
   const std::string absolute = absolutePath(path);
   std::optional<ViewCover> cover = viewCovering(absolute);

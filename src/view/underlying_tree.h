@@ -4,6 +4,7 @@
 // stored files of a folder that programs see through a view.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -22,5 +23,9 @@ std::optional<ViewCover> viewCovering(const std::string& path);
 // ("/proc/PID/fd/N/." for the mount point itself); `path` itself (absolute)
 // otherwise.
 std::string pathBeneathViews(const std::string& path);
+
+// Every live view of ours: mount point -> the path reaching the tree it
+// shows (the form PathMap takes).
+std::map<std::string, std::string> liveViews();
 
 }  // namespace zephlore::view

@@ -1,0 +1,45 @@
+#include "platform/path_map.h"
+
+#include <mutex>
+
+namespace zephlore {
+
+PathMap& PathMap::shared() {
+  static PathMap* map = new PathMap();  // never destroyed: workers may map while the process exits
+  return *map;
+}
+
+void PathMap::replaceAll(std::map<std::string, std::string> entries) {
+  std::unique_lock lock(mutex_);
+  entries_ = std::move(entries);
+  empty_.store(entries_.empty(), std::memory_order_release);
+}
+
+std::string PathMap::toAccess(const std::string& path) const {
+  if (empty_.load(std::memory_order_acquire) || path.empty() || path[0] != '/') return path;
+  std::shared_lock lock(mutex_);
+  // Walk up the path's own prefixes, innermost first: a folder's entry
+  // applies to the folder and everything under it, never to a sibling that
+  // merely starts with the same letters.
+  for (size_t end = path.size();;) {
+    const auto found = entries_.find(path.substr(0, end));
+    if (found != entries_.end()) {
+      const std::string rest = found->first == "/" ? path : path.substr(end);
+      // "/." steps through a descriptor's link even for calls that never
+      // follow a final symbolic link (lstat, O_NOFOLLOW).
+      return found->second + (rest.empty() || rest == "/" ? "/." : rest);
+    }
+    if (end <= 1) break;
+    end = path.rfind('/', end - 1);
+    if (end == 0) end = 1;  // the root itself
+    if (end == std::string::npos) break;
+  }
+  return path;
+}
+
+std::map<std::string, std::string> PathMap::entries() const {
+  std::shared_lock lock(mutex_);
+  return entries_;
+}
+
+}  // namespace zephlore

@@ -1,0 +1,79 @@
+#include "platform/path_mapping_env.h"
+
+namespace zephlore {
+
+FileRef PathMappingEnv::mapped(const FileRef& file) const {
+  if (file.isDescriptor()) return file;
+  FileRef copy = file;
+  copy.path = map_.toAccess(file.path);
+  return copy;
+}
+
+int PathMappingEnv::open(const std::string& path, int flags, mode_t mode) {
+  return target().open(mapped(path), flags, mode);
+}
+int PathMappingEnv::openLocked(const std::string& path, int flags, mode_t mode) {
+  return target().openLocked(mapped(path), flags, mode);
+}
+int PathMappingEnv::openTmpFile(const std::string& dir, mode_t mode) {
+  return target().openTmpFile(mapped(dir), mode);
+}
+int PathMappingEnv::linkTmpFile(int fd, const std::string& path) {
+  return target().linkTmpFile(fd, mapped(path));
+}
+int PathMappingEnv::lstat(const std::string& path, struct stat* st) {
+  return target().lstat(mapped(path), st);
+}
+int PathMappingEnv::stat(const std::string& path, struct stat* st) {
+  return target().stat(mapped(path), st);
+}
+int PathMappingEnv::statfs(const std::string& path, struct statfs* st) {
+  return target().statfs(mapped(path), st);
+}
+int PathMappingEnv::statvfs(const std::string& path, struct statvfs* st) {
+  return target().statvfs(mapped(path), st);
+}
+int PathMappingEnv::rename(const std::string& from, const std::string& to) {
+  return target().rename(mapped(from), mapped(to));
+}
+int PathMappingEnv::exchange(const std::string& a, const std::string& b) {
+  return target().exchange(mapped(a), mapped(b));
+}
+int PathMappingEnv::unlink(const std::string& path) { return target().unlink(mapped(path)); }
+int PathMappingEnv::mkdir(const std::string& path, mode_t mode) {
+  return target().mkdir(mapped(path), mode);
+}
+int PathMappingEnv::fsyncDirectory(const std::string& path) {
+  return target().fsyncDirectory(mapped(path));
+}
+std::optional<std::string> PathMappingEnv::realPath(const std::string& path) {
+  return target().realPath(mapped(path));
+}
+ssize_t PathMappingEnv::getxattr(const FileRef& file, const std::string& name, void* buf,
+                                 size_t n) {
+  return target().getxattr(mapped(file), name, buf, n);
+}
+int PathMappingEnv::setxattr(const FileRef& file, const std::string& name, const void* value,
+                             size_t n, int flags) {
+  return target().setxattr(mapped(file), name, value, n, flags);
+}
+int PathMappingEnv::removexattr(const FileRef& file, const std::string& name) {
+  return target().removexattr(mapped(file), name);
+}
+std::optional<std::vector<std::string>> PathMappingEnv::listxattr(const FileRef& file) {
+  return target().listxattr(mapped(file));
+}
+ssize_t PathMappingEnv::xattrListSize(const FileRef& file) {
+  return target().xattrListSize(mapped(file));
+}
+std::optional<std::vector<std::string>> PathMappingEnv::listDirectory(const std::string& path) {
+  return target().listDirectory(mapped(path));
+}
+int PathMappingEnv::access(const std::string& path, int mode) {
+  return target().access(mapped(path), mode);
+}
+std::optional<VolumeDescription> PathMappingEnv::describeVolume(const std::string& path) {
+  return target().describeVolume(mapped(path));
+}
+
+}  // namespace zephlore
