@@ -214,7 +214,7 @@ TEST(PaneCommandsWithoutBusTest, CommandsStillWriteTheirFilesAndSayNoHelperWasTo
 
   result = zephlore({"settings"});
   EXPECT_EQ(result.status, 0) << result.err;
-  for (const char* expected : {"active        no", "defaults.plist", "lastEventID",
+  for (const char* expected : {"active          no", "defaults.plist", "lastEventID",
                                "com.quorvane.ZephloreHelper.plist", "mkv", "no D-Bus session bus"}) {
     EXPECT_NE(result.out.find(expected), std::string::npos) << expected << "\n" << result.out;
   }
