@@ -1,5 +1,6 @@
 #include "platform/thread_priority.h"
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,6 +27,13 @@ bool setCurrentThreadNice(int nice) {
 bool setCurrentThreadIdleIoPriority() {
   return syscall(SYS_ioprio_set, kIoprioWhoProcess, currentThreadId(), kIoprioClassIdle << kIoprioClassShift) == 0;
 }
+
+bool setCurrentThreadIdleScheduling() {
+  struct sched_param param = {};
+  return sched_setscheduler(currentThreadId(), SCHED_IDLE, &param) == 0;
+}
+
+bool currentThreadHasIdleScheduling() { return sched_getscheduler(currentThreadId()) == SCHED_IDLE; }
 
 int currentThreadNice() {
   errno = 0;

@@ -93,10 +93,12 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   // The compression thread yields to the user's work.
   int nice = 0;
   bool idleIo = false;
+  bool idleScheduling = false;
   NotificationCenter::ObserverId probe = NotificationCenter::defaultCenter().addObserver(
       kFileCompressedNotification, nullptr, [&](const Notification&) {
         nice = currentThreadNice();
         idleIo = currentThreadHasIdleIoPriority();
+        idleScheduling = currentThreadHasIdleScheduling();
       });
 
   const TimePoint start = clock->now();
@@ -130,6 +132,7 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   EXPECT_GT(savings.load(), 0u);
   EXPECT_EQ(nice, KRCompressor::kCompressionThreadNice);
   EXPECT_TRUE(idleIo);
+  EXPECT_TRUE(idleScheduling);
   EXPECT_EQ(recorder.named(kCompressionEndedNotification).size(), 1u);
   EXPECT_FALSE(compressor.isInProcess(files[0]));
   // The crash record exists and is empty between swaps.
