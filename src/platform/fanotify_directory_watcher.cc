@@ -68,22 +68,27 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
     const ssize_t length = read(fd_, buffer, sizeof buffer);
     if (length <= 0) return false;
     const pid_t self = getpid();
-    ssize_t left = length;
-    for (auto* md = reinterpret_cast<struct fanotify_event_metadata*>(buffer); FAN_EVENT_OK(md, left);
-         md = FAN_EVENT_NEXT(md, left)) {
-      if (md->mask & FAN_Q_OVERFLOW) {
+    // Records carrying names are padded to 4 bytes only, so a record's header
+    // (which holds 64-bit fields) is copied out rather than used in place.
+    const size_t total = static_cast<size_t>(length);
+    for (size_t offset = 0; offset + sizeof(struct fanotify_event_metadata) <= total;) {
+      struct fanotify_event_metadata md;
+      memcpy(&md, buffer + offset, sizeof md);
+      if (md.event_len < sizeof md || offset + md.event_len > total) break;
+      if (md.mask & FAN_Q_OVERFLOW) {
         delegate_.eventsDropped();
-        continue;
+      } else {
+        handle(md, buffer + offset, md.pid == self);
       }
-      handle(md, md->pid == self);
+      offset += md.event_len;
     }
     return true;
   }
 
  private:
-  void handle(const struct fanotify_event_metadata* md, bool own) {
-    const char* p = reinterpret_cast<const char*>(md) + md->metadata_len;
-    const char* end = reinterpret_cast<const char*>(md) + md->event_len;
+  void handle(const struct fanotify_event_metadata& md, const char* record, bool own) {
+    const char* p = record + md.metadata_len;
+    const char* end = record + md.event_len;
     while (p + sizeof(struct fanotify_event_info_header) <= end) {
       const auto* info = reinterpret_cast<const struct fanotify_event_info_fid*>(p);
       if (info->hdr.len == 0) break;
@@ -95,7 +100,7 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
         const char* name = type == FAN_EVENT_INFO_TYPE_DFID_NAME
                                ? reinterpret_cast<const char*>(fh->f_handle) + fh->handle_bytes
                                : nullptr;
-        apply(md->mask, key, name, own);
+        apply(md.mask, key, name, own);
         return;
       }
       p += info->hdr.len;
