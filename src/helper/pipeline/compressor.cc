@@ -192,8 +192,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       // Where the event source cannot tell our writes by process, it tells
       // them by path (the signature below included).
       OwnRewrites::shared().begin(path);
-      const bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(
-          path, &error, &saved, &uncompressedSize, this, options);
+      const bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
       if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
             KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
@@ -214,6 +213,20 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
     }
     postFileCompressed(path, failed ? &error : nullptr);
   }
+}
+
+bool KRCompressor::compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error,
+                                   int64_t* saved, int64_t* uncompressedSize) {
+  std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
+      QVHFSCompressedFileRepresentation::createFromContentsOfFile(path, error, this, options);
+  if (!representation) return false;
+  // A block can shrink while the whole does not (a small file of noise: one
+  // block, plus the fork's own tables): such a file stays as it is.
+  constexpr uint64_t kHeaderBytes = sizeof(HFSPlusDecmpfs);
+  if (representation->forkSize() + kHeaderBytes >= static_cast<uint64_t>(representation->sourceSize())) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotCompressible, "Source data cannot be compressed: it would not shrink");
+  }
+  return representation->saveToHFSCompressedFile(path, error, saved, uncompressedSize);
 }
 
 void KRCompressor::postFileCompressed(const std::string& path, const Error* error) {

@@ -104,6 +104,10 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   bool waitForQuietSystem();
   bool isWatched(const std::string& path);
   static Error folderNotWatchedError(const std::string& path);
+  // The engine's conversion, refused as not compressible when the compressed
+  // form would take as much room as the data.
+  bool compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error, int64_t* saved,
+                       int64_t* uncompressedSize);
   void postFileCompressed(const std::string& path, const Error* error);
 
   RunLoop& mainLoop_;

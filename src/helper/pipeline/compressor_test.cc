@@ -208,6 +208,9 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
 TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string noise = dir / "noise";
   testkit::writeFile(noise, testkit::randomData(200000, 7));
+  // One block: it fits in 64 KiB compressed, yet the whole would grow.
+  const std::string smallNoise = dir / "small-noise";
+  testkit::writeFile(smallNoise, testkit::randomData(20000, 8));
   const std::string linked = dir / "linked";
   testkit::writeFile(linked, testkit::compressibleData(20000));
   ASSERT_EQ(link(linked.c_str(), (dir / "second-name").c_str()), 0);
@@ -221,7 +224,7 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string beingWritten = dir / "being-written";
   testkit::writeFile(beingWritten, testkit::compressibleData(20000));
 
-  compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink, beingWritten});
+  compressor.addFiles({noise, smallNoise, linked, vanished, becameDirectory, becameLink, beingWritten});
   // Another process has it open for writing (our own descriptors do not count).
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -249,10 +252,13 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   close(ready[0]);
   close(ready[1]);
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
-  ASSERT_EQ(done.size(), 6u);
+  ASSERT_EQ(done.size(), 7u);
   EXPECT_EQ(done[0].errorCode, 704);
   EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(noise));
-  for (size_t i = 1; i < done.size(); ++i) {
+  EXPECT_EQ(done[1].errorCode, 704);
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(smallNoise));
+  EXPECT_EQ(testkit::readFile(smallNoise), testkit::randomData(20000, 8)) << "left plain";
+  for (size_t i = 2; i < done.size(); ++i) {
     EXPECT_NE(done[i].errorCode, 0) << done[i].path;
     EXPECT_NE(done[i].errorCode, 704) << done[i].path;
   }
