@@ -187,6 +187,9 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       error = folderNotWatchedError(path);
       failed = true;
     } else {
+      setFileInHand(path);
+      NotificationCenter::defaultCenter().post(kFileWillCompressNotification, this,
+                                               UserInfo{{kFileCompressedPathKey, path}});
       int64_t saved = 0;
       int64_t uncompressedSize = 0;
       // Where the event source cannot tell our writes by process, it tells
@@ -210,6 +213,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
         if (error.code == kHFSErrorNotCompressible) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
       }
       OwnRewrites::shared().end(path);
+      setFileInHand({});
     }
     postFileCompressed(path, failed ? &error : nullptr);
   }
@@ -275,6 +279,16 @@ void KRCompressor::resumeCompression() {
 std::vector<std::string> KRCompressor::queuedFiles() {
   std::lock_guard lock(fileQueueLock_);
   return {fileQueue_.begin(), fileQueue_.end()};
+}
+
+std::string KRCompressor::fileInHand() {
+  std::lock_guard lock(fileInHandLock_);
+  return fileInHand_;
+}
+
+void KRCompressor::setFileInHand(const std::string& path) {
+  std::lock_guard lock(fileInHandLock_);
+  fileInHand_ = path;
 }
 
 size_t KRCompressor::filesBeingCompressedCount() {

@@ -90,14 +90,20 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   EXPECT_EQ(compressor.addFiles({files[1], std::string("/elsewhere/x")}), 0u);  // queued; not watched
   EXPECT_TRUE(compressor.isInProcess(files[119]));
 
-  // The compression thread yields to the user's work.
+  // The compression thread yields to the user's work; the status item can
+  // name the file in hand while it is compressed, and none after.
   int nice = 0;
   bool idleIo = false;
+  std::vector<std::string> inHandWhenTaken, inHandWhenDone;
   NotificationCenter::ObserverId probe = NotificationCenter::defaultCenter().addObserver(
       kFileCompressedNotification, nullptr, [&](const Notification&) {
         nice = currentThreadNice();
         idleIo = currentThreadHasIdleIoPriority();
+        inHandWhenDone.push_back(compressor.fileInHand());
       });
+  NotificationCenter::ObserverId taken = NotificationCenter::defaultCenter().addObserver(
+      kFileWillCompressNotification, nullptr,
+      [&](const Notification&) { inHandWhenTaken.push_back(compressor.fileInHand()); });
 
   const TimePoint start = clock->now();
   loop.runUntilIdle();
@@ -112,6 +118,10 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   advance(1.0);  // batch 3
   finishBatches();
   NotificationCenter::defaultCenter().removeObserver(probe);
+  NotificationCenter::defaultCenter().removeObserver(taken);
+  EXPECT_EQ(inHandWhenTaken, files);
+  EXPECT_EQ(inHandWhenDone, std::vector<std::string>(120, ""));
+  EXPECT_EQ(compressor.fileInHand(), "");
 
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(done.size(), 120u);
