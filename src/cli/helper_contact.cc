@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "desktop/helper_status_names.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/notification_names.h"
 #include "helper/updater.h"
@@ -64,6 +65,22 @@ bool startDetached(const std::string& program) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// Whether the helper answers on its status object. It takes its bus name
+// first (that decides between copies) and listens to the command's notices
+// only later, just before it exports that object: a notice sent in between
+// would be lost.
+bool helperListens(GDBusConnection* connection) {
+  GError* error = nullptr;
+  GVariant* reply = g_dbus_connection_call_sync(
+      connection, kHelperBusName, status_names::kObjectPath, "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", status_names::kInterface, status_names::kStatusValue), G_VARIANT_TYPE("(v)"),
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, 1000, nullptr, &error);
+  if (error) g_error_free(error);
+  if (!reply) return false;
+  g_variant_unref(reply);
+  return true;
+}
+
 }  // namespace
 
 bool ensureHelperRunning(std::string* problem) {
@@ -72,7 +89,13 @@ bool ensureHelperRunning(std::string* problem) {
     *problem = "no D-Bus session bus, so zephlore-helper cannot be reached";
     return false;
   }
-  if (center.nameHasOwner(kHelperBusName)) return true;
+  Clock& clock = Clock::shared();
+  if (center.nameHasOwner(kHelperBusName)) {
+    // A helper still starting up: wait until it listens, as for one we start.
+    const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);
+    while (!helperListens(center.connection()) && clock.now() < deadline) clock.sleepFor(seconds(0.05));
+    return true;
+  }
   std::string helper = findHelper();
   if (helper.empty()) {
     *problem = "zephlore-helper is not running and was found neither beside zephlore nor on PATH";
@@ -82,7 +105,6 @@ bool ensureHelperRunning(std::string* problem) {
     *problem = "could not start " + helper;
     return false;
   }
-  Clock& clock = Clock::shared();
   const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);
   while (!center.nameHasOwner(kHelperBusName)) {
     if (clock.now() >= deadline) {
@@ -91,6 +113,7 @@ bool ensureHelperRunning(std::string* problem) {
     }
     clock.sleepFor(seconds(0.05));
   }
+  while (!helperListens(center.connection()) && clock.now() < deadline) clock.sleepFor(seconds(0.05));
   return true;
 }
 

@@ -188,9 +188,11 @@ void KRAppDelegate::connectParts() {
     });
   });
   // Posted on the compression thread; the figures are read on the main one.
-  NotificationCenter::defaultCenter().addObserver(kFileCompressedNotification, nullptr, [this, &loop](const Notification&) {
-    loop.post([this] { publishStatus(); });
-  });
+  for (const char* name : {kFileWillCompressNotification, kFileCompressedNotification}) {
+    NotificationCenter::defaultCenter().addObserver(name, nullptr, [this, &loop](const Notification&) {
+      loop.post([this] { publishStatus(); });
+    });
+  }
 }
 
 void KRAppDelegate::publishStatus() {
@@ -201,6 +203,7 @@ void KRAppDelegate::publishStatus() {
   statusService_->setActive(KRDefaultsController::sharedDefaultsController().helperActive());
   statusService_->setTotalSavings(KRHistoryProcessor::sharedHistoryProcessor().totalSavings());
   statusService_->setQueuedFiles(KRCompressor::sharedCompressor().queuedFiles().size());
+  statusService_->setFileInProcess(KRCompressor::sharedCompressor().fileInHand());
   std::string views;
   for (const std::string& line : folderViews_.describe()) views += line + "\n";
   statusService_->setViews(views);

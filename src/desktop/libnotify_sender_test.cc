@@ -1,59 +1,20 @@
 #include "desktop/libnotify_sender.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "base/util.h"
 #include "helper/history/helper_util.h"
-#include "testing/child.h"
 #include "testing/files.h"
+#include "testing/notification_server.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
 namespace {
 
-using testkit::runProcess;
-
-// python3-dbusmock's notification daemon on the test's private bus.
-class MockNotificationServer {
- public:
-  MockNotificationServer() {
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      execl("/usr/bin/python3", "python3", "-m", "dbusmock", "--template", "notification_daemon",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    // Blocks until the name is on the bus (no fixed sleep).
-    ready_ = runProcess({"gdbus", "wait", "--session", "--timeout", "30",
-                         "org.freedesktop.Notifications"})
-                 .status == 0;
-  }
-  ~MockNotificationServer() {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-  bool ready() const { return ready_; }
-
-  // The Notify calls the server received, as gdbus prints them.
-  std::string calls() {
-    return runProcess({"gdbus", "call", "--session", "--dest", "org.freedesktop.Notifications",
-                       "--object-path", "/org/freedesktop/Notifications", "--method",
-                       "org.freedesktop.DBus.Mock.GetCalls"})
-        .out;
-  }
-
- private:
-  pid_t pid_ = -1;
-  bool ready_ = false;
-};
+using testkit::MockNotificationServer;
 
 TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
   testkit::TestHome home;

@@ -193,13 +193,15 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       error = folderNotWatchedError(path);
       failed = true;
     } else {
+      setFileInHand(path);
+      NotificationCenter::defaultCenter().post(kFileWillCompressNotification, this,
+                                               UserInfo{{kFileCompressedPathKey, path}});
       int64_t saved = 0;
       int64_t uncompressedSize = 0;
       // Where the event source cannot tell our writes by process, it tells
       // them by path (the signature below included).
       OwnRewrites::shared().begin(path);
-      const bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(
-          path, &error, &saved, &uncompressedSize, this, options);
+      const bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
       if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
             KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
@@ -217,9 +219,24 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
         if (error.code == kHFSErrorNotCompressible) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
       }
       OwnRewrites::shared().end(path);
+      setFileInHand({});
     }
     postFileCompressed(path, failed ? &error : nullptr);
   }
+}
+
+bool KRCompressor::compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error,
+                                   int64_t* saved, int64_t* uncompressedSize) {
+  std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
+      QVHFSCompressedFileRepresentation::createFromContentsOfFile(path, error, this, options);
+  if (!representation) return false;
+  // A block can shrink while the whole does not (a small file of noise: one
+  // block, plus the fork's own tables): such a file stays as it is.
+  constexpr uint64_t kHeaderBytes = sizeof(HFSPlusDecmpfs);
+  if (representation->forkSize() + kHeaderBytes >= static_cast<uint64_t>(representation->sourceSize())) {
+    return fail(error, kHFSErrorDomain, kHFSErrorNotCompressible, "Source data cannot be compressed: it would not shrink");
+  }
+  return representation->saveToHFSCompressedFile(path, error, saved, uncompressedSize);
 }
 
 void KRCompressor::postFileCompressed(const std::string& path, const Error* error) {
@@ -268,6 +285,16 @@ void KRCompressor::resumeCompression() {
 std::vector<std::string> KRCompressor::queuedFiles() {
   std::lock_guard lock(fileQueueLock_);
   return {fileQueue_.begin(), fileQueue_.end()};
+}
+
+std::string KRCompressor::fileInHand() {
+  std::lock_guard lock(fileInHandLock_);
+  return fileInHand_;
+}
+
+void KRCompressor::setFileInHand(const std::string& path) {
+  std::lock_guard lock(fileInHandLock_);
+  fileInHand_ = path;
 }
 
 size_t KRCompressor::filesBeingCompressedCount() {

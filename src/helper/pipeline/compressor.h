@@ -31,6 +31,8 @@ namespace zephlore {
 inline constexpr const char* kCompressionStartedNotification = "compressionStarted";
 inline constexpr const char* kCompressionEndedNotification = "compressionEnded";
 inline constexpr const char* kFileCompressedNotification = "KRFileCompressedNotification";
+// Posted on the compression thread as a file is taken in hand (kFileCompressedPathKey).
+inline constexpr const char* kFileWillCompressNotification = "KRFileWillCompressNotification";
 inline constexpr const char* kFileCompressedPathKey = "path";
 inline constexpr const char* kFileCompressedErrorKey = "errorCode";  // an Error; absent on success
 inline constexpr int kFolderNotWatchedErrorCode = 8000;
@@ -90,6 +92,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   // Snapshots for tests and the status item.
   std::vector<std::string> queuedFiles();
+  // The file being compressed now, "" between files. Any thread.
+  std::string fileInHand();
   size_t filesBeingCompressedCount();
 
   // The engine's delegate: the swap of one file.
@@ -104,7 +108,12 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   bool waitForQuietSystem();
   bool isWatched(const std::string& path);
   static Error folderNotWatchedError(const std::string& path);
+  // The engine's conversion, refused as not compressible when the compressed
+  // form would take as much room as the data.
+  bool compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error, int64_t* saved,
+                       int64_t* uncompressedSize);
   void postFileCompressed(const std::string& path, const Error* error);
+  void setFileInHand(const std::string& path);
 
   RunLoop& mainLoop_;
   OperationQueue* compressionQueue_;
@@ -117,6 +126,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   std::unordered_set<std::string> filesBeingCompressed_;
   std::atomic<bool> paused_{false};
   std::mutex criticalSectionLock_;
+  std::mutex fileInHandLock_;
+  std::string fileInHand_;
 
   std::mutex hooksLock_;
   FolderWatchTest folderWatchTest_;

@@ -90,16 +90,22 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   EXPECT_EQ(compressor.addFiles({files[1], std::string("/elsewhere/x")}), 0u);  // queued; not watched
   EXPECT_TRUE(compressor.isInProcess(files[119]));
 
-  // The compression thread yields to the user's work.
+  // The compression thread yields to the user's work; the status item can
+  // name the file in hand while it is compressed, and none after.
   int nice = 0;
   bool idleIo = false;
   bool idleScheduling = false;
+  std::vector<std::string> inHandWhenTaken, inHandWhenDone;
   NotificationCenter::ObserverId probe = NotificationCenter::defaultCenter().addObserver(
       kFileCompressedNotification, nullptr, [&](const Notification&) {
         nice = currentThreadNice();
         idleIo = currentThreadHasIdleIoPriority();
         idleScheduling = currentThreadHasIdleScheduling();
+        inHandWhenDone.push_back(compressor.fileInHand());
       });
+  NotificationCenter::ObserverId taken = NotificationCenter::defaultCenter().addObserver(
+      kFileWillCompressNotification, nullptr,
+      [&](const Notification&) { inHandWhenTaken.push_back(compressor.fileInHand()); });
 
   const TimePoint start = clock->now();
   loop.runUntilIdle();
@@ -114,6 +120,10 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   advance(1.0);  // batch 3
   finishBatches();
   NotificationCenter::defaultCenter().removeObserver(probe);
+  NotificationCenter::defaultCenter().removeObserver(taken);
+  EXPECT_EQ(inHandWhenTaken, files);
+  EXPECT_EQ(inHandWhenDone, std::vector<std::string>(120, ""));
+  EXPECT_EQ(compressor.fileInHand(), "");
 
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(done.size(), 120u);
@@ -211,6 +221,9 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
 TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string noise = dir / "noise";
   testkit::writeFile(noise, testkit::randomData(200000, 7));
+  // One block: it fits in 64 KiB compressed, yet the whole would grow.
+  const std::string smallNoise = dir / "small-noise";
+  testkit::writeFile(smallNoise, testkit::randomData(20000, 8));
   const std::string linked = dir / "linked";
   testkit::writeFile(linked, testkit::compressibleData(20000));
   ASSERT_EQ(link(linked.c_str(), (dir / "second-name").c_str()), 0);
@@ -224,7 +237,7 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string beingWritten = dir / "being-written";
   testkit::writeFile(beingWritten, testkit::compressibleData(20000));
 
-  compressor.addFiles({noise, linked, vanished, becameDirectory, becameLink, beingWritten});
+  compressor.addFiles({noise, smallNoise, linked, vanished, becameDirectory, becameLink, beingWritten});
   // Another process has it open for writing (our own descriptors do not count).
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -252,10 +265,13 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   close(ready[0]);
   close(ready[1]);
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
-  ASSERT_EQ(done.size(), 6u);
+  ASSERT_EQ(done.size(), 7u);
   EXPECT_EQ(done[0].errorCode, 704);
   EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(noise));
-  for (size_t i = 1; i < done.size(); ++i) {
+  EXPECT_EQ(done[1].errorCode, 704);
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(smallNoise));
+  EXPECT_EQ(testkit::readFile(smallNoise), testkit::randomData(20000, 8)) << "left plain";
+  for (size_t i = 2; i < done.size(); ++i) {
     EXPECT_NE(done[i].errorCode, 0) << done[i].path;
     EXPECT_NE(done[i].errorCode, 704) << done[i].path;
   }

@@ -181,7 +181,12 @@ bool KRPathWatcherEvents::mustSweepFolder(const std::string& folder) const {
 void KRPathWatcherEvents::sweep() {
   loop_.cancelPerform(this, "sweep");
   for (const std::string& folder : watchPaths()) {
-    if (mustSweepFolder(folder)) analyzePath(folder, true);
+    // Files saved while no helper ran left no event: a recent sweep of an
+    // earlier run does not cover them.
+    if (mustSweepFolder(folder) || swept_this_run_.count(folder) == 0) {
+      swept_this_run_.insert(folder);
+      analyzePath(folder, true);
+    }
   }
   loop_.performAfterDelay(this, "sweep", seconds(kSweepInterval), [this] { sweep(); });
 }

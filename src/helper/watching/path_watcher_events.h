@@ -120,6 +120,9 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   std::vector<uint64_t> pending_events_;
   uint64_t last_event_received_;
   bool paused_ = false;
+  // Folders this run has swept at least once: the time before the run left
+  // no events, so each folder is checked in full once per run.
+  std::set<std::string> swept_this_run_;
   uint64_t count_observer_ = 0;
   std::vector<NotificationCenter::ObserverId> observers_;
 };

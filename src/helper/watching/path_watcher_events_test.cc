@@ -165,6 +165,22 @@ TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNot
   EXPECT_TRUE(dropped) << "the kernel queue did not overflow";
 }
 
+TEST_F(PathWatcherEventsTest, ARunChecksItsFoldersOnceThoughAnEarlierRunSweptThemJustNow) {
+  // Saved while no helper ran: no event will ever tell of it.
+  shell("head -c 9000 /dev/zero > '" + folder() + "/saved-meanwhile'");
+  sweep_dates[folder()] = clock->wallNow();
+  makeEvents({folder()});
+  events->startWatching();
+  settle();
+  EXPECT_EQ(compressedCount(), 1u);
+
+  // Later starts of the stream in the same run rely on the sweep date.
+  have_new_paths = true;
+  events->rewatch();
+  ASSERT_TRUE(events->isWatching());
+  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 0u);
+}
+
 TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsIt) {
   makeEvents({folder()});
   events->analyzePath("/nonexistent/a", false, 10);
@@ -194,6 +210,7 @@ TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsRestartTheStreamEvenWhenPau
   sweep_dates[folder()] = clock->wallNow();
   events->startWatching();
   EXPECT_EQ(sweep_checks, 1);
+  settle();  // the run's own first check of the folder
   events->rewatch();
   EXPECT_EQ(sweep_checks, 1) << "no new folder list: nothing to do";
   // setWatchPaths with the same folders in another order sets haveNewPaths.
@@ -232,9 +249,13 @@ class ThrottleTest : public PathWatcherEventsTest {
 
 TEST_F(ThrottleTest, FiveHundredAndOneAnalyzersStopTheStreamWhichRestartsAt199) {
   makeEvents({folder()});
-  sweep_dates[folder()] = clock->wallNow();  // swept just now: no sweep at each start
+  sweep_dates[folder()] = clock->wallNow();  // swept just now: no sweep at later starts
   events->startWatching();
   ASSERT_TRUE(events->isWatching());
+  // The run's own first check of the folder.
+  ASSERT_EQ(KRPathAnalyzer::analyzersCount(), 1u);
+  finishOne();
+  ASSERT_EQ(KRPathAnalyzer::analyzersCount(), 0u);
   for (int i = 0; i < 500; ++i) events->analyzePath(folder() + "/p" + std::to_string(i), false);
   EXPECT_TRUE(events->isWatching());
   events->analyzePath(folder() + "/p500", false);
