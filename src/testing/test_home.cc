@@ -17,6 +17,9 @@ TestHome::TestHome()
     : home_("HOME", root_.path()),
       data_("XDG_DATA_HOME", makeFolder(root_ / "data", 0755)),
       config_("XDG_CONFIG_HOME", makeFolder(root_ / "config", 0755)),
+      // Not the machine's /etc/xdg: an installed package's entries there
+      // must not change what the tests see.
+      system_config_("XDG_CONFIG_DIRS", makeFolder(root_ / "xdg", 0755)),
       runtime_("XDG_RUNTIME_DIR", makeFolder(root_ / "run", 0700)),
       bus_("DBUS_SESSION_BUS_ADDRESS", std::nullopt) {}
 

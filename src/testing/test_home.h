@@ -24,7 +24,7 @@ class TestHome {
 
  private:
   ScratchDir root_{"/tmp"};
-  ScopedEnvVar home_, data_, config_, runtime_, bus_;
+  ScopedEnvVar home_, data_, config_, system_config_, runtime_, bus_;
   ScopedShared<DataFolder> data_folder_;
 };
 
