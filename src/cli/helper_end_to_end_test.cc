@@ -172,6 +172,11 @@ class SwapStopper {
   pid_t thread_ = 0;
 };
 
+std::string tsanOptions() {
+  const char* options = getenv("TSAN_OPTIONS");
+  return std::string(options ? options : "") + ":report_signal_unsafe=0";
+}
+
 class HelperEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -227,6 +232,9 @@ class HelperEndToEnd : public ::testing::Test {
   testkit::ScopedEnvVar speed_{"ZEPHLORE_CLOCK_SPEED", std::string("1000")};
   // The helper's log lines on its standard error, for the failure messages.
   testkit::ScopedEnvVar journal_{"JOURNAL_STREAM", std::string("test")};
+  // The crash path saves the history from the signal handler on purpose
+  // (bounded by its alarm); under the thread checker that is not a fault.
+  testkit::ScopedEnvVar tsan_{"TSAN_OPTIONS", tsanOptions()};
   std::unique_ptr<Child> helper_;
 };
 

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include "base/log.h"
@@ -32,6 +34,18 @@ namespace {
 struct OpenFile {
   UniqueFd fd;
   std::shared_ptr<CompressedContent> compressed;
+  // Calls on the file hold it shared; release takes it alone before the
+  // delete. The kernel already sends the release after the last call has
+  // answered, but through /dev/fuse, where thread checkers cannot see it.
+  std::shared_mutex inUse;
+};
+
+// An open file for the length of one call.
+struct UsedFile {
+  explicit UsedFile(OpenFile* open) : use(open->inUse), file(open) {}
+  OpenFile* operator->() const { return file; }
+  std::shared_lock<std::shared_mutex> use;
+  OpenFile* file;
 };
 
 struct OpenDirectory {
@@ -45,7 +59,7 @@ ViewFileSystem& fs() { return *static_cast<ViewFileSystem*>(fuse_get_context()->
 // A path of the view relative to the root descriptor.
 const char* rel(const char* path) { return path[1] != '\0' ? path + 1 : "."; }
 
-OpenFile& openFile(const fuse_file_info* fi) { return *reinterpret_cast<OpenFile*>(fi->fh); }
+UsedFile openFile(const fuse_file_info* fi) { return UsedFile(reinterpret_cast<OpenFile*>(fi->fh)); }
 OpenDirectory& openDirectory(const fuse_file_info* fi) { return *reinterpret_cast<OpenDirectory*>(fi->fh); }
 
 int result(int r) { return r < 0 ? -errno : r; }
@@ -87,9 +101,9 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
 
 int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
   if (fi) {
-    OpenFile& file = openFile(fi);
-    if (fstat(file.fd.get(), st) != 0) return -errno;
-    if (file.compressed) showContentSize(st, file.compressed->size());
+    UsedFile file = openFile(fi);
+    if (fstat(file->fd.get(), st) != 0) return -errno;
+    if (file->compressed) showContentSize(st, file->compressed->size());
     return 0;
   }
   if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
@@ -128,19 +142,19 @@ int viewLink(const char* from, const char* to) {
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
-  if (fi) return result(fchmod(openFile(fi).fd.get(), mode));
+  if (fi) return result(fchmod(openFile(fi)->fd.get(), mode));
   return result(fchmodat(fs().rootFd(), rel(path), mode, 0));
 }
 
 int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
-  if (fi) return result(fchown(openFile(fi).fd.get(), uid, gid));
+  if (fi) return result(fchown(openFile(fi)->fd.get(), uid, gid));
   return result(fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW));
 }
 
 int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
   if (fi) {
-    if (openFile(fi).compressed) return -EBADF;
-    return result(ftruncate(openFile(fi).fd.get(), size));
+    if (openFile(fi)->compressed) return -EBADF;
+    return result(ftruncate(openFile(fi)->fd.get(), size));
   }
   if (int r = fs().expandBeforeWriting(path); r != 0) return r;
   UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -149,7 +163,7 @@ int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
 }
 
 int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
-  if (fi) return result(futimens(openFile(fi).fd.get(), ts));
+  if (fi) return result(futimens(openFile(fi)->fd.get(), ts));
   return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
 }
 
@@ -197,20 +211,20 @@ int viewOpen(const char* path, fuse_file_info* fi) { return openOrCreate(path, f
 int viewCreate(const char* path, mode_t mode, fuse_file_info* fi) { return openOrCreate(path, fi, true, mode); }
 
 int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse_file_info* fi) {
-  OpenFile& file = openFile(fi);
+  UsedFile file = openFile(fi);
   // libfuse frees the vector and any memory in it after replying.
   auto* vec = static_cast<fuse_bufvec*>(std::calloc(1, sizeof(fuse_bufvec)));
   if (!vec) return -ENOMEM;
   vec->count = 1;
   fuse_buf& buf = vec->buf[0];
   buf.fd = -1;
-  if (file.compressed) {
+  if (file->compressed) {
     buf.mem = std::malloc(size > 0 ? size : 1);
     if (!buf.mem) {
       std::free(vec);
       return -ENOMEM;
     }
-    ssize_t n = file.compressed->read(static_cast<uint64_t>(offset), size, static_cast<uint8_t*>(buf.mem));
+    ssize_t n = file->compressed->read(static_cast<uint64_t>(offset), size, static_cast<uint8_t*>(buf.mem));
     if (n < 0) {
       std::free(buf.mem);
       std::free(vec);
@@ -220,7 +234,7 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
   } else {
     buf.size = size;
     buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-    buf.fd = file.fd.get();
+    buf.fd = file->fd.get();
     buf.pos = offset;
   }
   *bufp = vec;
@@ -228,13 +242,13 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
 }
 
 int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi) {
-  OpenFile& file = openFile(fi);
-  if (file.compressed) return -EBADF;
+  UsedFile file = openFile(fi);
+  if (file->compressed) return -EBADF;
   fuse_bufvec out{};
   out.count = 1;
   out.buf[0].size = fuse_buf_size(in);
   out.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-  out.buf[0].fd = file.fd.get();
+  out.buf[0].fd = file->fd.get();
   out.buf[0].pos = offset;
   return static_cast<int>(fuse_buf_copy(&out, in, FUSE_BUF_SPLICE_NONBLOCK));
 }
@@ -242,12 +256,14 @@ int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi)
 int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().rootFd(), st)); }
 
 int viewRelease(const char*, fuse_file_info* fi) {
-  delete reinterpret_cast<OpenFile*>(fi->fh);
+  auto* file = reinterpret_cast<OpenFile*>(fi->fh);
+  { std::unique_lock last(file->inUse); }
+  delete file;
   return 0;
 }
 
 int viewFsync(const char*, int datasync, fuse_file_info* fi) {
-  const int fd = openFile(fi).fd.get();
+  const int fd = openFile(fi)->fd.get();
   return result(datasync ? fdatasync(fd) : fsync(fd));
 }
 
@@ -343,22 +359,22 @@ int viewFsyncdir(const char*, int datasync, fuse_file_info* fi) {
 
 int viewAccess(const char* path, int mask) { return result(faccessat(fs().rootFd(), rel(path), mask, 0)); }
 
-int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(openFile(fi).fd.get(), op)); }
+int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(openFile(fi)->fd.get(), op)); }
 
 int viewFallocate(const char*, int mode, off_t offset, off_t length, fuse_file_info* fi) {
-  if (openFile(fi).compressed) return -EBADF;
-  return result(fallocate(openFile(fi).fd.get(), mode, offset, length));
+  if (openFile(fi)->compressed) return -EBADF;
+  return result(fallocate(openFile(fi)->fd.get(), mode, offset, length));
 }
 
 off_t viewLseek(const char*, off_t offset, int whence, fuse_file_info* fi) {
-  OpenFile& file = openFile(fi);
-  if (file.compressed) {
+  UsedFile file = openFile(fi);
+  if (file->compressed) {
     // The content has no holes.
-    const off_t size = static_cast<off_t>(file.compressed->size());
+    const off_t size = static_cast<off_t>(file->compressed->size());
     if (offset < 0 || offset >= size) return -ENXIO;
     return whence == SEEK_DATA ? offset : size;
   }
-  off_t r = lseek(file.fd.get(), offset, whence);
+  off_t r = lseek(file->fd.get(), offset, whence);
   return r < 0 ? -errno : r;
 }
 
