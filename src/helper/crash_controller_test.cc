@@ -86,6 +86,11 @@ TEST_F(CrashController, AbortOnAWorkerIsCarriedToTheMainThreadBeforeTheProcessDi
 }
 
 TEST_F(CrashController, AHangingCrashPathStillEndsByTheSignal) {
+#if defined(__SANITIZE_THREAD__)
+  // The thread checker holds asynchronous signals (the guard's SIGALRM) until
+  // the thread next calls into a library, which a hanging path never does.
+  GTEST_SKIP() << "not under the thread checker";
+#endif
   EXPECT_EXIT(
       {
         static SavingDelegate delegate(/*hang=*/true);
