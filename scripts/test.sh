@@ -25,10 +25,14 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 # Suites named *Heavy* (many processes, big files) gain nothing from TSan.
+# The view's tests (MountCommands) run under ASan only: libfuse reads the
+# descriptors the view hands it after the view's callback returns, and the
+# kernel orders that before the file's release through /dev/fuse, which the
+# thread checker cannot see, so it reports races that cannot happen.
 echo "== TSan (threaded parts)"
 bash scripts/build.sh build-tsan -DZEPHLORE_SANITIZE=thread -DZEPHLORE_BENCH=OFF
 TSAN_OPTIONS=halt_on_error=1 \
-  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -E Heavy
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -E 'Heavy|MountCommands'
 
 if [ -d fuzz ] && ls fuzz/*.cc >/dev/null 2>&1; then
   echo "== fuzzing (bounded)"

@@ -323,7 +323,7 @@ TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt)
   r = runZephlore({"compress", source_ + "/draft"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(readFile(source_ + "/draft") == text + "more");
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view.unmount(), 0) << view.child().err();
   EXPECT_TRUE(hasAttribute(source_ + "/draft", "user.com.apple.decmpfs"));
 }
 

@@ -11,6 +11,9 @@ namespace zephlore {
 namespace {
 
 TEST(GlibThread, WorkRunsOnTheThreadInOrderAndSourcesOnItsContext) {
+  // Atomic, and made before the thread: GLib's own hand-over of a source is
+  // invisible to thread checkers.
+  std::atomic<bool> idle_ran{false};
   GlibThread glib;
   std::vector<std::string> ran;  // touched only on the GLib thread until run() returns
   std::thread::id where;
@@ -28,8 +31,6 @@ TEST(GlibThread, WorkRunsOnTheThreadInOrderAndSourcesOnItsContext) {
   EXPECT_FALSE(glib.isCurrent());
 
   // A source attached from outside runs there too, before stop() returns.
-  // Atomic: GLib's own hand-over of the source is invisible to thread checkers.
-  std::atomic<bool> idle_ran{false};
   GSource* idle = g_idle_source_new();
   g_source_set_callback(
       idle, [](gpointer flag) { static_cast<std::atomic<bool>*>(flag)->store(true); return G_SOURCE_REMOVE; },
