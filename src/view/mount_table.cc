@@ -36,7 +36,8 @@ std::string absolutePath(const std::string& path) {
   return out.empty() ? "/" : out;
 }
 
-bool isViewMounted(const std::string& mountPoint) {
+std::vector<ViewMountEntry> viewMounts() {
+  std::vector<ViewMountEntry> views;
   std::ifstream table("/proc/self/mountinfo");
   for (std::string line; std::getline(table, line);) {
     // id parent major:minor root mountpoint options [optional...] - type source super
@@ -46,9 +47,16 @@ bool isViewMounted(const std::string& mountPoint) {
     const size_t dash = line.find(" - ");
     if (dash == std::string::npos) continue;
     std::istringstream tail(line.substr(dash + 3));
-    std::string type;
-    tail >> type;
-    if (type == kViewFileSystemType && unescapeMountField(point) == mountPoint) return true;
+    std::string type, source;
+    tail >> type >> source;
+    if (type == kViewFileSystemType) views.push_back({unescapeMountField(point), unescapeMountField(source)});
+  }
+  return views;
+}
+
+bool isViewMounted(const std::string& mountPoint) {
+  for (const ViewMountEntry& view : viewMounts()) {
+    if (view.mountPoint == mountPoint) return true;
   }
   return false;
 }

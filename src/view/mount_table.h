@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/error.h"
 
@@ -10,6 +11,14 @@ namespace zephlore::view {
 
 // The file-system type views carry in the mount table.
 inline constexpr const char* kViewFileSystemType = "fuse.zephlore";
+
+struct ViewMountEntry {
+  std::string mountPoint;  // unescaped
+  std::string source;      // unescaped
+};
+
+// The views in the mount table, in its order (later ones lie on top).
+std::vector<ViewMountEntry> viewMounts();
 
 // Whether a view is mounted exactly on `mountPoint` (an absolute path).
 bool isViewMounted(const std::string& mountPoint);

@@ -67,23 +67,12 @@ std::string findServingDescriptor(const std::string& source, dev_t viewDevice) {
 
 std::optional<ViewCover> viewCovering(const std::string& path) {
   const std::string absolute = absolutePath(path);
-  std::ifstream table("/proc/self/mountinfo");
   std::string bestPoint, bestSource;
-  for (std::string line; std::getline(table, line);) {
-    std::istringstream fields(line);
-    std::string id, parent, device, root, point;
-    fields >> id >> parent >> device >> root >> point;
-    const size_t dash = line.find(" - ");
-    if (dash == std::string::npos) continue;
-    std::istringstream tail(line.substr(dash + 3));
-    std::string type, source;
-    tail >> type >> source;
-    if (type != kViewFileSystemType) continue;
-    point = unescapeMountField(point);
-    // Later lines are mounted on top of earlier ones.
-    if (isWithin(absolute, point) && point.size() >= bestPoint.size()) {
-      bestPoint = point;
-      bestSource = unescapeMountField(source);
+  for (const ViewMountEntry& view : viewMounts()) {
+    // Later entries are mounted on top of earlier ones.
+    if (isWithin(absolute, view.mountPoint) && view.mountPoint.size() >= bestPoint.size()) {
+      bestPoint = view.mountPoint;
+      bestSource = view.source;
     }
   }
   if (bestPoint.empty()) return std::nullopt;
@@ -96,20 +85,9 @@ std::optional<ViewCover> viewCovering(const std::string& path) {
 
 std::map<std::string, std::string> liveViews() {
   std::map<std::string, std::string> views;
-  std::ifstream table("/proc/self/mountinfo");
-  for (std::string line; std::getline(table, line);) {
-    std::istringstream fields(line);
-    std::string id, parent, device, root, point;
-    fields >> id >> parent >> device >> root >> point;
-    const size_t dash = line.find(" - ");
-    if (dash == std::string::npos) continue;
-    std::istringstream tail(line.substr(dash + 3));
-    std::string type;
-    tail >> type;
-    if (type != kViewFileSystemType) continue;
-    point = unescapeMountField(point);
-    std::optional<ViewCover> cover = viewCovering(point);
-    if (cover && cover->mountPoint == point) views[point] = cover->beneath;
+  for (const ViewMountEntry& view : viewMounts()) {
+    std::optional<ViewCover> cover = viewCovering(view.mountPoint);
+    if (cover && cover->mountPoint == view.mountPoint) views[view.mountPoint] = cover->beneath;
   }
   return views;
 }
