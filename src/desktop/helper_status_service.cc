@@ -49,10 +49,10 @@ GVariant* toVariant(const std::string& v) { return textVariant(v); }
 
 }  // namespace
 
-KRHelperStatusService::KRHelperStatusService(GDBusConnection* connection, RunLoop& loop) : loop_(loop) {
+KRHelperStatusService::KRHelperStatusService(GDBusConnection* connection, RunLoop& loop, GlibThread& thread)
+    : loop_(loop), glib_(thread) {
   if (!connection) return;
   connection_ = G_DBUS_CONNECTION(g_object_ref(connection));
-  glib_ = std::make_unique<GlibThread>();
   // Registered from our thread, so that its calls are served there.
   runOnThread([this] {
     static const GDBusInterfaceVTable vtable = {onMethodCall, onGetProperty, nullptr, {}};
@@ -72,11 +72,10 @@ KRHelperStatusService::~KRHelperStatusService() {
     if (registration_) g_dbus_connection_unregister_object(connection_, registration_);
     registration_ = 0;
   });
-  glib_.reset();  // lets the sources the unregistering queued run, then ends
   g_object_unref(connection_);
 }
 
-void KRHelperStatusService::runOnThread(const std::function<void()>& fn) { glib_->run(fn); }
+void KRHelperStatusService::runOnThread(const std::function<void()>& fn) { glib_.run(fn); }
 
 template <typename T>
 void KRHelperStatusService::change(T HelperStatus::*field, const T& value, const char* property) {

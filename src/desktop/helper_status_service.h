@@ -5,7 +5,7 @@
 // application's handlers on the main run loop and answer once they ran.
 //
 // The object lives on the connection that owns the helper's bus name. Its
-// calls are served on a GLib thread of this object's own.
+// calls are served on the desktop parts' GLib thread.
 #pragma once
 
 #include <gio/gio.h>
@@ -17,7 +17,7 @@
 #include <string>
 
 #include "base/run_loop.h"
-#include "helper/glib_thread.h"
+#include "desktop/desktop_thread.h"
 
 namespace zephlore {
 
@@ -35,7 +35,8 @@ struct HelperStatus {
 class KRHelperStatusService {
  public:
   // `connection` may be none (no bus): the setters then only keep the values.
-  explicit KRHelperStatusService(GDBusConnection* connection, RunLoop& loop = RunLoop::main());
+  explicit KRHelperStatusService(GDBusConnection* connection, RunLoop& loop = RunLoop::main(),
+                                 GlibThread& thread = desktopThread());
   ~KRHelperStatusService();
   KRHelperStatusService(const KRHelperStatusService&) = delete;
   KRHelperStatusService& operator=(const KRHelperStatusService&) = delete;
@@ -71,7 +72,7 @@ class KRHelperStatusService {
 
   GDBusConnection* connection_ = nullptr;
   RunLoop& loop_;
-  std::unique_ptr<GlibThread> glib_;  // serves the object's calls
+  GlibThread& glib_;  // serves the object's calls
   guint registration_ = 0;
 
   mutable std::mutex mutex_;  // guards the values and the handlers

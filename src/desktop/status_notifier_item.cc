@@ -59,19 +59,21 @@ DbusmenuMenuitem* addItem(DbusmenuMenuitem* root, const char* label, bool enable
 }  // namespace
 
 KRStatusNotifierItem::KRStatusNotifierItem(RunLoop& mainLoop, std::function<void()> togglePause,
-                                           std::function<void()> showHistory)
+                                           std::function<void()> showHistory, GlibThread& thread)
     : mainLoop_(mainLoop),
+      thread_(thread),
       togglePause_(std::move(togglePause)),
       showHistory_(std::move(showHistory)),
-      iconThemePath_(iconFolder()),
-      thread_(std::make_unique<GlibThread>(GlibThread::Context::kGlobalDefault)) {
-  thread_->run([this] { startOnBusThread(); });
+      iconThemePath_(iconFolder()) {
+  thread_.run([this] { startOnBusThread(); });
 }
 
 KRStatusNotifierItem::~KRStatusNotifierItem() {
-  thread_->run([this] { stopOnBusThread(); });
-  thread_.reset();  // runs what is still queued first
-  if (connection_) g_object_unref(connection_);
+  thread_.run([this] {
+    stopOnBusThread();
+    if (connection_) g_object_unref(connection_);
+    connection_ = nullptr;
+  });
 }
 
 void KRStatusNotifierItem::startOnBusThread() {
@@ -210,7 +212,7 @@ GVariant* KRStatusNotifierItem::onGetProperty(GDBusConnection*, const gchar*, co
 }
 
 void KRStatusNotifierItem::show(const KRStatusMenu& menu, const std::string& iconName, const std::string& toolTip) {
-  thread_->post([this, menu, iconName, toolTip] {
+  thread_.post([this, menu, iconName, toolTip] {
     visible_ = true;
     iconName_ = iconName;
     toolTip_ = toolTip;
@@ -223,25 +225,25 @@ void KRStatusNotifierItem::show(const KRStatusMenu& menu, const std::string& ico
 
 void KRStatusNotifierItem::hide() {
   // A passive item is left out of the tray; the menu stays as it is.
-  thread_->post([this] {
+  thread_.post([this] {
     visible_ = false;
     emit("NewStatus");
   });
 }
 
 void KRStatusNotifierItem::setIcon(const std::string& iconName) {
-  thread_->post([this, iconName] {
+  thread_.post([this, iconName] {
     iconName_ = iconName;
     emit("NewIcon");
   });
 }
 
 void KRStatusNotifierItem::setMenu(const KRStatusMenu& menu) {
-  thread_->post([this, menu] { applyMenuOnBusThread(menu); });
+  thread_.post([this, menu] { applyMenuOnBusThread(menu); });
 }
 
 void KRStatusNotifierItem::sync() {
-  thread_->run([] {});
+  thread_.run([] {});
 }
 
 }  // namespace zephlore

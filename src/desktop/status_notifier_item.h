@@ -15,7 +15,7 @@
 #include <string>
 
 #include "base/run_loop.h"
-#include "helper/glib_thread.h"
+#include "desktop/desktop_thread.h"
 #include "desktop/menu_bar_controller.h"
 
 typedef struct _DbusmenuServer DbusmenuServer;
@@ -29,8 +29,10 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   static constexpr const char* kMenuPath = "/MenuBar";
   static constexpr const char* kWatcherName = "org.kde.StatusNotifierWatcher";
 
-  // Menu clicks call `togglePause` and `showHistory` on `mainLoop`.
-  KRStatusNotifierItem(RunLoop& mainLoop, std::function<void()> togglePause, std::function<void()> showHistory);
+  // Menu clicks call `togglePause` and `showHistory` on `mainLoop`. The item
+  // lives on `thread`, which must run GLib's global default context.
+  KRStatusNotifierItem(RunLoop& mainLoop, std::function<void()> togglePause, std::function<void()> showHistory,
+                       GlibThread& thread = desktopThread());
   ~KRStatusNotifierItem() override;
   KRStatusNotifierItem(const KRStatusNotifierItem&) = delete;
   KRStatusNotifierItem& operator=(const KRStatusNotifierItem&) = delete;
@@ -63,6 +65,7 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   void emit(const char* signal);
 
   RunLoop& mainLoop_;
+  GlibThread& thread_;
   std::function<void()> togglePause_;
   std::function<void()> showHistory_;
   std::string serviceName_;
@@ -83,9 +86,6 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   bool visible_ = false;
   std::string iconName_ = kIconNormal;
   std::string toolTip_ = "Zephlore Menu";
-
-  // Last: it ends (running what is queued) before the rest goes.
-  std::unique_ptr<GlibThread> thread_;
 };
 
 }  // namespace zephlore

@@ -2,8 +2,10 @@
 // through GLib (the session bus, desktop notices, the status object and the
 // tray item). Sources attached to context() and callbacks of objects made on
 // this thread run there; other threads hand it work with post() or run().
-// Each part that may block on a peer (a notification server that does not
-// answer) has a thread of its own, so it cannot hold up the others.
+// The bus connection of the distributed notification center has one; the
+// desktop parts that serve the bus share another (desktop/desktop_thread.h);
+// desktop notices, which may block on a notification server that does not
+// answer, have a third, so they cannot hold up the others.
 #pragma once
 
 #include <gio/gio.h>
