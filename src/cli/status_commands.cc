@@ -133,7 +133,7 @@ void printJson(const std::optional<LiveStatus>& live, const std::optional<std::v
   std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }
 
-void showStatus(int* exit_code, bool json) {
+void showStatus(int* exit_code, bool as_json) {
   bool absent = false;
   std::string problem;
   std::optional<LiveStatus> live;
@@ -148,7 +148,7 @@ void showStatus(int* exit_code, bool json) {
   }
   std::string folders_problem;
   std::optional<std::vector<StatusFolder>> folders = watchedFoldersForStatus(&folders_problem);
-  if (json) {
+  if (as_json) {
     printJson(live, folders);
   } else {
     printText(live, folders, folders_problem);
@@ -179,9 +179,9 @@ void addStatusCommands(CLI::App& app, int* exit_code) {
   auto* status = app.add_subcommand(
       "status", "Show whether zephlore-helper runs, what it does, its savings and the watched folders "
                 "(exit status 3 when it is not running)");
-  auto json = std::make_shared<bool>(false);
-  status->add_flag("--json", *json, "One JSON object");
-  status->callback([=] { showStatus(exit_code, *json); });
+  auto as_json = std::make_shared<bool>(false);
+  status->add_flag("--json", *as_json, "One JSON object");
+  status->callback([=] { showStatus(exit_code, *as_json); });
   app.add_subcommand("pause", "Pause the running helper: it stops watching and compressing until resumed")
       ->callback([=] { callPauseOrResume(exit_code, kPause, "zephlore-helper is paused."); });
   app.add_subcommand("resume", "Resume the paused helper")
