@@ -121,6 +121,34 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
   }
 }
 
+// A converter handed an Env of its own makes its swap through that one, not
+// through the process's: a fault there fails the swap and the file stays.
+TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
+  makeFile(true);  // the volume's abilities are probed once, through the process's Env
+  FaultInjectingEnv own;
+  own.inject({"exchange", EIO, 1, 1, {}, false});
+  const FileSnapshot plain = makeFile();
+  HFSCompressionOptions compressing;
+  compressing.env = &own;
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, nullptr, nullptr, nullptr, nullptr,
+                                                                      compressing));
+  EXPECT_EQ(own.calls("exchange"), 1);
+  EXPECT_EQ(env_.calls("exchange"), 0);
+  EXPECT_EQ(FileSnapshot::take(path_), plain);
+
+  // The expander falls back to a rename when the exchange fails.
+  makeFile(true);
+  own.clear();
+  own.inject({"exchange", EIO, 1, 1, {}, false});
+  HFSExpandOptions expanding;
+  expanding.env = &own;
+  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(path_, nullptr, nullptr, nullptr, false, expanding));
+  EXPECT_EQ(own.calls("exchange"), 1);
+  EXPECT_EQ(own.calls("rename"), 1);
+  EXPECT_EQ(env_.calls("exchange") + env_.calls("rename"), 0);
+  EXPECT_EQ(readFile(path_), kData);
+}
+
 // A doubtful swap whose swap back fails too: the original comes back by a
 // rename instead, the very same file.
 TEST_F(CompressorFaultInjectionTest, AFailedSwapBackStillRestoresTheOriginal) {

@@ -71,8 +71,8 @@ bool attributeWriteFailure(Error* error, const std::string& path, int err, const
 }
 
 // The attribute value of `name` equals `expected`.
-bool attributeEquals(const FileRef& file, const char* name, const void* expected, size_t n) {
-  std::optional<std::vector<uint8_t>> value = Env::shared().getxattrValue(file, name);
+bool attributeEquals(Env& env, const FileRef& file, const char* name, const void* expected, size_t n) {
+  std::optional<std::vector<uint8_t>> value = env.getxattrValue(file, name);
   return value && value->size() == n && std::memcmp(value->data(), expected, n) == 0;
 }
 
@@ -107,7 +107,7 @@ class AttributeForkImageSink final : public ForkImageSink {
 
 QVHFSCompressedFileRepresentation::QVHFSCompressedFileRepresentation(Delegate* delegate,
                                                                      const HFSCompressionOptions& options)
-    : delegate_(delegate), options_(options) {}
+    : delegate_(delegate), options_(options), env_(options.env ? *options.env : Env::shared()) {}
 
 // The image's file is unnamed (or unlinked at once): closing it is the
 // cleanup, even after a crash.
@@ -130,7 +130,7 @@ std::unique_ptr<QVHFSCompressedFileRepresentation> QVHFSCompressedFileRepresenta
 }
 
 bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string& path, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   if (!checkPathForRewrite(path, error)) return false;
   struct stat st;
   if (env.lstat(path, &st) != 0) {
@@ -219,14 +219,14 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
 
 std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::unnamedCopyBesideSource() {
   if (sourcePath_.empty()) return nullptr;
-  auto copy = std::make_unique<SiblingTempFile>(Env::shared(), sourcePath_, Kind::kCompressedCopy);
+  auto copy = std::make_unique<SiblingTempFile>(env_, sourcePath_, Kind::kCompressedCopy);
   // A copy that has a name from the start would be left behind by a crash.
   if (!copy->create(0600) || copy->named()) return nullptr;
   return copy;
 }
 
 bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   Error why;
   std::optional<std::string> dir = TemporaryFiles::privateDirectory(&why);
   if (dir) {
@@ -263,7 +263,7 @@ bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::strin
   }
   if (!checkPathForRewrite(path, error)) return false;
   struct stat st;
-  if (Env::shared().lstat(path, &st) != 0) {
+  if (env_.lstat(path, &st) != 0) {
     if (errno == ENOENT) return saveAsNewFile(path, error);
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
                 "Could not stat source file at " + path + ": " + errnoText(errno));
@@ -272,9 +272,9 @@ bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::strin
 }
 
 // Marks a copy whose fork is in place as compressed: the header and the flag.
-static bool markCompressed(int copyFd, const HFSPlusDecmpfs& decmpfs, const std::string& path, Error* error) {
+static bool markCompressed(Env& env, int copyFd, const HFSPlusDecmpfs& decmpfs, const std::string& path, Error* error) {
   const FileRef copy = FileRef::descriptor(copyFd);
-  if (Env::shared().setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
+  if (env.setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
     int err = errno;
     return attributeWriteFailure(error, path, err, "cannot set its compression header: " + errnoText(err));
   }
@@ -309,11 +309,11 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
           strerror(why.code));
     return attributeWriteFailure(error, path, why.code, why.message);
   }
-  return markCompressed(copyFd, decmpfsData_, path, error);
+  return markCompressed(env_, copyFd, decmpfsData_, path, error);
 }
 
 bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   SiblingTempFile copy(env, path, Kind::kCompressedCopy);
   if (!copy.create(0755) || env.fchmod(copy.fd(), 0755) != 0) return couldNotCreate(error, path, errnoText(errno));
   if (!writeCompressedForm(copy.fd(), path, error)) return false;
@@ -326,7 +326,7 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
 
 bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, const struct stat& target, Error* error,
                                                     int64_t* savedSpace) {
-  Env& env = Env::shared();
+  Env& env = env_;
   const bool isSource = !sourcePath_.empty() && sameFile(target, sourceStat_);
   if (!refuseTarget(path, target, isSource, error)) return false;
 
@@ -346,7 +346,7 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
 
   // The write lease needs the lock to be the file's only open descriptor.
   sourceFd_.reset();
-  SwapWindow window(lock.get());
+  SwapWindow window(env_, lock.get());
   if (env.fstat(lock.get(), &locked) != 0 || !unchanged(locked, expected)) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return refuse(error, kHFSErrorModified, path);
@@ -389,7 +389,7 @@ bool QVHFSCompressedFileRepresentation::refuseTarget(const std::string& path, co
 
 UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, const struct stat& target,
                                                        bool isSource, struct stat* locked, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   UniqueFd lock(env.access(path, W_OK) == 0 ? env.openLocked(path, O_RDONLY | O_NONBLOCK) : -1);
   if (!lock) {
     int err = errno;
@@ -422,7 +422,7 @@ UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, 
 
 std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(const std::string& path, int lockFd,
                                                                                bool isSource, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   // What the copy keeps of the file. The access time is the one from before
   // the file was read for compression.
   Error why;
@@ -434,7 +434,7 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
   // a copy of its own. Either way the staged copy serves one save only.
   std::unique_ptr<SiblingTempFile> copy = std::move(stagedCopy_);
   if (isSource && copy && path == sourcePath_) {
-    if (!markCompressed(copy->fd(), decmpfsData_, path, error)) return nullptr;
+    if (!markCompressed(env_, copy->fd(), decmpfsData_, path, error)) return nullptr;
   } else {
     stagedCopy_ = std::move(copy);  // still the image of the fork
     copy = std::make_unique<SiblingTempFile>(env, path, Kind::kCompressedCopy);
@@ -456,7 +456,7 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
 void QVHFSCompressedFileRepresentation::reportSavedSpace(const std::string& path, const struct stat& before,
                                                          int64_t* savedSpace) {
   struct stat after;
-  if (Env::shared().lstat(path, &after) != 0) return;
+  if (env_.lstat(path, &after) != 0) return;
   int64_t forkBlocks = static_cast<int64_t>((forkSize_ + sizeof decmpfsData_ + 511) / 512);
   int64_t newBlocks = std::max<int64_t>(after.st_blocks, forkBlocks);
   if (before.st_blocks > newBlocks) *savedSpace = (before.st_blocks - newBlocks) * 512;
@@ -469,7 +469,7 @@ const char* const QVHFSCompressedFileRepresentation::kOpenedDuringSwap = "the fi
 std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const std::string& path, SiblingTempFile& copy,
                                                                         int lockFd, const struct stat& expectedContent,
                                                                         const SwapWindow& window) {
-  Env& env = Env::shared();
+  Env& env = env_;
   if (!copy.link()) {
     int err = errno;
     KRLog("**** Could not name the compressed copy %s of %s, errno: %d [%s]", copy.name().c_str(), path.c_str(), err,
@@ -516,14 +516,14 @@ std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const st
 
 std::string QVHFSCompressedFileRepresentation::checkSwapped(const std::string& path, const struct stat& copyStat,
                                                            int lockFd, const struct stat& expectedContent) {
-  Env& env = Env::shared();
+  Env& env = env_;
   const FileRef atPath = FileRef::atPath(path);
   if (!AttributeFork::isPresent(atPath)) {
     KRLog("Resource fork could not be found, rolling back %s", path.c_str());
     return "the resource fork could not be found";
   }
   std::optional<uint32_t> flags = FileFlags::get(atPath);
-  if (!attributeEquals(atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
+  if (!attributeEquals(env, atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
       !(*flags & FileFlags::kUFCompressed)) {
     KRLog("Compression attributes could not be found, rolling back %s", path.c_str());
     return "the compression attributes could not be found";
@@ -545,7 +545,7 @@ std::string QVHFSCompressedFileRepresentation::checkSwapped(const std::string& p
 
 void QVHFSCompressedFileRepresentation::rollback(const std::string& path, SiblingTempFile& copy,
                                                  const struct stat& copyStat) {
-  Env& env = Env::shared();
+  Env& env = env_;
   struct stat st;
   if (env.lstat(path, &st) != 0 || !sameFile(st, copyStat)) {
     // Someone else changed the path meanwhile: the copy's name holds the old

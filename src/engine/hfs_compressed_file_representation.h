@@ -61,6 +61,7 @@ struct HFSCompressionOptions {
   bool verify = true;        // inflate every block again before the copy may replace the file
   bool useExchange = true;   // swap by exchanging names (the helper's "useSeamlessFileSwitch");
                              // else rename the copy over the file
+  Env* env = nullptr;        // the operating system; none: Env::shared()
 };
 
 class QVHFSCompressedFileRepresentation {
@@ -138,6 +139,7 @@ class QVHFSCompressedFileRepresentation {
 
   Delegate* delegate_;
   HFSCompressionOptions options_;
+  Env& env_;
   std::string sourcePath_;  // empty when built from data
   struct timespec lastModificationTimeOfPath_ {};  // the source's status-change time when opened
   struct stat sourceStat_ {};

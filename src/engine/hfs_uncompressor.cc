@@ -54,7 +54,7 @@ bool modified(Error* error, const std::string& path) {
 }  // namespace
 
 QVHFSUncompressor::QVHFSUncompressor(std::string path, const HFSExpandOptions& options)
-    : sourcePath_(std::move(path)), options_(options) {}
+    : sourcePath_(std::move(path)), options_(options), env_(options.env ? *options.env : Env::shared()) {}
 
 bool QVHFSUncompressor::expandInPlacePath(const std::string& path, Error* error, int64_t* compressedSize,
                                           int64_t* uncompressedSize, bool ignoreCompressionFlag,
@@ -66,7 +66,7 @@ bool QVHFSUncompressor::expandInPlacePath(const std::string& path, Error* error,
 
 bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, int64_t* compressedSize,
                                  int64_t* uncompressedSize) {
-  Env& env = Env::shared();
+  Env& env = env_;
   const std::string& source = sourcePath_;
 
   // The source, locked while it is read (a lock held elsewhere does not
@@ -167,7 +167,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
 
 bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& destination, int sourceFd,
                                const struct stat& opened, const struct stat& destinationStat, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   const std::string& source = sourcePath_;
   struct stat now;
   if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
@@ -175,7 +175,7 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
   // In place, the source's descriptor is the file's only one: a write lease
   // on it holds back anybody opening the file until the swap is settled.
   std::optional<SwapWindow> window;
-  if (inPlace) window.emplace(sourceFd);
+  if (inPlace) window.emplace(env, sourceFd);
   if (env.fstat(sourceFd, &now) != 0 || now.st_ctim.tv_sec != opened.st_ctim.tv_sec ||
       now.st_ctim.tv_nsec != opened.st_ctim.tv_nsec) {
     return modified(error, source);

@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -29,6 +30,7 @@ struct HFSExpandOptions {
   // Records the file while the expanded copy is swapped in, for the next
   // run to repair should this one be killed there.
   ProcessInProcessRecord* record = nullptr;
+  Env* env = nullptr;  // the operating system; none: Env::shared()
 };
 
 class QVHFSUncompressor {
@@ -67,6 +69,7 @@ class QVHFSUncompressor {
 
   std::string sourcePath_;
   HFSExpandOptions options_;
+  Env& env_;
   bool ignoreCompressionFlag_ = false;
   bool acceptWrittenData_ = false;
 };

@@ -18,8 +18,7 @@ namespace {
 // this much cannot belong to it.
 constexpr size_t kMaxRecordBytes = 2 * PATH_MAX + 64;
 
-std::optional<std::string> readRecordText(const std::string& filename) {
-  Env& env = Env::shared();
+std::optional<std::string> readRecordText(Env& env, const std::string& filename) {
   int fd = env.open(filename, O_RDONLY | O_NONBLOCK);
   if (fd == -1) return std::nullopt;
   std::string text(kMaxRecordBytes, '\0');
@@ -77,14 +76,14 @@ InProcessRecord InProcessRecordFile::parse(std::string_view text) {
   return record;
 }
 
-InProcessRecordFile::InProcessRecordFile(std::string filename) : filename_(std::move(filename)) {
+InProcessRecordFile::InProcessRecordFile(std::string filename, Env& env) : env_(env), filename_(std::move(filename)) {
   // The previous run's record is read before the file is opened for this run,
   // and opening does not truncate it: it stays on disk until reset().
-  if (std::optional<std::string> text = readRecordText(filename_)) previous_ = parse(*text);
+  if (std::optional<std::string> text = readRecordText(env_, filename_)) previous_ = parse(*text);
 
   // The exclusive lock fails when another instance of the helper holds the
   // record: that instance owns crash recovery, this one runs without a trace.
-  int fd = Env::shared().openLocked(filename_, O_RDWR | O_CREAT | O_NONBLOCK, 0644);
+  int fd = env_.openLocked(filename_, O_RDWR | O_CREAT | O_NONBLOCK, 0644);
   if (fd == -1) {
     int saved = errno;
     KRLog("Could not create watchdog file at %s, errno: %u [%s]", filename_.c_str(),
@@ -94,12 +93,12 @@ InProcessRecordFile::InProcessRecordFile(std::string filename) : filename_(std::
 }
 
 InProcessRecordFile::~InProcessRecordFile() {
-  if (fd_ != -1) Env::shared().close(fd_);
+  if (fd_ != -1) env_.close(fd_);
 }
 
 void InProcessRecordFile::willProcessFile(const std::string& path) {
   if (fd_ == -1) return;
-  Env& env = Env::shared();
+  Env& env = env_;
   struct stat st;
   uint64_t size = env.lstat(path, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
   std::string record = format(path, size);
@@ -112,7 +111,7 @@ void InProcessRecordFile::willProcessFile(const std::string& path) {
 
 void InProcessRecordFile::reset() {
   if (fd_ == -1) return;
-  int result = Env::shared().ftruncate(fd_, 0);
+  int result = env_.ftruncate(fd_, 0);
   (void)result;
 }
 

@@ -19,6 +19,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
 struct InProcessRecord {
@@ -33,7 +35,7 @@ class InProcessRecordFile {
   // non-blocking flock. When the open or the lock fails it logs
   // "Could not create watchdog file at %@, errno: %u [%s]" and every later
   // write is a silent no-op.
-  explicit InProcessRecordFile(std::string filename);
+  explicit InProcessRecordFile(std::string filename, Env& env = Env::shared());
   ~InProcessRecordFile();
   InProcessRecordFile(const InProcessRecordFile&) = delete;
   InProcessRecordFile& operator=(const InProcessRecordFile&) = delete;
@@ -57,6 +59,7 @@ class InProcessRecordFile {
   static InProcessRecord parse(std::string_view text);
 
  private:
+  Env& env_;
   std::string filename_;
   InProcessRecord previous_;
   int fd_ = -1;

@@ -2,15 +2,15 @@
 
 namespace zephlore {
 
-SwapWindow::SwapWindow(int fd) : fd_(fd), leased_(Env::shared().takeWriteLease(fd) == 0) {}
+SwapWindow::SwapWindow(Env& env, int fd) : env_(env), fd_(fd), leased_(env.takeWriteLease(fd) == 0) {}
 
 SwapWindow::~SwapWindow() { close(); }
 
-bool SwapWindow::undisturbed() const { return !leased_ || Env::shared().writeLeaseHeld(fd_); }
+bool SwapWindow::undisturbed() const { return !leased_ || env_.writeLeaseHeld(fd_); }
 
 void SwapWindow::close() {
   if (!leased_) return;
-  Env::shared().releaseLease(fd_);
+  env_.releaseLease(fd_);
   leased_ = false;
 }
 

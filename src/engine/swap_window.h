@@ -22,7 +22,7 @@ namespace zephlore {
 class SwapWindow {
  public:
   // Takes the write lease on `fd`, the one open descriptor of the file.
-  explicit SwapWindow(int fd);
+  SwapWindow(Env& env, int fd);
   ~SwapWindow();  // lets the lease go
   SwapWindow(const SwapWindow&) = delete;
   SwapWindow& operator=(const SwapWindow&) = delete;
@@ -35,6 +35,7 @@ class SwapWindow {
   void close();
 
  private:
+  Env& env_;
   int fd_;
   bool leased_ = false;
 };
