@@ -53,8 +53,8 @@ KRCompressor& KRCompressor::sharedCompressor() {
 
 void KRCompressor::setShared(KRCompressor* compressor) { installed.store(compressor); }
 
-KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue)
-    : mainLoop_(mainLoop), compressionQueue_(compressionQueue) {
+KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env)
+    : mainLoop_(mainLoop), env_(env), compressionQueue_(compressionQueue) {
   if (!compressionQueue_) {
     ownQueue_ = std::make_unique<OperationQueue>(1);
     compressionQueue_ = ownQueue_.get();
@@ -182,6 +182,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
   yieldToEverythingElse();
   HFSCompressionOptions options;
   options.workers = 1;
+  options.env = &env_;
   options.useExchange = KRHelperDefaults::sharedHelperDefaults().useSeamlessFileSwitch();
   for (const std::string& path : batch) {
     if (paused_) return;

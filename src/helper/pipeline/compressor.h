@@ -57,8 +57,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   static void setShared(KRCompressor* compressor);
 
   // Ticks on `mainLoop`; batches on `compressionQueue`, or on a one-at-a-time
-  // queue of its own when none is given (tests).
-  explicit KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue = nullptr);
+  // queue of its own when none is given (tests). Files are converted through
+  // `env`.
+  explicit KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue = nullptr, Env& env = Env::shared());
   // Stops the running batch before its next file (and waits for it when
   // the queue is the compressor's own).
   ~KRCompressor() override;
@@ -116,6 +117,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   void setFileInHand(const std::string& path);
 
   RunLoop& mainLoop_;
+  Env& env_;
   OperationQueue* compressionQueue_;
 
   std::recursive_mutex fileQueueLock_;
