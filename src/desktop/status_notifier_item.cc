@@ -100,9 +100,11 @@ void KRStatusNotifierItem::startOnBusThread() {
   nameId_ = g_bus_own_name_on_connection(connection_, serviceName_.c_str(), G_BUS_NAME_OWNER_FLAGS_NONE, nullptr,
                                          nullptr, nullptr, nullptr);
   buildMenuOnBusThread();
-  // Registers now if a tray runs, and again whenever one starts; but only
-  // after libdbusmenu has put the menu on the bus (in a source of its own
-  // on this context), so that a tray never finds an item without a menu.
+  // Registers now if a tray runs, and again whenever one starts. libdbusmenu
+  // puts the menu on the bus once its own lookup of the bus returns, which
+  // GLib finishes on a worker thread: usually before this low-priority
+  // source runs, but not always. A tray that finds no menu yet reads it when
+  // it is there.
   watchSource_ = g_idle_add_full(
       G_PRIORITY_LOW,
       +[](gpointer data) {
