@@ -314,12 +314,15 @@ TEST(MountWatcher, ParsesEscapedMountPointsAndPostsRealMounts) {
   const std::string mnt = dir / "mnt with space";
   mkdir(mnt.c_str(), 0755);
   MountWatcher watcher(loop);
+  // Only our own mount point counts: tests running beside this one mount too.
   std::vector<std::string> seen;
   auto a = NotificationCenter::defaultCenter().addObserver(kDidMountNotification, nullptr, [&](const auto& n) {
-    seen.push_back("mount " + *userInfoString(n.userInfo, kDevicePathKey));
+    const std::string point = *userInfoString(n.userInfo, kDevicePathKey);
+    if (point == mnt) seen.push_back("mount " + point);
   });
   auto b = NotificationCenter::defaultCenter().addObserver(kDidUnmountNotification, nullptr, [&](const auto& n) {
-    seen.push_back("unmount " + *userInfoString(n.userInfo, kDevicePathKey));
+    const std::string point = *userInfoString(n.userInfo, kDevicePathKey);
+    if (point == mnt) seen.push_back("unmount " + point);
   });
   if (mount("zephlore-test", mnt.c_str(), "tmpfs", 0, "size=1m") != 0) {
     GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
