@@ -21,8 +21,6 @@
 namespace zephlore::cli {
 namespace {
 
-using json = nlohmann::ordered_json;
-
 struct InfoOptions {
   std::vector<std::string> paths;
   bool recursive = false;

@@ -4,8 +4,6 @@
 
 namespace zephlore::cli {
 
-using json = nlohmann::ordered_json;
-
 void addPathFields(json& object, const std::string& path) {
   if (isValidUtf8(path)) {
     object["path"] = path;

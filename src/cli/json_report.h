@@ -11,6 +11,9 @@
 
 namespace zephlore::cli {
 
+// Keys stay in the order they were added, as the reports show them.
+using json = nlohmann::ordered_json;
+
 // A path as JSON fields: "path" (valid UTF-8; bytes that are not UTF-8 shown
 // as U+FFFD) and, only for such names, "path_bytes" with the exact bytes in
 // hexadecimal.
