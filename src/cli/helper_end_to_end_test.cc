@@ -270,6 +270,11 @@ TEST_F(HelperEndToEnd, AFileSavedIntoAWatchedFolderIsCompressedCountedAndSurvive
   ASSERT_EQ(zephlore({"quit"}).status, 0);
   ASSERT_TRUE(waitForExit(helper_->pid(), 10'000));
   EXPECT_EQ(helper_->finish(), 0) << helper_->err();
+  // What it did, one line each: what scripts/run.sh shows.
+  for (const std::string& line : {"Watching " + watched + "\n", "Analysing " + watched + " and its subfolders\n",
+                                  "Analysed " + watched + ": ", "Compressed " + watched + "/report.txt: "}) {
+    EXPECT_NE(helper_->err().find(line), std::string::npos) << line << " not in:\n" << helper_->err();
+  }
   nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
   ASSERT_TRUE(folders.is_object());
   const uint64_t saved = folders["totalSavings"].get<uint64_t>();
