@@ -458,6 +458,30 @@ TEST_F(HelperEndToEnd, AnAbortOnTheCompressionThreadSavesTheHistoryAndLeavesTheF
   EXPECT_EQ(record.st_size, 0);
 }
 
+// The helper owns its bus name a moment before it listens: a quit, pause or
+// resume sent in that moment waits for it instead of being lost.
+TEST_F(HelperEndToEnd, CommandsSentAsSoonAsTheHelperOwnsItsNameReachIt) {
+  int paused_rounds = 0;
+  for (int round = 0; round < 12; ++round) {
+    ASSERT_TRUE(startHelper()) << "round " << round;
+    if (round % 3 == 2) {
+      ProcessResult paused = zephlore({"pause"});
+      EXPECT_EQ(paused.status, 0) << "round " << round << ": " << paused.err;
+      paused_rounds += statusJson().value("paused", false);
+      ProcessResult resumed = zephlore({"resume"});
+      EXPECT_EQ(resumed.status, 0) << "round " << round << ": " << resumed.err;
+      EXPECT_EQ(statusJson().value("paused", true), false);
+    }
+    ProcessResult quit = zephlore({"quit"});
+    EXPECT_EQ(quit.status, 0) << quit.out << quit.err;
+    if (!waitForExit(helper_->pid(), 10'000)) {
+      FAIL() << "round " << round << ": the quit was lost; helper:\n" << endHelper();
+    }
+    ASSERT_EQ(helper_->finish(), 0) << helper_->err();
+  }
+  EXPECT_EQ(paused_rounds, 4);
+}
+
 TEST_F(HelperEndToEnd, TwoHelpersStartedTogetherLeaveOne) {
   Child first({kBin + "zephlore-helper"});
   Child second({kBin + "zephlore-helper"});
