@@ -78,6 +78,15 @@ void KRPathWatcherEvents::stopWatching() { stream_.reset(); }
 
 void KRPathWatcherEvents::rewatch() {
   if (!folders_.haveNewPaths || !folders_.haveNewPaths()) return;
+  restartStream();
+}
+
+void KRPathWatcherEvents::restartStream() {
+  // What the old stream saw (grouped, or still queued in the kernel for it)
+  // is delivered before it goes: a mount anywhere restarts the stream, and a
+  // file saved in that moment would otherwise wait for the 35-hour sweep.
+  // Moved out first: a delivery may stop or start a stream itself.
+  if (std::unique_ptr<FileEventStream> old = std::move(stream_)) old->flush();
   stopWatching();
   startWatching();
 }
@@ -220,8 +229,7 @@ void KRPathWatcherEvents::willUnmountNotification(const Notification&) {
 
 void KRPathWatcherEvents::didMountOrUnmountNotification(const Notification& notification) {
   loop_.cancelPerform(this, "startWatching");
-  stopWatching();
-  startWatching();
+  restartStream();
   const std::string* device = userInfoString(notification.userInfo, kDevicePathKey);
   if (device && history_.mountStatusDidChangeForPath) history_.mountStatusDidChangeForPath(*device);
 }
