@@ -82,13 +82,14 @@ void KRPathWatcherEvents::rewatch() {
 }
 
 void KRPathWatcherEvents::restartStream() {
-  // What the old stream saw (grouped, or still queued in the kernel for it)
-  // is delivered before it goes: a mount anywhere restarts the stream, and a
-  // file saved in that moment would otherwise wait for the 35-hour sweep.
-  // Moved out first: a delivery may stop or start a stream itself.
-  if (std::unique_ptr<FileEventStream> old = std::move(stream_)) old->flush();
-  stopWatching();
+  // A mount anywhere restarts the stream, and a file saved in that moment
+  // would otherwise wait for the 35-hour sweep: the new stream marks the
+  // folders before the old one goes, and what the old one saw (grouped, or
+  // still queued in the kernel for it) is delivered. A change seen by both
+  // is analysed once; a delivery may itself stop or start the new stream.
+  std::unique_ptr<FileEventStream> old = std::move(stream_);
   startWatching();
+  if (old) old->flush();
 }
 
 void KRPathWatcherEvents::setPaused(bool paused) {
