@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # run.sh [FOLDER...]: installs what is missing, builds, and runs zephlore-helper
-# in the foreground (logs on the terminal; Ctrl-C ends it cleanly, status 0),
-# watching the FOLDERs.
+# in the foreground (its log on the terminal: each folder watched, each
+# analysis with its counts, each file compressed with the bytes saved; Ctrl-C
+# ends it cleanly, status 0), watching the FOLDERs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh

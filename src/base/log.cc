@@ -16,21 +16,11 @@ LogTarget g_target = LogTarget::kSyslogAndTerminal;
 std::function<void(const std::string&)>* g_capture = nullptr;
 bool g_syslog_open = false;
 
-}  // namespace
-
-void setLogTarget(LogTarget target) {
-  std::lock_guard lock(g_mutex);
-  g_target = target;
-}
-
-void KRLog(const char* format, ...) {
+void logLine(int priority, const char* format, va_list args) {
   char stack_buf[1024];
-  va_list args;
-  va_start(args, format);
   va_list copy;
   va_copy(copy, args);
   int n = vsnprintf(stack_buf, sizeof stack_buf, format, args);
-  va_end(args);
   std::string line;
   if (n < 0) {
     line = format;
@@ -54,11 +44,32 @@ void KRLog(const char* format, ...) {
       openlog("ZephloreHelper", LOG_PID, LOG_USER);
       g_syslog_open = true;
     }
-    syslog(LOG_NOTICE, "%s", line.c_str());
+    syslog(priority, "%s", line.c_str());
     // The journal takes standard error of a service (JOURNAL_STREAM is set).
     if (!isatty(STDERR_FILENO) && !getenv("JOURNAL_STREAM")) return;
   }
   fprintf(stderr, "%s\n", line.c_str());
+}
+
+}  // namespace
+
+void setLogTarget(LogTarget target) {
+  std::lock_guard lock(g_mutex);
+  g_target = target;
+}
+
+void KRLog(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  logLine(LOG_NOTICE, format, args);
+  va_end(args);
+}
+
+void KRLogInfo(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  logLine(LOG_INFO, format, args);
+  va_end(args);
 }
 
 ScopedLogCapture::ScopedLogCapture(std::function<void(const std::string&)> sink) {

@@ -9,6 +9,10 @@
 namespace zephlore {
 
 void KRLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// A line about routine work that may come once per file (a file compressed,
+// a folder analysed): syslog's info level, one below KRLog's notices, so that
+// a syslog filter can keep the notices alone. Terminal and tests see both.
+void KRLogInfo(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 enum class LogTarget {
   kSyslogAndTerminal,  // the helper: syslog, plus stderr when it is a tty

@@ -92,8 +92,7 @@ bool ensureHelperRunning(std::string* problem) {
   Clock& clock = Clock::shared();
   if (center.nameHasOwner(kHelperBusName)) {
     // A helper still starting up: wait until it listens, as for one we start.
-    const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);
-    while (!helperListens(center.connection()) && clock.now() < deadline) clock.sleepFor(seconds(0.05));
+    waitUntilHelperListens();
     return true;
   }
   std::string helper = findHelper();
@@ -115,6 +114,18 @@ bool ensureHelperRunning(std::string* problem) {
   }
   while (!helperListens(center.connection()) && clock.now() < deadline) clock.sleepFor(seconds(0.05));
   return true;
+}
+
+HelperPresence waitUntilHelperListens() {
+  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  Clock& clock = Clock::shared();
+  const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);
+  for (;;) {
+    if (!center.isConnected() || !center.nameHasOwner(kHelperBusName)) return HelperPresence::kNotRunning;
+    if (helperListens(center.connection())) return HelperPresence::kListens;
+    if (clock.now() >= deadline) return HelperPresence::kSilent;
+    clock.sleepFor(seconds(0.05));
+  }
 }
 
 void postVersionIfHelperRuns() {

@@ -15,6 +15,12 @@ inline constexpr double kHelperStartTimeoutSeconds = 5.0;
 // *problem when there is no bus or the helper did not come up in time.
 bool ensureHelperRunning(std::string* problem);
 
+enum class HelperPresence { kListens, kNotRunning, kSilent };
+// Whether a helper runs and listens to the command's notices and methods.
+// One that owns its bus name but is still starting up is waited for, up to
+// kHelperStartTimeoutSeconds; kSilent when it never answered in that time.
+HelperPresence waitUntilHelperListens();
+
 // Posts "com.quorvane.zephlore.version" with the command's version when a
 // helper runs. Part of every control command.
 void postVersionIfHelperRuns();

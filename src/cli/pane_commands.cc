@@ -33,22 +33,32 @@ const char* yesNo(bool value) { return value ? "yes" : "no"; }
 
 // After the shared file is written: post (unless the setter already did),
 // push the notice out of this short-lived process, and say whether a helper
-// was there to hear it.
-// True when a running helper was told.
+// was there to hear it. A helper still starting up is waited for: it owns
+// its bus name before it listens, and a notice sent in between is lost.
+// True when a running helper was told; *silent when one runs but never
+// answered.
 bool tellHelper(const std::function<void()>& post,
                 const char* absent = "zephlore-helper is not running; it applies the change "
-                                     "when it starts.") {
+                                     "when it starts.",
+                bool* silent = nullptr) {
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   if (!center.isConnected()) {
     std::cout << "No D-Bus session bus: no running zephlore-helper could be told; it applies "
                  "the change when it starts.\n";
     return false;
   }
+  const HelperPresence presence = waitUntilHelperListens();
   if (post) post();
   center.flush();
-  if (center.nameHasOwner(kHelperBusName)) {
+  if (presence == HelperPresence::kListens) {
     postVersionIfHelperRuns();
     return true;
+  }
+  if (presence == HelperPresence::kSilent) {
+    std::cerr << "zephlore: zephlore-helper owns its bus name but did not answer within "
+              << kHelperStartTimeoutSeconds << " s; it may not have heard this\n";
+    if (silent) *silent = true;
+    return false;
   }
   std::cout << absent << "\n";
   return false;
@@ -374,11 +384,13 @@ void addPaneCommands(CLI::App& app, int* exit_code) {
   addUpdatesCommand(app, exit_code);
   addExclusionCommands(app, exit_code);
   app.add_subcommand("quit", "Ask zephlore-helper to finish the file in hand and quit")
-      ->callback([] {
+      ->callback([exit_code] {
+        bool silent = false;
         bool told = tellHelper(
             [] { KRPreferenceCommunicator::sharedCommunicatorController().notifyHelperShouldQuit(); },
-            "zephlore-helper is not running.");
+            "zephlore-helper is not running.", &silent);
         if (told) std::cout << "Asked zephlore-helper to quit.\n";
+        if (silent) *exit_code = 1;
       });
 }
 

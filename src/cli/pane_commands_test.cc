@@ -8,6 +8,7 @@
 
 #include "cli/autostart_entry.h"
 #include "cli/exclusion_lists.h"
+#include "desktop/helper_status_service.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/exclusions_processor.h"
 #include "helper/notification_names.h"
@@ -65,6 +66,7 @@ TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
       observer_loop);
   std::thread observer([&] { observer_loop.run(); });
   center.ownName(kHelperBusName);  // a helper is "running"
+  KRHelperStatusService listening(center.connection());  // and listens
 
   ProcessResult result = zephlore({"deactivate"});
   std::optional<bool> active = seen.get_future().get();

@@ -1,6 +1,7 @@
 // status, pause and resume: the helper's live status and its Pause/Resume
 // methods on the session bus (desktop/helper_status_names.h). None of them
-// starts a helper that is not running.
+// starts a helper that is not running; pause and resume wait for one that is
+// still starting up.
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -9,6 +10,7 @@
 
 #include "base/util.h"
 #include "cli/commands.h"
+#include "cli/helper_contact.h"
 #include "cli/status_folders.h"
 #include "desktop/helper_status_names.h"
 #include "helper/distributed_notification_center.h"
@@ -157,6 +159,13 @@ void showStatus(int* exit_code, bool as_json) {
 }
 
 void callPauseOrResume(int* exit_code, const char* method, const char* done) {
+  // A helper still starting up has no methods yet: it is waited for.
+  if (waitUntilHelperListens() == HelperPresence::kSilent) {
+    std::cerr << "zephlore: zephlore-helper owns its bus name but did not answer within "
+              << kHelperStartTimeoutSeconds << " s\n";
+    *exit_code = 1;
+    return;
+  }
   bool absent = false;
   std::string problem;
   GVariant* reply = callHelper(kInterface, method, nullptr, "()", &absent, &problem);

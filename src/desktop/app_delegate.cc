@@ -187,6 +187,16 @@ void KRAppDelegate::connectParts() {
       sharedAppDelegate().publishStatus();
     });
   });
+  // The session bus ends with the session. A helper left without it could no
+  // longer be told anything, and as a copy still running it would make the
+  // helper of the user's next session quit: it ends in order instead.
+  NotificationCenter::defaultCenter().addObserver(
+      kSessionBusLostNotification, &DistributedNotificationCenter::defaultCenter(), [this, &loop](const Notification&) {
+        loop.post([this] {
+          KRLog("ZephloreHelper: the session bus is gone, quitting");
+          terminate();
+        });
+      });
   // Posted on the compression thread; the figures are read on the main one.
   for (const char* name : {kFileWillCompressNotification, kFileCompressedNotification}) {
     NotificationCenter::defaultCenter().addObserver(name, nullptr, [this, &loop](const Notification&) {

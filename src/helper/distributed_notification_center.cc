@@ -148,6 +148,7 @@ void DistributedNotificationCenter::onClosed(GDBusConnection*, gboolean, GError*
   if (!center->closed_.exchange(true)) {
     KRLog("Lost the D-Bus session bus%s%s: no more notifications to or from zephlore-helper",
           error ? ": " : "", error ? error->message : "");
+    NotificationCenter::defaultCenter().post(kSessionBusLostNotification, center);
   }
 }
 

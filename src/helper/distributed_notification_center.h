@@ -34,6 +34,10 @@
 
 namespace zephlore {
 
+// Posted on the process-local center, from a GLib thread, when the bus
+// connection is lost (the daemon ended, as it does with the session).
+inline constexpr const char* kSessionBusLostNotification = "sessionBusLost";
+
 class DistributedNotificationCenter {
  public:
   using ObserverId = uint64_t;

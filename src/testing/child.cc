@@ -80,10 +80,18 @@ int Child::finish() {
 
 // Waits for output on either pipe; false once both are closed.
 bool Child::waitForOutput(const std::function<bool(const std::string&)>& done, int limit_ms) {
+  return waitFor(out_text_, done, limit_ms);
+}
+
+bool Child::waitForErrorOutput(const std::function<bool(const std::string&)>& done, int limit_ms) {
+  return waitFor(err_text_, done, limit_ms);
+}
+
+bool Child::waitFor(const std::string& text, const std::function<bool(const std::string&)>& done, int limit_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit_ms);
-  while (!done(out_text_)) {
+  while (!done(text)) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) return done(out_text_);
+    if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) return done(text);
   }
   return true;
 }

@@ -30,11 +30,14 @@ class Child {
   // Reads until `done(stdout so far)` holds; false at end of output or when
   // `limit_ms` pass without it.
   bool waitForOutput(const std::function<bool(const std::string&)>& done, int limit_ms);
+  // The same for its standard error.
+  bool waitForErrorOutput(const std::function<bool(const std::string&)>& done, int limit_ms);
   // Reads everything and returns the exit status (128 + signal if killed).
   int finish();
 
  private:
   bool pump(int timeout_ms = -1);
+  bool waitFor(const std::string& text, const std::function<bool(const std::string&)>& done, int limit_ms);
 
   pid_t pid_ = -1;
   int out_ = -1, err_ = -1;

@@ -59,9 +59,17 @@ TestSessionBus::~TestSessionBus() {
   } else {
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
   }
-  kill(pid_, SIGTERM);
-  int status;
-  waitpid(pid_, &status, 0);
+  if (pid_ > 0) {
+    ::kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+void TestSessionBus::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
 }
 
 }  // namespace zephlore::testkit

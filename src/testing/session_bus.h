@@ -19,6 +19,8 @@ class TestSessionBus {
   TestSessionBus& operator=(const TestSessionBus&) = delete;
 
   const std::string& address() const { return address_; }
+  // Kills the daemon now, as a session that ends (or a daemon that dies) does.
+  void kill();
 
  private:
   pid_t pid_ = -1;

@@ -1,6 +1,9 @@
 #include "helper/history/history_store.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <fstream>
 #include <sstream>
@@ -180,7 +183,46 @@ bool HistoryStore::write(const std::vector<HistoryRecord*>& changed, Error* erro
   }
   ++transactions_;
   for (auto& [record, id] : inserted) record->id = id;
+  keepFileAtPath();
   return true;
+}
+
+namespace {
+
+bool copyDatabase(const SqliteConnection& from, const SqliteConnection& to) {
+  sqlite3_backup* backup = sqlite3_backup_init(to.get(), "main", from.get(), "main");
+  const bool copied = backup && sqlite3_backup_step(backup, -1) == SQLITE_DONE;
+  return sqlite3_backup_finish(backup) == SQLITE_OK && copied;
+}
+
+}  // namespace
+
+void HistoryStore::keepFileAtPath() {
+  struct stat st;
+  if (stat(path_.c_str(), &st) == 0 || errno != ENOENT) return;
+  // The old connection must be closed before a new file takes the name: both
+  // would use the one "-wal" file beside it. Memory holds the data meanwhile.
+  std::string problem;
+  SqliteConnection held;
+  if (!held.open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem) || !copyDatabase(db_, held)) {
+    return;  // the open connection stays; the next save tries again
+  }
+  db_ = std::move(held);
+  SqliteConnection fresh;
+  if (!fresh.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem) || !copyDatabase(db_, fresh) ||
+      !fresh.exec("PRAGMA journal_mode=WAL;", &problem)) {
+    if (problem.empty()) problem = fresh.lastError();
+    if (!rewrite_problem_logged_) {
+      KRLog("*** The history database %s was deleted and cannot be written anew (%s); the history is kept in "
+            "memory until it can",
+            path_.c_str(), problem.c_str());
+      rewrite_problem_logged_ = true;
+    }
+    return;
+  }
+  db_ = std::move(fresh);
+  rewrite_problem_logged_ = false;
+  KRLog("The history database %s was deleted; written anew from what the helper holds", path_.c_str());
 }
 
 // --- Context ---------------------------------------------------------------

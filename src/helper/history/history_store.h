@@ -71,10 +71,15 @@ class HistoryStore {
 
  private:
   HistoryStore() = default;
+  // A file deleted under the running helper (by hand, by a clean-up tool)
+  // would take the history with it at exit: what the open connection holds
+  // is written anew at the path, and the store goes on there.
+  void keepFileAtPath();
 
   std::string path_;
   SqliteConnection db_;
   uint64_t transactions_ = 0;
+  bool rewrite_problem_logged_ = false;
 };
 
 // A scratch pad of records over a store: reads once, changes in memory,

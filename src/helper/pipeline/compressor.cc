@@ -213,11 +213,17 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
           recorder = savingsRecorder_;
         }
         if (recorder) recorder(static_cast<uint64_t>(std::max<int64_t>(0, saved)), path);
+        KRLogInfo("Compressed %s: %lld bytes saved of %lld", path.c_str(), static_cast<long long>(saved),
+                  static_cast<long long>(uncompressedSize));
       } else {
         failed = true;
         // Only the code is compared: the data does not shrink, so later
         // analyses pass the file over until it changes.
-        if (error.code == kHFSErrorNotCompressible) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
+        if (error.code == kHFSErrorNotCompressible) {
+          KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
+        } else {
+          KRLogInfo("Not compressed %s: %s", path.c_str(), error.message.c_str());
+        }
       }
       OwnRewrites::shared().end(path);
       setFileInHand({});

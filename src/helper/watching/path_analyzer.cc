@@ -269,6 +269,17 @@ size_t KRPathAnalyzer::remainingFilesToCompress() const {
 
 void KRPathAnalyzer::didFinishAnalyzing() {
   analysis_is_finished_.store(true);
+  if (walked_.load()) {
+    if (isCancelled()) {
+      KRLogInfo("Analysis of %s cancelled", path_.c_str());
+    } else if (volume_refused_.load()) {
+      KRLogInfo("Analysed %s: its volume cannot hold compressed files", path_.c_str());
+    } else {
+      KRLogInfo("Analysed %s: %llu examined, %llu to compress", path_.c_str(),
+                static_cast<unsigned long long>(files_examined_.load()),
+                static_cast<unsigned long long>(files_found_.load()));
+    }
+  }
   notifyDidFinishAnalyzing();
   if (!isCancelled() && remainingFilesToCompress() > 0) {
     addFilesToCompress();
@@ -368,6 +379,8 @@ void KRPathAnalyzer::analyzePath() {
     if (t == -1.0) break;
     clock.sleepFor(seconds(std::round(kFolderSettle + 0.5 - std::max(t, 0.0))));
   }
+  walked_.store(true);
+  KRLogInfo("Analysing %s%s", path_.c_str(), recursive_ ? " and its subfolders" : "");
   struct stat st;
   if (lstat(watched_path_.c_str(), &st) == 0) {
     watched_device_ = st.st_dev;
@@ -402,6 +415,7 @@ void KRPathAnalyzer::waitForRoomInTheQueue() {
 
 int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   if (isCancelled()) return 0;
+  files_examined_.fetch_add(1);
   waitForRoomInTheQueue();
   struct stat st = *walked.st;
   WalkEntry entry = walked;
@@ -449,7 +463,10 @@ int KRPathAnalyzer::checkDirectory(const WalkEntry& entry) {
   if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 2;
   // Every directory under the analyzer's path lies in its watched folder.
   if (!watched_device_known_ || entry.st->st_dev != watched_device_) return 2;
-  if (!isHFSPlusVolume(entry.st->st_dev, path)) return 2;
+  if (!isHFSPlusVolume(entry.st->st_dev, path)) {
+    if (path == path_) volume_refused_.store(true);
+    return 2;
+  }
   return 0;
 }
 
@@ -464,6 +481,7 @@ bool KRPathAnalyzer::isHFSPlusVolume(dev_t device, const std::string& path) {
 void KRPathAnalyzer::collect(const std::string& path) {
   char resolved[PATH_MAX];
   if (!realpath(path.c_str(), resolved)) return;  // gone or unreachable: skipped
+  files_found_.fetch_add(1);
   std::lock_guard lock(files_mutex_);
   files_to_compress_.emplace_back(resolved);
 }

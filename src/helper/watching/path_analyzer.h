@@ -158,6 +158,11 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   std::atomic<bool> analysis_is_finished_{false};
   std::atomic<bool> finished_{false};  // didFinishCompressing ran
   std::atomic<bool> cancelled_{false};
+  // For the log lines that open and close a walk.
+  std::atomic<bool> walked_{false};
+  std::atomic<uint64_t> files_examined_{0};
+  std::atomic<uint64_t> files_found_{0};
+  std::atomic<bool> volume_refused_{false};  // the walked folder's volume cannot hold the form
 
   mutable std::mutex files_mutex_;
   std::vector<std::string> files_to_compress_;

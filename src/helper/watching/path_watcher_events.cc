@@ -78,8 +78,18 @@ void KRPathWatcherEvents::stopWatching() { stream_.reset(); }
 
 void KRPathWatcherEvents::rewatch() {
   if (!folders_.haveNewPaths || !folders_.haveNewPaths()) return;
-  stopWatching();
+  restartStream();
+}
+
+void KRPathWatcherEvents::restartStream() {
+  // A mount anywhere restarts the stream, and a file saved in that moment
+  // would otherwise wait for the 35-hour sweep: the new stream marks the
+  // folders before the old one goes, and what the old one saw (grouped, or
+  // still queued in the kernel for it) is delivered. A change seen by both
+  // is analysed once; a delivery may itself stop or start the new stream.
+  std::unique_ptr<FileEventStream> old = std::move(stream_);
   startWatching();
+  if (old) old->flush();
 }
 
 void KRPathWatcherEvents::setPaused(bool paused) {
@@ -220,8 +230,7 @@ void KRPathWatcherEvents::willUnmountNotification(const Notification&) {
 
 void KRPathWatcherEvents::didMountOrUnmountNotification(const Notification& notification) {
   loop_.cancelPerform(this, "startWatching");
-  stopWatching();
-  startWatching();
+  restartStream();
   const std::string* device = userInfoString(notification.userInfo, kDevicePathKey);
   if (device && history_.mountStatusDidChangeForPath) history_.mountStatusDidChangeForPath(*device);
 }

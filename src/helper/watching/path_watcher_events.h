@@ -109,6 +109,7 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
 
  private:
   std::vector<std::string> watchPaths() const;
+  void restartStream();
 
   KRWatcherFolderLinks folders_;
   KRWatcherHistoryLinks history_;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <set>
 
+#include "base/log.h"
 #include "engine/path_string.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/watching/path_watcher.h"
@@ -24,6 +25,7 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
     for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(path));
   }
   std::set<std::string> removed;
+  std::vector<std::string> added;
   bool same = false;
   {
     std::lock_guard lock(mutex_);
@@ -35,7 +37,16 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
         if (kept.count(old) == 0) removed.insert(old);
       }
     }
+    if (!same && canonical) {
+      for (const std::string& path : *canonical) {
+        if (!watchPaths_ || std::find(watchPaths_->begin(), watchPaths_->end(), path) == watchPaths_->end()) {
+          added.push_back(path);
+        }
+      }
+    }
   }
+  for (const std::string& path : added) KRLog("Watching %s", path.c_str());
+  for (const std::string& path : removed) KRLog("No longer watching %s", path.c_str());
   // An equal list still lets a change not yet acted upon restart the stream.
   if (same) {
     if (events_) events_->rewatch();
