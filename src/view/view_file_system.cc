@@ -95,6 +95,11 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
   cfg->attr_timeout = 1.0;
   cfg->negative_timeout = 0;
   // Plain files' data goes from the file beneath to the kernel by splice.
+  // Every listing carries the entries' attributes: a program that lists a
+  // folder and then looks at its files (find, ls -l, tar, make) then finds
+  // them in the kernel's cache instead of asking for each one. Left to the
+  // kernel's guess, only the first part of a large folder came with them.
+  conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   conn->want |= conn->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
   return &fs();
 }
