@@ -240,6 +240,34 @@ TEST_F(MountCommands, CorruptBlockFailsAloneWithEIO) {
   EXPECT_EQ(lines, 1u) << view.child().err();
 }
 
+// The kernel keeps what it read of a compressed file from one open to the
+// next only while that file stays the same: a file replaced beneath the view
+// by another of the same size and times reads as the new one.
+TEST_F(MountCommands, AFileReplacedBeneathReadsAsItsNewContent) {
+  const std::string first = compressibleData(150000, 21), second = compressibleData(150000, 22);
+  writeFile(source_ + "/doc", first);
+  mkdir((dir_ / "next").c_str(), 0755);
+  writeFile(dir_ / "next/doc", second);
+  compress(source_);
+  compress(dir_ / "next");
+  ASSERT_EQ(sh("touch -r " + source_ + "/doc " + dir_ / "next/doc"), 0);
+  MountedView view({source_, mountPoint_}, mountPoint_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  const std::string doc = mountPoint_ + "/doc";
+  EXPECT_TRUE(readFile(doc) == first);
+  EXPECT_TRUE(readFile(doc) == first);
+  ASSERT_EQ(rename((dir_ / "next/doc").c_str(), (source_ + "/doc").c_str()), 0);
+  EXPECT_TRUE(readFile(doc) == second);
+  // Renamed through the view, it keeps its content; what comes to its old
+  // name beneath is read afresh.
+  ASSERT_EQ(rename(doc.c_str(), (mountPoint_ + "/moved").c_str()), 0);
+  writeFile(dir_ / "third", first);
+  ASSERT_EQ(rename((dir_ / "third").c_str(), (source_ + "/doc").c_str()), 0);
+  EXPECT_TRUE(readFile(mountPoint_ + "/moved") == second);
+  EXPECT_TRUE(readFile(doc) == first);
+  EXPECT_EQ(view.unmount(), 0);
+}
+
 TEST_F(MountCommands, KilledViewAnswersENOTCONNUntilUnmountedOrRestarted) {
   const std::string text = compressibleData(150000, 5);
   writeFile(source_ + "/kept", text);

@@ -34,6 +34,7 @@ namespace {
 struct OpenFile {
   UniqueFd fd;
   std::shared_ptr<CompressedContent> compressed;
+  KeptPages::Ticket shown;  // for regular files
   // Calls on the file hold it shared; release takes it alone before the
   // delete. The kernel already sends the release after the last call has
   // answered, but through /dev/fuse, where thread checkers cannot see it.
@@ -131,15 +132,31 @@ int viewMknod(const char* path, mode_t mode, dev_t rdev) {
 }
 
 int viewMkdir(const char* path, mode_t mode) { return result(mkdirat(fs().rootFd(), rel(path), mode)); }
-int viewUnlink(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), 0)); }
-int viewRmdir(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR)); }
+int viewUnlink(const char* path) {
+  if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
+  fs().keptPages().removed(path);
+  return 0;
+}
+
+int viewRmdir(const char* path) {
+  if (unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR) != 0) return -errno;
+  fs().keptPages().removed(path);
+  return 0;
+}
 
 int viewSymlink(const char* target, const char* path) {
   return result(symlinkat(target, fs().rootFd(), rel(path)));
 }
 
 int viewRename(const char* from, const char* to, unsigned int flags) {
-  return result(renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags));
+  if (renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags) != 0) return -errno;
+  if (flags & RENAME_EXCHANGE) {
+    fs().keptPages().removed(from);
+    fs().keptPages().removed(to);
+  } else {
+    fs().keptPages().renamed(from, to);
+  }
+  return 0;
 }
 
 int viewLink(const char* from, const char* to) {
@@ -192,7 +209,9 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
     if (fstat(file->fd.get(), &st) != 0) return -errno;
     if (S_ISREG(st.st_mode)) {
       const FileRef ref = FileRef::descriptor(file->fd.get());
-      std::optional<uint64_t> size = isCandidate(st) ? compressedSizeOf(ref) : std::nullopt;
+      // The answer for this inode and change time, read through the
+      // descriptor when it is not known yet.
+      std::optional<uint64_t> size = view.compressedSize(ref, st);
       if (size && writing) continue;
       if (size) {
         Error error;
@@ -202,9 +221,12 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
           KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
           return -EIO;
         }
-      } else if (st.st_size > 0 && Env::shared().getxattr(ref, attr::kDecmpfs, nullptr, 0) >= 0) {
+      } else if (view.isMixed(ref, st)) {
         view.noteMixedFile(path, st);
       }
+      bool keep = false;
+      file->shown = view.keptPages().opened(path, FileVersion::of(st), size.has_value(), &keep);
+      fi->keep_cache = keep;
     }
     fi->fh = reinterpret_cast<uint64_t>(file.release());
     return 0;
@@ -263,6 +285,7 @@ int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().ro
 int viewRelease(const char*, fuse_file_info* fi) {
   auto* file = reinterpret_cast<OpenFile*>(fi->fh);
   { std::unique_lock last(file->inUse); }
+  if (file->shown) fs().keptPages().closed(file->shown);
   delete file;
   return 0;
 }
@@ -333,7 +356,7 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
       if (isCandidate(st)) {
-        if (std::optional<uint64_t> size = fs().compressedSize(proc(dirFd) + "/" + d.entry->d_name, st)) {
+        if (std::optional<uint64_t> size = fs().compressedSize(FileRef::atPath(proc(dirFd) + "/" + d.entry->d_name), st)) {
           showContentSize(&st, *size);
         }
       }
@@ -449,22 +472,34 @@ std::string ViewFileSystem::shownPath(const char* path) const {
   return path[1] != '\0' ? shownAs_ + path : shownAs_;
 }
 
-std::optional<uint64_t> ViewFileSystem::compressedSize(const std::string& underlying, const struct stat& st) {
-  if (!isCandidate(st)) return std::nullopt;
-  const SizeKey key{st.st_dev, st.st_ino, static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
+int64_t ViewFileSystem::layoutOf(const FileRef& file, const struct stat& st) {
+  const FileVersion key = FileVersion::of(st);
   {
     std::lock_guard lock(sizesMutex_);
-    if (auto found = sizes_.find(key); found != sizes_.end()) {
-      if (found->second < 0) return std::nullopt;
-      return static_cast<uint64_t>(found->second);
-    }
+    if (auto found = sizes_.find(key); found != sizes_.end()) return found->second;
   }
-  std::optional<uint64_t> size = compressedSizeOf(FileRef::atPath(underlying));
+  int64_t layout = kPlain;
+  if (isCandidate(st)) {
+    if (std::optional<uint64_t> size = compressedSizeOf(file)) layout = static_cast<int64_t>(*size);
+  } else if (Env::shared().getxattr(file, attr::kDecmpfs, nullptr, 0) >= 0) {
+    layout = kMixed;
+  }
   constexpr size_t kMostSizes = 1 << 18;
   std::lock_guard lock(sizesMutex_);
   if (sizes_.size() >= kMostSizes) sizes_.clear();
-  sizes_[key] = size ? static_cast<int64_t>(*size) : -1;
-  return size;
+  sizes_[key] = layout;
+  return layout;
+}
+
+std::optional<uint64_t> ViewFileSystem::compressedSize(const FileRef& file, const struct stat& st) {
+  if (!isCandidate(st)) return std::nullopt;
+  const int64_t layout = layoutOf(file, st);
+  if (layout < 0) return std::nullopt;
+  return static_cast<uint64_t>(layout);
+}
+
+bool ViewFileSystem::isMixed(const FileRef& file, const struct stat& st) {
+  return S_ISREG(st.st_mode) && st.st_size > 0 && layoutOf(file, st) == kMixed;
 }
 
 int ViewFileSystem::expandBeforeWriting(const char* path) {
