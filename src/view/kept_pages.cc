@@ -30,7 +30,9 @@ KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& 
   auto found = shown_.find(path);
   if (found == shown_.end()) {
     if (shown_.size() >= kMostPaths) {
-      for (auto it = shown_.begin(); it != shown_.end();) it = it->second->opens == 0 ? shown_.erase(it) : std::next(it);
+      for (auto it = shown_.begin(); it != shown_.end();) {
+        it = it->second->opens == 0 ? shown_.erase(it) : std::next(it);
+      }
     }
     found = shown_.emplace(path, std::make_shared<Shown>()).first;
   }
@@ -53,7 +55,9 @@ void KeptPages::closed(const Ticket& ticket) {
 void KeptPages::dropUnder(const std::string& path) {
   shown_.erase(path);
   const std::string folder = path + "/";
-  for (auto it = shown_.lower_bound(folder); it != shown_.end() && it->first.starts_with(folder);) it = shown_.erase(it);
+  for (auto it = shown_.lower_bound(folder); it != shown_.end() && it->first.starts_with(folder);) {
+    it = shown_.erase(it);
+  }
 }
 
 void KeptPages::removed(const std::string& path) {

@@ -356,7 +356,8 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
       if (isCandidate(st)) {
-        if (std::optional<uint64_t> size = fs().compressedSize(FileRef::atPath(proc(dirFd) + "/" + d.entry->d_name), st)) {
+        const FileRef entry = FileRef::atPath(proc(dirFd) + "/" + d.entry->d_name);
+        if (std::optional<uint64_t> size = fs().compressedSize(entry, st)) {
           showContentSize(&st, *size);
         }
       }
