@@ -51,12 +51,8 @@ std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct 
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, std::string("Could not open the file: ") + strerror(errno));
     return nullptr;
   }
-  std::shared_ptr<CompressedContent> content(
+  return std::shared_ptr<CompressedContent>(
       new CompressedContent(std::move(own), st, size, std::move(name), cache, prefetcher));
-  std::unique_ptr<Decoder> first = content->makeDecoder(error);
-  if (!first) return nullptr;
-  content->idle_.push_back(std::move(first));
-  return content;
 }
 
 std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error* error) {

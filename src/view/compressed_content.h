@@ -32,8 +32,10 @@ namespace zephlore::view {
 class CompressedContent : public std::enable_shared_from_this<CompressedContent> {
  public:
   // Reads the file open on `fd` (duplicated, so the caller keeps its own);
-  // `st` is its stat and `size` the content size from the file's header. The
-  // fork's header and block table are checked here; `name` is for log lines.
+  // `st` is its stat and `size` the content size from the file's header;
+  // `name` is for log lines. The fork is opened and checked at the first
+  // block not in the cache: a file whose pages the kernel kept is opened
+  // without reading its fork at all.
   static std::shared_ptr<CompressedContent> open(int fd, const struct stat& st, uint64_t size, std::string name,
                                                  InflatedBlockCache& cache, BlockPrefetcher& prefetcher,
                                                  Error* error);
