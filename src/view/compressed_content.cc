@@ -120,7 +120,8 @@ void CompressedContent::prefetchFrom(uint64_t index) {
   }
 }
 
-ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
+ssize_t CompressedContent::pieces(uint64_t offset, size_t n, std::vector<Piece>* out) {
+  out->clear();
   if (offset >= size_) return 0;
   const size_t total = static_cast<size_t>(std::min<uint64_t>(n, size_ - offset));
   // A read that starts where the last one ended is a reader going forward.
@@ -133,10 +134,21 @@ ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
     if (!data) return -EIO;
     const size_t within = static_cast<size_t>(pos % kBlock);
     const size_t take = std::min(total - done, data->size - within);
-    std::memcpy(out + done, data->data() + within, take);
+    out->push_back(Piece{std::move(data), within, take});
     done += take;
   }
   return static_cast<ssize_t>(done);
+}
+
+ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
+  std::vector<Piece> parts;
+  const ssize_t total = pieces(offset, n, &parts);
+  size_t done = 0;
+  for (const Piece& part : parts) {
+    std::memcpy(out + done, part.block->data() + part.from, part.length);
+    done += part.length;
+  }
+  return total;
 }
 
 }  // namespace zephlore::view

@@ -48,6 +48,15 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   // unreadable (logged once per block for the whole view).
   ssize_t read(uint64_t offset, size_t n, uint8_t* out);
 
+  // The same range as the inflated blocks holding it, each with the part
+  // wanted, for a reply that refers to them rather than copying them.
+  struct Piece {
+    InflatedBlockCache::Block block;
+    size_t from;
+    size_t length;
+  };
+  ssize_t pieces(uint64_t offset, size_t n, std::vector<Piece>* out);
+
  private:
   struct Decoder;
   CompressedContent(UniqueFd fd, const struct stat& st, uint64_t size, std::string name, InflatedBlockCache& cache,

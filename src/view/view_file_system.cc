@@ -25,6 +25,7 @@
 #include "platform/file_flags.h"
 #include "view/compressed_content.h"
 #include "view/layout_attributes.h"
+#include "view/reply_pipe.h"
 
 namespace zephlore::view {
 namespace {
@@ -102,6 +103,7 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
   // kernel's guess, only the first part of a large folder came with them.
   conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   conn->want |= conn->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+  fs().setSplicing(conn->want & FUSE_CAP_SPLICE_WRITE);
   return &fs();
 }
 
@@ -246,18 +248,30 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
   fuse_buf& buf = vec->buf[0];
   buf.fd = -1;
   if (file->compressed) {
-    buf.mem = std::malloc(size > 0 ? size : 1);
-    if (!buf.mem) {
-      std::free(vec);
-      return -ENOMEM;
-    }
-    ssize_t n = file->compressed->read(static_cast<uint64_t>(offset), size, static_cast<uint8_t*>(buf.mem));
+    std::vector<CompressedContent::Piece> pieces;
+    const ssize_t n = file->compressed->pieces(static_cast<uint64_t>(offset), size, &pieces);
     if (n < 0) {
-      std::free(buf.mem);
       std::free(vec);
       return static_cast<int>(n);
     }
     buf.size = static_cast<size_t>(n);
+    // libfuse splices replies of two pages and more: those go by reference.
+    const int fd = fs().splicing() && buf.size >= 2 * 4096 ? pipeHolding(pieces, buf.size) : -1;
+    if (fd >= 0) {
+      buf.flags = FUSE_BUF_IS_FD;
+      buf.fd = fd;
+    } else {
+      buf.mem = std::malloc(buf.size > 0 ? buf.size : 1);
+      if (!buf.mem) {
+        std::free(vec);
+        return -ENOMEM;
+      }
+      size_t done = 0;
+      for (const CompressedContent::Piece& piece : pieces) {
+        std::memcpy(static_cast<uint8_t*>(buf.mem) + done, piece.block->data() + piece.from, piece.length);
+        done += piece.length;
+      }
+    }
   } else {
     buf.size = size;
     buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);

@@ -55,6 +55,10 @@ class ViewFileSystem {
   // Logs, once per file, that a mixed file is shown as its data fork.
   void noteMixedFile(const char* path, const struct stat& st);
 
+  // Whether replies may be spliced (the kernel and libfuse agreed to it).
+  bool splicing() const { return splicing_; }
+  void setSplicing(bool on) { splicing_ = on; }
+
   InflatedBlockCache& cache() { return cache_; }
   BlockPrefetcher& prefetcher() { return prefetcher_; }
   KeptPages& keptPages() { return keptPages_; }
@@ -66,6 +70,7 @@ class ViewFileSystem {
   InflatedBlockCache cache_;
   BlockPrefetcher prefetcher_;  // after the cache: its work uses it
   KeptPages keptPages_;
+  bool splicing_ = false;  // set once, before any request
   // What a version of a file is: its content size when compressed, or one of these.
   static constexpr int64_t kPlain = -1, kMixed = -2;
   int64_t layoutOf(const FileRef& file, const struct stat& st);
