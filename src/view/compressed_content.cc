@@ -23,8 +23,33 @@ constexpr uint64_t kBlocksAhead = 4;
 
 }  // namespace
 
+// The file's one fork source, shared by its decoders: a piece read for one
+// block serves the neighbouring blocks other threads inflate, where a source
+// of each decoder's own read nearly every piece once per decoder.
+struct SharedFork {
+  std::mutex mutex;
+  std::unique_ptr<AttributeForkSource> source;
+};
+
+namespace {
+
+class SharedForkSource final : public ForkSource {
+ public:
+  explicit SharedForkSource(std::shared_ptr<SharedFork> fork) : fork_(std::move(fork)) {}
+  uint64_t size() const override { return fork_->source->size(); }
+  bool readAt(uint64_t off, void* buf, size_t n, Error* error) override {
+    std::lock_guard lock(fork_->mutex);
+    return fork_->source->readAt(off, buf, n, error);
+  }
+
+ private:
+  std::shared_ptr<SharedFork> fork_;
+};
+
+}  // namespace
+
 struct CompressedContent::Decoder {
-  std::unique_ptr<AttributeForkSource> fork;
+  std::unique_ptr<SharedForkSource> fork;
   std::unique_ptr<CompressedForkReader> reader;
 };
 
@@ -56,9 +81,19 @@ std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct 
 }
 
 std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error* error) {
+  std::shared_ptr<SharedFork> fork;
+  {
+    std::lock_guard lock(mutex_);
+    if (!fork_) {
+      auto opened = std::make_shared<SharedFork>();
+      opened->source = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
+      if (!opened->source) return nullptr;
+      fork_ = std::move(opened);
+    }
+    fork = fork_;
+  }
   auto decoder = std::make_unique<Decoder>();
-  decoder->fork = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
-  if (!decoder->fork) return nullptr;
+  decoder->fork = std::make_unique<SharedForkSource>(std::move(fork));
   decoder->reader = CompressedForkReader::open(*decoder->fork, size_, error);
   if (!decoder->reader) return nullptr;
   return decoder;

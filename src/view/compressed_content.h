@@ -29,6 +29,8 @@ class CompressedForkReader;
 
 namespace zephlore::view {
 
+struct SharedFork;  // the one fork source of a file's decoders
+
 class CompressedContent : public std::enable_shared_from_this<CompressedContent> {
  public:
   // Reads the file open on `fd` (duplicated, so the caller keeps its own);
@@ -74,10 +76,11 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   BlockKey key_;
   std::atomic<uint64_t> nextOffset_{0};  // where a reader going forward reads next
 
-  std::mutex mutex_;  // guards the three below
+  std::mutex mutex_;  // guards the four below
   std::condition_variable inflated_;
   std::vector<std::unique_ptr<Decoder>> idle_;
   std::set<uint64_t> inFlight_;
+  std::shared_ptr<SharedFork> fork_;  // opened with the first decoder
 };
 
 }  // namespace zephlore::view
