@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/write_all.h"
+#include "cli/beneath_views.h"
 #include "cli/display_name.h"
 #include "cli/named_path.h"
 #include "cli/file_command_parts.h"
@@ -50,7 +51,8 @@ int runCat(const CatOptions& options) {
   const bool whole = options.offset == 0 && options.length == std::numeric_limits<uint64_t>::max();
   const int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
   int status = 0;
-  for (const std::string& path : options.files) {
+  // Inflated here rather than read back through a view.
+  for (const std::string& path : workBeneathViews(options.files, "cat", true)) {
     Error error;
     std::unique_ptr<FileContentReader> reader = FileContentReader::open(followNamedLink(path), &error);
     const bool ok = reader && (whole ? reader->copyTo(STDOUT_FILENO, jobs, &error)

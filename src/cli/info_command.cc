@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/util.h"
+#include "cli/beneath_views.h"
 #include "cli/display_name.h"
 #include "cli/named_path.h"
 #include "cli/file_command_parts.h"
@@ -248,7 +249,9 @@ class InfoVisitor : public WalkVisitor {
 int runInfo(const InfoOptions& options) {
   InfoVisitor visitor(options);
   TreeWalker walker({options.recursive, options.cross_volumes});
-  for (const std::string& path : options.paths) walker.walk(followNamedLink(path), visitor);
+  for (const std::string& path : workBeneathViews(options.paths, "info", options.json)) {
+    walker.walk(followNamedLink(path), visitor);
+  }
   if (options.recursive) {
     if (options.json) {
       puts(dumpLine(visitor.sums().toJson()).c_str());

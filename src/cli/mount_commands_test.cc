@@ -18,6 +18,7 @@
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
+#include "view/underlying_tree.h"
 #include "view/view_mounter.h"
 
 namespace zephlore::cli {
@@ -240,6 +241,34 @@ TEST_F(MountCommands, CorruptBlockFailsAloneWithEIO) {
   EXPECT_EQ(lines, 1u) << view.child().err();
 }
 
+// The kernel keeps what it read of a compressed file from one open to the
+// next only while that file stays the same: a file replaced beneath the view
+// by another of the same size and times reads as the new one.
+TEST_F(MountCommands, AFileReplacedBeneathReadsAsItsNewContent) {
+  const std::string first = compressibleData(150000, 21), second = compressibleData(150000, 22);
+  writeFile(source_ + "/doc", first);
+  mkdir((dir_ / "next").c_str(), 0755);
+  writeFile(dir_ / "next/doc", second);
+  compress(source_);
+  compress(dir_ / "next");
+  ASSERT_EQ(sh("touch -r " + source_ + "/doc " + dir_ / "next/doc"), 0);
+  MountedView view({source_, mountPoint_}, mountPoint_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  const std::string doc = mountPoint_ + "/doc";
+  EXPECT_TRUE(readFile(doc) == first);
+  EXPECT_TRUE(readFile(doc) == first);
+  ASSERT_EQ(rename((dir_ / "next/doc").c_str(), (source_ + "/doc").c_str()), 0);
+  EXPECT_TRUE(readFile(doc) == second);
+  // Renamed through the view, it keeps its content; what comes to its old
+  // name beneath is read afresh.
+  ASSERT_EQ(rename(doc.c_str(), (mountPoint_ + "/moved").c_str()), 0);
+  writeFile(dir_ / "third", first);
+  ASSERT_EQ(rename((dir_ / "third").c_str(), (source_ + "/doc").c_str()), 0);
+  EXPECT_TRUE(readFile(mountPoint_ + "/moved") == second);
+  EXPECT_TRUE(readFile(doc) == first);
+  EXPECT_EQ(view.unmount(), 0);
+}
+
 TEST_F(MountCommands, KilledViewAnswersENOTCONNUntilUnmountedOrRestarted) {
   const std::string text = compressibleData(150000, 5);
   writeFile(source_ + "/kept", text);
@@ -325,6 +354,42 @@ TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt)
   EXPECT_TRUE(readFile(source_ + "/draft") == text + "more");
   EXPECT_EQ(view.unmount(), 0) << view.child().err();
   EXPECT_TRUE(hasAttribute(source_ + "/draft", "user.com.apple.decmpfs"));
+}
+
+// Through a view every file looks plain: info, cat and repair look at the
+// files stored beneath it instead, given the folder's usual paths.
+TEST_F(MountCommands, InfoCatAndRepairLookBeneathAView) {
+  const std::string text = compressibleData(150000, 23);
+  writeFile(source_ + "/doc", text);
+  writeFile(source_ + "/written", text);
+  compress(source_);
+  MountedView view({"--over", source_}, source_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  const std::string beneath = view::pathBeneathViews(source_);
+  ASSERT_NE(beneath, source_);
+  // A program that opened the file before the view wrote beside its fork.
+  ASSERT_EQ(sh("printf new >> " + beneath + "/written"), 0);
+
+  auto r = runZephlore({"info", source_ + "/doc"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("doc: compressed"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("com.apple.decmpfs"), std::string::npos) << r.out;
+  r = runZephlore({"info", "-r", "--json", source_});
+  EXPECT_NE(r.out.find("\"compressed_files\":1"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"mixed_files_count\":1"), std::string::npos) << r.out;
+
+  // A relative path under the view is looked at beneath it as well.
+  const std::string part = dir_ / "part";
+  EXPECT_EQ(sh("cd " + source_ + " && " + testkit::zephloreBinary() + " cat --offset 1000 --length 5000 doc > " + part),
+            0);
+  EXPECT_TRUE(readFile(part) == text.substr(1000, 5000));
+
+  r = runZephlore({"repair", "-q", source_ + "/written"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(hasAttribute(beneath + "/written", "user.com.apple.decmpfs"));
+  EXPECT_EQ(readFile(source_ + "/written"), "new");
+  EXPECT_TRUE(readFile(source_ + "/written.zephlore-recovered") == text);
+  EXPECT_EQ(view.unmount(), 0) << view.child().err();
 }
 
 TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUnderIt) {

@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "cli/beneath_views.h"
 #include "cli/conversion_safety.h"
 #include "cli/file_command_parts.h"
 #include "cli/tree_run.h"
 #include "engine/compressed_file_info.h"
 #include "engine/file_repair.h"
+#include "platform/env.h"
 
 namespace zephlore::cli {
 namespace {
@@ -52,7 +54,7 @@ class RepairAction : public FileAction {
     r.outcome = Outcome::kConverted;
     r.size_before = job.size;
     struct stat st;
-    r.size_after = lstat(job.path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : job.size;
+    r.size_after = Env::shared().lstat(job.path, &st) == 0 ? static_cast<uint64_t>(st.st_size) : job.size;
     return r;
   }
 
@@ -92,7 +94,7 @@ void addRepairCommand(CLI::App& app, int* exit_code) {
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
     std::unique_ptr<ConversionSafety> safety = run.dry_run ? nullptr : std::make_unique<ConversionSafety>();
     RepairAction action(safety.get());
-    *exit_code = runFiles(options->paths, run, action);
+    *exit_code = runFiles(workBeneathViews(options->paths, "repair", run.quiet || run.json), run, action);
   });
 }
 

@@ -351,10 +351,11 @@ bool AttributeForkReader::readAt(uint64_t offset, void* buf, size_t n, Error* er
     size_t index = static_cast<size_t>(
         std::upper_bound(starts_.begin(), starts_.end(), offset) - starts_.begin() - 1);
     while (sizes_[index] == 0 || offset - starts_[index] >= sizes_[index]) ++index;
-    if (!load(index, error)) return false;
+    const uint8_t* piece = load(index, error);
+    if (!piece) return false;
     const uint64_t within = offset - starts_[index];
     const size_t take = static_cast<size_t>(std::min<uint64_t>(n, sizes_[index] - within));
-    std::memcpy(out, cache_.data() + within, take);
+    std::memcpy(out, piece + within, take);
     out += take;
     offset += take;
     n -= take;
@@ -362,21 +363,29 @@ bool AttributeForkReader::readAt(uint64_t offset, void* buf, size_t n, Error* er
   return true;
 }
 
-bool AttributeForkReader::load(size_t index, Error* error) {
-  if (cached_ == index) return true;
-  cached_ = SIZE_MAX;
-  cache_.resize(sizes_[index]);
-  ssize_t got =
-      Env::shared().getxattr(file_, AttributeFork::pieceName(index), cache_.data(), cache_.size());
+const uint8_t* AttributeForkReader::load(size_t index, Error* error) {
+  for (size_t slot = 0; slot < 2; ++slot) {
+    if (cached_[slot] == index) {
+      recent_ = slot;
+      return cache_[slot].data();
+    }
+  }
+  const size_t slot = 1 - recent_;
+  cached_[slot] = SIZE_MAX;
+  std::vector<uint8_t>& bytes = cache_[slot];
+  bytes.resize(sizes_[index]);
+  ssize_t got = Env::shared().getxattr(file_, AttributeFork::pieceName(index), bytes.data(), bytes.size());
   if (got < 0 && errno != ERANGE) {
-    return failWithErrno(error, errno, "cannot read the resource fork of " + file_.describe());
+    failWithErrno(error, errno, "cannot read the resource fork of " + file_.describe());
+    return nullptr;
   }
   if (got < 0 || static_cast<size_t>(got) != sizes_[index]) {
-    return failWithErrno(error, EIO,
-                         "the resource fork of " + file_.describe() + " changed while it was read");
+    failWithErrno(error, EIO, "the resource fork of " + file_.describe() + " changed while it was read");
+    return nullptr;
   }
-  cached_ = index;
-  return true;
+  cached_[slot] = index;
+  recent_ = slot;
+  return bytes.data();
 }
 
 }  // namespace zephlore

@@ -109,9 +109,11 @@ class AttributeForkWriter {
 };
 
 // Random access to a fork kept in attribute pieces. Reads go through whole
-// piece values (the system reads an attribute only whole); the last piece
-// read is kept, so sequential reading costs one call per piece. Use from one
-// thread at a time. Prefer a descriptor: a path could be swapped meanwhile.
+// piece values (the system reads an attribute only whole); the last two
+// pieces read are kept, so sequential reading costs one call per piece, also
+// when readers of neighbouring blocks take turns across a piece's end. Use
+// from one thread at a time. Prefer a descriptor: a path could be swapped
+// meanwhile.
 class AttributeForkReader {
  public:
   // None, with the error, when the file has no fork (ENODATA) or its pieces
@@ -126,14 +128,16 @@ class AttributeForkReader {
 
  private:
   AttributeForkReader(FileRef file, std::vector<size_t> sizes);
-  bool load(size_t index, Error* error);
+  // The bytes of piece `index`, read unless kept; null on failure.
+  const uint8_t* load(size_t index, Error* error);
 
   FileRef file_;
   std::vector<size_t> sizes_;
   std::vector<uint64_t> starts_;
   uint64_t size_ = 0;
-  std::vector<uint8_t> cache_;
-  size_t cached_ = SIZE_MAX;
+  std::vector<uint8_t> cache_[2];
+  size_t cached_[2] = {SIZE_MAX, SIZE_MAX};  // the piece each slot holds
+  size_t recent_ = 0;                        // the slot used last
 };
 
 }  // namespace zephlore

@@ -23,8 +23,33 @@ constexpr uint64_t kBlocksAhead = 4;
 
 }  // namespace
 
+// The file's one fork source, shared by its decoders: a piece read for one
+// block serves the neighbouring blocks other threads inflate, where a source
+// of each decoder's own read nearly every piece once per decoder.
+struct SharedFork {
+  std::mutex mutex;
+  std::unique_ptr<AttributeForkSource> source;
+};
+
+namespace {
+
+class SharedForkSource final : public ForkSource {
+ public:
+  explicit SharedForkSource(std::shared_ptr<SharedFork> fork) : fork_(std::move(fork)) {}
+  uint64_t size() const override { return fork_->source->size(); }
+  bool readAt(uint64_t off, void* buf, size_t n, Error* error) override {
+    std::lock_guard lock(fork_->mutex);
+    return fork_->source->readAt(off, buf, n, error);
+  }
+
+ private:
+  std::shared_ptr<SharedFork> fork_;
+};
+
+}  // namespace
+
 struct CompressedContent::Decoder {
-  std::unique_ptr<AttributeForkSource> fork;
+  std::unique_ptr<SharedForkSource> fork;
   std::unique_ptr<CompressedForkReader> reader;
 };
 
@@ -51,18 +76,24 @@ std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct 
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, std::string("Could not open the file: ") + strerror(errno));
     return nullptr;
   }
-  std::shared_ptr<CompressedContent> content(
+  return std::shared_ptr<CompressedContent>(
       new CompressedContent(std::move(own), st, size, std::move(name), cache, prefetcher));
-  std::unique_ptr<Decoder> first = content->makeDecoder(error);
-  if (!first) return nullptr;
-  content->idle_.push_back(std::move(first));
-  return content;
 }
 
 std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error* error) {
+  std::shared_ptr<SharedFork> fork;
+  {
+    std::lock_guard lock(mutex_);
+    if (!fork_) {
+      auto opened = std::make_shared<SharedFork>();
+      opened->source = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
+      if (!opened->source) return nullptr;
+      fork_ = std::move(opened);
+    }
+    fork = fork_;
+  }
   auto decoder = std::make_unique<Decoder>();
-  decoder->fork = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
-  if (!decoder->fork) return nullptr;
+  decoder->fork = std::make_unique<SharedForkSource>(std::move(fork));
   decoder->reader = CompressedForkReader::open(*decoder->fork, size_, error);
   if (!decoder->reader) return nullptr;
   return decoder;
@@ -124,7 +155,8 @@ void CompressedContent::prefetchFrom(uint64_t index) {
   }
 }
 
-ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
+ssize_t CompressedContent::pieces(uint64_t offset, size_t n, std::vector<Piece>* out) {
+  out->clear();
   if (offset >= size_) return 0;
   const size_t total = static_cast<size_t>(std::min<uint64_t>(n, size_ - offset));
   // A read that starts where the last one ended is a reader going forward.
@@ -137,10 +169,21 @@ ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
     if (!data) return -EIO;
     const size_t within = static_cast<size_t>(pos % kBlock);
     const size_t take = std::min(total - done, data->size - within);
-    std::memcpy(out + done, data->data() + within, take);
+    out->push_back(Piece{std::move(data), within, take});
     done += take;
   }
   return static_cast<ssize_t>(done);
+}
+
+ssize_t CompressedContent::read(uint64_t offset, size_t n, uint8_t* out) {
+  std::vector<Piece> parts;
+  const ssize_t total = pieces(offset, n, &parts);
+  size_t done = 0;
+  for (const Piece& part : parts) {
+    std::memcpy(out + done, part.block->data() + part.from, part.length);
+    done += part.length;
+  }
+  return total;
 }
 
 }  // namespace zephlore::view

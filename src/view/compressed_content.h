@@ -29,11 +29,15 @@ class CompressedForkReader;
 
 namespace zephlore::view {
 
+struct SharedFork;  // the one fork source of a file's decoders
+
 class CompressedContent : public std::enable_shared_from_this<CompressedContent> {
  public:
   // Reads the file open on `fd` (duplicated, so the caller keeps its own);
-  // `st` is its stat and `size` the content size from the file's header. The
-  // fork's header and block table are checked here; `name` is for log lines.
+  // `st` is its stat and `size` the content size from the file's header;
+  // `name` is for log lines. The fork is opened and checked at the first
+  // block not in the cache: a file whose pages the kernel kept is opened
+  // without reading its fork at all.
   static std::shared_ptr<CompressedContent> open(int fd, const struct stat& st, uint64_t size, std::string name,
                                                  InflatedBlockCache& cache, BlockPrefetcher& prefetcher,
                                                  Error* error);
@@ -45,6 +49,15 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   // Returns the bytes copied, or -EIO when a block it touches is corrupt or
   // unreadable (logged once per block for the whole view).
   ssize_t read(uint64_t offset, size_t n, uint8_t* out);
+
+  // The same range as the inflated blocks holding it, each with the part
+  // wanted, for a reply that refers to them rather than copying them.
+  struct Piece {
+    InflatedBlockCache::Block block;
+    size_t from;
+    size_t length;
+  };
+  ssize_t pieces(uint64_t offset, size_t n, std::vector<Piece>* out);
 
  private:
   struct Decoder;
@@ -63,10 +76,11 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   BlockKey key_;
   std::atomic<uint64_t> nextOffset_{0};  // where a reader going forward reads next
 
-  std::mutex mutex_;  // guards the three below
+  std::mutex mutex_;  // guards the four below
   std::condition_variable inflated_;
   std::vector<std::unique_ptr<Decoder>> idle_;
   std::set<uint64_t> inFlight_;
+  std::shared_ptr<SharedFork> fork_;  // opened with the first decoder
 };
 
 }  // namespace zephlore::view

@@ -25,6 +25,7 @@
 #include "platform/file_flags.h"
 #include "view/compressed_content.h"
 #include "view/layout_attributes.h"
+#include "view/reply_pipe.h"
 
 namespace zephlore::view {
 namespace {
@@ -34,6 +35,7 @@ namespace {
 struct OpenFile {
   UniqueFd fd;
   std::shared_ptr<CompressedContent> compressed;
+  KeptPages::Ticket shown;  // for regular files
   // Calls on the file hold it shared; release takes it alone before the
   // delete. The kernel already sends the release after the last call has
   // answered, but through /dev/fuse, where thread checkers cannot see it.
@@ -95,7 +97,13 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
   cfg->attr_timeout = 1.0;
   cfg->negative_timeout = 0;
   // Plain files' data goes from the file beneath to the kernel by splice.
+  // Every listing carries the entries' attributes: a program that lists a
+  // folder and then looks at its files (find, ls -l, tar, make) then finds
+  // them in the kernel's cache instead of asking for each one. Left to the
+  // kernel's guess, only the first part of a large folder came with them.
+  conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   conn->want |= conn->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+  fs().setSplicing(conn->want & FUSE_CAP_SPLICE_WRITE);
   return &fs();
 }
 
@@ -126,15 +134,31 @@ int viewMknod(const char* path, mode_t mode, dev_t rdev) {
 }
 
 int viewMkdir(const char* path, mode_t mode) { return result(mkdirat(fs().rootFd(), rel(path), mode)); }
-int viewUnlink(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), 0)); }
-int viewRmdir(const char* path) { return result(unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR)); }
+int viewUnlink(const char* path) {
+  if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
+  fs().keptPages().removed(path);
+  return 0;
+}
+
+int viewRmdir(const char* path) {
+  if (unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR) != 0) return -errno;
+  fs().keptPages().removed(path);
+  return 0;
+}
 
 int viewSymlink(const char* target, const char* path) {
   return result(symlinkat(target, fs().rootFd(), rel(path)));
 }
 
 int viewRename(const char* from, const char* to, unsigned int flags) {
-  return result(renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags));
+  if (renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags) != 0) return -errno;
+  if (flags & RENAME_EXCHANGE) {
+    fs().keptPages().removed(from);
+    fs().keptPages().removed(to);
+  } else {
+    fs().keptPages().renamed(from, to);
+  }
+  return 0;
 }
 
 int viewLink(const char* from, const char* to) {
@@ -187,7 +211,9 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
     if (fstat(file->fd.get(), &st) != 0) return -errno;
     if (S_ISREG(st.st_mode)) {
       const FileRef ref = FileRef::descriptor(file->fd.get());
-      std::optional<uint64_t> size = isCandidate(st) ? compressedSizeOf(ref) : std::nullopt;
+      // The answer for this inode and change time, read through the
+      // descriptor when it is not known yet.
+      std::optional<uint64_t> size = view.compressedSize(ref, st);
       if (size && writing) continue;
       if (size) {
         Error error;
@@ -197,9 +223,12 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
           KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
           return -EIO;
         }
-      } else if (st.st_size > 0 && Env::shared().getxattr(ref, attr::kDecmpfs, nullptr, 0) >= 0) {
+      } else if (view.isMixed(ref, st)) {
         view.noteMixedFile(path, st);
       }
+      bool keep = false;
+      file->shown = view.keptPages().opened(path, FileVersion::of(st), size.has_value(), &keep);
+      fi->keep_cache = keep;
     }
     fi->fh = reinterpret_cast<uint64_t>(file.release());
     return 0;
@@ -219,18 +248,30 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
   fuse_buf& buf = vec->buf[0];
   buf.fd = -1;
   if (file->compressed) {
-    buf.mem = std::malloc(size > 0 ? size : 1);
-    if (!buf.mem) {
-      std::free(vec);
-      return -ENOMEM;
-    }
-    ssize_t n = file->compressed->read(static_cast<uint64_t>(offset), size, static_cast<uint8_t*>(buf.mem));
+    std::vector<CompressedContent::Piece> pieces;
+    const ssize_t n = file->compressed->pieces(static_cast<uint64_t>(offset), size, &pieces);
     if (n < 0) {
-      std::free(buf.mem);
       std::free(vec);
       return static_cast<int>(n);
     }
     buf.size = static_cast<size_t>(n);
+    // libfuse splices replies of two pages and more: those go by reference.
+    const int fd = fs().splicing() && buf.size >= 2 * 4096 ? pipeHolding(pieces, buf.size) : -1;
+    if (fd >= 0) {
+      buf.flags = FUSE_BUF_IS_FD;
+      buf.fd = fd;
+    } else {
+      buf.mem = std::malloc(buf.size > 0 ? buf.size : 1);
+      if (!buf.mem) {
+        std::free(vec);
+        return -ENOMEM;
+      }
+      size_t done = 0;
+      for (const CompressedContent::Piece& piece : pieces) {
+        std::memcpy(static_cast<uint8_t*>(buf.mem) + done, piece.block->data() + piece.from, piece.length);
+        done += piece.length;
+      }
+    }
   } else {
     buf.size = size;
     buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
@@ -258,6 +299,7 @@ int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().ro
 int viewRelease(const char*, fuse_file_info* fi) {
   auto* file = reinterpret_cast<OpenFile*>(fi->fh);
   { std::unique_lock last(file->inUse); }
+  if (file->shown) fs().keptPages().closed(file->shown);
   delete file;
   return 0;
 }
@@ -328,7 +370,8 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
       if (isCandidate(st)) {
-        if (std::optional<uint64_t> size = fs().compressedSize(proc(dirFd) + "/" + d.entry->d_name, st)) {
+        const FileRef entry = FileRef::atPath(proc(dirFd) + "/" + d.entry->d_name);
+        if (std::optional<uint64_t> size = fs().compressedSize(entry, st)) {
           showContentSize(&st, *size);
         }
       }
@@ -444,22 +487,34 @@ std::string ViewFileSystem::shownPath(const char* path) const {
   return path[1] != '\0' ? shownAs_ + path : shownAs_;
 }
 
-std::optional<uint64_t> ViewFileSystem::compressedSize(const std::string& underlying, const struct stat& st) {
-  if (!isCandidate(st)) return std::nullopt;
-  const SizeKey key{st.st_dev, st.st_ino, static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
+int64_t ViewFileSystem::layoutOf(const FileRef& file, const struct stat& st) {
+  const FileVersion key = FileVersion::of(st);
   {
     std::lock_guard lock(sizesMutex_);
-    if (auto found = sizes_.find(key); found != sizes_.end()) {
-      if (found->second < 0) return std::nullopt;
-      return static_cast<uint64_t>(found->second);
-    }
+    if (auto found = sizes_.find(key); found != sizes_.end()) return found->second;
   }
-  std::optional<uint64_t> size = compressedSizeOf(FileRef::atPath(underlying));
+  int64_t layout = kPlain;
+  if (isCandidate(st)) {
+    if (std::optional<uint64_t> size = compressedSizeOf(file)) layout = static_cast<int64_t>(*size);
+  } else if (Env::shared().getxattr(file, attr::kDecmpfs, nullptr, 0) >= 0) {
+    layout = kMixed;
+  }
   constexpr size_t kMostSizes = 1 << 18;
   std::lock_guard lock(sizesMutex_);
   if (sizes_.size() >= kMostSizes) sizes_.clear();
-  sizes_[key] = size ? static_cast<int64_t>(*size) : -1;
-  return size;
+  sizes_[key] = layout;
+  return layout;
+}
+
+std::optional<uint64_t> ViewFileSystem::compressedSize(const FileRef& file, const struct stat& st) {
+  if (!isCandidate(st)) return std::nullopt;
+  const int64_t layout = layoutOf(file, st);
+  if (layout < 0) return std::nullopt;
+  return static_cast<uint64_t>(layout);
+}
+
+bool ViewFileSystem::isMixed(const FileRef& file, const struct stat& st) {
+  return S_ISREG(st.st_mode) && st.st_size > 0 && layoutOf(file, st) == kMixed;
 }
 
 int ViewFileSystem::expandBeforeWriting(const char* path) {

@@ -20,6 +20,7 @@
 #include "platform/env.h"
 #include "view/block_prefetcher.h"
 #include "view/inflated_block_cache.h"
+#include "view/kept_pages.h"
 
 struct fuse_operations;
 
@@ -40,19 +41,27 @@ class ViewFileSystem {
   std::string shownPath(const char* path) const;
 
   // The content size of a compressed file; none for any other file.
-  // `underlying` reaches the file beneath; answers are kept per inode and
-  // change time, which every change of the layout moves on.
-  std::optional<uint64_t> compressedSize(const std::string& underlying, const struct stat& st);
+  // `file` reaches the file beneath and `st` is its stat; answers are kept
+  // per inode and change time, which every change of the layout moves on.
+  std::optional<uint64_t> compressedSize(const FileRef& file, const struct stat& st);
   std::optional<uint64_t> compressedSize(const char* path, const struct stat& st) {
-    return compressedSize(underlyingPath(path), st);
+    return compressedSize(FileRef::atPath(underlyingPath(path)), st);
   }
+  // A file with data beside a compressed layout (the layout is kept per
+  // version, like the sizes).
+  bool isMixed(const FileRef& file, const struct stat& st);
   // Expands the file in place if it is compressed: 0, or -errno.
   int expandBeforeWriting(const char* path);
   // Logs, once per file, that a mixed file is shown as its data fork.
   void noteMixedFile(const char* path, const struct stat& st);
 
+  // Whether replies may be spliced (the kernel and libfuse agreed to it).
+  bool splicing() const { return splicing_; }
+  void setSplicing(bool on) { splicing_ = on; }
+
   InflatedBlockCache& cache() { return cache_; }
   BlockPrefetcher& prefetcher() { return prefetcher_; }
+  KeptPages& keptPages() { return keptPages_; }
 
  private:
   UniqueFd root_;
@@ -60,19 +69,18 @@ class ViewFileSystem {
   const std::string shownAs_;
   InflatedBlockCache cache_;
   BlockPrefetcher prefetcher_;  // after the cache: its work uses it
-  struct SizeKey {
-    dev_t device;
-    ino_t inode;
-    int64_t changeTimeNs;
-    bool operator==(const SizeKey&) const = default;
-  };
-  struct SizeKeyHash {
-    size_t operator()(const SizeKey& k) const {
-      return std::hash<uint64_t>()(k.inode) * 31 + std::hash<int64_t>()(k.changeTimeNs) + k.device;
+  KeptPages keptPages_;
+  bool splicing_ = false;  // set once, before any request
+  // What a version of a file is: its content size when compressed, or one of these.
+  static constexpr int64_t kPlain = -1, kMixed = -2;
+  int64_t layoutOf(const FileRef& file, const struct stat& st);
+  struct VersionHash {
+    size_t operator()(const FileVersion& v) const {
+      return std::hash<uint64_t>()(v.inode) * 31 + std::hash<int64_t>()(v.changeTimeNs) + v.device;
     }
   };
   std::mutex sizesMutex_;
-  std::unordered_map<SizeKey, int64_t, SizeKeyHash> sizes_;  // -1: not compressed
+  std::unordered_map<FileVersion, int64_t, VersionHash> sizes_;  // by layoutOf()
   std::mutex expandMutex_;  // one expansion at a time
   std::mutex mixedMutex_;
   std::set<std::pair<dev_t, ino_t>> mixedReported_;

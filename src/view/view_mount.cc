@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fuse3/fuse.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,6 +88,11 @@ int runView(const ViewMountOptions& options) {
     fuse_unmount(f.get());
     return failed("cannot install signal handlers");
   }
+  // Each open file and block read takes and frees buffers of 64 KiB and
+  // more: they stay in the heap for the next one instead of going back to
+  // the system and being faulted in again.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  mallopt(M_TRIM_THRESHOLD, 32 << 20);
   fuse_loop_config* config = fuse_loop_cfg_create();
   fuse_loop_cfg_set_max_threads(config, 16);
   const int status = fuse_loop_mt(f.get(), config);

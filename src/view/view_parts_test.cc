@@ -1,10 +1,11 @@
-// The view's pure parts: which attribute names are hidden, and how the
-// shared block cache stays within its bound.
+// The view's pure parts: which attribute names are hidden, how the shared
+// block cache stays within its bound, and when the kernel may keep pages.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "view/inflated_block_cache.h"
+#include "view/kept_pages.h"
 #include "view/layout_attributes.h"
 
 namespace zephlore::view {
@@ -49,6 +50,59 @@ TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
   EXPECT_EQ(cache.bytes(), 2500u);
   EXPECT_TRUE(cache.firstReportOfBadBlock(a));
   EXPECT_FALSE(cache.firstReportOfBadBlock(a));
+}
+
+// Opens `path` and closes it again; whether the kernel could keep its pages.
+bool reopen(KeptPages& kept, const std::string& path, FileVersion version, bool fixed = true) {
+  bool keep = true;
+  kept.closed(kept.opened(path, version, fixed, &keep));
+  return keep;
+}
+
+TEST(KeptPages, KeptOnlyForTheSameCompressedVersionSeenAloneAtThatPath) {
+  KeptPages kept;
+  const FileVersion v1{1, 10, 100}, v2{1, 10, 200}, other{1, 11, 100};
+  EXPECT_FALSE(reopen(kept, "/a", v1));
+  EXPECT_TRUE(reopen(kept, "/a", v1));
+  EXPECT_FALSE(reopen(kept, "/a", v2));  // changed beneath
+  EXPECT_TRUE(reopen(kept, "/a", v2));
+  EXPECT_FALSE(reopen(kept, "/a", other));  // replaced beneath
+  // Plain files never are, nor the compressed file that follows one.
+  EXPECT_FALSE(reopen(kept, "/a", v1, false));
+  EXPECT_FALSE(reopen(kept, "/a", v1, false));
+  EXPECT_FALSE(reopen(kept, "/a", v1));
+  EXPECT_TRUE(reopen(kept, "/a", v1));
+
+  // A file of an older version still open may read its pages back in after
+  // the kernel dropped them: nothing is kept until a reopen with none open.
+  bool keep = true;
+  KeptPages::Ticket old = kept.opened("/b", v1, true, &keep);
+  EXPECT_FALSE(reopen(kept, "/b", v2));
+  kept.closed(old);
+  EXPECT_FALSE(reopen(kept, "/b", v2));
+  EXPECT_TRUE(reopen(kept, "/b", v2));
+  // Files open together on one version share the pages.
+  old = kept.opened("/b", v2, true, &keep);
+  EXPECT_TRUE(keep);
+  EXPECT_TRUE(reopen(kept, "/b", v2));
+  kept.closed(old);
+}
+
+TEST(KeptPages, RenamesCarryThePagesAndRemovalsDropThem) {
+  KeptPages kept;
+  const FileVersion v{1, 10, 100}, w{1, 20, 100};
+  reopen(kept, "/d/f", v);
+  reopen(kept, "/d-x", w);
+  reopen(kept, "/e/g", w);
+  kept.renamed("/d", "/e");  // the folder replaces /e and all in it
+  EXPECT_TRUE(reopen(kept, "/e/f", v));
+  EXPECT_FALSE(reopen(kept, "/d/f", v));
+  EXPECT_FALSE(reopen(kept, "/e/g", w));
+  EXPECT_TRUE(reopen(kept, "/d-x", w));  // a name that only starts alike
+  kept.removed("/e");
+  EXPECT_FALSE(reopen(kept, "/e/f", v));
+  kept.removed("/d-x");
+  EXPECT_FALSE(reopen(kept, "/d-x", w));
 }
 
 }  // namespace

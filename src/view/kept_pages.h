@@ -1,0 +1,60 @@
+// Whether the kernel may keep the pages it already read of a file when the
+// file is opened again through the view (FUSE's keep_cache), instead of
+// reading it all again. Only a compressed file qualifies: its content cannot
+// change without its change time moving on (the data lives in attributes,
+// and a write beside it makes a mixed file), so the same inode with the same
+// change time is the same content. Plain files are read afresh at each open,
+// as any pass-through does: a write beneath the view need not move the
+// change time in step.
+//
+// The kernel keeps pages per file of the view, that is per path (moved by
+// renames through the view). They are trusted only when every file opened at
+// that path since the kernel last dropped them was this same version.
+// Thread-safe.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace zephlore::view {
+
+// One version of one file: a later file on the same inode, or the same file
+// after any change, has another change time.
+struct FileVersion {
+  dev_t device = 0;
+  ino_t inode = 0;
+  int64_t changeTimeNs = 0;
+  static FileVersion of(const struct stat& st);
+  bool operator==(const FileVersion&) const = default;
+};
+
+class KeptPages {
+ public:
+  struct Shown;  // one path's history, held by the files open there
+  using Ticket = std::shared_ptr<Shown>;
+
+  // At every open of `path`: `version` is the file opened and `fixed` says
+  // whether its content is fixed by its version (a compressed file). Sets
+  // *keep when the kernel may keep its pages; the ticket goes back to
+  // closed() when the file is released.
+  Ticket opened(const std::string& path, const FileVersion& version, bool fixed, bool* keep);
+  void closed(const Ticket& ticket);
+
+  // A name removed, or moved, through the view (a folder with everything in it).
+  void removed(const std::string& path);
+  void renamed(const std::string& from, const std::string& to);
+
+ private:
+  void dropUnder(const std::string& path);
+
+  std::mutex mutex_;
+  std::map<std::string, Ticket> shown_;  // by path of the view
+};
+
+}  // namespace zephlore::view
