@@ -18,7 +18,7 @@
 #include <sstream>
 #include <thread>
 
-#include "cli/helper_process_fixture.h"
+#include "cli/helper_process_test_support.h"
 #include "testing/notification_server.h"
 
 namespace zephlore::e2e {

@@ -13,7 +13,7 @@
 #include <map>
 #include <sstream>
 
-#include "cli/helper_process_fixture.h"
+#include "cli/helper_process_test_support.h"
 
 namespace zephlore::e2e {
 namespace {
