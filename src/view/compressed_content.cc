@@ -61,9 +61,7 @@ CompressedContent::CompressedContent(UniqueFd fd, const struct stat& st, uint64_
       name_(std::move(name)),
       cache_(cache),
       prefetcher_(prefetcher) {
-  key_.device = st.st_dev;
-  key_.inode = st.st_ino;
-  key_.changeTimeNs = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  key_.file = FileVersion::of(st);
 }
 
 CompressedContent::~CompressedContent() = default;

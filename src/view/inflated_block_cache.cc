@@ -5,10 +5,7 @@
 namespace zephlore::view {
 
 size_t InflatedBlockCache::KeyHash::operator()(const BlockKey& key) const {
-  size_t h = std::hash<uint64_t>()(static_cast<uint64_t>(key.inode));
-  h = h * 31 + std::hash<uint64_t>()(static_cast<uint64_t>(key.device));
-  h = h * 31 + std::hash<int64_t>()(key.changeTimeNs);
-  return h * 31 + std::hash<uint64_t>()(key.block);
+  return FileVersion::Hash()(key.file) * 31 + std::hash<uint64_t>()(key.block);
 }
 
 InflatedBlockCache::Block InflatedBlockCache::find(const BlockKey& key) {

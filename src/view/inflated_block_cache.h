@@ -12,14 +12,14 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "view/file_version.h"
+
 namespace zephlore::view {
 
-// One block of one file. The change time tells a file apart from a later one
-// that took over its inode number.
+// One block of one version of a file (the version tells a file apart from a
+// later one that took over its inode number).
 struct BlockKey {
-  dev_t device = 0;
-  ino_t inode = 0;
-  int64_t changeTimeNs = 0;
+  FileVersion file;
   uint64_t block = 0;
   bool operator==(const BlockKey&) const = default;
 };

@@ -21,10 +21,6 @@ struct KeptPages::Shown {
   int opens = 0;
 };
 
-FileVersion FileVersion::of(const struct stat& st) {
-  return FileVersion{st.st_dev, st.st_ino, static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec};
-}
-
 KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& version, bool fixed, bool* keep) {
   std::lock_guard lock(mutex_);
   auto found = shown_.find(path);

@@ -22,17 +22,9 @@
 #include <mutex>
 #include <string>
 
-namespace zephlore::view {
+#include "view/file_version.h"
 
-// One version of one file: a later file on the same inode, or the same file
-// after any change, has another change time.
-struct FileVersion {
-  dev_t device = 0;
-  ino_t inode = 0;
-  int64_t changeTimeNs = 0;
-  static FileVersion of(const struct stat& st);
-  bool operator==(const FileVersion&) const = default;
-};
+namespace zephlore::view {
 
 class KeptPages {
  public:

@@ -74,13 +74,8 @@ class ViewFileSystem {
   // What a version of a file is: its content size when compressed, or one of these.
   static constexpr int64_t kPlain = -1, kMixed = -2;
   int64_t layoutOf(const FileRef& file, const struct stat& st);
-  struct VersionHash {
-    size_t operator()(const FileVersion& v) const {
-      return std::hash<uint64_t>()(v.inode) * 31 + std::hash<int64_t>()(v.changeTimeNs) + v.device;
-    }
-  };
   std::mutex sizesMutex_;
-  std::unordered_map<FileVersion, int64_t, VersionHash> sizes_;  // by layoutOf()
+  std::unordered_map<FileVersion, int64_t, FileVersion::Hash> sizes_;  // by layoutOf()
   std::mutex expandMutex_;  // one expansion at a time
   std::mutex mixedMutex_;
   std::set<std::pair<dev_t, ino_t>> mixedReported_;

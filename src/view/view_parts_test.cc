@@ -31,7 +31,7 @@ InflatedBlockCache::Block blockOf(size_t size) { return std::make_shared<Inflate
 
 TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
   InflatedBlockCache cache(3 * 1000);
-  BlockKey a{1, 10, 5, 0}, b{1, 10, 5, 1}, c{1, 11, 5, 0}, d{1, 12, 5, 0};
+  BlockKey a{{1, 10, 5}, 0}, b{{1, 10, 5}, 1}, c{{1, 11, 5}, 0}, d{{1, 12, 5}, 0};
   cache.insert(a, blockOf(1000));
   cache.insert(b, blockOf(1000));
   cache.insert(c, blockOf(1000));
@@ -42,11 +42,11 @@ TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
   EXPECT_NE(cache.find(c), nullptr);
   EXPECT_EQ(cache.bytes(), 3000u);
   // A later file on the same inode (another change time) is another file.
-  EXPECT_EQ(cache.find(BlockKey{1, 10, 6, 0}), nullptr);
+  EXPECT_EQ(cache.find(BlockKey{{1, 10, 6}, 0}), nullptr);
   // Replacing keeps the count right; a block larger than the bound is not kept.
   cache.insert(a, blockOf(500));
   EXPECT_EQ(cache.bytes(), 2500u);
-  cache.insert(BlockKey{2, 1, 1, 0}, blockOf(5000));
+  cache.insert(BlockKey{{2, 1, 1}, 0}, blockOf(5000));
   EXPECT_EQ(cache.bytes(), 2500u);
   EXPECT_TRUE(cache.firstReportOfBadBlock(a));
   EXPECT_FALSE(cache.firstReportOfBadBlock(a));
