@@ -37,14 +37,14 @@ const char* yesNo(bool value) { return value ? "yes" : "no"; }
 // its bus name before it listens, and a notice sent in between is lost.
 // True when a running helper was told; *silent when one runs but never
 // answered.
-bool tellHelper(const std::function<void()>& post,
-                const char* absent = "zephlore-helper is not running; it applies the change "
-                                     "when it starts.",
-                bool* silent = nullptr) {
+constexpr const char* kAppliedAtStart = "zephlore-helper is not running; it applies the change when it starts.";
+
+bool tellHelper(const std::function<void()>& post, const char* absent = kAppliedAtStart, bool* silent = nullptr) {
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   if (!center.isConnected()) {
-    std::cout << "No D-Bus session bus: no running zephlore-helper could be told; it applies "
-                 "the change when it starts.\n";
+    // Only a setting waits in its file for the helper; a request is gone.
+    std::cout << "No D-Bus session bus: no running zephlore-helper could be told"
+              << (absent == kAppliedAtStart ? "; it applies the change when it starts.\n" : ".\n");
     return false;
   }
   const HelperPresence presence = waitUntilHelperListens();
