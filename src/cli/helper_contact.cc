@@ -112,7 +112,7 @@ bool ensureHelperRunning(std::string* problem) {
     }
     clock.sleepFor(seconds(0.05));
   }
-  while (!helperListens(center.connection()) && clock.now() < deadline) clock.sleepFor(seconds(0.05));
+  waitUntilHelperListens();
   return true;
 }
 
