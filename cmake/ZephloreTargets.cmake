@@ -31,6 +31,12 @@ function(zephlore_tests name dir)
   # Test code runs in moments; what it exercises keeps the build's own
   # optimisation. -O1 halves the compile time of a GoogleTest file.
   target_compile_options(${name} PRIVATE -O1)
+  # Four test files to a translation unit: GoogleTest's headers are parsed a
+  # quarter as often, which takes a fifth off the tests' build time (larger
+  # batches gain nothing more and build less in parallel). Helpers in a
+  # test file's anonymous namespace must therefore not share a name with
+  # another file's.
+  set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 4)
   # Each test in its own process under ctest; the binary also passes when run
   # directly, all tests in one process (scripts/test.sh does both).
   # A directory whose tests share something only one may use at a time (the

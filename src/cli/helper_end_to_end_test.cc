@@ -249,7 +249,7 @@ TEST_F(HelperEndToEnd, QuitWhileALargeFileIsInHandFinishesItsSwapAndLeavesItWhol
   ASSERT_EQ(zephlore({"add", watched}).status, 0);
 
   // 1. Quit with the helper held just after it exchanged the names.
-  const std::string first = testkit::compressibleData(64 << 20, 3);
+  const std::string first = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 3);
   saveInto(watched, "first.bin", first);
   if (!waitForFileInProcess(watched + "/first.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
@@ -283,7 +283,7 @@ TEST_F(HelperEndToEnd, QuitWhileALargeFileIsInHandFinishesItsSwapAndLeavesItWhol
   // 2. Quit as soon as the helper names a large file as in process: mostly
   // while it still compresses it, before its swap.
   ASSERT_TRUE(startHelper());
-  const std::string second = testkit::compressibleData(64 << 20, 4);
+  const std::string second = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 4);
   saveInto(watched, "second.bin", second);
   if (!waitForFileInProcess(watched + "/second.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
@@ -321,7 +321,7 @@ TEST_F(HelperEndToEnd, AnAbortOnTheCompressionThreadSavesTheHistoryAndLeavesTheF
     FAIL() << "no savings counted; helper:\n" << endHelper();
   }
 
-  const std::string large = testkit::compressibleData(64 << 20, 6);
+  const std::string large = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 6);
   saveInto(watched, "large.bin", large);
   if (!waitForFileInProcess(watched + "/large.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
@@ -356,8 +356,9 @@ TEST_F(HelperEndToEnd, AnAbortOnTheCompressionThreadSavesTheHistoryAndLeavesTheF
 // The helper owns its bus name a moment before it listens: a quit, pause or
 // resume sent in that moment waits for it instead of being lost.
 TEST_F(HelperEndToEnd, CommandsSentAsSoonAsTheHelperOwnsItsNameReachIt) {
+  const int rounds = 12 / kCheckerSlowdown;
   int paused_rounds = 0;
-  for (int round = 0; round < 12; ++round) {
+  for (int round = 0; round < rounds; ++round) {
     ASSERT_TRUE(startHelper()) << "round " << round;
     if (round % 3 == 2) {
       ProcessResult paused = zephlore({"pause"});
@@ -374,7 +375,7 @@ TEST_F(HelperEndToEnd, CommandsSentAsSoonAsTheHelperOwnsItsNameReachIt) {
     }
     ASSERT_EQ(helper_->finish(), 0) << helper_->err();
   }
-  EXPECT_EQ(paused_rounds, 4);
+  EXPECT_EQ(paused_rounds, rounds / 3);
 }
 
 TEST_F(HelperEndToEnd, TwoHelpersStartedTogetherLeaveOne) {

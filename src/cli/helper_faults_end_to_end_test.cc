@@ -196,7 +196,7 @@ TEST_F(HelperFaults, HistoryDeletedUnderTheRunningHelper) {
 TEST_F(HelperFaults, SessionBusGoingAwayEndsTheHelperInOrder) {
   ASSERT_TRUE(startHelper());
   const std::string watched = watchedFolder("Archive");
-  const std::string large = testkit::compressibleData(64 << 20, 7);
+  const std::string large = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 7);
   saveInto(watched, "large.bin", large);
   ASSERT_TRUE(waitForFileInProcess(watched + "/large.bin")) << endHelper();
 
