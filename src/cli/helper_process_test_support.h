@@ -38,10 +38,11 @@ inline const std::string kBin = ZEPHLORE_BINARY_DIR "/bin/";
 // file is still in hand as long as in the normal build and the suite keeps
 // its time.
 #if defined(__SANITIZE_THREAD__)
-inline constexpr int kCheckerSlowdown = 4;
+inline constexpr bool kUnderThreadChecker = true;
 #else
-inline constexpr int kCheckerSlowdown = 1;
+inline constexpr bool kUnderThreadChecker = false;
 #endif
+inline constexpr int kCheckerSlowdown = kUnderThreadChecker ? 4 : 1;
 
 inline ProcessResult zephlore(std::vector<std::string> args) {
   args.insert(args.begin(), kBin + "zephlore");
