@@ -1,6 +1,7 @@
 // zephlore mount / unmount: real FUSE views over compressed trees on tmpfs,
 // driven by the programs a user would run through them.
 #include <fcntl.h>
+#include <pwd.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -424,6 +425,65 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   EXPECT_TRUE(mounter.unmountIfUnused(source_, &why)) << why;
   EXPECT_EQ(mounter.beneath(source_), source_);
   EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
+}
+
+// Debian ships /dev/fuse open to every user, and fusermount3 mounts for
+// them. Where it is root's alone (as on the machines the tests run on), one
+// unprivileged user is let in for the test's duration by an ACL entry.
+class FuseOpenedTo {
+ public:
+  explicit FuseOpenedTo(std::string user) : user_(std::move(user)) {
+    opened_ = sh("setfacl -m u:" + user_ + ":rw /dev/fuse 2>/dev/null") == 0;
+  }
+  ~FuseOpenedTo() {
+    // The mask entry the grant added goes too when no other entry needs it.
+    if (opened_) sh("setfacl -x u:" + user_ + " /dev/fuse && { getfacl -cp /dev/fuse | grep -q '^user:[^:]' || setfacl -b /dev/fuse; }");
+  }
+  bool opened() const { return opened_; }
+
+ private:
+  std::string user_;
+  bool opened_ = false;
+};
+
+TEST_F(MountCommands, AnUnprivilegedUserMountsReadsWritesAndUnmounts) {
+  if (geteuid() != 0 || !getpwnam("nobody") || access("/usr/sbin/runuser", X_OK) != 0) {
+    GTEST_SKIP() << "needs root, runuser and the user nobody to act as an unprivileged user";
+  }
+  FuseOpenedTo fuse("nobody");
+  if (!fuse.opened()) GTEST_SKIP() << "/dev/fuse takes no ACL entries here";
+  const std::string home = dir_ / "home";
+  ASSERT_EQ(mkdir(home.c_str(), 0700), 0);
+  const std::string text = compressibleData(200000, 21);
+  writeFile(source_ + "/doc.txt", text);
+  ASSERT_EQ(sh("chown -R nobody: '" + dir_.path() + "'"), 0);
+  // Everything from here on runs as nobody, in a home of its own.
+  auto asNobody = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/sbin/runuser", "-u", "nobody", "--", "env", "HOME=" + home,
+                               "XDG_RUNTIME_DIR=" + home, "XDG_DATA_HOME=" + home});
+    return testkit::runProcess(args);
+  };
+  const std::string zephlore = testkit::zephloreBinary();
+  auto r = asNobody({zephlore, "compress", "-q", source_ + "/doc.txt"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { sh("umount -l '" + at + "' 2>/dev/null"); }
+  } unmounter{mountPoint_};
+  r = asNobody({zephlore, "mount", source_, mountPoint_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(readFile("/proc/self/mounts").find(mountPoint_ + " fuse.zephlore rw,nosuid,nodev"), std::string::npos);
+  EXPECT_EQ(asNobody({"cat", mountPoint_ + "/doc.txt"}).out, text);
+  // A write through the view expands the file first, in the user's name.
+  r = asNobody({"sh", "-c", "printf more >> '" + mountPoint_ + "/doc.txt'"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile(source_ + "/doc.txt"), text + "more");
+  struct stat st;
+  ASSERT_EQ(stat((source_ + "/doc.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, getpwnam("nobody")->pw_uid);
+  r = asNobody({zephlore, "unmount", mountPoint_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile("/proc/self/mounts").find(mountPoint_), std::string::npos);
 }
 
 }  // namespace
