@@ -108,7 +108,9 @@ InflatedBlockCache::Block CompressedContent::block(uint64_t index) {
     while (true) {
       if (InflatedBlockCache::Block cached = cache_.find(key)) return cached;
       if (!inFlight_.count(index)) break;
+      ++waiting_;
       inflated_.wait(lock);
+      --waiting_;
     }
     inFlight_.insert(index);
     if (!idle_.empty()) {
@@ -128,12 +130,14 @@ InflatedBlockCache::Block CompressedContent::block(uint64_t index) {
     result = std::move(inflated);
     cache_.insert(key, result);
   }
+  bool waited;
   {
     std::lock_guard lock(mutex_);
     inFlight_.erase(index);
     if (decoder && idle_.size() < kMostIdleDecoders) idle_.push_back(std::move(decoder));
+    waited = waiting_ > 0;
   }
-  inflated_.notify_all();
+  if (waited) inflated_.notify_all();
   if (!ok && cache_.firstReportOfBadBlock(key)) {
     KRLog("Block %llu of %s cannot be read, reads of it fail: %s", static_cast<unsigned long long>(index),
           name_.c_str(), error.describe().c_str());
@@ -143,7 +147,16 @@ InflatedBlockCache::Block CompressedContent::block(uint64_t index) {
 
 void CompressedContent::prefetchFrom(uint64_t index) {
   const uint64_t end = std::min(blockCount_, index + kBlocksAhead);
-  for (uint64_t i = index; i < end; ++i) {
+  uint64_t start = index;
+  {
+    std::lock_guard lock(mutex_);
+    // Blocks already handed over for this reader are not handed over again
+    // at each of its reads; a reader that starts afresh elsewhere starts a
+    // new run.
+    if (index <= prefetchedTo_ && prefetchedTo_ <= end) start = prefetchedTo_;
+    prefetchedTo_ = std::max(start, end);
+  }
+  for (uint64_t i = start; i < end; ++i) {
     BlockKey key = key_;
     key.block = i;
     {

@@ -76,10 +76,12 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   BlockKey key_;
   std::atomic<uint64_t> nextOffset_{0};  // where a reader going forward reads next
 
-  std::mutex mutex_;  // guards the four below
+  std::mutex mutex_;  // guards the six below
   std::condition_variable inflated_;
+  size_t waiting_ = 0;  // readers waiting for a block another thread inflates
   std::vector<std::unique_ptr<Decoder>> idle_;
   std::set<uint64_t> inFlight_;
+  uint64_t prefetchedTo_ = 0;  // blocks before this were handed to the prefetcher
   std::shared_ptr<SharedFork> fork_;  // opened with the first decoder
 };
 
