@@ -182,6 +182,16 @@ ssize_t CompressedContent::pieces(uint64_t offset, size_t n, std::vector<Piece>*
     if (!data) return -EIO;
     const size_t within = static_cast<size_t>(pos % kBlock);
     const size_t take = std::min(total - done, data->size - within);
+    // A reader going forward is done with a block it read to the end, and the
+    // kernel keeps the pages it made of it. Dropping it here lets the next
+    // block take its memory while the processor still has it cached, instead
+    // of streaming through the whole cache's memory (a cold 1 GiB read
+    // 0.62 -> 0.57 s, a third less system time).
+    if (forward && within + take == data->size) {
+      BlockKey key = key_;
+      key.block = pos / kBlock;
+      cache_.erase(key);
+    }
     out->push_back(Piece{std::move(data), within, take});
     done += take;
   }

@@ -35,6 +35,15 @@ void InflatedBlockCache::insert(const BlockKey& key, Block block) {
   }
 }
 
+void InflatedBlockCache::erase(const BlockKey& key) {
+  std::lock_guard lock(mutex_);
+  auto found = index_.find(key);
+  if (found == index_.end()) return;
+  bytes_ -= found->second->block->size;
+  order_.erase(found->second);
+  index_.erase(found);
+}
+
 bool InflatedBlockCache::firstReportOfBadBlock(const BlockKey& key) {
   constexpr size_t kMostRemembered = 4096;
   std::lock_guard lock(mutex_);

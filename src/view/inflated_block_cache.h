@@ -43,6 +43,8 @@ class InflatedBlockCache {
   // Adds (or replaces) a block, dropping the oldest ones past the capacity.
   // Readers holding a dropped block keep it until they let go.
   void insert(const BlockKey& key, Block block);
+  // Drops a block (readers holding it keep it until they let go).
+  void erase(const BlockKey& key);
 
   // True the first time a block is reported bad (for as many blocks as a
   // small bound allows), so that each is logged once, not at every read.

@@ -48,6 +48,13 @@ TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
   EXPECT_EQ(cache.bytes(), 2500u);
   cache.insert(BlockKey{{2, 1, 1}, 0}, blockOf(5000));
   EXPECT_EQ(cache.bytes(), 2500u);
+  // A dropped block frees its room; a reader still holding it keeps it.
+  InflatedBlockCache::Block held = cache.find(c);
+  cache.erase(c);
+  cache.erase(c);
+  EXPECT_EQ(cache.find(c), nullptr);
+  EXPECT_EQ(cache.bytes(), 1500u);
+  EXPECT_EQ(held->size, 1000u);
   EXPECT_TRUE(cache.firstReportOfBadBlock(a));
   EXPECT_FALSE(cache.firstReportOfBadBlock(a));
 }
