@@ -164,8 +164,14 @@ void CompressedContent::prefetchFrom(uint64_t index) {
       if (inFlight_.count(i)) continue;
     }
     if (cache_.find(key)) continue;
-    prefetcher_.post([self = shared_from_this(), i] { self->block(i); });
+    prefetcher_.post([self = shared_from_this(), i] { self->prefetch(i); });
   }
+}
+
+void CompressedContent::prefetch(uint64_t index) {
+  // The reader may have gone past it already, reading it itself.
+  if ((index + 1) * kBlock <= nextOffset_.load()) return;
+  block(index);
 }
 
 ssize_t CompressedContent::pieces(uint64_t offset, size_t n, std::vector<Piece>* out) {

@@ -66,6 +66,7 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   std::unique_ptr<Decoder> makeDecoder(Error* error);
   InflatedBlockCache::Block block(uint64_t index);
   void prefetchFrom(uint64_t index);
+  void prefetch(uint64_t index);
 
   const UniqueFd fd_;
   const uint64_t size_;
