@@ -19,29 +19,25 @@ InflatedBlockCache::Block InflatedBlockCache::find(const BlockKey& key) {
 void InflatedBlockCache::insert(const BlockKey& key, Block block) {
   if (!block || block->size > capacity_) return;
   std::lock_guard lock(mutex_);
-  if (auto found = index_.find(key); found != index_.end()) {
-    bytes_ -= found->second->block->size;
-    order_.erase(found->second);
-    index_.erase(found);
-  }
+  eraseLocked(key);
   bytes_ += block->size;
   order_.push_front(Entry{key, std::move(block)});
   index_[key] = order_.begin();
-  while (bytes_ > capacity_) {
-    Entry& oldest = order_.back();
-    bytes_ -= oldest.block->size;
-    index_.erase(oldest.key);
-    order_.pop_back();
-  }
+  while (bytes_ > capacity_) eraseLocked(order_.back().key);
 }
 
 void InflatedBlockCache::erase(const BlockKey& key) {
   std::lock_guard lock(mutex_);
+  eraseLocked(key);
+}
+
+void InflatedBlockCache::eraseLocked(const BlockKey& key) {
   auto found = index_.find(key);
   if (found == index_.end()) return;
-  bytes_ -= found->second->block->size;
-  order_.erase(found->second);
+  const auto entry = found->second;  // `key` may live in it: erased last
   index_.erase(found);
+  bytes_ -= entry->block->size;
+  order_.erase(entry);
 }
 
 bool InflatedBlockCache::firstReportOfBadBlock(const BlockKey& key) {

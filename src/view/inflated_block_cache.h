@@ -62,6 +62,8 @@ class InflatedBlockCache {
     Block block;
   };
 
+  void eraseLocked(const BlockKey& key);
+
   const size_t capacity_;
   mutable std::mutex mutex_;
   std::list<Entry> order_;  // most recently used first
