@@ -250,8 +250,9 @@ TEST_F(HelperEndToEnd, QuitWhileALargeFileIsInHandFinishesItsSwapAndLeavesItWhol
 
   // 1. Quit with the helper held just after it exchanged the names.
   const std::string first = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 3);
+  FileInProcessWatch inProcess(bus_.address());
   saveInto(watched, "first.bin", first);
-  if (!waitForFileInProcess(watched + "/first.bin")) {
+  if (!inProcess.waitFor(watched + "/first.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
   }
   SwapStopper stopper;
@@ -287,7 +288,7 @@ TEST_F(HelperEndToEnd, QuitWhileALargeFileIsInHandFinishesItsSwapAndLeavesItWhol
   ASSERT_TRUE(startHelper());
   const std::string second = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 4);
   saveInto(watched, "second.bin", second);
-  if (!waitForFileInProcess(watched + "/second.bin")) {
+  if (!inProcess.waitFor(watched + "/second.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
   }
   ASSERT_EQ(zephlore({"quit"}).status, 0);
@@ -324,8 +325,9 @@ TEST_F(HelperEndToEnd, AnAbortOnTheCompressionThreadSavesTheHistoryAndLeavesTheF
   }
 
   const std::string large = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 6);
+  FileInProcessWatch inProcess(bus_.address());
   saveInto(watched, "large.bin", large);
-  if (!waitForFileInProcess(watched + "/large.bin")) {
+  if (!inProcess.waitFor(watched + "/large.bin")) {
     FAIL() << "never in process; helper:\n" << endHelper();
   }
   const pid_t thread = compressionThreadOf(helper_->pid());

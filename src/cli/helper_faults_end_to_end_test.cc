@@ -197,8 +197,9 @@ TEST_F(HelperFaults, SessionBusGoingAwayEndsTheHelperInOrder) {
   ASSERT_TRUE(startHelper());
   const std::string watched = watchedFolder("Archive");
   const std::string large = testkit::compressibleData((64 << 20) / kCheckerSlowdown, 7);
+  FileInProcessWatch inProcess(bus_.address());
   saveInto(watched, "large.bin", large);
-  ASSERT_TRUE(waitForFileInProcess(watched + "/large.bin")) << endHelper();
+  ASSERT_TRUE(inProcess.waitFor(watched + "/large.bin")) << endHelper();
 
   // Left running it could never be told anything again, and would make the
   // next session's helper quit as a second copy: it ends as after a quit.

@@ -5,6 +5,7 @@
 // end), bounded by a timeout; nothing sleeps.
 #pragma once
 
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -14,10 +15,12 @@
 
 #include <chrono>
 #include <memory>
+#include <set>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "desktop/helper_status_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/private_tmpfs.h"
@@ -77,6 +80,78 @@ inline std::string tsanOptions() {
   return std::string(options ? options : "") + ":report_signal_unsafe=0";
 }
 
+// Hears the helper announce the file it has in hand, from before that file
+// is saved. Asking `zephlore status` in a loop instead misses a file
+// compressed between two questions (each one a process start, slow under
+// the thread checker).
+class FileInProcessWatch {
+ public:
+  explicit FileInProcessWatch(const std::string& bus_address) : context_(g_main_context_new()) {
+    g_main_context_push_thread_default(context_);
+    connection_ = g_dbus_connection_new_for_address_sync(
+        bus_address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    if (connection_ == nullptr) return;
+    subscription_ = g_dbus_connection_signal_subscribe(
+        connection_, nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged", status_names::kObjectPath,
+        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &FileInProcessWatch::onChange, this, nullptr);
+    // Once the bus answers a call, it holds the match rule of the subscription.
+    GVariant* id = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                               "org.freedesktop.DBus", "GetId", nullptr, nullptr,
+                                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    if (id != nullptr) g_variant_unref(id);
+  }
+  ~FileInProcessWatch() {
+    if (connection_ != nullptr) {
+      g_dbus_connection_signal_unsubscribe(connection_, subscription_);
+      g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+      g_object_unref(connection_);
+    }
+    g_main_context_pop_thread_default(context_);
+    while (g_main_context_pending(context_)) g_main_context_iteration(context_, FALSE);
+    g_main_context_unref(context_);
+  }
+  FileInProcessWatch(const FileInProcessWatch&) = delete;
+  FileInProcessWatch& operator=(const FileInProcessWatch&) = delete;
+
+  // True once the helper named `path` as its file in process, waiting for
+  // at most 30 s for that.
+  bool waitFor(const std::string& path) {
+    bool late = false;
+    GSource* limit = g_timeout_source_new_seconds(30);
+    g_source_set_callback(
+        limit,
+        [](gpointer flag) -> gboolean {
+          *static_cast<bool*>(flag) = true;
+          return G_SOURCE_REMOVE;
+        },
+        &late, nullptr);
+    g_source_attach(limit, context_);
+    while (connection_ != nullptr && !late && !named_.count(path)) g_main_context_iteration(context_, TRUE);
+    g_source_destroy(limit);
+    g_source_unref(limit);
+    return named_.count(path) != 0;
+  }
+
+ private:
+  static void onChange(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                       GVariant* parameters, gpointer self) {
+    GVariant* changed = g_variant_get_child_value(parameters, 1);
+    const gchar* path = nullptr;
+    if (g_variant_lookup(changed, status_names::kFileInProcess, "&s", &path)) {
+      static_cast<FileInProcessWatch*>(self)->named_.insert(path);
+    }
+    g_variant_unref(changed);
+  }
+
+  GMainContext* context_;
+  GDBusConnection* connection_ = nullptr;
+  guint subscription_ = 0;
+  std::set<std::string> named_;
+};
+
 class HelperEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -102,16 +177,6 @@ class HelperEndToEnd : public ::testing::Test {
     return false;
   }
 
-  // Asks the running helper until it names `path` as its file in process,
-  // for at most 30 s; false when it never did.
-  static bool waitForFileInProcess(const std::string& path) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-      nlohmann::json status = statusJson();
-      if (status.is_object() && status["fileInProcess"] == path) return true;
-    }
-    return false;
-  }
   // The helper's log, once it was ended: for failure messages.
   std::string endHelper() {
     kill(helper_->pid(), SIGTERM);
