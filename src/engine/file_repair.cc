@@ -11,6 +11,8 @@
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_refusals.h"
 #include "engine/hfs_uncompressor.h"
+#include "engine/open_for_writing.h"
+#include "engine/opened_file_check.h"
 #include "platform/attribute_fork.h"
 #include "platform/attribute_names.h"
 #include "platform/env.h"
@@ -61,6 +63,13 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
   // Locked throughout: no other run of ours converts the file meanwhile.
   UniqueFd lock(env.openLocked(path, O_RDONLY | O_NONBLOCK));
   if (!lock) return refuse(error, kHFSErrorLocked, path), Outcome::kFailed;
+  // A program still writing would go on while its file changes form.
+  struct stat locked;
+  if (env.fstat(lock.get(), &locked) != 0) return failed(error, kHFSErrorCouldNotOpen, path + ": " + std::strerror(errno));
+  if (!checkOpenedFile(locked, path, OwnerRule::kCallerOrRoot, error)) return Outcome::kFailed;
+  if (WriterCheck writers = checkWriters(env, lock.get(), locked, path, false); writers.busy) {
+    return refuse(error, kHFSErrorOpenForWriting, path, writers.why), Outcome::kFailed;
+  }
   QVHFSUncompressor expander(path);
   expander.setAcceptWrittenData(true);
   if (!expander.expandTo(recovered, error)) return Outcome::kFailed;

@@ -18,6 +18,7 @@
 #include "engine/hfs_refusals.h"
 #include "engine/hfs_uncompressor.h"
 #include "engine/open_for_writing.h"
+#include "engine/opened_file_check.h"
 #include "engine/path_checks.h"
 #include "engine/sibling_temp_file.h"
 #include "engine/swap_window.h"
@@ -136,12 +137,7 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
   if (env.lstat(path, &st) != 0) {
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, "Could not stat source file at " + path);
   }
-  if (!S_ISREG(st.st_mode)) {
-    return refuse(error, kHFSErrorNotRegularFile, path);
-  }
-  if (st.st_nlink > 1) {
-    return refuse(error, kHFSErrorHardLinks, path);
-  }
+  if (!checkOpenedFile(st, path, OwnerRule::kCaller, error)) return false;
 
   // Lock probe: a cooperating program that holds the file's lock is at work.
   int probe = env.openLocked(path, O_WRONLY | O_NONBLOCK);
@@ -163,9 +159,11 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
                 "Could not open source file at " + path + ": " + errnoText(errno));
   }
   struct stat opened;
-  if (env.fstat(sourceFd_.get(), &opened) != 0 || !sameFile(opened, st) || !S_ISREG(opened.st_mode)) {
+  if (env.fstat(sourceFd_.get(), &opened) != 0 || !sameFile(opened, st)) {
     return refuse(error, kHFSErrorModified, path);
   }
+  // What is read is what was opened, whatever the name leads to meanwhile.
+  if (!checkOpenedFile(opened, path, OwnerRule::kCaller, error)) return false;
 
   CompressedFileInfo info;
   if (!CompressedFileInfo::inspect(sourceFd_.get(), opened, &info, error, false)) return false;
@@ -332,8 +330,8 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
 
   // Held until the end: cooperating programs stay out, and no other run of
   // ours builds a copy of this file at the same time. It is opened for
-  // reading (a descriptor of ours open for writing would hide whether anyone
-  // else writes the file), so write permission is asked for separately.
+  // reading (the kernel would count a descriptor of ours open for writing as
+  // a writer), so write permission is asked for separately.
   struct stat locked;
   UniqueFd lock = lockTarget(path, target, isSource, &locked, error);
   if (!lock) return false;
@@ -351,9 +349,9 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return refuse(error, kHFSErrorModified, path);
   }
-  // With the lease, nobody else has the file open at all.
-  if (!window.leased() && isOpenForWritingByOtherProcesses(lock.get(), locked)) {
-    return refuse(error, kHFSErrorOpenForWriting, path);
+  if (!checkOpenedFile(locked, path, OwnerRule::kCaller, error)) return false;
+  if (WriterCheck writers = checkWriters(env, lock.get(), locked, path, window.leased()); writers.busy) {
+    return refuse(error, kHFSErrorOpenForWriting, path, writers.why);
   }
 
   willEnterCriticalSection(path);
@@ -374,12 +372,7 @@ bool QVHFSCompressedFileRepresentation::saveInPlace(const std::string& path, con
 
 bool QVHFSCompressedFileRepresentation::refuseTarget(const std::string& path, const struct stat& target, bool isSource,
                                                      Error* error) {
-  if (!S_ISREG(target.st_mode)) {
-    return refuse(error, kHFSErrorNotRegularFile, path);
-  }
-  if (target.st_nlink > 1) {
-    return refuse(error, kHFSErrorHardLinks, path);
-  }
+  if (!checkOpenedFile(target, path, OwnerRule::kCaller, error)) return false;
   if (!isSource && path == sourcePath_) {
     KRLog("**** File %s modified while compressing, aborting", path.c_str());
     return refuse(error, kHFSErrorModified, path);
@@ -406,6 +399,7 @@ UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, 
     refuse(error, kHFSErrorModified, path);
     return UniqueFd();
   }
+  if (!checkOpenedFile(*locked, path, OwnerRule::kCaller, error)) return UniqueFd();
   if (isSource) return lock;
   CompressedFileInfo info;
   if (!CompressedFileInfo::inspect(lock.get(), *locked, &info, error, false)) return UniqueFd();
@@ -501,6 +495,12 @@ std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const st
   }
   // The path now names the compressed copy; the copy's name holds the old data.
   std::string doubt = checkSwapped(path, copyStat, lockFd, expectedContent);
+  struct stat locked, old;
+  if (doubt.empty() && (env.fstat(lockFd, &locked) != 0 || env.lstat(copy.name(), &old) != 0 || !sameFile(old, locked))) {
+    // Somebody put another file at the name just before the exchange, which
+    // took that one: it goes back.
+    doubt = "another file was put at the name meanwhile";
+  }
   if (doubt.empty() && !window.undisturbed()) doubt = kOpenedDuringSwap;
   if (!doubt.empty()) {
     rollback(path, copy, copyStat);

@@ -32,6 +32,9 @@ enum HFSRefusalCode : int {
   kHFSErrorNoTemporaryFile = 721,   // "Could not create temporary file to hold compressed data"
   // Repair could not take the compressed form off a file written after compression.
   kHFSErrorCannotStripCompression = 722,
+  // What was opened is not the caller's own file: another user's file (or
+  // a link to one) put at the name after it was looked at.
+  kHFSErrorNotOwned = 723,          // "File at path %@ is not owned by this user"
 };
 
 }  // namespace zephlore

@@ -21,6 +21,7 @@ constexpr Refusal kRefusals[] = {
     {kHFSErrorNotRegularFile, "is not a regular file"},
     {kHFSErrorOpenForWriting, "is open for writing by another process"},
     {kHFSErrorModified, "was modified while compressing"},
+    {kHFSErrorNotOwned, "is not owned by this user"},
 };
 
 }  // namespace

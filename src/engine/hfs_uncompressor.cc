@@ -16,6 +16,7 @@
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_refusals.h"
 #include "engine/open_for_writing.h"
+#include "engine/opened_file_check.h"
 #include "engine/process_records.h"
 #include "engine/sibling_temp_file.h"
 #include "engine/swap_window.h"
@@ -81,6 +82,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   if (!sourceFd) return readFailure(error, source + ": " + std::strerror(errno));
   struct stat opened;
   if (env.fstat(sourceFd.get(), &opened) != 0 || !sameFile(opened, sourceStat)) return modified(error, source);
+  if (!checkOpenedFile(opened, source, OwnerRule::kCallerOrRoot, error)) return false;
 
   CompressedFileInfo info;
   if (!CompressedFileInfo::inspect(sourceFd.get(), opened, &info, error, false)) return false;
@@ -181,10 +183,18 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
     return modified(error, source);
   }
   const bool leased = window && window->leased();
-  const bool busy = inPlace ? !leased && isOpenForWritingByOtherProcesses(sourceFd, now)
-                            : isOpenForWritingByOtherProcesses(destinationStat);
-  if (busy) {
-    return refuse(error, kHFSErrorOpenForWriting, destination);
+  // Elsewhere, the destination is asked about through a descriptor of its own.
+  UniqueFd destinationFd;
+  if (!inPlace) {
+    destinationFd.reset(env.open(destination, O_RDONLY | O_NONBLOCK));
+    if (!destinationFd || env.fstat(destinationFd.get(), &now) != 0 || !sameFile(now, destinationStat)) {
+      return modified(error, destination);
+    }
+  }
+  if (!checkOpenedFile(now, destination, OwnerRule::kCallerOrRoot, error)) return false;
+  const WriterCheck writers = checkWriters(env, inPlace ? sourceFd : destinationFd.get(), now, destination, leased);
+  if (writers.busy) {
+    return refuse(error, kHFSErrorOpenForWriting, destination, writers.why);
   }
   // From the moment the output has a name until it is settled, a kill
   // leaves a second whole copy beside the file: recorded for repair.
@@ -210,7 +220,15 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
     output.forgetName();
     return true;
   }
-  // The output's name now holds the compressed file.
+  // The output's name now holds the compressed file, unless somebody put
+  // another file at the name just before the exchange: that one goes back.
+  struct stat old;
+  if (env.lstat(output.name(), &old) != 0 || !sameFile(old, opened)) {
+    if (env.exchange(output.name(), destination) == 0) return modified(error, destination);
+    KRLog("**** Could not exchange back %s, errno: %d [%s]", destination.c_str(), errno, std::strerror(errno));
+    output.forgetName();
+    return modified(error, destination);
+  }
   if (!undisturbed()) {
     if (env.exchange(output.name(), destination) == 0) return openedMeanwhile();
     KRLog("**** Could not exchange back %s, errno: %d [%s]", destination.c_str(), errno, std::strerror(errno));

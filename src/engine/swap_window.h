@@ -11,8 +11,8 @@
 //
 // The kernel grants the lease only to the file's owner and only while no
 // other descriptor has the file open (ours included: close the others
-// first). Where it is refused, the caller's own checks (status-change time,
-// writers found in /proc) are all there is.
+// first). A refusal says nothing about writers: checkWriters asks the
+// kernel again; only a late opener can then no longer be undone.
 #pragma once
 
 #include "platform/env.h"
