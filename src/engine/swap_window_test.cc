@@ -4,11 +4,13 @@
 // just before the copy is named.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "engine/compressed_file_info.h"
@@ -132,6 +134,41 @@ TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothi
   writeFile(path_, kData);
   env_.failOn("takeWriteLease", EINVAL);
   EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+}
+
+// A file system without leases: /proc can clear a file only when every
+// process that could write it is one of the caller's, which it shows.
+TEST_F(SwapWindowTest, WithoutLeasesProcIsTrustedOnlyWhereNobodyElseMayWrite) {
+  for (const char* op : {"takeWriteLease", "hasWriters"}) {
+    FaultInjectingEnv::Fault noLease;
+    noLease.op = op;
+    noLease.error = EINVAL;
+    noLease.times = 0;
+    env_.inject(noLease);
+  }
+  Error error;
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
+  EXPECT_THAT(error.message, ::testing::HasSubstr("grants no lease: Invalid argument, and others may write its folder"));
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
+  ASSERT_EQ(chmod(path_.c_str(), 0664), 0);
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_THAT(error.message, ::testing::HasSubstr("others may write it"));
+  ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
+  {
+    const int writer = ::open(path_.c_str(), O_WRONLY | O_APPEND);  // ours, seen in /proc
+    EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+    EXPECT_THAT(error.message, ::testing::HasSubstr(" writes it"));
+    ::close(writer);
+  }
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error)) << error.describe();
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
+  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(path_, &error));
+  EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
+  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(path_, &error)) << error.describe();
+  EXPECT_EQ(readFile(path_), kData);
 }
 
 TEST_F(SwapWindowTest, AnOpenerJustBeforeAnExpansionIsSwappedInWritesIntoTheFileAtTheName) {
