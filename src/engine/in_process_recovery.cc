@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "engine/compressed_file_info.h"
 #include "engine/hfs_compressed_file_representation.h"
+#include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
 #include "engine/sibling_temp_file.h"
 #include "platform/attribute_fork.h"
@@ -94,6 +95,9 @@ bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(const std::st
     return true;
   }
   KRLog("**** Could not expand %s in recovery: %s", path.c_str(), why.message.c_str());
+  // A program writing the file would lose what it writes with the file
+  // replaced: left for a later run.
+  if (why.code == kHFSErrorOpenForWriting) return false;
   // The original data beside it brings the file back as it was.
   if (copy.exists && !copy.hasFork && static_cast<uint64_t>(copy.st.st_size) == expectedSize &&
       env.rename(copyName, path) == 0) {
