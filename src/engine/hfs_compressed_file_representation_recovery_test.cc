@@ -1,5 +1,8 @@
 // Start-up recovery of a file a crash left inside its critical section, for
 // each state the file and the copy beside it can be found in.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,6 +92,25 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   const FileSnapshot before = FileSnapshot::take(broken);
   EXPECT_FALSE(Rep::recoverInProcessFileAtPath(broken, data.size()));
   EXPECT_EQ(FileSnapshot::take(broken), before);
+}
+
+// A program still writes the half-made file: neither expanded nor replaced
+// by the original beside it, so what it writes stays at the name.
+TEST(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftForALaterRun) {
+  ScopedRuntimeDir runtime;
+  ScratchDir dir;
+  const std::string data = compressibleData(3 * 65536 + 5);
+  const std::string half = dir / "half";
+  writeFile(half, data);
+  compress(half, true);
+  writeFile(copyNameOf(half), data);
+  const int writer = open(half.c_str(), O_WRONLY | O_APPEND);
+  ASSERT_GE(writer, 0);
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(half, data.size()));
+  ASSERT_EQ(write(writer, "late", 4), 4);
+  close(writer);
+  EXPECT_EQ(readFile(half), "late");
+  EXPECT_TRUE(readFile(copyNameOf(half)) == data);
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursBesideTheFile) {
