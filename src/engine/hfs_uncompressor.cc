@@ -113,6 +113,9 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   struct stat destinationStat;
   bool replacing = env.lstat(destination, &destinationStat) == 0;
   if (!replacing && errno != ENOENT) return writeFailure(error, destination, std::strerror(errno));
+  // In place, the name must still lead to the file that was read: another
+  // file put there meanwhile is not a destination to replace.
+  if (destination == source && (!replacing || !sameFile(destinationStat, opened))) return modified(error, source);
   std::optional<MetadataSnapshot> metadata;
   if (replacing) {
     if (!S_ISREG(destinationStat.st_mode)) {
@@ -174,6 +177,7 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
   struct stat now;
   if (env.lstat(destination, &now) != 0 || !sameFile(now, destinationStat)) return modified(error, destination);
   const bool inPlace = sameFile(now, opened);
+  if (!inPlace && destination == source) return modified(error, source);
   // In place, the source's descriptor is the file's only one: a write lease
   // on it holds back anybody opening the file until the swap is settled.
   std::optional<SwapWindow> window;
