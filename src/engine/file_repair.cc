@@ -65,7 +65,9 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
   if (!lock) return refuse(error, kHFSErrorLocked, path), Outcome::kFailed;
   // A program still writing would go on while its file changes form.
   struct stat locked;
-  if (env.fstat(lock.get(), &locked) != 0) return failed(error, kHFSErrorCouldNotOpen, path + ": " + std::strerror(errno));
+  if (env.fstat(lock.get(), &locked) != 0) {
+    return failed(error, kHFSErrorCouldNotOpen, path + ": " + std::strerror(errno));
+  }
   if (!checkOpenedFile(locked, path, OwnerRule::kCallerOrRoot, error)) return Outcome::kFailed;
   if (WriterCheck writers = checkWriters(env, lock.get(), locked, path, false); writers.busy) {
     return refuse(error, kHFSErrorOpenForWriting, path, writers.why), Outcome::kFailed;

@@ -496,7 +496,8 @@ std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const st
   // The path now names the compressed copy; the copy's name holds the old data.
   std::string doubt = checkSwapped(path, copyStat, lockFd, expectedContent);
   struct stat locked, old;
-  if (doubt.empty() && (env.fstat(lockFd, &locked) != 0 || env.lstat(copy.name(), &old) != 0 || !sameFile(old, locked))) {
+  if (doubt.empty() &&
+      (env.fstat(lockFd, &locked) != 0 || env.lstat(copy.name(), &old) != 0 || !sameFile(old, locked))) {
     // Somebody put another file at the name just before the exchange, which
     // took that one: it goes back.
     doubt = "another file was put at the name meanwhile";

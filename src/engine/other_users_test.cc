@@ -298,7 +298,8 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
       std::to_string(kHFSErrorCouldNotOpen),   // their file, not writable for the caller
   };
 
-  for (const LocalUser* caller : {static_cast<const LocalUser*>(nullptr), static_cast<const LocalUser*>(owner_.get())}) {
+  const LocalUser* const root = nullptr;
+  for (const LocalUser* caller : {root, static_cast<const LocalUser*>(owner_.get())}) {
     SCOPED_TRACE(caller ? "as an ordinary user" : "as root");
     writeFileOf(caller, target, ourData, 0644);
     // Theirs may be written by anyone, so nothing but its owner stops the caller.
@@ -309,8 +310,8 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
     std::thread other([&] { swaps = other_->run(swapper(std::chrono::seconds(1))).value_or("died"); });
     char c;
     ASSERT_EQ(read(started[0], &c, 1), 1);
-    const std::string converted =
-        caller ? caller->run(converter(std::chrono::seconds(1))).value_or("died") : converter(std::chrono::seconds(1))();
+    const auto conversions = converter(std::chrono::seconds(1));
+    const std::string converted = caller ? caller->run(conversions).value_or("died") : conversions();
     other.join();
     ASSERT_NE(swaps, "died");
     ASSERT_NE(converted, "died");

@@ -150,7 +150,8 @@ TEST_F(SwapWindowTest, WithoutLeasesProcIsTrustedOnlyWhereNobodyElseMayWrite) {
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
   EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
-  EXPECT_THAT(error.message, ::testing::HasSubstr("grants no lease: Invalid argument, and others may write its folder"));
+  EXPECT_THAT(error.message,
+              ::testing::HasSubstr("grants no lease: Invalid argument, and others may write its folder"));
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
   ASSERT_EQ(chmod(path_.c_str(), 0664), 0);
   EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
