@@ -318,7 +318,7 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
   if (!copy.create(0600)) return couldNotCreate(error, path, errnoText(errno));
   if (!writeCompressedForm(copy.fd(), path, error)) return false;
   // A copy of a file takes its attributes and access; one made from bytes
-  // stays its owner's alone.
+  // is a new file of mode 0755.
   if (sourceFd_) {
     Error why;
     std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(sourceFd_.get(), &why);
@@ -328,6 +328,8 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
       return attributeWriteFailure(error, path, why.code, why.message);
     }
     if (!MetadataCopy::applyAccess(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
+  } else if (env.fchmod(copy.fd(), 0755) != 0) {
+    return couldNotCreate(error, path, errnoText(errno));
   }
   if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
   // Linking never replaces a file that appeared at the path meanwhile.

@@ -218,7 +218,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsOnlySpaceRea
   EXPECT_EQ(saved, -7);
   struct stat st;
   ASSERT_EQ(lstat((dir / "fresh").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);  // made from bytes: its owner's alone
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
   EXPECT_TRUE(contentOf(dir / "fresh") == data);
 
   writeFile(dir / "existing", data);
