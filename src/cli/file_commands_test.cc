@@ -219,6 +219,10 @@ TEST_F(FileCommands, CatGivesTheContentOfCompressedAndPlainFilesAndRanges) {
     }
   }
   EXPECT_EQ(cat({"--offset", "65000", compressed}), data.substr(65000));
+  // Where no attributes are kept, and with a size of 0 but content: as it is.
+  const std::string proc = cat({"/proc/self/status", "/proc/sys/kernel/ostype"});
+  EXPECT_NE(proc.find("Name:\tzephlore\n"), std::string::npos) << proc;
+  EXPECT_TRUE(proc.ends_with("\nLinux\n")) << proc;
 
   // Reading never changed the file.
   struct stat after;

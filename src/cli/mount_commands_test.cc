@@ -456,6 +456,10 @@ TEST_F(MountCommands, AnUnprivilegedUserMountsReadsWritesAndUnmounts) {
   ASSERT_EQ(mkdir(home.c_str(), 0700), 0);
   const std::string text = compressibleData(200000, 21);
   writeFile(source_ + "/doc.txt", text);
+  // The user runs a copy of its own: the checkout may lie where only its
+  // owner can enter (a home folder of mode 0700).
+  const std::string zephlore = dir_ / "zephlore";
+  ASSERT_EQ(sh("cp '" + testkit::zephloreBinary() + "' '" + zephlore + "' && chmod 0755 '" + zephlore + "'"), 0);
   ASSERT_EQ(sh("chown -R nobody: '" + dir_.path() + "'"), 0);
   // Everything from here on runs as nobody, in a home of its own.
   auto asNobody = [&](std::vector<std::string> args) {
@@ -463,7 +467,6 @@ TEST_F(MountCommands, AnUnprivilegedUserMountsReadsWritesAndUnmounts) {
                                "XDG_RUNTIME_DIR=" + home, "XDG_DATA_HOME=" + home});
     return testkit::runProcess(args);
   };
-  const std::string zephlore = testkit::zephloreBinary();
   auto r = asNobody({zephlore, "compress", "-q", source_ + "/doc.txt"});
   ASSERT_EQ(r.status, 0) << r.err;
   struct Unmounter {

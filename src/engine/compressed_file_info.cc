@@ -30,6 +30,9 @@ bool isReadFailure(const Error& error) {
   return error.code == kHFSErrorCouldNotRead || error.code == kHFSErrorOutOfMemory;
 }
 
+// A volume without user attributes (vfat, /proc) holds plain files only.
+bool attributesUnsupported(int err) { return err == ENOTSUP; }  // the same as EOPNOTSUPP here
+
 // Presence of one attribute; false with errno set on a real read error.
 bool present(Env& env, int fd, const char* name, bool* has) {
   if (env.getxattr(FileRef::descriptor(fd), name, nullptr, 0) >= 0) {
@@ -92,6 +95,7 @@ bool readMarkers(int fd, CompressedFileInfo* info, Markers* markers, Error* erro
   Env& env = Env::shared();
   const FileRef file = FileRef::descriptor(fd);
   std::optional<uint32_t> flags = FileFlags::get(file);
+  if (!flags && attributesUnsupported(errno)) return true;  // no markers at all
   if (!flags) return readError(error, "compressed flag");
   info->hasCompressedFlag = *flags & FileFlags::kUFCompressed;
   if (!present(env, fd, attr::kExclude, &info->hasExcludeMarker) ||

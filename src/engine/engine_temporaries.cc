@@ -13,6 +13,7 @@
 #include "engine/sibling_temp_file.h"
 #include "platform/attribute_fork.h"
 #include "platform/env.h"
+#include "platform/volume_capabilities.h"
 
 namespace zephlore {
 namespace {
@@ -28,12 +29,7 @@ bool isCopyName(std::string_view name) {
   return isHex(rest.substr(0, 16)) && rest[16] == '.' && (rest[17] == 'c' || rest[17] == 'x');
 }
 
-bool isProbeName(std::string_view name) {
-  for (std::string_view probe : {std::string_view(".zephlore-exchange-"), std::string_view(".zephlore-probe-")}) {
-    if (name.size() == probe.size() + 6 && name.substr(0, probe.size()) == probe) return true;
-  }
-  return false;
-}
+bool isProbeName(std::string_view name) { return VolumeCapabilities::isProbeName(name); }
 
 std::string join(const std::string& dir, const std::string& name) {
   return dir == "/" ? "/" + name : dir + "/" + name;

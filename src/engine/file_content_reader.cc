@@ -72,9 +72,9 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
 
 bool FileContentReader::read(uint64_t offset, void* buf, size_t n, size_t* got, Error* error) {
   if (reader_) return reader_->read(offset, buf, n, got, error);
-  *got = 0;
-  if (offset >= size_) return true;
-  ssize_t result = Env::shared().preadFully(fd_.get(), buf, static_cast<size_t>(std::min<uint64_t>(n, size_ - offset)), offset);
+  // A plain file is read to its end, whatever its size said (a file of
+  // /proc says 0 and has content).
+  ssize_t result = Env::shared().preadFully(fd_.get(), buf, n, offset);
   if (result < 0) return readFailure(error);
   *got = static_cast<size_t>(result);
   return true;
@@ -83,10 +83,10 @@ bool FileContentReader::read(uint64_t offset, void* buf, size_t n, size_t* got, 
 bool FileContentReader::copyTo(int outFd, int workers, Error* error) {
   if (reader_) return reader_->expandTo(outFd, workers, error);
   std::vector<uint8_t> buf(1 << 20);
-  for (uint64_t offset = 0; offset < size_;) {
+  for (uint64_t offset = 0;;) {
     size_t got = 0;
     if (!read(offset, buf.data(), buf.size(), &got, error)) return false;
-    if (got == 0) break;  // the file shrank since it was opened
+    if (got == 0) break;
     if (!writeFull(outFd, buf.data(), got)) {
       return fail(error, kHFSErrorDomain, kHFSErrorCouldNotWrite,
                   std::string("Could not write the content: ") + std::strerror(errno));

@@ -313,8 +313,22 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
 bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, Error* error) {
   Env& env = env_;
   SiblingTempFile copy(env, path, Kind::kCompressedCopy);
-  if (!copy.create(0755) || env.fchmod(copy.fd(), 0755) != 0) return couldNotCreate(error, path, errnoText(errno));
+  if (!copy.create(0600)) return couldNotCreate(error, path, errnoText(errno));
   if (!writeCompressedForm(copy.fd(), path, error)) return false;
+  // A copy of a file takes its attributes and access; one made from bytes
+  // is a new file of mode 0755.
+  if (sourceFd_) {
+    Error why;
+    std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(sourceFd_.get(), &why);
+    if (!metadata) return couldNotCreate(error, path, why.message);
+    if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd_.get()), FileRef::descriptor(copy.fd()),
+                                          compressionAttributes(), &why)) {
+      return attributeWriteFailure(error, path, why.code, why.message);
+    }
+    if (!MetadataCopy::applyAccess(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
+  } else if (env.fchmod(copy.fd(), 0755) != 0) {
+    return couldNotCreate(error, path, errnoText(errno));
+  }
   if (env.fsync(copy.fd()) != 0) return couldNotCreate(error, path, errnoText(errno));
   // Linking never replaces a file that appeared at the path meanwhile.
   if (!copy.linkAt(path)) return couldNotCreate(error, path, errnoText(errno));

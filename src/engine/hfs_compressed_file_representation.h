@@ -97,7 +97,8 @@ class QVHFSCompressedFileRepresentation {
 
   // Writes the compressed form to `path`: in place of the file there (which
   // must be the source, unchanged, when the data came from a file there), or
-  // as a new file with mode 0755 when nothing is there.
+  // as a new file when nothing is there (with the source file's access and
+  // attributes, or for bytes, mode 0755).
   bool saveToHFSCompressedFile(const std::string& path, Error* error = nullptr,
                                int64_t* savedSpace = nullptr, int64_t* uncompressedSize = nullptr);
 

@@ -116,7 +116,10 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   // In place, the name must still lead to the file that was read: another
   // file put there meanwhile is not a destination to replace.
   if (destination == source && (!replacing || !sameFile(destinationStat, opened))) return modified(error, source);
-  std::optional<MetadataSnapshot> metadata;
+  // What the expanded file keeps: the replaced file's metadata, or for a new
+  // file the access of the file it is made from (never more).
+  int metadataFd = sourceFd.get();
+  UniqueFd destinationFd;
   if (replacing) {
     if (!S_ISREG(destinationStat.st_mode)) {
       return refuse(error, kHFSErrorNotRegularFile, destination);
@@ -125,20 +128,19 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
     if (destinationStat.st_nlink > 1) {
       return refuse(error, kHFSErrorHardLinks, destination);
     }
-    Error why;
-    UniqueFd destinationFd;
-    int metadataFd = sourceFd.get();
     if (!sameFile(destinationStat, opened)) {
       destinationFd.reset(env.open(destination, O_RDONLY | O_NONBLOCK));
       if (!destinationFd) return writeFailure(error, destination, std::strerror(errno));
       metadataFd = destinationFd.get();
     }
-    metadata = MetadataCopy::capture(metadataFd, &why);
-    if (!metadata) return writeFailure(error, destination, why.message);
   }
+  Error why;
+  const std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(metadataFd, &why);
+  if (!metadata) return writeFailure(error, destination, why.message);
 
+  // The owner's alone until it has the access it keeps.
   SiblingTempFile output(env, destination, SiblingTempFile::Kind::kExpandedCopy);
-  if (!output.create(replacing ? 0600 : 0755)) return writeFailure(error, destination, std::strerror(errno));
+  if (!output.create(0600)) return writeFailure(error, destination, std::strerror(errno));
   if (!reader->expandTo(output.fd(), options_.workers, error)) return false;
   struct stat written;
   if (env.fstat(output.fd(), &written) != 0) return writeFailure(error, destination, std::strerror(errno));
@@ -147,13 +149,13 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
                 "Source data cannot be uncompressed: it expanded to " + std::to_string(written.st_size) +
                     " bytes instead of " + std::to_string(info.uncompressedSize));
   }
-  Error why;
   if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd.get()), FileRef::descriptor(output.fd()),
                                         attributesNotCarried(), &why)) {
     return writeFailure(error, destination, why.message);
   }
-  if (metadata ? !MetadataCopy::apply(*metadata, output.fd(), &why) : env.fchmod(output.fd(), 0755) != 0) {
-    return writeFailure(error, destination, metadata ? why.message : std::strerror(errno));
+  if (replacing ? !MetadataCopy::apply(*metadata, output.fd(), &why)
+                : !MetadataCopy::applyAccess(*metadata, output.fd(), &why)) {
+    return writeFailure(error, destination, why.message);
   }
   // On disk before it replaces anything: a power cut leaves one whole version.
   if (env.fsync(output.fd()) != 0) return writeFailure(error, destination, std::strerror(errno));

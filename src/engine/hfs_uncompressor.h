@@ -44,8 +44,10 @@ class QVHFSUncompressor {
 
   explicit QVHFSUncompressor(std::string path, const HFSExpandOptions& options = {});
 
-  // Expands into `destination`: over the file there, or as a new file with
-  // mode 0755 when nothing is there.
+  // Expands into `destination`: over the file there (which keeps its own
+  // metadata), or as a new file with the compressed file's owner, group,
+  // ACL and mode when nothing is there. Either way the new file is its
+  // owner's alone (0600) until it has them.
   bool expandTo(const std::string& destination, Error* error = nullptr, int64_t* compressedSize = nullptr,
                 int64_t* uncompressedSize = nullptr);
   bool expand(Error* error = nullptr) { return expandTo(sourcePath_, error); }

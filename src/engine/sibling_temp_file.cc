@@ -112,6 +112,9 @@ bool SiblingTempFile::create(mode_t mode) {
   }
   if (fd == -1) return false;
   fd_.reset(fd);
+  // Exactly `mode`, whatever the umask or a default ACL of the folder would
+  // give: the copy is its owner's alone until it takes the file's access.
+  if (env_.fchmod(fd, mode) != 0) return false;
   // Tells the next run's clean-up that this copy is in use.
   env_.lockDescriptor(fd);
   return true;

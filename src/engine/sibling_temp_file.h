@@ -39,7 +39,8 @@ class SiblingTempFile {
   SiblingTempFile(const SiblingTempFile&) = delete;
   SiblingTempFile& operator=(const SiblingTempFile&) = delete;
 
-  // Creates the copy with `mode` in the target's directory. -1 with errno set.
+  // Creates the copy with exactly `mode` in the target's directory (an
+  // inherited default ACL is masked to it). False with errno set.
   bool create(mode_t mode);
   // Gives the copy its name (nothing to do when it already has one), first
   // removing a leftover of our own there. False with errno set.

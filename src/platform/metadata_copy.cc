@@ -27,6 +27,15 @@ std::optional<MetadataSnapshot> MetadataCopy::capture(int fd, Error* error) {
 }
 
 bool MetadataCopy::apply(const MetadataSnapshot& snapshot, int fd, Error* error) {
+  if (!applyAccess(snapshot, fd, error)) return false;
+  const struct timespec times[2] = {snapshot.st.st_atim, snapshot.st.st_mtim};
+  if (Env::shared().futimens(fd, times) != 0) {
+    return failWithErrno(error, errno, "cannot give the new file its times");
+  }
+  return true;
+}
+
+bool MetadataCopy::applyAccess(const MetadataSnapshot& snapshot, int fd, Error* error) {
   Env& env = Env::shared();
   const struct stat& want = snapshot.st;
   struct stat have;
@@ -43,10 +52,6 @@ bool MetadataCopy::apply(const MetadataSnapshot& snapshot, int fd, Error* error)
   }
   if (env.fchmod(fd, want.st_mode & 07777) != 0) {
     return failWithErrno(error, errno, "cannot give the new file its mode");
-  }
-  const struct timespec times[2] = {want.st_atim, want.st_mtim};
-  if (env.futimens(fd, times) != 0) {
-    return failWithErrno(error, errno, "cannot give the new file its times");
   }
   return true;
 }

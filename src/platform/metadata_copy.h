@@ -29,6 +29,9 @@ class MetadataCopy {
   // Gives an open file the captured owner and group (only when they differ:
   // a change needs privileges), ACL, mode and, last, times.
   static bool apply(const MetadataSnapshot& snapshot, int fd, Error* error);
+  // The same without the times: for a new file made from another (a
+  // recovered or expanded copy), which may be read by whom the original may.
+  static bool applyAccess(const MetadataSnapshot& snapshot, int fd, Error* error);
 
   // Copies the user attributes of `from` onto `to`, except the names in
   // `skipping` (compared without regard to case; skipping

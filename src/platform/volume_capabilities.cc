@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -19,6 +20,8 @@
 namespace zephlore {
 namespace {
 
+constexpr std::string_view kExchangeProbe = ".zephlore-exchange-";
+constexpr std::string_view kScratchProbe = ".zephlore-probe-";
 constexpr size_t kLargestPiece = 65536;
 constexpr size_t kSmallestPiece = 64;  // a volume taking less holds no fork worth having
 // The probe's name is at least as long as any piece name a listable fork can
@@ -152,6 +155,46 @@ bool onDevice(int fd, dev_t device) {
   return Env::shared().fstat(fd, &st) == 0 && st.st_dev == device;
 }
 
+// Removes the probes that runs killed while probing left in `place`: empty
+// regular files of this user with a single link that no live run holds
+// locked (a live run locks each of its probes before it names it).
+void removeProbeLeftovers(const std::string& place) {
+  Env& env = Env::shared();
+  std::optional<std::vector<std::string>> names = env.listDirectory(place);
+  if (!names) return;
+  for (const std::string& name : *names) {
+    if (!VolumeCapabilities::isProbeName(name)) continue;
+    const std::string path = place + "/" + name;
+    struct stat st, opened;
+    if (env.lstat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1 ||
+        st.st_size != 0) {
+      continue;
+    }
+    UniqueFd unheld(env.openLocked(path, O_RDONLY | O_NONBLOCK));
+    if (unheld && env.fstat(unheld.get(), &opened) == 0 && opened.st_ino == st.st_ino) env.unlink(path);
+  }
+}
+
+// A named probe file in `place`, locked before it has its name where the
+// file system has unnamed files, so that no other run removes it while it
+// is in use; a kill leaves it for removeProbeLeftovers().
+std::optional<TemporaryFiles::Created> namedProbe(const std::string& place) {
+  Env& env = Env::shared();
+  UniqueFd fd(env.openTmpFile(place, 0600));
+  if (!fd) {
+    std::optional<TemporaryFiles::Created> made = TemporaryFiles::create(std::string(kExchangeProbe), nullptr, place);
+    if (made) env.lockDescriptor(made->fd.get());
+    return made;
+  }
+  env.lockDescriptor(fd.get());
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string path = place + "/" + std::string(kExchangeProbe) + TemporaryFiles::randomSuffix(6);
+    if (env.linkTmpFile(fd.get(), path) == 0) return TemporaryFiles::Created{std::move(path), std::move(fd)};
+    if (errno != EEXIST) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
 // An unnamed scratch file on `device`: O_TMPFILE where the file system has
 // it, else a file unlinked right after it is made.
 UniqueFd scratchFile(const std::string& dir, dev_t device) {
@@ -159,7 +202,8 @@ UniqueFd scratchFile(const std::string& dir, dev_t device) {
   for (const std::string& place : scratchPlaces(dir, device, false)) {
     UniqueFd fd(env.openTmpFile(place, 0600));
     if (!fd) {
-      if (auto made = TemporaryFiles::create(".zephlore-probe-", nullptr, place)) {
+      removeProbeLeftovers(place);
+      if (auto made = TemporaryFiles::create(std::string(kScratchProbe), nullptr, place)) {
         env.unlink(made->path);
         fd = std::move(made->fd);
       }
@@ -213,12 +257,11 @@ bool VolumeCapabilities::supportsExchange(const std::string& path) {
   if (auto can = known(*key, &Facts::exchange)) return *can;
   Env& env = Env::shared();
   for (const std::string& place : scratchPlaces(directoryOf(path), key->device, true)) {
-    auto a = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
+    // What runs killed in the middle of this left behind.
+    removeProbeLeftovers(place);
+    auto a = namedProbe(place);
     if (!a) continue;
-    auto b = TemporaryFiles::create(".zephlore-exchange-", nullptr, place);
-    // Locked while in use, so that a clean-up by another run leaves them be.
-    env.lockDescriptor(a->fd.get());
-    if (b) env.lockDescriptor(b->fd.get());
+    auto b = namedProbe(place);
     if (!b || !onDevice(a->fd.get(), key->device)) {
       env.unlink(a->path);
       if (b) env.unlink(b->path);
@@ -236,6 +279,13 @@ bool VolumeCapabilities::supportsExchange(const std::string& path) {
       return swapped;
     }
     return false;
+  }
+  return false;
+}
+
+bool VolumeCapabilities::isProbeName(std::string_view name) {
+  for (std::string_view probe : {kExchangeProbe, kScratchProbe}) {
+    if (name.size() == probe.size() + 6 && name.substr(0, probe.size()) == probe) return true;
   }
   return false;
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/error.h"
 #include "platform/env.h"
@@ -35,8 +36,14 @@ class VolumeCapabilities {
   static constexpr uint64_t kProbeForkSize = 256 * 1024;
 
   // Two names on the volume holding `path` can be swapped atomically
-  // (Env::exchange). Measured with two scratch files.
+  // (Env::exchange). Measured with two scratch files, named
+  // ".zephlore-exchange-XXXXXX" while in use; those a killed run left in
+  // the place of a measurement are removed by the next.
   static bool supportsExchange(const std::string& path);
+
+  // Whether `name` (a file name) is one of the scratch files of a
+  // measurement: ".zephlore-exchange-XXXXXX" or ".zephlore-probe-XXXXXX".
+  static bool isProbeName(std::string_view name);
 
   static void forget();
 };

@@ -1,7 +1,11 @@
 #include "platform/volume_capabilities.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -9,7 +13,9 @@
 #include "platform/fault_env.h"
 #include "testing/files.h"
 #include "testing/loop_mount.h"
+#include "testing/scoped_env.h"
 #include "testing/scratch_dir.h"
+#include "platform/temporary_files.h"
 
 namespace zephlore {
 namespace {
@@ -41,6 +47,46 @@ TEST(VolumeCapabilities, TmpfsHoldsTheCompressedFormAndSwapsNames) {
   EXPECT_EQ(testkit::readFile(dir / "f"), "x");
 
   EXPECT_FALSE(VolumeCapabilities::canHoldCompressedForm(dir / "missing/x"));
+}
+
+// A run killed while it measures leaves its scratch files; the next
+// measurement there removes them.
+TEST(VolumeCapabilities, ScratchFilesOfAKilledMeasurementAreRemovedByTheNext) {
+  ScratchDir runtime;
+  testkit::ScopedEnvVar runtimeEnv("XDG_RUNTIME_DIR", runtime.path());
+  ScratchDir dir;
+  writeFile(dir / "f", "x");
+  const std::optional<std::string> place = TemporaryFiles::privateDirectory();
+  ASSERT_TRUE(place);
+  auto leftovers = [&] {
+    std::vector<std::string> names = *Env::shared().listDirectory(*place);
+    return std::count_if(names.begin(), names.end(), [](const std::string& name) {
+      return name.starts_with(".zephlore-exchange-");
+    });
+  };
+  // Each run is killed with both its scratch files named: only the last
+  // run's stay behind.
+  for (int run = 0; run < 3; ++run) {
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      FaultInjectingEnv hooked;
+      hooked.beforeCall("exchange", [](const std::string&) { raise(SIGKILL); });
+      ScopedSharedEnv use(&hooked);
+      VolumeCapabilities::forget();
+      VolumeCapabilities::supportsExchange(dir / "f");
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_EQ(leftovers(), 2) << "after run " << run;
+  }
+
+  VolumeCapabilities::forget();
+  EXPECT_TRUE(VolumeCapabilities::supportsExchange(dir / "f"));
+  EXPECT_EQ(leftovers(), 0);
+  EXPECT_EQ(Env::shared().listDirectory(dir.path()), std::vector<std::string>{"f"});
 }
 
 TEST(VolumeCapabilities, AMeasurementThatFailsIsNotKept) {
