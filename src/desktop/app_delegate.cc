@@ -121,13 +121,25 @@ void KRAppDelegate::connectParts() {
 
   KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
   history.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
-  // Views mounted or lost meanwhile (a view the user mounted, a view process
-  // killed) change where the stored files are reached.
+  // Views mounted or lost meanwhile (a view the user mounted, a view
+  // unmounted) change where the stored files are reached; a watched folder's
+  // view that is gone is mounted again.
   for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
     NotificationCenter::defaultCenter().addObserver(name, nullptr, [this](const Notification&) {
-      folderViews_.refreshMap();
+      folderViews_.mountTableChanged();
     });
   }
+  KRFolderViews::Hooks viewHooks;
+  // Files passed over while the view was down are found again.
+  viewHooks.viewRestored = [](const std::string& folder) {
+    if (KRPathWatcherEvents* events = KRPathWatcher::sharedWatcher().events()) events->analyzePath(folder, true);
+  };
+  viewHooks.changed = [this] { publishStatus(); };
+  folderViews_.setHooks(std::move(viewHooks));
+  // Programs would read a file compressed while its folder's view is down
+  // as empty.
+  KRCompressor::sharedCompressor().setCompressionHold(
+      [this](const std::string& path) { return folderViews_.holdReason(path); });
 
   KRDesktopWiring wiring;
   wiring.totalSavings = [&history] { return history.totalSavings(); };
