@@ -11,6 +11,7 @@
 #include "helper/defaults_controller.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/exclusions_processor.h"
+#include "helper/file_in_process_watchdog.h"
 #include "helper/growl_bridge.h"
 #include "helper/helper_defaults.h"
 #include "helper/history/helper_util.h"
@@ -137,9 +138,13 @@ void KRAppDelegate::connectParts() {
   viewHooks.changed = [this] { publishStatus(); };
   folderViews_.setHooks(std::move(viewHooks));
   // Programs would read a file compressed while its folder's view is down
-  // as empty.
-  KRCompressor::sharedCompressor().setCompressionHold(
-      [this](const std::string& path) { return folderViews_.holdReason(path); });
+  // as empty; and a copy whose swaps no record traces must not make any.
+  KRCompressor::sharedCompressor().setCompressionHold([this](const std::string& path) -> std::string {
+    if (KRFileInProcessWatchdog::sharedWatchdog().recordHeldByAnotherCopy()) {
+      return "another running helper holds the record of the file in process";
+    }
+    return folderViews_.holdReason(path);
+  });
 
   KRDesktopWiring wiring;
   wiring.totalSavings = [&history] { return history.totalSavings(); };
