@@ -11,6 +11,7 @@
 #include "helper/defaults_controller.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/exclusions_processor.h"
+#include "helper/file_in_process_watchdog.h"
 #include "helper/growl_bridge.h"
 #include "helper/helper_defaults.h"
 #include "helper/history/helper_util.h"
@@ -121,13 +122,29 @@ void KRAppDelegate::connectParts() {
 
   KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
   history.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
-  // Views mounted or lost meanwhile (a view the user mounted, a view process
-  // killed) change where the stored files are reached.
+  // Views mounted or lost meanwhile (a view the user mounted, a view
+  // unmounted) change where the stored files are reached; a watched folder's
+  // view that is gone is mounted again.
   for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
     NotificationCenter::defaultCenter().addObserver(name, nullptr, [this](const Notification&) {
-      folderViews_.refreshMap();
+      folderViews_.mountTableChanged();
     });
   }
+  KRFolderViews::Hooks viewHooks;
+  // Files passed over while the view was down are found again.
+  viewHooks.viewRestored = [](const std::string& folder) {
+    if (KRPathWatcherEvents* events = KRPathWatcher::sharedWatcher().events()) events->analyzePath(folder, true);
+  };
+  viewHooks.changed = [this] { publishStatus(); };
+  folderViews_.setHooks(std::move(viewHooks));
+  // Programs would read a file compressed while its folder's view is down
+  // as empty; and a copy whose swaps no record traces must not make any.
+  KRCompressor::sharedCompressor().setCompressionHold([this](const std::string& path) -> std::string {
+    if (KRFileInProcessWatchdog::sharedWatchdog().recordHeldByAnotherCopy()) {
+      return "another running helper holds the record of the file in process";
+    }
+    return folderViews_.holdReason(path);
+  });
 
   KRDesktopWiring wiring;
   wiring.totalSavings = [&history] { return history.totalSavings(); };

@@ -88,6 +88,7 @@ InProcessRecordFile::InProcessRecordFile(std::string filename, Env& env) : env_(
     int saved = errno;
     KRLog("Could not create watchdog file at %s, errno: %u [%s]", filename_.c_str(),
           static_cast<unsigned>(saved), strerror(saved));
+    heldElsewhere_ = saved == EWOULDBLOCK;
   }
   fd_ = fd;
 }

@@ -42,6 +42,9 @@ class InProcessRecordFile {
 
   const std::string& filename() const { return filename_; }
   bool isOpen() const { return fd_ != -1; }
+  // Another process holds the record's lock (a second helper): that one owns
+  // crash recovery, and this one must not rewrite files.
+  bool heldElsewhere() const { return heldElsewhere_; }
   // What the previous run left (read once, at construction).
   const InProcessRecord& previous() const { return previous_; }
 
@@ -63,6 +66,7 @@ class InProcessRecordFile {
   std::string filename_;
   InProcessRecord previous_;
   int fd_ = -1;
+  bool heldElsewhere_ = false;
 };
 
 }  // namespace zephlore

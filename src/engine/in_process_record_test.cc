@@ -50,8 +50,10 @@ TEST(InProcessRecordTest, OneHolderWritesTheOthersLogAndStaySilent) {
   EXPECT_EQ(readFile(record), dir / "target\n12345");
   EXPECT_TRUE(lines.empty());
 
+  EXPECT_FALSE(first.heldElsewhere());
   InProcessRecordFile second(record);  // the lock is held by `first`
   EXPECT_FALSE(second.isOpen());
+  EXPECT_TRUE(second.heldElsewhere()) << "its helper must compress nothing";
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_THAT(lines[0], ::testing::StartsWith("Could not create watchdog file at " + record + ", errno: "));
   second.reset();

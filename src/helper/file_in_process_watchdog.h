@@ -24,7 +24,7 @@ class KRFileInProcessWatchdog {
   static std::string watchdogFilename();
   // The single instance, created on first use. It reads the previous run's
   // record, then opens the record file under an exclusive lock, which a second
-  // running helper therefore fails to take (it logs and runs without a trace).
+  // running helper therefore fails to take (it logs, and compresses nothing).
   static KRFileInProcessWatchdog& sharedWatchdog() { return sharedInstance().get(); }
   // Where tests install their own (ScopedShared<KRFileInProcessWatchdog>).
   static SharedInstance<KRFileInProcessWatchdog>& sharedInstance();
@@ -35,6 +35,9 @@ class KRFileInProcessWatchdog {
   bool hasInProcessFileFromPreviousSession() const;
   std::optional<std::string> inProcessFileFromPreviousSession() const;
   int64_t expectedSizeOfInProcessFile() const;
+
+  // Another running helper holds the record: this one must compress nothing.
+  bool recordHeldByAnotherCopy() const { return record_.heldElsewhere(); }
 
   // Records `path` with its current size (0 if it cannot be stat'ed).
   void willProcessFile(const std::string& path);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstring>
@@ -45,8 +46,9 @@ unsigned long long startTicksOf(const std::string& proc_entry) {
   return 0;
 }
 
-// RequestName with DO_NOT_QUEUE: true when this connection is the owner.
-bool becomePrimaryOwner(GDBusConnection* connection, const std::string& busName) {
+// RequestName with DO_NOT_QUEUE: whether this connection is the owner; none
+// when the bus could not be asked.
+std::optional<bool> becomePrimaryOwner(GDBusConnection* connection, const std::string& busName) {
   constexpr guint32 kDoNotQueue = 4;
   constexpr guint32 kPrimaryOwner = 1, kAlreadyOwner = 4;
   GError* error = nullptr;
@@ -57,7 +59,7 @@ bool becomePrimaryOwner(GDBusConnection* connection, const std::string& busName)
   if (!reply) {
     KRLog("Could not ask for the bus name %s: %s", busName.c_str(), error->message);
     g_error_free(error);
-    return false;
+    return std::nullopt;
   }
   guint32 answer = 0;
   g_variant_get(reply, "(u)", &answer);
@@ -91,8 +93,16 @@ SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string
   SingleCopyVerdict verdict;
   // The name first: a copy that loses it counts after the winner exists, so
   // the loser always sees two.
-  verdict.primaryOwner = connection && becomePrimaryOwner(connection, busName);
+  const std::optional<bool> owner = connection ? becomePrimaryOwner(connection, busName) : std::nullopt;
+  verdict.primaryOwner = owner.value_or(false);
   std::optional<std::string> executable = ownExecutablePath();
+  // The name decides whatever executable each copy runs (the package's and
+  // a build tree's count apart, yet share the user's files).
+  if (owner && !*owner) {
+    verdict.copies = executable ? std::max<int>(2, static_cast<int>(runningCopiesOf(*executable).size())) : 2;
+    verdict.terminate = true;
+    return verdict;
+  }
   if (!executable) {
     KRLog("Cannot tell which program this is (/proc/self/exe): %s", strerror(errno));
     verdict.copies = 1;
@@ -100,11 +110,7 @@ SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string
   }
   const std::vector<RunningCopy> copies = runningCopiesOf(*executable);
   verdict.copies = static_cast<int>(copies.size());
-  if (verdict.copies < 2) return verdict;
-  if (connection) {
-    verdict.terminate = !verdict.primaryOwner;
-    return verdict;
-  }
+  if (verdict.copies < 2 || owner) return verdict;
   // No bus to decide: the oldest copy stays (the lower pid on a tie).
   const int self = getpid();
   RunningCopy mine{self, 0};

@@ -1,8 +1,10 @@
-// Only one copy of the helper runs per user. A new copy counts the processes
-// of this user running the same executable, itself included; with 2 or more
-// it terminates before touching anything. Copies started at the same moment
-// all count 2: the bus name decides, and the one that became its primary
-// owner stays. Without a bus the oldest copy stays.
+// Only one copy of the helper runs per user, whatever executable each runs.
+// The session bus name decides: a copy that does not become its primary owner
+// terminates before touching anything. Without a bus, a new copy counts the
+// processes of this user running the same executable, itself included, and
+// with 2 or more the oldest stays; copies of other executables then meet at
+// the lock of the record of the file in process, and the one without it
+// compresses nothing.
 #pragma once
 
 #include <gio/gio.h>

@@ -62,10 +62,10 @@ TEST(SingleCopy, CountsTheProcessesOfThisExecutableOnly) {
 // until this side closes its input.
 class Probe {
  public:
-  Probe() {
+  static std::string builtProbe() { return std::string(ZEPHLORE_BINARY_DIR) + "/bin/single_copy_probe"; }
+  explicit Probe(const std::string& path = builtProbe()) {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    const std::string path = std::string(ZEPHLORE_BINARY_DIR) + "/bin/single_copy_probe";
     pid_ = fork();
     if (pid_ == 0) {
       dup2(in[0], 0);
@@ -121,6 +121,20 @@ TEST(SingleCopy, CopiesStartedTogetherLeaveExactlyOne) {
     Probe late;
     EXPECT_EQ(late.verdict().rfind("second copy copies=2", 0), 0u);
   }
+}
+
+// The package's executable and a build tree's are two programs to /proc,
+// yet one helper of the user's: the bus name decides between them.
+TEST(SingleCopy, ACopyOfAnotherExecutableEndsWhileOneRuns) {
+  TestHome home;
+  TestSessionBus bus(home.root());
+  const std::string other = home.root() + "/single_copy_probe";
+  std::filesystem::copy_file(Probe::builtProbe(), other);
+  std::filesystem::permissions(other, std::filesystem::perms::owner_all);
+  Probe first;
+  EXPECT_TRUE(stays(first.verdict()));
+  Probe elsewhere(other);
+  EXPECT_EQ(elsewhere.verdict().rfind("second copy", 0), 0u);
 }
 
 TEST(SingleCopy, WithoutABusTheOldestCopyStays) {

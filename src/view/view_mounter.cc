@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -86,6 +88,14 @@ std::string firstCompressedFile(const std::string& root, const std::string& show
   return "";
 }
 
+// Whether the view on `mountPoint` lost its process. statfs always asks the
+// view's process, where stat may answer from the attributes the kernel keeps
+// for a second.
+bool viewIsDead(const std::string& mountPoint) {
+  struct statvfs st;
+  return statvfs(mountPoint.c_str(), &st) != 0 && errno == ENOTCONN;
+}
+
 }  // namespace
 
 ViewMounter::ViewMounter(std::string command) : command_(std::move(command)) {}
@@ -109,7 +119,15 @@ std::string ViewMounter::defaultCommand() {
 
 bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   const std::string absolute = absolutePath(folder);
-  if (isViewMounted(absolute) && !isViewDisconnected(absolute)) return true;
+  if (isViewMounted(absolute)) {
+    if (!viewIsDead(absolute)) return true;
+    // A dead view answers every look with ENOTCONN: detached, the folder's
+    // path shows the stored files again, and the new view opens those.
+    Error detached;
+    if (!unmountView(absolute, true, &detached)) {
+      return fail(error, "posix", EIO, "cannot detach the dead view over " + absolute + ": " + detached.message);
+    }
+  }
   std::string errors;
   const int status = run({command_, "mount", "--over", absolute}, &errors);
   if (status == 0) return true;
@@ -117,6 +135,23 @@ bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   return fail(error, "posix", EIO,
               "cannot mount a view over " + absolute + (errors.empty() ? "" : ": " + errors));
 }
+
+std::optional<ServingView> ViewMounter::servingView(const std::string& folder) const {
+  const std::string absolute = absolutePath(folder);
+  std::optional<ViewCover> cover = viewCovering(absolute);
+  if (!cover || cover->mountPoint != absolute) return std::nullopt;
+  // "/proc/PID/fd/N"
+  constexpr size_t kProcPrefix = 6;
+  const pid_t pid = static_cast<pid_t>(std::atoi(cover->beneath.c_str() + kProcPrefix));
+  if (cover->beneath.compare(0, kProcPrefix, "/proc/") != 0 || pid <= 0) return std::nullopt;
+  return ServingView{pid, cover->beneath};
+}
+
+int ViewMounter::openTree(const ServingView& view) const {
+  return open(view.beneath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+int ViewMounter::watchProcess(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
 
 std::string ViewMounter::beneath(const std::string& folder) const { return pathBeneathViews(folder); }
 

@@ -5,36 +5,61 @@
 // its own work on the files beneath, through beneath().
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 
 #include "base/error.h"
 
 namespace zephlore::view {
 
+// The process serving a live view, and the path through which it reaches
+// the tree it shows ("/proc/PID/fd/N").
+struct ServingView {
+  pid_t pid = 0;
+  std::string beneath;
+};
+
 class ViewMounter {
  public:
   // `command` runs views: by default the zephlore command beside this
   // program, else the one on PATH.
   explicit ViewMounter(std::string command = defaultCommand());
+  virtual ~ViewMounter() = default;
 
   // Whether this process can mount views: /dev/fuse is there and usable,
   // and fusermount3 is on PATH (or this process is root).
   static bool fuseUsable();
   static std::string defaultCommand();
 
-  // Mounts a view over `folder` unless one covers it already (a view left
-  // dead by a killed process is replaced). False with the command's reason.
-  bool mountOver(const std::string& folder, Error* error);
+  // Mounts a view over `folder` unless a live one is mounted there. A view
+  // left dead by a killed process is detached first (lazily, as files may
+  // still be open in it), so that the new one shows the stored files, not
+  // the dead mount. False with the command's reason.
+  virtual bool mountOver(const std::string& folder, Error* error);
+
+  // The live view mounted exactly on `folder`; none when there is none or
+  // its process is gone.
+  virtual std::optional<ServingView> servingView(const std::string& folder) const;
 
   // The path through which `folder`'s stored files are reached: beneath its
   // view, or `folder` itself without one.
   std::string beneath(const std::string& folder) const;
 
+  // The helper's own descriptor (O_PATH) of the tree a live view shows,
+  // taken through the view's; -1 with errno on failure.
+  virtual int openTree(const ServingView& view) const;
+
+  // A descriptor that becomes readable when process `pid` ends (a pidfd);
+  // -1 with errno when the kernel gives none.
+  static int watchProcess(pid_t pid);
+
   // For a folder no longer watched: unmounts its view once no file in it is
   // compressed. False when the view stays, with the reason in `*why` (for
   // zephlore status): a compressed file, which programs would see empty
   // without the view, or files in it still open.
-  bool unmountIfUnused(const std::string& folder, std::string* why);
+  virtual bool unmountIfUnused(const std::string& folder, std::string* why);
 
  private:
   std::string command_;

@@ -81,6 +81,20 @@ void KRCompressor::setSavingsRecorder(SavingsRecorder recorder) {
   savingsRecorder_ = std::move(recorder);
 }
 
+void KRCompressor::setCompressionHold(CompressionHold hold) {
+  std::lock_guard lock(hooksLock_);
+  compressionHold_ = std::move(hold);
+}
+
+std::string KRCompressor::holdReason(const std::string& path) {
+  CompressionHold hold;
+  {
+    std::lock_guard lock(hooksLock_);
+    hold = compressionHold_;
+  }
+  return hold ? hold(path) : std::string();
+}
+
 bool KRCompressor::isWatched(const std::string& path) {
   FolderWatchTest test;
   {
@@ -102,7 +116,7 @@ uint64_t KRCompressor::addFiles(const std::vector<std::string>& paths) {
     std::lock_guard lock(fileQueueLock_);
     for (const std::string& path : paths) {
       // Re-enters the queue's lock (recursive), then takes the set's.
-      if (isInProcess(path) || !isWatched(path)) continue;
+      if (isInProcess(path) || !isWatched(path) || !holdReason(path).empty()) continue;
       fileQueue_.push_back(path);
       queuedPaths_.insert(path);
       ++added;
@@ -190,8 +204,15 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
     if (!waitForQuietSystem()) return;
     Error error;
     bool failed = false;
+    // Asked again at the last moment: a hold may have come since the file
+    // was queued.
+    const std::string held = holdReason(path);
     if (!isWatched(path)) {
       error = folderNotWatchedError(path);
+      failed = true;
+    } else if (!held.empty()) {
+      error = Error{kHelperErrorDomain, kFolderHeldErrorCode, "Not compressing " + path + ": " + held};
+      KRLogInfo("Not compressed %s: %s", path.c_str(), held.c_str());
       failed = true;
     } else {
       setFileInHand(path);

@@ -36,6 +36,7 @@ inline constexpr const char* kFileWillCompressNotification = "KRFileWillCompress
 inline constexpr const char* kFileCompressedPathKey = "path";
 inline constexpr const char* kFileCompressedErrorKey = "errorCode";  // an Error; absent on success
 inline constexpr int kFolderNotWatchedErrorCode = 8000;
+inline constexpr int kFolderHeldErrorCode = 8001;  // e.g. its view is down
 
 class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
  public:
@@ -48,6 +49,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   // Whether the watcher still watches a folder holding the path.
   using FolderWatchTest = std::function<bool(const std::string& path)>;
+  // Why a path must not be compressed now, "" to go ahead: a folder whose
+  // view is down, where programs would read the file empty. Any thread.
+  using CompressionHold = std::function<std::string(const std::string& path)>;
   // Adds saved bytes to the history of the path's folder.
   using SavingsRecorder = std::function<void(uint64_t savedBytes, const std::string& path)>;
 
@@ -70,6 +74,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // watched (nothing is compressed); without a recorder savings are dropped.
   void setFolderWatchTest(FolderWatchTest test);
   void setSavingsRecorder(SavingsRecorder recorder);
+  // Held files are neither queued nor compressed; whoever lifts the hold has
+  // their folder analysed again.
+  void setCompressionHold(CompressionHold hold);
 
   // Queues the paths not already in process and in a watched folder; returns
   // how many. Any thread.
@@ -108,6 +115,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Waits while the machine is busy; false when a pause came meanwhile.
   bool waitForQuietSystem();
   bool isWatched(const std::string& path);
+  std::string holdReason(const std::string& path);
   static Error folderNotWatchedError(const std::string& path);
   // The engine's conversion, refused as not compressible when the compressed
   // form would take as much room as the data.
@@ -134,6 +142,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   std::mutex hooksLock_;
   FolderWatchTest folderWatchTest_;
   SavingsRecorder savingsRecorder_;
+  CompressionHold compressionHold_;
 
   // Wakes a load wait early when the compressor pauses.
   std::mutex loadWaitLock_;
