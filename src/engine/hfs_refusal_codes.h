@@ -32,6 +32,10 @@ enum HFSRefusalCode : int {
   kHFSErrorNoTemporaryFile = 721,   // "Could not create temporary file to hold compressed data"
   // Repair could not take the compressed form off a file written after compression.
   kHFSErrorCannotStripCompression = 722,
+  // Its fork would need more attribute pieces than a file's attribute list
+  // can name, or than its volume keeps for one file. Marked like a file that
+  // does not shrink, so that it is not tried again until it changes.
+  kHFSErrorTooLargeForForm = 723,   // "File at path %@ is too large for the compressed form"
 };
 
 }  // namespace zephlore

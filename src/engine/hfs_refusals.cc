@@ -21,6 +21,7 @@ constexpr Refusal kRefusals[] = {
     {kHFSErrorNotRegularFile, "is not a regular file"},
     {kHFSErrorOpenForWriting, "is open for writing by another process"},
     {kHFSErrorModified, "was modified while compressing"},
+    {kHFSErrorTooLargeForForm, "is too large for the compressed form"},
 };
 
 }  // namespace
