@@ -5,6 +5,7 @@
 #include "base/error.h"
 #include "base/log.h"
 #include "platform/path_map.h"
+#include "platform/volume_capabilities.h"
 #include "view/underlying_tree.h"
 
 namespace zephlore {
@@ -33,6 +34,8 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
   }
   viewed_.clear();
   for (const std::string& folder : wanted) {
+    // Nothing there is ever compressed: a view would only slow it down.
+    if (!VolumeCapabilities::canHoldCompressedForm(folder)) continue;
     Error error;
     if (mounter_->mountOver(folder, &error)) {
       viewed_.push_back(folder);
