@@ -161,7 +161,9 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
   ASSERT_EQ(status["folders"].size(), 1u) << status.dump();
   EXPECT_EQ(status["folders"][0]["volumeCanHoldCompressedForm"], false);
 
-  ASSERT_EQ(std::system(("tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1").c_str()), 0);
+  const std::string largeValues =
+      "tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1";
+  ASSERT_EQ(std::system(largeValues.c_str()), 0);
   nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
   ASSERT_TRUE(folders.is_object());
   EXPECT_EQ(folders["folders"][0]["volumeCanHoldCompressedForm"], true) << folders.dump();

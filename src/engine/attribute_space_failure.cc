@@ -45,7 +45,8 @@ bool attributeWriteFailure(Env& env, Error* error, const std::string& path, int 
   }
   if (!VolumeCapabilities::canHoldCompressedForm(path)) {
     std::optional<size_t> most = VolumeCapabilities::attributePieceSize(FileRef::descriptor(copyFd), nullptr);
-    std::string limit = most ? "the file system accepts at most " + std::to_string(*most) + " bytes of attributes per file"
+    std::string limit = most ? "the file system accepts at most " + std::to_string(*most) +
+                                   " bytes of attributes per file"
                              : "the file system accepts too few bytes of attributes per file";
     if (isExt4(path)) limit += " (ext4 without ea_inode)";
     return cannotHold(error, path, limit);
@@ -53,7 +54,9 @@ bool attributeWriteFailure(Env& env, Error* error, const std::string& path, int 
   // The volume holds the form, but not this much of it on one file.
   std::string detail = "its volume took " + std::to_string(storedBytes) +
                        " bytes of its compressed data as attributes and refused more";
-  if (isExt4(path)) detail += "; ext4 names a file's attributes in one block, about 6 MB of compressed data with 4 KiB blocks";
+  if (isExt4(path)) {
+    detail += "; ext4 names a file's attributes in one block, about 6 MiB of compressed data with 4 KiB blocks";
+  }
   return refuse(error, kHFSErrorTooLargeForForm, path, detail);
 }
 

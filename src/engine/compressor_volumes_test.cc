@@ -131,7 +131,8 @@ TEST(CompressorOnRealVolumesTest, AForkPastTheAttributeListIsRefusedAsSoonAsItPa
   Error error;
   HFSCompressionOptions options;
   options.workers = 2;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, nullptr, nullptr, nullptr, options));
+  EXPECT_FALSE(
+      QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, nullptr, nullptr, nullptr, options));
   EXPECT_EQ(error.code, kHFSErrorTooLargeForForm) << error.describe();
   EXPECT_NE(error.message.find("2016 fork pieces of 65536 bytes"), std::string::npos) << error.message;
   ASSERT_EQ(lstat(path.c_str(), &after), 0);

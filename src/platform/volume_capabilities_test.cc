@@ -91,7 +91,9 @@ TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
       << error.message;
 
   // Large values switched on while mounted count at once, in this process too.
-  ASSERT_EQ(std::system(("tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1").c_str()), 0);
+  const std::string largeValues =
+      "tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1";
+  ASSERT_EQ(std::system(largeValues.c_str()), 0);
   EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(ext4.path()));
   EXPECT_EQ(VolumeCapabilities::measuredPieceSize(ext4.path()), size_t{65536});
 }
