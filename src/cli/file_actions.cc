@@ -11,6 +11,7 @@
 #include "engine/extended_attributes_helper.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
 
 namespace zephlore::cli {
@@ -25,6 +26,16 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
     return skipped(job.path, SkipReason::kVanished, job.size, job.named);
   }
   return failed(job.path, error, job.size, job.named);
+}
+
+// A compression failure; a file too large for the form is marked as one that
+// does not shrink is, so that neither we nor the helper try it again until it
+// changes.
+FileResult compressionFailed(const FilePipeline::Job& job, const Error& error) {
+  if (error.domain == kHFSErrorDomain && error.code == kHFSErrorTooLargeForForm) {
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+  }
+  return failedOrVanished(job, error);
 }
 
 // The command's result for the engine's verdict: none for a candidate.
@@ -76,7 +87,7 @@ class CompressAction : public FileAction {
         QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, nullptr, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
-      return failedOrVanished(job, error);
+      return compressionFailed(job, error);
     }
     const uint64_t size = static_cast<uint64_t>(representation->sourceSize());
     const uint64_t stored = representation->forkSize() + kDecmpfsBytes;
@@ -86,7 +97,7 @@ class CompressAction : public FileAction {
     int64_t saved = 0;
     int64_t uncompressed = 0;
     if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) {
-      return failedOrVanished(job, error);
+      return compressionFailed(job, error);
     }
     KRExtendedAttributesHelper::setCompressionSignature(
         KRCompressionSignature::signatureWithUncompressedSize(size), job.path);

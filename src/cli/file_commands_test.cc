@@ -16,6 +16,7 @@
 #include "cli/command_test_support.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/loop_mount.h"
 #include "testing/scratch_dir.h"
 
 namespace zephlore::cli {
@@ -194,6 +195,33 @@ TEST_F(FileCommands, ExitStatusAndTextReports) {
   auto again = runZephlore({"decompress", file});
   EXPECT_EQ(again.status, 0);
   EXPECT_NE(again.out.find("not compressed"), std::string::npos) << again.out;
+}
+
+// ext4 with large values names all of a file's attributes in one block (1 KiB
+// on an image this small): a file whose fork passes that fails with the
+// reason, stays as it was and is marked, so the next run passes it over.
+TEST_F(FileCommands, AFileTooLargeForItsVolumeIsRefusedAndMarked) {
+  testkit::LoopMount ext4("mkfs.ext4 -q -F -O ea_inode");
+  if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
+  const std::string path = ext4 / "large";
+  std::string data;
+  for (uint32_t block = 0; block < 64; ++block) data += randomData(61440, block) + std::string(4096, '\0');
+  writeFile(path, data);
+  auto first = runZephlore({"compress", "--json", "--verbose", path});
+  EXPECT_EQ(first.status, 1) << first.err;
+  Report r = report(first.out);
+  ASSERT_EQ(r.files.count(path), 1u) << first.out;
+  EXPECT_EQ(r.files[path]["outcome"], "failed");
+  EXPECT_EQ(r.files[path]["error"]["code"], 724);
+  const std::string message = r.files[path]["error"]["message"];
+  EXPECT_NE(message.find("is too large for the compressed form"), std::string::npos) << message;
+  EXPECT_EQ(message.find("No space left"), std::string::npos) << message;
+  EXPECT_TRUE(readFile(path) == data);
+  EXPECT_GT(getxattr(path.c_str(), "user.com.quorvane.zephlore.exclude", nullptr, 0), 0);
+
+  auto again = runZephlore({"compress", "--json", "--verbose", path});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(report(again.out).files[path]["reason"], "marked_not_compressible") << again.out;
 }
 
 TEST_F(FileCommands, CatGivesTheContentOfCompressedAndPlainFilesAndRanges) {

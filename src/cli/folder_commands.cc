@@ -17,6 +17,7 @@
 #include "base/util.h"
 #include "cli/commands.h"
 #include "cli/helper_contact.h"
+#include "cli/volume_advice.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_store.h"
@@ -134,6 +135,7 @@ void showFolders(int* exit_code, bool json) {
       }
       list.push_back({{"path", record.folder},
                       {"watched", record.enabled},
+                      {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(record.folder)},
                       {"savings", record.savings},
                       {"savingsText", KRUtil::getPrettySize(record.savings)},
                       {"progress", record.status},
@@ -155,6 +157,9 @@ void showFolders(int* exit_code, bool json) {
               << "  " << (record.enabled ? "watched" : "not watched") << ", saved "
               << KRUtil::getPrettySize(record.savings) << ", sweep " << record.status
               << "% done, last sweep " << lastSweepText(record) << "\n";
+    if (auto why = volumeCannotHoldReason(record.folder)) {
+      std::cout << "  its volume cannot hold compressed files: " << *why << "\n";
+    }
   }
   std::cout << "Total saved: " << KRUtil::getPrettySize(total) << "\n";
 }
@@ -170,7 +175,19 @@ void addFolderCommands(CLI::App& app, int* exit_code) {
                : "Stop watching folders (their savings stay in the history)");
     sub->add_option("DIR", *arguments, "Folders; relative paths are taken from the working folder")
         ->required();
-    sub->callback([=] { changeFolders(exit_code, adding, *arguments); });
+    auto anyway = std::make_shared<bool>(false);
+    if (adding) {
+      sub->add_flag("--anyway", *anyway,
+                    "Watch folders whose volume cannot hold compressed files all the same (nothing in them is "
+                    "compressed until it can)");
+    }
+    sub->callback([=] {
+      if (adding && !volumesCanHoldOrAnyway(*arguments, *anyway)) {
+        *exit_code = 1;
+        return;
+      }
+      changeFolders(exit_code, adding, *arguments);
+    });
   }
   auto json = std::make_shared<bool>(false);
   CLI::App* folders = app.add_subcommand(

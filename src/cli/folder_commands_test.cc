@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "base/shared_instance.h"
@@ -15,6 +17,7 @@
 #include "helper/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/loop_mount.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -131,6 +134,44 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
   ProcessResult shown = zephlore({"folders", "--json"});
   ASSERT_EQ(shown.status, 0) << shown.err;
   EXPECT_EQ(nlohmann::json::parse(shown.out)["folders"].size(), 2u);
+}
+
+// ext4 as distributions make it keeps about 4 KiB of attributes per file:
+// such a folder is refused with the reason and the fix, watched with
+// --anyway and shown so; large values switched on while mounted count at once.
+TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAnyway) {
+  testkit::LoopMount ext4(testkit::kDefaultExt4);
+  if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
+  const std::string folder = ext4 / "Archive";
+  ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  ProcessResult refused = zephlore({"add", folder});
+  EXPECT_EQ(refused.status, 1);
+  for (const char* words : {"its volume cannot hold compressed files", "(ext4 without ea_inode)",
+                            "tune2fs -O ea_inode /dev/loop", "before 4.13", "/boot", "nothing was added"}) {
+    EXPECT_NE(refused.err.find(words), std::string::npos) << words << " not in:\n" << refused.err;
+  }
+  EXPECT_EQ(helperPid(), 0);
+
+  ProcessResult added = zephlore({"add", "--anyway", folder});
+  EXPECT_EQ(added.status, 0) << added.err;
+  EXPECT_NE(added.out.find("Watching "), std::string::npos) << added.out << added.err;
+  EXPECT_NE(zephlore({"folders"}).out.find("its volume cannot hold compressed files"), std::string::npos);
+  nlohmann::json status = nlohmann::json::parse(zephlore({"status", "--json"}).out, nullptr, false);
+  ASSERT_TRUE(status.is_object());
+  ASSERT_EQ(status["folders"].size(), 1u) << status.dump();
+  EXPECT_EQ(status["folders"][0]["volumeCanHoldCompressedForm"], false);
+
+  const std::string largeValues =
+      "tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1";
+  ASSERT_EQ(std::system(largeValues.c_str()), 0);
+  nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
+  ASSERT_TRUE(folders.is_object());
+  EXPECT_EQ(folders["folders"][0]["volumeCanHoldCompressedForm"], true) << folders.dump();
+
+  // The helper leaves the volume before it is unmounted.
+  const pid_t helper = helperPid();
+  ASSERT_EQ(zephlore({"quit"}).status, 0);
+  EXPECT_TRUE(waitForExit(helper, 10'000));
 }
 
 }  // namespace

@@ -109,6 +109,7 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
   std::cout << "Watched folders: " << (folders->empty() ? "none" : "") << "\n";
   for (const StatusFolder& folder : *folders) {
     std::cout << "  " << folder.path << "  saved " << KRUtil::getPrettySize(folder.savings) << "\n";
+    if (folder.cannotHold) std::cout << "    its volume cannot hold compressed files: " << *folder.cannotHold << "\n";
   }
 }
 
@@ -127,7 +128,9 @@ void printJson(const std::optional<LiveStatus>& live, const std::optional<std::v
   if (folders) {
     out["folders"] = nlohmann::ordered_json::array();
     for (const StatusFolder& folder : *folders) {
-      out["folders"].push_back({{"path", folder.path}, {"savings", folder.savings}});
+      out["folders"].push_back({{"path", folder.path},
+                                {"savings", folder.savings},
+                                {"volumeCanHoldCompressedForm", !folder.cannotHold}});
     }
   } else {
     out["folders"] = nullptr;

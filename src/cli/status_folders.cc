@@ -1,5 +1,6 @@
 #include "cli/status_folders.h"
 
+#include "cli/volume_advice.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_store.h"
 
@@ -16,7 +17,7 @@ std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(std::string* pr
   }
   std::vector<StatusFolder> folders;
   for (const HistoryRecord& record : records) {
-    if (record.enabled) folders.push_back({record.folder, record.savings});
+    if (record.enabled) folders.push_back({record.folder, record.savings, volumeCannotHoldReason(record.folder)});
   }
   return folders;
 }

@@ -12,6 +12,8 @@ namespace zephlore::cli {
 struct StatusFolder {
   std::string path;
   uint64_t savings = 0;  // bytes
+  // Set when its volume cannot hold the compressed form: why.
+  std::optional<std::string> cannotHold;
 };
 
 // None when the folders cannot be read; *problem then says why.

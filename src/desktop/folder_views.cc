@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "platform/path_map.h"
 #include "view/mount_table.h"
+#include "platform/volume_capabilities.h"
 #include "view/underlying_tree.h"
 
 namespace zephlore {
@@ -78,6 +79,8 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
     }
   }
   for (const std::string& folder : wanted) {
+    // Nothing there is ever compressed: a view would only slow it down.
+    if (!VolumeCapabilities::canHoldCompressedForm(folder)) continue;
     Supervised& entry = views_[folder];
     if (entry.up || supervise(folder, entry)) {
       setDown(folder, false);

@@ -10,6 +10,7 @@
 
 #include "base/log.h"
 #include "engine/attribute_fork_source.h"
+#include "engine/attribute_space_failure.h"
 #include "engine/compressed_file_info.h"
 #include "engine/fork_image_writer.h"
 #include "engine/fork_source.h"
@@ -60,15 +61,23 @@ bool couldNotCreate(Error* error, const std::string& path, const std::string& wh
               "Could not create compressed file at " + path + ": " + why);
 }
 
-// A write into the copy's attributes failed: either the volume cannot hold
-// the compressed form (a default ext4 keeps 4 KiB of attributes per file) or
-// something else went wrong.
-bool attributeWriteFailure(Error* error, const std::string& path, int err, const std::string& why) {
-  if (err == ENOTSUP || err == E2BIG || err == ENOSPC || err == EDQUOT || err == ERANGE) {
-    return fail(error, kHFSErrorDomain, kHFSErrorVolumeCannotHold,
-                "The volume of " + path + " cannot hold the compressed form: " + why);
+// The names the copy gets after its fork: the file's own attributes (its
+// ACL and security labels too; a label the copy already has is counted twice,
+// which costs at most a piece), then the header, the flag and the signature.
+uint64_t namesTheCopyWillGet(Env& env, int sourceFd) {
+  const FileRef source = FileRef::descriptor(sourceFd);
+  const ssize_t listed = env.xattrListSize(source);
+  std::optional<std::vector<std::string>> names = env.listxattr(source);
+  uint64_t bytes = listed > 0 ? static_cast<uint64_t>(listed) : 0;
+  if (names) {
+    for (const std::string& name : *names) {
+      if (MetadataCopy::isSkipped(name, compressionAttributes()) || name == attr::kSignature) {
+        bytes -= std::min(bytes, AttributeFork::listBytes(name));
+      }
+    }
   }
-  return couldNotCreate(error, path, why);
+  for (const char* name : {attr::kDecmpfs, attr::kFlags, attr::kSignature}) bytes += AttributeFork::listBytes(name);
+  return bytes;
 }
 
 // The attribute value of `name` equals `expected`.
@@ -81,7 +90,8 @@ bool attributeEquals(Env& env, const FileRef& file, const char* name, const void
 // replace the file, while the blocks are compressed.
 class AttributeForkImageSink final : public ForkImageSink {
  public:
-  AttributeForkImageSink(AttributeForkWriter& fork, const std::string& path) : fork_(fork), path_(path) {}
+  AttributeForkImageSink(Env& env, AttributeForkWriter& fork, int copyFd, const std::string& path)
+      : env_(env), fork_(fork), copyFd_(copyFd), path_(path) {}
   bool write(uint64_t offset, const void* data, size_t n, Error* error) override {
     Error why;
     return fork_.write(offset, data, n, &why) || failed(why, error);
@@ -93,12 +103,17 @@ class AttributeForkImageSink final : public ForkImageSink {
 
  private:
   bool failed(const Error& why, Error* error) {
-    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path_.c_str(), why.code,
-          strerror(why.code));
-    return attributeWriteFailure(error, path_, why.code, why.message);
+    Error explained;
+    attributeWriteFailure(env_, &explained, path_, copyFd_, why.code, why.message, fork_.storedBytes());
+    KRLog("*** Error creating resource fork when trying to compress: %s: %s", path_.c_str(),
+          explained.message.c_str());
+    if (error) *error = explained;
+    return false;
   }
 
+  Env& env_;
   AttributeForkWriter& fork_;
+  const int copyFd_;
   const std::string& path_;
 };
 
@@ -198,10 +213,10 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
   if (std::unique_ptr<SiblingTempFile> copy = sourceFd >= 0 ? unnamedCopyBesideSource() : nullptr) {
     // Straight into the copy's fork: no image to write and copy again.
     Error why;
-    std::unique_ptr<AttributeForkWriter> fork =
-        AttributeForkWriter::open(FileRef::descriptor(copy->fd()), options_.verify, &why);
-    if (!fork) return attributeWriteFailure(error, sourcePath_, why.code, why.message);
-    AttributeForkImageSink sink(*fork, sourcePath_);
+    std::unique_ptr<AttributeForkWriter> fork = AttributeForkWriter::open(
+        FileRef::descriptor(copy->fd()), options_.verify, &why, namesTheCopyWillGet(env_, sourceFd));
+    if (!fork) return attributeWriteFailure(env_, error, sourcePath_, copy->fd(), why.code, why.message, 0);
+    AttributeForkImageSink sink(env_, *fork, copy->fd(), sourcePath_);
     written = writeForkImage(sourceFd, size, sink, writeOptions, &result, error);
     if (written) stagedCopy_ = std::move(copy);
   } else {
@@ -269,16 +284,20 @@ bool QVHFSCompressedFileRepresentation::saveToHFSCompressedFile(const std::strin
   return saveInPlace(path, st, error, savedSpace);
 }
 
-// Marks a copy whose fork is in place as compressed: the header and the flag.
-static bool markCompressed(Env& env, int copyFd, const HFSPlusDecmpfs& decmpfs, const std::string& path, Error* error) {
+// Marks a copy whose fork of `forkSize` bytes is in place as compressed: the
+// header and the flag.
+static bool markCompressed(Env& env, int copyFd, const HFSPlusDecmpfs& decmpfs, uint64_t forkSize,
+                           const std::string& path, Error* error) {
   const FileRef copy = FileRef::descriptor(copyFd);
   if (env.setxattr(copy, attr::kDecmpfs, &decmpfs, sizeof decmpfs, 0) != 0) {
     int err = errno;
-    return attributeWriteFailure(error, path, err, "cannot set its compression header: " + errnoText(err));
+    return attributeWriteFailure(env, error, path, copyFd, err, "cannot set its compression header: " + errnoText(err),
+                                 forkSize);
   }
   if (!FileFlags::set(copy, FileFlags::kUFCompressed)) {
     int err = errno;
-    return attributeWriteFailure(error, path, err, "cannot set its compressed flag: " + errnoText(err));
+    return attributeWriteFailure(env, error, path, copyFd, err, "cannot set its compressed flag: " + errnoText(err),
+                                 forkSize);
   }
   return true;
 }
@@ -303,11 +322,14 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
       },
       options_.verify, &why);
   if (!written) {
-    KRLog("*** Error creating resource fork when trying to compress: %s, errno: %d [%s]", path.c_str(), why.code,
-          strerror(why.code));
-    return attributeWriteFailure(error, path, why.code, why.message);
+    Error explained;
+    attributeWriteFailure(env_, &explained, path, copyFd, why.code, why.message, 0);
+    KRLog("*** Error creating resource fork when trying to compress: %s: %s", path.c_str(),
+          explained.message.c_str());
+    if (error) *error = explained;
+    return false;
   }
-  return markCompressed(env_, copyFd, decmpfsData_, path, error);
+  return markCompressed(env_, copyFd, decmpfsData_, forkSize_, path, error);
 }
 
 bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, Error* error) {
@@ -442,7 +464,7 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
   // a copy of its own. Either way the staged copy serves one save only.
   std::unique_ptr<SiblingTempFile> copy = std::move(stagedCopy_);
   if (isSource && copy && path == sourcePath_) {
-    if (!markCompressed(env_, copy->fd(), decmpfsData_, path, error)) return nullptr;
+    if (!markCompressed(env_, copy->fd(), decmpfsData_, forkSize_, path, error)) return nullptr;
   } else {
     stagedCopy_ = std::move(copy);  // still the image of the fork
     copy = std::make_unique<SiblingTempFile>(env, path, Kind::kCompressedCopy);
@@ -451,7 +473,7 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
   }
   if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lockFd), FileRef::descriptor(copy->fd()),
                                         compressionAttributes(), &why)) {
-    return attributeWriteFailure(error, path, why.code, why.message), nullptr;
+    return attributeWriteFailure(env_, error, path, copy->fd(), why.code, why.message, forkSize_), nullptr;
   }
   if (!MetadataCopy::apply(*metadata, copy->fd(), &why)) return couldNotCreate(error, path, why.message), nullptr;
   // The copy is complete on disk before it may replace the file.

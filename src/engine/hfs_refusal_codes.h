@@ -35,6 +35,10 @@ enum HFSRefusalCode : int {
   // What was opened is not the caller's own file: another user's file (or
   // a link to one) put at the name after it was looked at.
   kHFSErrorNotOwned = 723,          // "File at path %@ is not owned by this user"
+  // Its fork would need more attribute pieces than a file's attribute list
+  // can name, or than its volume keeps for one file. Marked like a file that
+  // does not shrink, so that it is not tried again until it changes.
+  kHFSErrorTooLargeForForm = 724,   // "File at path %@ is too large for the compressed form"
 };
 
 }  // namespace zephlore

@@ -22,6 +22,7 @@ constexpr Refusal kRefusals[] = {
     {kHFSErrorOpenForWriting, "is open for writing by another process"},
     {kHFSErrorModified, "was modified while compressing"},
     {kHFSErrorNotOwned, "is not owned by this user"},
+    {kHFSErrorTooLargeForForm, "is too large for the compressed form"},
 };
 
 }  // namespace

@@ -12,13 +12,8 @@
 namespace zephlore {
 namespace {
 
-// Bytes a name takes in the kernel's attribute list.
-uint64_t listBytes(const std::string& name) {
-  return std::strlen(kUserXattrPrefix) + name.size() + 1;
-}
-
 // Any more pieces than this could never be listed.
-const size_t kMostPieces = kXattrListMax / listBytes(attr::kResourceFork);
+const size_t kMostPieces = kXattrListMax / AttributeFork::listBytes(attr::kResourceFork);
 
 bool writeFork(const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, bool verify,
                Error* error) {
@@ -72,6 +67,10 @@ uint64_t AttributeFork::piecesFor(uint64_t size, size_t pieceSize) {
 
 bool AttributeFork::namesFit(uint64_t pieces, uint64_t otherListBytes) {
   return pieces <= mostPieces(otherListBytes);
+}
+
+uint64_t AttributeFork::listBytes(const std::string& name) {
+  return std::strlen(kUserXattrPrefix) + name.size() + 1;
 }
 
 uint64_t AttributeFork::mostPieces(uint64_t otherListBytes) {
@@ -152,7 +151,7 @@ bool AttributeFork::remove(const FileRef& file, Error* error) {
 // --- AttributeForkWriter -------------------------------------------------------
 
 std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(const FileRef& file, bool verify,
-                                                               Error* error) {
+                                                               Error* error, uint64_t namesToCome) {
   Env& env = Env::shared();
   std::optional<size_t> pieceSize = VolumeCapabilities::attributePieceSize(file, error);
   if (!pieceSize) return nullptr;
@@ -172,11 +171,11 @@ std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(const FileRef& fi
   bool hadFork = false;
   for (const std::string& name : *names) {
     if (!AttributeFork::pieceIndex(name)) continue;
-    otherBytes -= std::min(otherBytes, listBytes(name));
+    otherBytes -= std::min(otherBytes, AttributeFork::listBytes(name));
     hadFork = true;
   }
   return std::unique_ptr<AttributeForkWriter>(
-      new AttributeForkWriter(file, *pieceSize, otherBytes, hadFork, verify));
+      new AttributeForkWriter(file, *pieceSize, otherBytes + namesToCome, hadFork, verify));
 }
 
 AttributeForkWriter::AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes,
@@ -192,21 +191,31 @@ AttributeForkWriter::~AttributeForkWriter() {
 }
 
 bool AttributeForkWriter::fail(int err, const std::string& why, Error* error) {
+  abandon();
+  return failWithErrno(error, err, why);
+}
+
+void AttributeForkWriter::abandon() {
   failed_ = true;
   if (storedAny_) AttributeFork::remove(file_, nullptr);
   storedAny_ = false;
   pending_.clear();
-  return failWithErrno(error, err, why);
 }
 
 bool AttributeForkWriter::checkSize(uint64_t size, Error* error) {
-  const uint64_t pieces = AttributeFork::piecesFor(size, pieceSize_);
-  if (pieces <= mostPieces_) return true;
-  return fail(E2BIG,
-              "cannot write the resource fork of " + file_.describe() + ": " + std::to_string(size) +
-                  " bytes need " + std::to_string(pieces) + " attribute pieces of " +
-                  std::to_string(pieceSize_) + " bytes, more than a file's attribute list can name",
-              error);
+  if (AttributeFork::piecesFor(size, pieceSize_) <= mostPieces_) return true;
+  return tooManyPieces(size, error);
+}
+
+// EFBIG, not the E2BIG or ENOSPC of a volume that refuses a value: the file
+// is too large for the form on any volume with pieces of this size.
+bool AttributeForkWriter::tooManyPieces(uint64_t size, Error* error) {
+  abandon();
+  return zephlore::fail(error, kPlatformErrorDomain, EFBIG,
+                        "its compressed data passed " + std::to_string(size) +
+                            " bytes; a file's attribute list (64 KiB of names) names at most " +
+                            std::to_string(mostPieces_) + " fork pieces of " + std::to_string(pieceSize_) +
+                            " bytes, " + std::to_string(mostBytes()) + " bytes");
 }
 
 bool AttributeForkWriter::write(uint64_t offset, const void* data, size_t n, Error* error) {
@@ -216,12 +225,7 @@ bool AttributeForkWriter::write(uint64_t offset, const void* data, size_t n, Err
     const uint64_t index = offset / pieceSize_;
     const size_t within = static_cast<size_t>(offset % pieceSize_);
     const size_t take = std::min(n, pieceSize_ - within);
-    if (index >= mostPieces_) {
-      return fail(E2BIG,
-                  "cannot write the resource fork of " + file_.describe() + ": it needs more pieces of " +
-                      std::to_string(pieceSize_) + " bytes than a file's attribute list can name",
-                  error);
-    }
+    if (index >= mostPieces_) return tooManyPieces(offset + take, error);
     if (index < stored_.size() && stored_[index]) {
       return fail(EINVAL, "bytes of piece " + std::to_string(index) + " written twice", error);
     }
@@ -293,6 +297,7 @@ bool AttributeForkWriter::store(uint64_t index, const uint8_t* data, size_t n, E
                 error);
   }
   storedAny_ = true;
+  storedBytes_ += n;
   if (index >= stored_.size()) stored_.resize(index + 1, false);
   stored_[index] = true;
   if (!verify_) return true;

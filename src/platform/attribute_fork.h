@@ -40,7 +40,7 @@ class AttributeFork {
   // longer fork are removed first. On failure no piece remains (the file has
   // no fork then, never a mix of old and new pieces), and the error says
   // why: the volume taking no user attributes (ENOTSUP), a fork too large for
-  // the name list (E2BIG) or for the volume (ENOSPC, E2BIG), a short source.
+  // the name list (EFBIG) or for the volume (ENOSPC, E2BIG), a short source.
   static bool write(const FileRef& file, const void* data, size_t size, Error* error);
   static bool writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error);
   // The same with the bytes from `read` (offset, buffer, count; false with
@@ -57,6 +57,8 @@ class AttributeFork {
   static bool namesFit(uint64_t pieces, uint64_t otherListBytes);
   // The most pieces whose names fit beside names taking `otherListBytes`.
   static uint64_t mostPieces(uint64_t otherListBytes);
+  // Bytes `name` (a system name, without "user.") takes in the kernel's list.
+  static uint64_t listBytes(const std::string& name);
 };
 
 // Writes a new fork into a file piece by piece as its bytes arrive, in any
@@ -71,13 +73,17 @@ class AttributeForkWriter {
  public:
   // Measures the piece size of the file's volume and its attribute list;
   // changes nothing. `verify` reads every stored piece back and compares it.
-  static std::unique_ptr<AttributeForkWriter> open(const FileRef& file, bool verify, Error* error);
+  // `namesToCome` keeps that many bytes of the list free for attributes the
+  // file gets after its fork, so that it stays listable.
+  static std::unique_ptr<AttributeForkWriter> open(const FileRef& file, bool verify, Error* error,
+                                                   uint64_t namesToCome = 0);
   ~AttributeForkWriter();
   AttributeForkWriter(const AttributeForkWriter&) = delete;
   AttributeForkWriter& operator=(const AttributeForkWriter&) = delete;
 
   // Refuses a fork of `size` bytes whose pieces the file's attribute list
-  // could not name (E2BIG), before anything is changed.
+  // could not name (EFBIG), before anything is changed. write() refuses the
+  // first byte past that limit the same way.
   bool checkSize(uint64_t size, Error* error);
   bool write(uint64_t offset, const void* data, size_t n, Error* error);
   // Stores the last piece of a fork of `size` bytes, after checking that
@@ -85,6 +91,11 @@ class AttributeForkWriter {
   bool finish(uint64_t size, Error* error);
 
   size_t pieceSize() const { return pieceSize_; }
+  // The largest fork the attribute list can name.
+  uint64_t mostBytes() const { return mostPieces_ * pieceSize_; }
+  // Bytes of the pieces stored so far (also after a failure: what the volume
+  // took before it refused).
+  uint64_t storedBytes() const { return storedBytes_; }
 
  private:
   struct Pending {
@@ -94,6 +105,8 @@ class AttributeForkWriter {
   AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes, bool hadFork, bool verify);
   bool store(uint64_t index, const uint8_t* data, size_t n, Error* error);
   bool fail(int err, const std::string& why, Error* error);
+  bool tooManyPieces(uint64_t size, Error* error);
+  void abandon();  // removes what was stored; the writer is closed from then on
 
   FileRef file_;
   size_t pieceSize_;
@@ -103,6 +116,7 @@ class AttributeForkWriter {
   bool finished_ = false;
   bool failed_ = false;
   bool storedAny_ = false;
+  uint64_t storedBytes_ = 0;
   std::map<uint64_t, Pending> pending_;
   std::vector<bool> stored_;
   std::vector<uint8_t> readBack_;

@@ -138,7 +138,7 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   ASSERT_EQ(truncate(image.c_str(), static_cast<off_t>(size)), 0);
   UniqueFd source(::open(image.c_str(), O_RDONLY));
   EXPECT_FALSE(AttributeFork::writeFromFd(file, source.get(), size, &error));
-  EXPECT_EQ(error.code, E2BIG);
+  EXPECT_EQ(error.code, EFBIG);
   EXPECT_NE(error.message.find("attribute list"), std::string::npos) << error.message;
 
   EXPECT_EQ(sortedNames(file), std::vector<std::string>{"com.apple.ResourceFork"});
@@ -224,7 +224,7 @@ TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
   EXPECT_FALSE(AttributeFork::isPresent(file));
   writer = AttributeForkWriter::open(file, false, &error);
   EXPECT_FALSE(writer->write(2300ull * 65536, fork.data(), 65536, &error));
-  EXPECT_EQ(error.code, E2BIG);
+  EXPECT_EQ(error.code, EFBIG);
   // The count, from the names themselves ("user." + name + NUL each).
   for (uint64_t other : {0u, 1000u, 40000u}) {
     uint64_t listed = other, pieces = 0;

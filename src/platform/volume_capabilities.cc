@@ -64,6 +64,12 @@ void learn(const VolumeKey& key, std::optional<T> Facts::*field, T value) {
   facts()[key].*field = value;
 }
 
+void forgetPieceSize(const VolumeKey& key) {
+  std::lock_guard lock(g_mutex);
+  auto it = facts().find(key);
+  if (it != facts().end()) it->second.pieceSize.reset();
+}
+
 std::optional<VolumeKey> keyOf(const FileRef& file) {
   Env& env = Env::shared();
   struct stat st;
@@ -230,7 +236,10 @@ std::optional<size_t> VolumeCapabilities::attributePieceSize(const FileRef& file
 bool VolumeCapabilities::canHoldCompressedForm(const std::string& path) {
   std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
   if (!key) return false;
-  if (auto can = known(*key, &Facts::canHold)) return *can;
+  if (known(*key, &Facts::canHold).value_or(false)) return true;
+  // A volume that could not hold the form is measured afresh each time:
+  // `tune2fs -O ea_inode` changes that on the mounted volume at once.
+  forgetPieceSize(*key);
   UniqueFd scratch = scratchFile(directoryOf(path), key->device);
   if (!scratch) return false;
   const FileRef file = FileRef::descriptor(scratch.get());
@@ -249,6 +258,12 @@ bool VolumeCapabilities::canHoldCompressedForm(const std::string& path) {
   }
   learn(*key, &Facts::canHold, can);
   return can;
+}
+
+std::optional<size_t> VolumeCapabilities::measuredPieceSize(const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+  if (!key) return std::nullopt;
+  return known(*key, &Facts::pieceSize);
 }
 
 bool VolumeCapabilities::supportsExchange(const std::string& path) {

@@ -31,9 +31,14 @@ class VolumeCapabilities {
   // and a fork of kProbeForkSize bytes. Measured on a scratch file in the
   // directory (unnamed where the file system allows) or in the private
   // temporary directory when it lies on the same volume. False, and nothing
-  // kept, when no scratch file can be made there.
+  // kept, when no scratch file can be made there. Only a volume that holds
+  // the form is measured once: one that does not is measured again at each
+  // call (its file system may have been given larger attributes meanwhile).
   static bool canHoldCompressedForm(const std::string& path);
   static constexpr uint64_t kProbeForkSize = 256 * 1024;
+  // The largest attribute value the volume holding `path` takes, as
+  // canHoldCompressedForm() measured it; none when it was not measured.
+  static std::optional<size_t> measuredPieceSize(const std::string& path);
 
   // Two names on the volume holding `path` can be swapped atomically
   // (Env::exchange). Measured with two scratch files, named

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <vector>
 
 #include "platform/attribute_fork.h"
@@ -134,6 +135,13 @@ TEST(VolumeCapabilities, DefaultExt4CannotHoldTheCompressedForm) {
   // A small fork still fits.
   EXPECT_TRUE(AttributeFork::write(FileRef::atPath(path), fork.data(), 300, &error))
       << error.message;
+
+  // Large values switched on while mounted count at once, in this process too.
+  const std::string largeValues =
+      "tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1";
+  ASSERT_EQ(std::system(largeValues.c_str()), 0);
+  EXPECT_TRUE(VolumeCapabilities::canHoldCompressedForm(ext4.path()));
+  EXPECT_EQ(VolumeCapabilities::measuredPieceSize(ext4.path()), size_t{65536});
 }
 
 TEST(VolumeCapabilities, AnImageMountedInAnothersPlaceIsMeasuredAfresh) {

@@ -12,6 +12,7 @@
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
 #include "engine/hfs_error_codes.h"
+#include "engine/hfs_refusal_codes.h"
 #include "helper/file_in_process_watchdog.h"
 #include "helper/helper_defaults.h"
 #include "helper/pipeline/system_load_handler.h"
@@ -244,6 +245,8 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
           KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
         } else {
           KRLogInfo("Not compressed %s: %s", path.c_str(), error.message.c_str());
+          // Too large for the form: not tried again until it changes either.
+          if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
         }
       }
       OwnRewrites::shared().end(path);

@@ -119,7 +119,42 @@ TEST(SystemLoadHandlerTest, MissingCountersMeanNoSamplingAndNoLoad) {
   loop.runUntilIdle();
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);
   EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
-  EXPECT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines.size(), 2u);  // one for the processors, one for the disks
+}
+
+// An ARM board's /proc/cpuinfo has no "cpu MHz" and a virtual machine often
+// has no cpufreq: this machine has both kinds of counters, so the tree is
+// faked. The loads are sampled all the same.
+TEST(SystemLoadHandlerTest, SamplesWithoutAClockSpeed) {
+  FakeTree tree;
+  put(tree.path("proc/cpuinfo"), "processor\t: 0\nBogoMIPS\t: 48.00\nCPU implementer\t: 0x41\n");
+  ManualClock clock;
+  RunLoop loop(clock);
+  std::vector<std::string> lines;
+  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
+  KRSystemLoadHandler handler(tree.counters(), loop);
+  loop.runUntilIdle();
+  EXPECT_EQ(handler.clockSpeed(), "unknown");
+  EXPECT_EQ(handler.cpuCount(), 2);
+  tree.setCpu(100, 0, 100, 0);
+  tree.setDiskSectors(40);
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_FLOAT_EQ(handler.currentCPULoad(), 1.0f);
+  EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 1.0f);  // 20480 bytes, the busiest 2 s so far
+  EXPECT_TRUE(lines.empty());
+
+  // Without processor counters the disks are still sampled.
+  ScratchDir bare;
+  put(bare / "proc/diskstats", "   8       0 sda 0 0 0 0 0 0 0 0 0 0 0\n");
+  std::filesystem::create_directories(bare / "sys/block/sda/device");
+  KRSystemLoadHandler disksOnly(std::make_unique<KernelLoadCounters>(bare / "proc", bare / "sys"), loop);
+  loop.runUntilIdle();
+  put(bare / "proc/diskstats", "   8       0 sda 0 0 40 0 0 0 0 0 0 0 0\n");
+  clock.advance(seconds(2.0));
+  loop.runUntilIdle();
+  EXPECT_EQ(disksOnly.currentCPULoad(), 0.0f);
+  EXPECT_FLOAT_EQ(disksOnly.currentDiskLoad(), 1.0f);
 }
 
 class RecordingSender final : public NoticeSender {

@@ -45,21 +45,29 @@ std::string KRSystemLoadHandler::clockSpeedString(uint64_t hertz) {
 }
 
 void KRSystemLoadHandler::ready() {
-  std::optional<uint64_t> hertz = counters_->cpuFrequencyHz();
-  if (!hertz) {
-    KRLog("Not sampling system load: the processor's clock speed is unknown");
-    return;
+  // The clock speed is only shown: many virtual machines and ARM boards do
+  // not report it, and the loads are measured without it.
+  if (std::optional<uint64_t> hertz = counters_->cpuFrequencyHz()) {
+    clockSpeed_ = clockSpeedString(*hertz);
+  } else {
+    clockSpeed_ = "unknown";
   }
-  clockSpeed_ = clockSpeedString(*hertz);
+  startCPUSampling();
+  startDiskSampling();
+}
+
+void KRSystemLoadHandler::startCPUSampling() {
   std::optional<std::vector<CpuTicks>> ticks = counters_->cpuTicks();
   if (!ticks) {
-    KRLog("Not sampling system load: the processors' counters cannot be read");
+    KRLog("Not sampling CPU load: the processors' counters cannot be read");
     return;
   }
   cpuCount_ = static_cast<int>(ticks->size());
   priorCPUTicks_ = std::move(*ticks);
   calculateCurrentCPULoad();
+}
 
+void KRSystemLoadHandler::startDiskSampling() {
   drivelist_ = counters_->wholeDisks();
   maxDiskActivity_ = kMinimumMaxDiskActivity;
   std::optional<uint64_t> bytes = counters_->diskBytes(drivelist_);

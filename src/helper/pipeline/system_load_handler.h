@@ -2,9 +2,10 @@
 // compressor reads before each file. The CPU load is the share of processor
 // time spent working over the last 2 s; the disk load is the last 2 s of disk
 // traffic relative to the busiest 2 s seen since start (never below 10000
-// bytes). Sampling runs on the main run loop; a counter that cannot be read
-// ends that sampling for good, leaving its load at 0.0 so that compression is
-// never held back by a broken reading.
+// bytes). Sampling runs on the main run loop; the processors and the disks
+// are sampled apart, and a counter that cannot be read ends its own sampling
+// for good, leaving its load at 0.0 so that compression is never held back
+// by a broken reading.
 #pragma once
 
 #include <atomic>
@@ -39,7 +40,8 @@ class KRSystemLoadHandler {
   virtual float currentCPULoad() const { return cpuLoad_.load(std::memory_order_relaxed); }
   virtual float currentDiskLoad() const { return diskLoad_.load(std::memory_order_relaxed); }
 
-  // For display; set by the first sample (main thread).
+  // For display; set by the first sample (main thread). "unknown" where the
+  // system does not tell (the loads are sampled all the same).
   const std::string& clockSpeed() const { return clockSpeed_; }
   int cpuCount() const { return cpuCount_; }
   uint64_t maxDiskActivityInAPeriod() const { return maxDiskActivity_; }
@@ -53,6 +55,8 @@ class KRSystemLoadHandler {
 
  private:
   void ready();
+  void startCPUSampling();
+  void startDiskSampling();
   void calculateCurrentCPULoad();
   void calculateCurrentDiskLoad();
 
