@@ -345,7 +345,7 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
     if (!metadata) return couldNotCreate(error, path, why.message);
     if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd_.get()), FileRef::descriptor(copy.fd()),
                                           compressionAttributes(), &why)) {
-      return attributeWriteFailure(error, path, why.code, why.message);
+      return attributeWriteFailure(env, error, path, copy.fd(), why.code, why.message, 0);
     }
     if (!MetadataCopy::applyAccess(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
   } else if (env.fchmod(copy.fd(), 0755) != 0) {

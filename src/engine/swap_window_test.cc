@@ -28,7 +28,7 @@ namespace {
 using namespace testkit;
 
 const std::string kData = compressibleData(3 * 65536 + 123);
-const std::string kAppended = "23 bytes from a writer\n";
+const std::string kAppendedByWriter = "23 bytes from a writer\n";
 
 // Whether some descriptor of this process holds an unbroken write lease on a
 // file named `path`.
@@ -62,7 +62,7 @@ class SwapWindowTest : public ::testing::Test {
       opener_ = std::thread([this] {
         int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND);
         ASSERT_GE(fd, 0);
-        ASSERT_EQ(::write(fd, kAppended.data(), kAppended.size()), static_cast<ssize_t>(kAppended.size()));
+        ASSERT_EQ(::write(fd, kAppendedByWriter.data(), kAppendedByWriter.size()), static_cast<ssize_t>(kAppendedByWriter.size()));
         ::close(fd);
       });
       while (writeLeaseUnbroken(path_)) std::this_thread::yield();
@@ -105,7 +105,7 @@ TEST_F(SwapWindowTest, AnOpenerJustBeforeTheExchangeKeepsItsWritesInAPlainFile) 
   EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
   joinOpener();
   EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
-  EXPECT_EQ(readFile(path_), kData + kAppended);
+  EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
   CompressedFileInfo info;
   ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kPlain);
@@ -118,7 +118,7 @@ TEST_F(SwapWindowTest, AnOpenerBeforeTheCopyIsNamedStopsTheSwap) {
   EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
   joinOpener();
   EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
-  EXPECT_EQ(readFile(path_), kData + kAppended);
+  EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
   EXPECT_TRUE(onlyTheFileIsLeft());
 }
 
@@ -184,7 +184,7 @@ TEST_F(SwapWindowTest, AnOpenerJustBeforeAnExpansionIsSwappedInWritesIntoTheFile
   CompressedFileInfo info;
   ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kMixed);
-  EXPECT_EQ(readFile(path_), kAppended);
+  EXPECT_EQ(readFile(path_), kAppendedByWriter);
   EXPECT_TRUE(onlyTheFileIsLeft());
 }
 
