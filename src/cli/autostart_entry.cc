@@ -6,17 +6,19 @@
 #include <cstdlib>
 #include <climits>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "base/xdg.h"
 #include "helper/plist_file.h"
 #include "helper/resources.h"
+#include "platform/config_file.h"
 
 namespace zephlore::cli {
 namespace {
 
 constexpr const char* kEntryName = "zephlore-helper.desktop";
+// No desktop entry comes near this; anything larger is not one.
+constexpr size_t kMaxEntryBytes = 1 << 20;
 
 // Used when the shipped template cannot be found (a copied binary).
 constexpr const char* kBuiltInEntry =
@@ -32,10 +34,8 @@ constexpr const char* kBuiltInEntry =
 std::string entryTemplate() {
   std::string path = resourcePath(kEntryName);
   if (path.empty()) return kBuiltInEntry;
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return in ? text.str() : kBuiltInEntry;
+  ConfigFileText text = readConfigFile(Env::shared(), path, kMaxEntryBytes);
+  return text.status == ConfigFileStatus::kOk ? text.text : kBuiltInEntry;
 }
 
 // A user entry that switches off the system's own entry of the same name.
@@ -46,10 +46,7 @@ constexpr const char* kMaskingEntry =
     "Hidden=true\n";
 
 std::string fileText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return readConfigFile(Env::shared(), path, kMaxEntryBytes).text;
 }
 
 // The package's entry for every user ($XDG_CONFIG_DIRS, default /etc/xdg).

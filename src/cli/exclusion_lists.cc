@@ -1,10 +1,10 @@
 #include "cli/exclusion_lists.h"
 
 #include <algorithm>
-#include <filesystem>
 
 #include "helper/exclusions_processor.h"
 #include "helper/plist_file.h"
+#include "platform/normal_path.h"
 
 namespace zephlore::cli {
 namespace {
@@ -37,14 +37,7 @@ bool writeList(const std::string& path, const StringList& entries, std::string* 
   return writePlistFileAtomically(path, array.get(), problem);
 }
 
-std::string absolutePath(const std::string& path) {
-  std::error_code error;
-  std::filesystem::path absolute = std::filesystem::absolute(path, error);
-  if (error) absolute = path;
-  std::string clean = absolute.lexically_normal().string();
-  while (clean.size() > 1 && clean.back() == '/') clean.pop_back();
-  return clean;
-}
+std::string absolutePath(const std::string& path) { return resolvedUserPath(Env::shared(), path); }
 
 bool addPath(StringList& list, const std::string& path) {
   for (const std::string& entry : list) {

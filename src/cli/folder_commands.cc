@@ -22,6 +22,7 @@
 #include "helper/history/helper_util.h"
 #include "helper/history/history_store.h"
 #include "helper/notification_names.h"
+#include "platform/normal_path.h"
 
 namespace zephlore::cli {
 namespace {
@@ -51,10 +52,29 @@ std::optional<std::string> folderArgument(const std::string& argument) {
   return path;
 }
 
+// A folder to stop watching. A watched one is matched by its recorded path,
+// whether or not that still exists (a deleted folder can be removed).
+std::optional<std::string> removalArgument(const std::string& argument) {
+  if (argument.empty()) return folderArgument(argument);
+  const std::string path = resolvedUserPath(Env::shared(), argument);
+  std::vector<HistoryRecord> records;
+  HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+  if (std::any_of(records.begin(), records.end(),
+                  [&](const HistoryRecord& record) { return record.enabled && record.folder == path; })) {
+    return path;
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    std::cerr << "zephlore: " << argument << ": not a watched folder\n";
+    return std::nullopt;
+  }
+  return folderArgument(argument);
+}
+
 void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& arguments) {
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
-    std::optional<std::string> folder = folderArgument(argument);
+    std::optional<std::string> folder = adding ? folderArgument(argument) : removalArgument(argument);
     if (!folder) {
       *exit_code = 1;
       return;

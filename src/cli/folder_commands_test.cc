@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "base/shared_instance.h"
@@ -172,6 +173,50 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
   const pid_t helper = helperPid();
   ASSERT_EQ(zephlore({"quit"}).status, 0);
   EXPECT_TRUE(waitForExit(helper, 10'000));
+}
+
+// Every rule sees one form of a path: a parent told on the bus as
+// "watched/.." takes the watched folder over instead of counting as inside
+// it, and a watched folder deleted since is removed by its path.
+TEST_F(FolderCommandsTest, PathsAreNormalisedAndADeletedWatchedFolderCanBeRemoved) {
+  const std::string parent = shm_.make("x");
+  const std::string watched = shm_.make("x/w");
+  ASSERT_EQ(zephlore({"add", watched}).status, 0);
+
+  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
+  DistributedNotificationCenter& center = *fresh_center;
+  RunLoop loop;
+  bool saved = false;
+  auto observer = center.addObserver(kSavingsChangedNotification,
+                                     [&](const Notification&) { saved = true; }, loop);
+  center.postNotificationName(kFoldersNotification,
+                              {{kFoldersToAddKey, std::vector<std::string>{watched + "/..//./"}}}, false);
+  center.flush();
+  bool late = false;
+  loop.performAfterDelay(seconds(10), [&] { late = true; });
+  loop.runUntil([&] { return saved || late; });
+  center.removeObserver(observer);
+  ASSERT_TRUE(saved) << "the helper did not save after the change";
+  auto watchedFolders = [&] {
+    std::map<std::string, bool> folders;
+    const nlohmann::json shown = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
+    for (const auto& folder : shown["folders"]) {
+      folders[folder["path"]] = folder["watched"];
+    }
+    return folders;
+  };
+  EXPECT_EQ(watchedFolders(), (std::map<std::string, bool>{{parent, true}, {watched, false}}));
+
+  const std::string gone = shm_.make("gone");
+  ASSERT_EQ(zephlore({"add", gone}).status, 0);
+  ASSERT_EQ(rmdir(gone.c_str()), 0);
+  ProcessResult removed = zephlore({"remove", shm_.path() + "//gone/"});
+  EXPECT_EQ(removed.status, 0) << removed.err;
+  EXPECT_NE(removed.out.find("No longer watching " + gone), std::string::npos) << removed.out;
+  EXPECT_EQ(watchedFolders()[gone], false);
+  ProcessResult again = zephlore({"remove", gone});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.err.find("not a watched folder"), std::string::npos) << again.err;
 }
 
 }  // namespace

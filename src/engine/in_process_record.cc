@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/config_file.h"
 #include "platform/env.h"
 
 namespace zephlore {
@@ -21,6 +22,11 @@ constexpr size_t kMaxRecordBytes = 2 * PATH_MAX + 64;
 std::optional<std::string> readRecordText(Env& env, const std::string& filename) {
   int fd = env.open(filename, O_RDONLY | O_NONBLOCK);
   if (fd == -1) return std::nullopt;
+  struct stat st;
+  if (env.fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    env.close(fd);
+    return std::nullopt;
+  }
   std::string text(kMaxRecordBytes, '\0');
   ssize_t n = env.preadFully(fd, text.data(), text.size(), 0);
   env.close(fd);
@@ -77,18 +83,34 @@ InProcessRecord InProcessRecordFile::parse(std::string_view text) {
 }
 
 InProcessRecordFile::InProcessRecordFile(std::string filename, Env& env) : env_(env), filename_(std::move(filename)) {
+  // Somebody else's FIFO, socket or folder at the name is left alone; a link
+  // to a regular file is followed.
+  std::string refusal;
+  std::optional<std::string> target = configWriteTarget(env_, filename_, &refusal);
+  if (!target) {
+    KRLog("Could not create watchdog file at %s: it is %s", filename_.c_str(), refusal.c_str());
+    return;
+  }
   // The previous run's record is read before the file is opened for this run,
   // and opening does not truncate it: it stays on disk until reset().
-  if (std::optional<std::string> text = readRecordText(env_, filename_)) previous_ = parse(*text);
+  if (std::optional<std::string> text = readRecordText(env_, *target)) previous_ = parse(*text);
 
   // The exclusive lock fails when another instance of the helper holds the
   // record: that instance owns crash recovery, this one runs without a trace.
-  int fd = env_.openLocked(filename_, O_RDWR | O_CREAT | O_NONBLOCK, 0644);
+  int fd = env_.openLocked(*target, O_RDWR | O_CREAT | O_NONBLOCK, 0644);
   if (fd == -1) {
     int saved = errno;
     KRLog("Could not create watchdog file at %s, errno: %u [%s]", filename_.c_str(),
           static_cast<unsigned>(saved), strerror(saved));
     heldElsewhere_ = saved == EWOULDBLOCK;
+    return;
+  }
+  struct stat st{};
+  if (env_.fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    KRLog("Could not create watchdog file at %s: it is %s, not a regular file", filename_.c_str(),
+          fileTypePhrase(st.st_mode).c_str());
+    env_.close(fd);
+    return;
   }
   fd_ = fd;
 }

@@ -8,6 +8,7 @@
 
 #include "base/log.h"
 #include "engine/hfs_compressed_file_representation.h"
+#include "platform/config_file.h"
 #include "platform/env.h"
 
 namespace zephlore {
@@ -73,9 +74,22 @@ int ProcessInProcessRecord::repairRecordsOfGoneProcesses(const std::string& data
   for (const std::string& name : *names) {
     if (!isProcessRecordName(name)) continue;
     const std::string filename = dataFolder + "/" + name;
+    // Somebody else's FIFO, socket or folder under a record's name: not a
+    // record, and not ours to remove.
+    std::string refusal;
+    std::optional<std::string> target = configWriteTarget(env, filename, &refusal);
+    if (!target) {
+      KRLog("Left %s alone: it is %s", filename.c_str(), refusal.c_str());
+      continue;
+    }
     // Held by a live run (our own included): not ours to repair.
-    UniqueFd fd(env.openLocked(filename, O_RDWR | O_NONBLOCK));
+    UniqueFd fd(env.openLocked(*target, O_RDWR | O_NONBLOCK));
     if (!fd) continue;
+    struct stat st{};
+    if (env.fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      KRLog("Left %s alone: it is %s, not a regular file", filename.c_str(), fileTypePhrase(st.st_mode).c_str());
+      continue;
+    }
     std::string text(8192, '\0');
     ssize_t n = env.preadFully(fd.get(), text.data(), text.size(), 0);
     text.resize(n > 0 ? static_cast<size_t>(n) : 0);

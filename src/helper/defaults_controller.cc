@@ -64,6 +64,13 @@ std::string KRDefaultsController::defaultsFileName() const {
   return folder ? *folder + "/" + kFileName : "";
 }
 
+bool KRDefaultsController::sayReadProblem(const std::string& problem) {
+  std::lock_guard lock(mutex_);
+  if (problem == read_problem_said_) return false;
+  read_problem_said_ = problem;
+  return true;
+}
+
 void KRDefaultsController::reload() {
   const std::string path = defaultsFileName();
   PlistReadResult file;
@@ -71,7 +78,8 @@ void KRDefaultsController::reload() {
     KRLog("No data folder: using the built-in settings");
   } else {
     file = readPlistFile(path);
-    if (file.status != PlistReadStatus::kOk && file.status != PlistReadStatus::kMissing) {
+    const bool failed = file.status != PlistReadStatus::kOk && file.status != PlistReadStatus::kMissing;
+    if (sayReadProblem(failed ? file.problem : "") && failed) {
       KRLog("Could not read preferences from %s (%s): using the built-in settings", path.c_str(),
             file.problem.c_str());
     } else if (file.status == PlistReadStatus::kOk &&

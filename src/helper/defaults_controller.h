@@ -74,9 +74,13 @@ class KRDefaultsController {
   bool boolForKey(const char* key) const;
   bool setBool(const char* key, bool value);
 
-  mutable std::mutex mutex_;  // guards the two dictionaries
+  // Whether a read problem is new (reloads repeat one; the log says it once).
+  bool sayReadProblem(const std::string& problem);
+
+  mutable std::mutex mutex_;  // guards the two dictionaries and the problem said
   PlistPtr default_values_;   // built once, never changed
   PlistPtr defaults_;         // the working copy
+  std::string read_problem_said_;
 };
 
 }  // namespace zephlore

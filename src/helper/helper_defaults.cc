@@ -78,9 +78,11 @@ bool KRHelperDefaults::synchronizeLocked() {
   makeFolders(path_.substr(0, path_.rfind('/')));
   std::string problem;
   if (!writePlistFileAtomically(path_, values_.get(), &problem)) {
-    KRLog("Could not write helper settings to %s: %s", path_.c_str(), problem.c_str());
+    if (!write_failure_said_) KRLog("Could not write helper settings to %s: %s", path_.c_str(), problem.c_str());
+    write_failure_said_ = true;
     return false;
   }
+  write_failure_said_ = false;
   changed_.clear();
   return true;
 }

@@ -65,6 +65,7 @@ class KRHelperDefaults {
   PlistPtr registered_;       // the fallbacks
   PlistPtr values_;           // the file's values plus our changes
   std::set<std::string> changed_;  // keys set here and not yet written
+  bool write_failure_said_ = false;  // each save retries; the log says it once
 };
 
 }  // namespace zephlore

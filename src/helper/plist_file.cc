@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/write_all.h"
+#include "platform/config_file.h"
 
 namespace zephlore {
 namespace {
@@ -27,52 +28,23 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-PlistReadResult readPlistFile(const std::string& path) {
+PlistReadResult readPlistFile(const std::string& path, Env& env) {
   PlistReadResult result;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    result.status = errno == ENOENT ? PlistReadStatus::kMissing : PlistReadStatus::kUnreadable;
-    result.problem = errnoText(errno);
+  ConfigFileText file = readConfigFile(env, path, kMaxPlistFileSize);
+  switch (file.status) {
+    case ConfigFileStatus::kOk: break;
+    case ConfigFileStatus::kMissing: result.status = PlistReadStatus::kMissing; break;
+    case ConfigFileStatus::kNotRegular:
+    case ConfigFileStatus::kUnreadable: result.status = PlistReadStatus::kUnreadable; break;
+  }
+  if (file.status != ConfigFileStatus::kOk) {
+    result.problem = file.problem;
     return result;
   }
-  struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    close(fd);
-    result.status = PlistReadStatus::kUnreadable;
-    result.problem = "not a regular file";
-    return result;
-  }
-  if (static_cast<size_t>(st.st_size) > kMaxPlistFileSize) {
-    close(fd);
-    result.status = PlistReadStatus::kUnreadable;
-    result.problem = "larger than 16 MiB";
-    return result;
-  }
-  std::string bytes;
-  char buf[8192];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int err = errno;
-      close(fd);
-      result.status = PlistReadStatus::kUnreadable;
-      result.problem = errnoText(err);
-      return result;
-    }
-    if (n == 0) break;
-    bytes.append(buf, static_cast<size_t>(n));
-    if (bytes.size() > kMaxPlistFileSize) break;  // grew while we read
-  }
-  close(fd);
+  const std::string& bytes = file.text;
   if (bytes.empty()) {
     result.status = PlistReadStatus::kEmpty;
     result.problem = "empty file";
-    return result;
-  }
-  if (bytes.size() > kMaxPlistFileSize) {
-    result.status = PlistReadStatus::kUnreadable;
-    result.problem = "larger than 16 MiB";
     return result;
   }
   plist_t root = nullptr;
@@ -87,8 +59,16 @@ PlistReadResult readPlistFile(const std::string& path) {
   return result;
 }
 
-bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* problem,
+bool writeFileAtomically(const std::string& given, const std::string& bytes, std::string* problem,
                          mode_t mode) {
+  // Somebody else's FIFO, socket or folder at the name is not replaced.
+  std::string refusal;
+  std::optional<std::string> target = configWriteTarget(Env::shared(), given, &refusal);
+  if (!target) {
+    if (problem) *problem = given + " is " + refusal + "; left alone";
+    return false;
+  }
+  const std::string& path = *target;
   // The temporary file lives beside the target so that rename() stays on one
   // file system and is atomic.
   const std::string folder = folderOf(path);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "engine/plist_ptr.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -25,8 +26,9 @@ struct PlistReadResult {
 };
 
 // Reads and parses the whole file. Files above 16 MiB count as unreadable:
-// no settings or rule file is anywhere near that size.
-PlistReadResult readPlistFile(const std::string& path);
+// no settings or rule file is anywhere near that size. So does anything
+// but a regular file (a link to one is followed); nothing waits.
+PlistReadResult readPlistFile(const std::string& path, Env& env = Env::shared());
 
 // Writes `bytes` so that readers see either the old file or the new one,
 // never a part: a temporary file in the same folder, flushed to disk, renamed

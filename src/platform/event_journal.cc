@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/config_file.h"
 
 namespace zephlore {
 namespace {
@@ -66,10 +67,30 @@ bool isUnder(const std::string& path, const std::string& root) {
 }  // namespace
 
 EventJournal::EventJournal(std::string path, size_t capacity) : path_(std::move(path)), capacity_(capacity) {
-  fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  // A link the user made to a regular file is kept: the journal is written
+  // (and renamed over) where it leads.
+  std::string refusal;
+  std::optional<std::string> target = configWriteTarget(Env::shared(), path_, &refusal);
+  if (!target) {
+    KRLog("The event journal %s is %s; left alone, event ids will not survive a restart", path_.c_str(),
+          refusal.c_str());
+    return;
+  }
+  const std::string given = path_;
+  path_ = *target;
+  // O_NONBLOCK: a FIFO put here after the check must not hold the open.
+  fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
   if (fd_ < 0) {
-    KRLog("Cannot open the event journal %s (%s); event ids will not survive a restart", path_.c_str(),
+    KRLog("Cannot open the event journal %s (%s); event ids will not survive a restart", given.c_str(),
           strerror(errno));
+    return;
+  }
+  struct stat st{};
+  if (fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
+    KRLog("The event journal %s is %s; left alone, event ids will not survive a restart", given.c_str(),
+          (fileTypePhrase(st.st_mode) + ", not a regular file").c_str());
+    close(fd_);
+    fd_ = -1;
     return;
   }
   load();

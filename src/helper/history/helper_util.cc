@@ -98,6 +98,12 @@ HistoryStore* KRHelperUtil::persistentStoreCoordinator() {
     presentError("Failed to open the history database", "There is no data folder to keep it in.");
     return nullptr;
   }
+  // Checked before SQLite opens it, which would wait forever on a FIFO.
+  std::string refusal;
+  if (!HistoryStore::databaseFilesUsable(path, &refusal)) {
+    presentError("Failed to open the history database", refusal);
+    return nullptr;
+  }
   ensureIntegrityOfDatabaseAtPath(path);
   Error error;
   s.store = HistoryStore::open(path, *model, &error);

@@ -11,6 +11,7 @@
 #include "helper/history/helper_util.h"
 #include "helper/history/ht_alias.h"
 #include "helper/notification_names.h"
+#include "platform/normal_path.h"
 
 namespace zephlore {
 namespace {
@@ -331,7 +332,8 @@ FolderList KRHistoryProcessor::usableFolders(const Notification& notification, c
     if (problem) {
       KRLog("%s: folder \"%.100s\" refused: %s", notification.name.c_str(), path.c_str(), problem);
     } else {
-      usable.push_back(path);
+      // The rules compare one form: "/a/b/.." is "/a", its links resolved.
+      usable.push_back(resolvedUserPath(Env::shared(), path));
     }
   }
   return usable;

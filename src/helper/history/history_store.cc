@@ -5,11 +5,10 @@
 
 #include <cerrno>
 
-#include <fstream>
-#include <sstream>
 
 #include "base/log.h"
 #include "helper/resources.h"
+#include "platform/config_file.h"
 
 namespace zephlore {
 namespace {
@@ -35,12 +34,13 @@ bool storeFail(Error* error, const std::string& what) {
 std::optional<HistoryModel> HistoryModel::load() {
   std::string path = resourcePath(kResourceName);
   if (path.empty()) return std::nullopt;
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  if (!in && !in.eof()) return std::nullopt;
+  ConfigFileText text = readConfigFile(Env::shared(), path, 1 << 20);
+  if (text.status != ConfigFileStatus::kOk) {
+    KRLog("*** Cannot read the history model %s: %s", path.c_str(), text.problem.c_str());
+    return std::nullopt;
+  }
   HistoryModel model;
-  model.schema_ = text.str();
+  model.schema_ = std::move(text.text);
   if (model.schema_.empty()) return std::nullopt;
   return model;
 }
@@ -62,11 +62,27 @@ std::optional<bool> HistoryModel::matchesTemplate(const std::string& name,
 
 // --- Store -----------------------------------------------------------------
 
+bool HistoryStore::databaseFilesUsable(const std::string& path, std::string* problem) {
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    const std::string file = path + suffix;
+    std::string refusal;
+    if (!configWriteTarget(Env::shared(), file, &refusal)) {
+      if (problem) *problem = file + " is " + refusal + "; left alone";
+      return false;
+    }
+  }
+  return true;
+}
+
 std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
                                                  const HistoryModel& model, Error* error) {
   std::unique_ptr<HistoryStore> store(new HistoryStore());
   store->path_ = path;
   std::string problem;
+  if (!databaseFilesUsable(path, &problem)) {
+    storeFail(error, problem);
+    return nullptr;
+  }
   if (!store->db_.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem)) {
     storeFail(error, "Cannot open " + path + ": " + problem);
     return nullptr;
@@ -107,6 +123,7 @@ bool HistoryStore::readRecords(const std::string& path, std::vector<HistoryRecor
   HistoryStore store;
   store.path_ = path;
   std::string problem;
+  if (!databaseFilesUsable(path, &problem)) return storeFail(error, problem);
   if (!store.db_.open(path, SQLITE_OPEN_READONLY, &problem)) {
     return storeFail(error, "Cannot open " + path + ": " + problem);
   }
@@ -209,7 +226,8 @@ void HistoryStore::keepFileAtPath() {
   }
   db_ = std::move(held);
   SqliteConnection fresh;
-  if (!fresh.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem) || !copyDatabase(db_, fresh) ||
+  if (!databaseFilesUsable(path_, &problem) ||
+      !fresh.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem) || !copyDatabase(db_, fresh) ||
       !fresh.exec("PRAGMA journal_mode=WAL;", &problem)) {
     if (problem.empty()) problem = fresh.lastError();
     if (!rewrite_problem_logged_) {

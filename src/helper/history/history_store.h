@@ -52,6 +52,10 @@ class HistoryModel {
 // One SQLite store. Opening creates the schema in a new (or zero-byte) file.
 class HistoryStore {
  public:
+  // False, with *problem naming it, when the database or a journal beside
+  // it is something other than a regular file (a FIFO would hang SQLite's
+  // first read): somebody else's, left alone.
+  static bool databaseFilesUsable(const std::string& path, std::string* problem);
   // None and *error when the file cannot be opened or made into a store.
   static std::unique_ptr<HistoryStore> open(const std::string& path, const HistoryModel& model,
                                             Error* error);
