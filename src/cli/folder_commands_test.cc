@@ -12,6 +12,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "cli/command_test_support.h"
 #include "base/shared_instance.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"
@@ -28,12 +29,7 @@ namespace {
 using testkit::ProcessResult;
 using testkit::runProcess;
 
-const std::string kZephlore = ZEPHLORE_BINARY_DIR "/bin/zephlore";
 
-ProcessResult zephlore(std::vector<std::string> args) {
-  args.insert(args.begin(), kZephlore);
-  return runProcess(args);
-}
 
 // The process owning the helper's bus name, or 0.
 pid_t helperPid() {
@@ -59,7 +55,7 @@ bool waitForExit(pid_t pid, int ms) {
 class FolderCommandsTest : public ::testing::Test {
  protected:
   // The helper started here mounts no views: they would outlive it.
-  void SetUp() override { ASSERT_EQ(zephlore({"view-off"}).status, 0); }
+  void SetUp() override { ASSERT_EQ(testkit::runZephlore({"view-off"}).status, 0); }
 
   ~FolderCommandsTest() override {
     if (pid_t pid = helperPid()) {
@@ -75,19 +71,19 @@ class FolderCommandsTest : public ::testing::Test {
 
 TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToShow) {
   std::string folder = shm_.make("Documents");
-  ProcessResult refused = zephlore({"add", shm_.path() + "/missing"});
+  ProcessResult refused = testkit::runZephlore({"add", shm_.path() + "/missing"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_NE(refused.err.find("no such folder"), std::string::npos);
   testkit::writeFile(shm_.path() + "/file", "x");
-  EXPECT_EQ(zephlore({"add", shm_.path() + "/file"}).status, 1);
+  EXPECT_EQ(testkit::runZephlore({"add", shm_.path() + "/file"}).status, 1);
   EXPECT_EQ(helperPid(), 0);
-  EXPECT_NE(zephlore({"folders"}).out.find("No folders yet"), std::string::npos);
+  EXPECT_NE(testkit::runZephlore({"folders"}).out.find("No folders yet"), std::string::npos);
 
-  ProcessResult added = zephlore({"add", shm_.path() + "/./Documents"});
+  ProcessResult added = testkit::runZephlore({"add", shm_.path() + "/./Documents"});
   ASSERT_EQ(added.status, 0) << added.err;
   EXPECT_NE(helperPid(), 0);
 
-  ProcessResult shown = zephlore({"folders", "--json"});
+  ProcessResult shown = testkit::runZephlore({"folders", "--json"});
   ASSERT_EQ(shown.status, 0) << shown.err;
   nlohmann::json json = nlohmann::json::parse(shown.out);
   ASSERT_EQ(json["folders"].size(), 1u) << shown.out;
@@ -96,13 +92,13 @@ TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToSh
   EXPECT_EQ(json["folders"][0]["savings"], 0);
   EXPECT_EQ(json["totalSavings"], 0);
 
-  ASSERT_EQ(zephlore({"remove", folder}).status, 0);
-  json = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
+  ASSERT_EQ(testkit::runZephlore({"remove", folder}).status, 0);
+  json = nlohmann::json::parse(testkit::runZephlore({"folders", "--json"}).out);
   EXPECT_EQ(json["folders"][0]["watched"], false);
 }
 
 TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
-  ASSERT_EQ(zephlore({"add", shm_.make("w")}).status, 0);
+  ASSERT_EQ(testkit::runZephlore({"add", shm_.make("w")}).status, 0);
   const pid_t first = helperPid();
   ASSERT_NE(first, 0);
 
@@ -132,7 +128,7 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
   EXPECT_NE(second, 0);
   EXPECT_NE(second, first);
   // The new copy has the history the old one saved.
-  ProcessResult shown = zephlore({"folders", "--json"});
+  ProcessResult shown = testkit::runZephlore({"folders", "--json"});
   ASSERT_EQ(shown.status, 0) << shown.err;
   EXPECT_EQ(nlohmann::json::parse(shown.out)["folders"].size(), 2u);
 }
@@ -145,7 +141,7 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
   if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
   const std::string folder = ext4 / "Archive";
   ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
-  ProcessResult refused = zephlore({"add", folder});
+  ProcessResult refused = testkit::runZephlore({"add", folder});
   EXPECT_EQ(refused.status, 1);
   for (const char* words : {"its volume cannot hold compressed files", "(ext4 without ea_inode)",
                             "tune2fs -O ea_inode /dev/loop", "before 4.13", "/boot", "nothing was added"}) {
@@ -153,11 +149,11 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
   }
   EXPECT_EQ(helperPid(), 0);
 
-  ProcessResult added = zephlore({"add", "--anyway", folder});
+  ProcessResult added = testkit::runZephlore({"add", "--anyway", folder});
   EXPECT_EQ(added.status, 0) << added.err;
   EXPECT_NE(added.out.find("Watching "), std::string::npos) << added.out << added.err;
-  EXPECT_NE(zephlore({"folders"}).out.find("its volume cannot hold compressed files"), std::string::npos);
-  nlohmann::json status = nlohmann::json::parse(zephlore({"status", "--json"}).out, nullptr, false);
+  EXPECT_NE(testkit::runZephlore({"folders"}).out.find("its volume cannot hold compressed files"), std::string::npos);
+  nlohmann::json status = nlohmann::json::parse(testkit::runZephlore({"status", "--json"}).out, nullptr, false);
   ASSERT_TRUE(status.is_object());
   ASSERT_EQ(status["folders"].size(), 1u) << status.dump();
   EXPECT_EQ(status["folders"][0]["volumeCanHoldCompressedForm"], false);
@@ -165,13 +161,13 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
   const std::string largeValues =
       "tune2fs -O ea_inode \"$(findmnt -n -o SOURCE " + ext4.path() + ")\" >/dev/null 2>&1";
   ASSERT_EQ(std::system(largeValues.c_str()), 0);
-  nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
+  nlohmann::json folders = nlohmann::json::parse(testkit::runZephlore({"folders", "--json"}).out, nullptr, false);
   ASSERT_TRUE(folders.is_object());
   EXPECT_EQ(folders["folders"][0]["volumeCanHoldCompressedForm"], true) << folders.dump();
 
   // The helper leaves the volume before it is unmounted.
   const pid_t helper = helperPid();
-  ASSERT_EQ(zephlore({"quit"}).status, 0);
+  ASSERT_EQ(testkit::runZephlore({"quit"}).status, 0);
   EXPECT_TRUE(waitForExit(helper, 10'000));
 }
 
@@ -181,7 +177,7 @@ TEST_F(FolderCommandsTest, AFolderWhoseVolumeCannotHoldTheFormIsRefusedUnlessAny
 TEST_F(FolderCommandsTest, PathsAreNormalisedAndADeletedWatchedFolderCanBeRemoved) {
   const std::string parent = shm_.make("x");
   const std::string watched = shm_.make("x/w");
-  ASSERT_EQ(zephlore({"add", watched}).status, 0);
+  ASSERT_EQ(testkit::runZephlore({"add", watched}).status, 0);
 
   ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
   DistributedNotificationCenter& center = *fresh_center;
@@ -199,7 +195,7 @@ TEST_F(FolderCommandsTest, PathsAreNormalisedAndADeletedWatchedFolderCanBeRemove
   ASSERT_TRUE(saved) << "the helper did not save after the change";
   auto watchedFolders = [&] {
     std::map<std::string, bool> folders;
-    const nlohmann::json shown = nlohmann::json::parse(zephlore({"folders", "--json"}).out);
+    const nlohmann::json shown = nlohmann::json::parse(testkit::runZephlore({"folders", "--json"}).out);
     for (const auto& folder : shown["folders"]) {
       folders[folder["path"]] = folder["watched"];
     }
@@ -208,13 +204,13 @@ TEST_F(FolderCommandsTest, PathsAreNormalisedAndADeletedWatchedFolderCanBeRemove
   EXPECT_EQ(watchedFolders(), (std::map<std::string, bool>{{parent, true}, {watched, false}}));
 
   const std::string gone = shm_.make("gone");
-  ASSERT_EQ(zephlore({"add", gone}).status, 0);
+  ASSERT_EQ(testkit::runZephlore({"add", gone}).status, 0);
   ASSERT_EQ(rmdir(gone.c_str()), 0);
-  ProcessResult removed = zephlore({"remove", shm_.path() + "//gone/"});
+  ProcessResult removed = testkit::runZephlore({"remove", shm_.path() + "//gone/"});
   EXPECT_EQ(removed.status, 0) << removed.err;
   EXPECT_NE(removed.out.find("No longer watching " + gone), std::string::npos) << removed.out;
   EXPECT_EQ(watchedFolders()[gone], false);
-  ProcessResult again = zephlore({"remove", gone});
+  ProcessResult again = testkit::runZephlore({"remove", gone});
   EXPECT_EQ(again.status, 1);
   EXPECT_NE(again.err.find("not a watched folder"), std::string::npos) << again.err;
 }

@@ -6,6 +6,7 @@
 #include <future>
 #include <thread>
 
+#include "cli/command_test_support.h"
 #include "cli/autostart_entry.h"
 #include "cli/exclusion_lists.h"
 #include "desktop/helper_status_service.h"
@@ -28,12 +29,7 @@ using testkit::TestHome;
 using testkit::TestSessionBus;
 using testkit::writeFile;
 
-const std::string kZephlore = ZEPHLORE_BINARY_DIR "/bin/zephlore";
 
-ProcessResult zephlore(std::vector<std::string> args) {
-  args.insert(args.begin(), kZephlore);
-  return runProcess(args);
-}
 
 std::optional<bool> fileBool(const std::string& path, const char* key) {
   PlistReadResult file = readPlistFile(path);
@@ -68,7 +64,7 @@ TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
   center.ownName(kHelperBusName);  // a helper is "running"
   KRHelperStatusService listening(center.connection());  // and listens
 
-  ProcessResult result = zephlore({"deactivate"});
+  ProcessResult result = testkit::runZephlore({"deactivate"});
   std::optional<bool> active = seen.get_future().get();
   observer.join();
   EXPECT_EQ(result.status, 0) << result.err;
@@ -105,7 +101,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
   }
   for (const Step& step : steps) {
     received.clear();
-    ProcessResult result = zephlore(step.args);
+    ProcessResult result = testkit::runZephlore(step.args);
     ASSERT_EQ(result.status, 0) << step.args[0] << ": " << result.err;
     if (step.key) {
       EXPECT_EQ(fileBool(defaultsFile(), step.key), step.value) << step.args[0];
@@ -125,18 +121,18 @@ TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
   ScopedShared<KRExclusionsProcessor> fresh_processor;
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
   EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
-  ProcessResult result = zephlore({"exclude-ext", "add", "JPG"});
+  ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});
   ASSERT_EQ(result.status, 0) << result.err;
   ASSERT_TRUE(RunLoop::main().runUntil([&] { return processor.isExcluded("/x/x.jpg"); }));
   EXPECT_TRUE(processor.isExcluded("/x/PHOTO.Jpg"));
 
   std::filesystem::create_directories(home.root() + "/Pictures/raw");
-  result = zephlore({"exclude", "add", home.root() + "/Pictures/raw/"});
+  result = testkit::runZephlore({"exclude", "add", home.root() + "/Pictures/raw/"});
   ASSERT_EQ(result.status, 0) << result.err;
   ASSERT_TRUE(
       RunLoop::main().runUntil([&] { return processor.isExcluded(home.root() + "/Pictures/raw/a"); }));
 
-  result = zephlore({"exclude-ext", "remove", ".jpg"});
+  result = testkit::runZephlore({"exclude-ext", "remove", ".jpg"});
   ASSERT_EQ(result.status, 0) << result.err;
   ASSERT_TRUE(RunLoop::main().runUntil([&] { return !processor.isExcluded("/x/x.jpg"); }));
 }
@@ -146,36 +142,36 @@ TEST_F(PaneCommandsTest, ListsAreEditedByMeaningNotByText) {
   std::filesystem::create_directory_symlink(home.root() + "/real", home.root() + "/link");
   const std::string cwd = std::filesystem::current_path();
   std::filesystem::current_path(home.root());
-  EXPECT_EQ(zephlore({"exclude", "add", "real/sub/../sub/"}).status, 0);
+  EXPECT_EQ(testkit::runZephlore({"exclude", "add", "real/sub/../sub/"}).status, 0);
   // The same folder through a link is already there; removing through the
   // link removes it.
-  ProcessResult again = zephlore({"exclude", "add", "link/sub"});
+  ProcessResult again = testkit::runZephlore({"exclude", "add", "link/sub"});
   EXPECT_NE(again.out.find("Already excluded"), std::string::npos) << again.out;
-  EXPECT_EQ(zephlore({"exclude", "list"}).out, home.root() + "/real/sub\n");
-  EXPECT_EQ(zephlore({"exclude", "remove", "link/sub"}).status, 0);
-  EXPECT_EQ(zephlore({"exclude", "list"}).out, "");
+  EXPECT_EQ(testkit::runZephlore({"exclude", "list"}).out, home.root() + "/real/sub\n");
+  EXPECT_EQ(testkit::runZephlore({"exclude", "remove", "link/sub"}).status, 0);
+  EXPECT_EQ(testkit::runZephlore({"exclude", "list"}).out, "");
   std::filesystem::current_path(cwd);
 
-  EXPECT_EQ(zephlore({"exclude-ext", "add", "JPG", "..jpg", "Png"}).status, 0);
-  EXPECT_EQ(zephlore({"exclude-ext", "list"}).out, "jpg\npng\n");
+  EXPECT_EQ(testkit::runZephlore({"exclude-ext", "add", "JPG", "..jpg", "Png"}).status, 0);
+  EXPECT_EQ(testkit::runZephlore({"exclude-ext", "list"}).out, "jpg\npng\n");
   // Removing what is not there fails but still removes the rest.
-  ProcessResult partly = zephlore({"exclude-ext", "remove", "gif", "PNG"});
+  ProcessResult partly = testkit::runZephlore({"exclude-ext", "remove", "gif", "PNG"});
   EXPECT_EQ(partly.status, 1);
-  EXPECT_EQ(zephlore({"exclude-ext", "list"}).out, "jpg\n");
+  EXPECT_EQ(testkit::runZephlore({"exclude-ext", "list"}).out, "jpg\n");
 }
 
 TEST_F(PaneCommandsTest, BadArgumentsAndBadFilesFailWithoutWriting) {
-  EXPECT_EQ(zephlore({"login", "maybe"}).status, 2);
-  EXPECT_EQ(zephlore({"updates"}).status, 2);
-  EXPECT_EQ(zephlore({"exclude"}).status, 2);
-  EXPECT_EQ(zephlore({"exclude-ext", "add", "png", "."}).status, 2);
+  EXPECT_EQ(testkit::runZephlore({"login", "maybe"}).status, 2);
+  EXPECT_EQ(testkit::runZephlore({"updates"}).status, 2);
+  EXPECT_EQ(testkit::runZephlore({"exclude"}).status, 2);
+  EXPECT_EQ(testkit::runZephlore({"exclude-ext", "add", "png", "."}).status, 2);
   EXPECT_FALSE(std::filesystem::exists(home.dataFolder() + "/excludedExtensions.plist"));
 
   // A hand-edited list with a mistake is not silently replaced.
   const std::string paths = home.dataFolder() + "/excludedPaths.plist";
   const std::string broken = "<plist><array><string>/a</string><integer>1</integer></array>";
   writeFile(paths, broken);
-  ProcessResult result = zephlore({"exclude", "add", "/b"});
+  ProcessResult result = testkit::runZephlore({"exclude", "add", "/b"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("excludedPaths.plist"), std::string::npos) << result.err;
   EXPECT_EQ(readFile(paths), broken);
@@ -183,7 +179,7 @@ TEST_F(PaneCommandsTest, BadArgumentsAndBadFilesFailWithoutWriting) {
 
 TEST_F(PaneCommandsTest, LoginWritesAndRemovesTheAutostartEntry) {
   const std::string entry = home.configFolder() + "/autostart/zephlore-helper.desktop";
-  ProcessResult on = zephlore({"login", "on"});
+  ProcessResult on = testkit::runZephlore({"login", "on"});
   ASSERT_EQ(on.status, 0) << on.err;
   EXPECT_EQ(fileBool(defaultsFile(), "runAtLogin"), true);
   std::string text = readFile(entry);
@@ -191,11 +187,11 @@ TEST_F(PaneCommandsTest, LoginWritesAndRemovesTheAutostartEntry) {
   EXPECT_NE(text.find("\nExec=" ZEPHLORE_BINARY_DIR "/bin/zephlore-helper\n"), std::string::npos)
       << text;
 
-  ProcessResult off = zephlore({"login", "off"});
+  ProcessResult off = testkit::runZephlore({"login", "off"});
   ASSERT_EQ(off.status, 0) << off.err;
   EXPECT_EQ(fileBool(defaultsFile(), "runAtLogin"), false);
   EXPECT_FALSE(std::filesystem::exists(entry));
-  EXPECT_EQ(zephlore({"login", "off"}).status, 0);  // nothing to remove is fine
+  EXPECT_EQ(testkit::runZephlore({"login", "off"}).status, 0);  // nothing to remove is fine
 
   EXPECT_EQ(cli::quoteForExec("/opt/zephlore/bin/zephlore-helper"),
             "/opt/zephlore/bin/zephlore-helper");
@@ -204,17 +200,17 @@ TEST_F(PaneCommandsTest, LoginWritesAndRemovesTheAutostartEntry) {
 
 TEST(PaneCommandsWithoutBusTest, CommandsStillWriteTheirFilesAndSayNoHelperWasTold) {
   TestHome home;  // no session bus at all
-  ProcessResult result = zephlore({"deactivate"});
+  ProcessResult result = testkit::runZephlore({"deactivate"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(fileBool(home.dataFolder() + "/defaults.plist", "active"), false);
   EXPECT_NE(result.out.find("no running zephlore-helper could be told"), std::string::npos)
       << result.out;
 
-  result = zephlore({"exclude-ext", "add", "mkv"});
+  result = testkit::runZephlore({"exclude-ext", "add", "mkv"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(zephlore({"exclude-ext", "list"}).out, "mkv\n");
+  EXPECT_EQ(testkit::runZephlore({"exclude-ext", "list"}).out, "mkv\n");
 
-  result = zephlore({"settings"});
+  result = testkit::runZephlore({"settings"});
   EXPECT_EQ(result.status, 0) << result.err;
   for (const char* expected : {"active          no", "defaults.plist", "lastEventID",
                                "com.quorvane.ZephloreHelper.plist", "mkv", "no D-Bus session bus"}) {

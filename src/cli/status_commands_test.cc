@@ -6,6 +6,7 @@
 #include <thread>
 #include <nlohmann/json.hpp>
 
+#include "cli/command_test_support.h"
 #include "base/shared_instance.h"
 #include "desktop/helper_status_names.h"
 #include "desktop/helper_status_service.h"
@@ -24,17 +25,13 @@ using testkit::runProcess;
 using testkit::TestHome;
 using testkit::TestSessionBus;
 
-ProcessResult zephlore(std::vector<std::string> args) {
-  args.insert(args.begin(), ZEPHLORE_BINARY_DIR "/bin/zephlore");
-  return runProcess(args);
-}
 
 // Runs the command while `loop` serves the calls it causes on this thread.
 ProcessResult zephloreServedBy(RunLoop& loop, std::vector<std::string> args) {
   ProcessResult result;
   std::atomic<bool> finished{false};
   std::thread command([&] {
-    result = zephlore(args);
+    result = testkit::runZephlore(args);
     finished = true;
     loop.post([] {});  // wakes the loop to look again
   });
@@ -45,16 +42,16 @@ ProcessResult zephloreServedBy(RunLoop& loop, std::vector<std::string> args) {
 
 TEST(StatusCommands, SayPlainlyWhenNoHelperRuns) {
   TestHome home;
-  ProcessResult r = zephlore({"status"});  // no bus at all
+  ProcessResult r = testkit::runZephlore({"status"});  // no bus at all
   EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.out.find("zephlore-helper is not running."), std::string::npos) << r.out;
 
   TestSessionBus bus(home.root());
-  r = zephlore({"status", "--json"});
+  r = testkit::runZephlore({"status", "--json"});
   EXPECT_EQ(r.status, 3);
   EXPECT_EQ(nlohmann::json::parse(r.out)["running"], false) << r.out;
   for (const char* command : {"pause", "resume"}) {
-    r = zephlore({command});
+    r = testkit::runZephlore({command});
     EXPECT_EQ(r.status, 1) << command;
     EXPECT_NE(r.err.find("not running"), std::string::npos) << r.err;
   }
@@ -82,7 +79,7 @@ TEST_F(LiveStatus, StatusShowsThePushedValuesAndPauseResumeReachTheApplication) 
   ASSERT_TRUE(service.isExported());
   service.setFileInProcess("/dev/shm/w/big\xff.bin");  // not UTF-8: travels mended
 
-  ProcessResult r = zephlore({"status", "--json"});
+  ProcessResult r = testkit::runZephlore({"status", "--json"});
   ASSERT_EQ(r.status, 0) << r.err;
   nlohmann::json status = nlohmann::json::parse(r.out);
   EXPECT_EQ(status["running"], true);
@@ -105,7 +102,7 @@ TEST_F(LiveStatus, StatusShowsThePushedValuesAndPauseResumeReachTheApplication) 
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(pauses, 1) << "the answer comes after the handler ran";
 
-  r = zephlore({"status"});
+  r = testkit::runZephlore({"status"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("Status:          Paused (2)"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("Paused:          yes"), std::string::npos) << r.out;
