@@ -192,6 +192,42 @@ TEST_F(HelperEndToEnd, AFileSavedIntoAWatchedFolderIsCompressedCountedAndSurvive
   EXPECT_EQ(zephlore({"cat", watched + "/second.txt"}).out, testkit::compressibleData(200'000, 2));
 }
 
+// A file deleted while no helper ran no longer counts once the next run has
+// swept its folder: the history then holds what `info -r` measures there.
+TEST_F(HelperEndToEnd, FolderSavingsAfterASweepAreWhatInfoMeasuresBeneath) {
+  ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+  const std::string watched = folder_.path() + "/Measured";
+  ASSERT_EQ(mkdir(watched.c_str(), 0755), 0);
+  ASSERT_EQ(zephlore({"add", watched}).status, 0);
+  saveInto(watched, "first.txt", testkit::compressibleData(400'000, 1));
+  saveInto(watched, "second.txt", testkit::compressibleData(300'000, 2));
+  ASSERT_TRUE(waitForSavingsAbove(400'000)) << endHelper();
+  ASSERT_EQ(zephlore({"quit"}).status, 0);
+  ASSERT_TRUE(waitForExit(helper_->pid(), 10'000));
+  helper_->finish();
+  ASSERT_EQ(unlink((watched + "/first.txt").c_str()), 0);
+
+  ASSERT_TRUE(startHelper());
+  auto measured = [&] {
+    // One object a line, the sums last.
+    std::istringstream lines(zephlore({"info", "-r", "--json", watched}).out);
+    for (std::string line; std::getline(lines, line);) {
+      nlohmann::json item = nlohmann::json::parse(line, nullptr, false);
+      if (item.is_object() && item.value("type", "") == "summary") return item.value("saved_bytes", uint64_t{1});
+    }
+    return uint64_t{1};
+  };
+  auto recorded = [&] {
+    nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
+    return folders.is_object() ? folders.value("totalSavings", uint64_t{0}) : 0;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (recorded() != measured() && std::chrono::steady_clock::now() < deadline) {
+  }
+  EXPECT_EQ(recorded(), measured()) << zephlore({"info", "-r", "--json", watched}).out << endHelper();
+  EXPECT_GT(measured(), 150'000u);
+}
+
 TEST_F(HelperEndToEnd, WithViewsADocumentCompressedByTheHelperReadsInFullThroughItsOwnPath) {
   if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
   ASSERT_EQ(zephlore({"view-on"}).status, 0);

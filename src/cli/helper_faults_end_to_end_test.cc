@@ -238,6 +238,16 @@ TEST_F(HelperFaults, StoppedAndContinuedMidBatchFinishesItsWork) {
   const long stoppedAt = cpuTicks(helper_->pid());
   EXPECT_FALSE(waitForExit(helper_->pid(), 200));
   EXPECT_EQ(cpuTicks(helper_->pid()), stoppedAt) << "a stopped helper does nothing";
+  // status answers at once with what the history holds instead of waiting on it.
+  const auto asked = std::chrono::steady_clock::now();
+  ProcessResult status = zephlore({"status"});
+  const auto took = std::chrono::steady_clock::now() - asked;
+  EXPECT_LT(took, std::chrono::milliseconds(2000)) << "status waited on a stopped helper";
+  EXPECT_EQ(status.status, 1) << status.out << status.err;
+  EXPECT_NE(status.out.find("(pid " + std::to_string(helper_->pid()) + ") runs but does not answer"),
+            std::string::npos)
+      << status.out;
+  EXPECT_NE(status.out.find(watched + "  saved "), std::string::npos) << status.out;
   ASSERT_EQ(kill(helper_->pid(), SIGCONT), 0);
 
   int compressed = 0;

@@ -97,6 +97,7 @@ struct TreeSums {
   uint64_t uncompressed[5] = {};
   uint64_t stored[5] = {};
   uint64_t errors = 0;
+  uint64_t saved = 0;  // as the helper counts a folder's savings
   std::vector<std::string> odd_files;  // mixed, incomplete, not ours (first kListed)
   uint64_t odd_count = 0;
   uint64_t temporaries = 0;  // left beside files by a stopped run of ours
@@ -107,6 +108,7 @@ struct TreeSums {
     ++by_state[s];
     uncompressed[s] += info.uncompressedSize;
     stored[s] += storedBytes(info);
+    saved += info.savedBytes();
     if (info.state != CompressionState::kPlain && info.state != CompressionState::kCompressed) {
       ++odd_count;
       if (odd_files.size() < kListed) odd_files.push_back(path);
@@ -136,6 +138,7 @@ struct TreeSums {
       if (by_state[s] == 0) continue;
       row(compressionStateName(static_cast<CompressionState>(s)), by_state[s], stored[s], uncompressed[s]);
     }
+    out += "Saved on disk: " + KRUtil::getPrettySize(saved) + " (" + groupedNumber(saved) + " bytes)\n";
     if (odd_count) {
       out += "Files that need a look (written after compression, cut short, or not ours): " +
              groupedNumber(odd_count) + "\n";
@@ -164,6 +167,7 @@ struct TreeSums {
     j["mixed_files_count"] = odd_count;
     j["uncompressed_bytes"] = total(uncompressed);
     j["disk_bytes"] = total(stored);
+    j["saved_bytes"] = saved;
     const uint64_t raw = total(uncompressed);
     j["ratio"] = raw == 0 ? json(nullptr) : json(static_cast<double>(total(stored)) / static_cast<double>(raw));
     j["errors"] = errors;

@@ -23,6 +23,8 @@ using namespace status_names;
 
 constexpr int kNotRunning = 3;   // as service managers report a stopped service
 constexpr gint kTimeoutMs = 10000;
+// status says what it knows at once rather than wait on a stopped or busy helper.
+constexpr gint kStatusTimeoutMs = 1500;
 
 struct LiveStatus {
   int32_t value = 0;
@@ -41,7 +43,7 @@ bool helperIsAbsent(const GError* error) {
 // Calls `method` on the helper. None when no helper runs (*absent set) or
 // the call failed (*problem set).
 GVariant* callHelper(const char* interface, const char* method, GVariant* parameters, const char* reply,
-                     bool* absent, std::string* problem) {
+                     bool* absent, std::string* problem, gint timeout_ms = kTimeoutMs, bool* timed_out = nullptr) {
   GDBusConnection* connection = DistributedNotificationCenter::defaultCenter().connection();
   if (!connection) {
     if (parameters) g_variant_unref(g_variant_ref_sink(parameters));
@@ -51,9 +53,10 @@ GVariant* callHelper(const char* interface, const char* method, GVariant* parame
   GError* error = nullptr;
   GVariant* result = g_dbus_connection_call_sync(connection, kHelperBusName, kObjectPath, interface, method,
                                                  parameters, G_VARIANT_TYPE(reply), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                                 kTimeoutMs, nullptr, &error);
+                                                 timeout_ms, nullptr, &error);
   if (!result) {
     *absent = helperIsAbsent(error);
+    if (timed_out) *timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
     *problem = error->message;
     g_error_free(error);
   }
@@ -83,6 +86,33 @@ LiveStatus decode(GVariant* all) {
   return s;
 }
 
+// The process that owns the helper's bus name, asked of the bus itself
+// (which answers even when the helper does not); 0 when unknown.
+uint32_t helperProcessId() {
+  GDBusConnection* connection = DistributedNotificationCenter::defaultCenter().connection();
+  if (!connection) return 0;
+  GVariant* reply = g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+      "GetConnectionUnixProcessID", g_variant_new("(s)", kHelperBusName), G_VARIANT_TYPE("(u)"),
+      G_DBUS_CALL_FLAGS_NONE, kStatusTimeoutMs, nullptr, nullptr);
+  if (!reply) return 0;
+  uint32_t pid = 0;
+  g_variant_get(reply, "(u)", &pid);
+  g_variant_unref(reply);
+  return pid;
+}
+
+void printFolders(const std::optional<std::vector<StatusFolder>>& folders, const std::string& folders_problem);
+
+// The helper owns its name but did not answer in time: what the history says.
+void printSilentHelper(uint32_t pid, const std::optional<std::vector<StatusFolder>>& folders,
+                       const std::string& folders_problem) {
+  std::cout << "zephlore-helper";
+  if (pid != 0) std::cout << " (pid " << pid << ")";
+  std::cout << " runs but does not answer (stopped or busy); its history says:\n";
+  printFolders(folders, folders_problem);
+}
+
 void printText(const std::optional<LiveStatus>& live, const std::optional<std::vector<StatusFolder>>& folders,
                const std::string& folders_problem) {
   if (!live) {
@@ -102,6 +132,10 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
       for (const std::string& line : live->views) std::cout << "  " << line << "\n";
     }
   }
+  printFolders(folders, folders_problem);
+}
+
+void printFolders(const std::optional<std::vector<StatusFolder>>& folders, const std::string& folders_problem) {
   if (!folders) {
     std::cout << "Watched folders: unknown (" << folders_problem << ")\n";
     return;
@@ -111,6 +145,17 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
     std::cout << "  " << folder.path << "  saved " << KRUtil::getPrettySize(folder.savings) << "\n";
     if (folder.cannotHold) std::cout << "    its volume cannot hold compressed files: " << *folder.cannotHold << "\n";
   }
+}
+
+nlohmann::ordered_json foldersJson(const std::optional<std::vector<StatusFolder>>& folders) {
+  if (!folders) return nullptr;
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const StatusFolder& folder : *folders) {
+    list.push_back({{"path", folder.path},
+                    {"savings", folder.savings},
+                    {"volumeCanHoldCompressedForm", !folder.cannotHold}});
+  }
+  return list;
 }
 
 void printJson(const std::optional<LiveStatus>& live, const std::optional<std::vector<StatusFolder>>& folders) {
@@ -125,27 +170,38 @@ void printJson(const std::optional<LiveStatus>& live, const std::optional<std::v
     out["fileInProcess"] = live->file.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(live->file);
     out["views"] = live->views;
   }
-  if (folders) {
-    out["folders"] = nlohmann::ordered_json::array();
-    for (const StatusFolder& folder : *folders) {
-      out["folders"].push_back({{"path", folder.path},
-                                {"savings", folder.savings},
-                                {"volumeCanHoldCompressedForm", !folder.cannotHold}});
-    }
-  } else {
-    out["folders"] = nullptr;
-  }
+  out["folders"] = foldersJson(folders);
+  std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+}
+
+void printSilentHelperJson(uint32_t pid, const std::optional<std::vector<StatusFolder>>& folders) {
+  nlohmann::ordered_json out;
+  out["running"] = true;
+  out["answering"] = false;
+  out["pid"] = pid == 0 ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(pid);
+  out["folders"] = foldersJson(folders);
   std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }
 
 void showStatus(int* exit_code, bool as_json) {
   bool absent = false;
   std::string problem;
+  bool timed_out = false;
   std::optional<LiveStatus> live;
   if (GVariant* all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface),
-                                 "(a{sv})", &absent, &problem)) {
+                                 "(a{sv})", &absent, &problem, kStatusTimeoutMs, &timed_out)) {
     live = decode(all);
     g_variant_unref(all);
+  } else if (timed_out) {
+    std::string folders_problem;
+    const auto folders = watchedFoldersForStatus(&folders_problem);
+    if (as_json) {
+      printSilentHelperJson(helperProcessId(), folders);
+    } else {
+      printSilentHelper(helperProcessId(), folders, folders_problem);
+    }
+    *exit_code = 1;
+    return;
   } else if (!absent) {
     std::cerr << "zephlore: zephlore-helper runs, but its status cannot be read: " << problem << "\n";
     *exit_code = 1;
@@ -190,7 +246,8 @@ void callPauseOrResume(int* exit_code, const char* method, const char* done) {
 void addStatusCommands(CLI::App& app, int* exit_code) {
   auto* status = app.add_subcommand(
       "status", "Show whether zephlore-helper runs, what it does, its savings and the watched folders "
-                "(exit status 3 when it is not running)");
+                "(exit status 3 when it is not running; 1 when it runs but does not answer within 1.5 s, "
+                "stopped or busy: then the folders and savings its history holds)");
   auto as_json = std::make_shared<bool>(false);
   status->add_flag("--json", *as_json, "One JSON object");
   status->callback([=] { showStatus(exit_code, *as_json); });

@@ -14,6 +14,7 @@
 #include "helper/file_in_process_watchdog.h"
 #include "helper/growl_bridge.h"
 #include "helper/helper_defaults.h"
+#include "helper/history/folder_savings.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_processor.h"
 #include "helper/notification_names.h"
@@ -42,6 +43,14 @@ void saveHistoryContext() {
   if (!context || !context->hasChanges()) return;
   Error error;
   if (!context->save(&error)) KRLog("ZephloreHelper: could not save the history: %s", error.message.c_str());
+}
+
+// After a full sweep the folder's savings are measured from its files, off
+// the main thread, and replace the running sum: nothing gone stays counted.
+void recordMeasuredSavings(KRHistoryProcessor& history, const std::string& folder) {
+  KRScheduler::addAnalysisOperation(Operation{[&history, folder] {
+    if (std::optional<uint64_t> saved = measureFolderSavings(folder)) history.setSavingsForFolder(*saved, folder);
+  }, {}});
 }
 
 }  // namespace
@@ -163,7 +172,10 @@ void KRAppDelegate::connectParts() {
   links.setProgressForFolder = [&history](int percent, const std::string& folder) {
     history.setProgressForFolder_main(static_cast<uint32_t>(std::max(percent, 0)), folder);
   };
-  links.justSweptFolder = [&history](const std::string& folder) { history.justSweptFolder_main(folder); };
+  links.justSweptFolder = [&history](const std::string& folder) {
+    history.justSweptFolder_main(folder);
+    recordMeasuredSavings(history, folder);
+  };
   links.mountStatusDidChangeForPath = [&history](const std::string& path) { history.mountStatusDidChangeForPath(path); };
   KRPathWatcher& watcher = KRPathWatcher::sharedWatcher();
   watcher.startEvents(std::move(links));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -54,6 +55,14 @@ const char* compressionStateName(CompressionState state) {
     case CompressionState::kNotOurs: return "not ours";
   }
   return "unknown";
+}
+
+uint64_t CompressedFileInfo::savedBytes() const {
+  if (state != CompressionState::kCompressed) return 0;
+  auto blocks = [](uint64_t bytes) { return (bytes + 511) / 512 * 512; };
+  const uint64_t now = std::max(allocatedBytes, blocks(forkSize + 16));
+  const uint64_t before = blocks(uncompressedSize);
+  return before > now ? before - now : 0;
 }
 
 double CompressedFileInfo::ratio() const {

@@ -48,6 +48,10 @@ struct CompressedFileInfo {
 
   // Compressed bytes per uncompressed byte (fork / content), 0 when either is 0.
   double ratio() const;
+  // Disk space a compressed file saves, in 512-byte blocks: its content's
+  // blocks less what it takes now (at least its fork and header, which some
+  // file systems leave out of st_blocks); 0 for every other state.
+  uint64_t savedBytes() const;
 
   // Inspects a regular file (a final symbolic link is not followed). Fails
   // for a path that cannot be examined (702) or is not a regular file (709);

@@ -517,6 +517,17 @@ bool ViewFileSystem::isMixed(const FileRef& file, const struct stat& st) {
   return S_ISREG(st.st_mode) && st.st_size > 0 && layoutOf(file, st) == kMixed;
 }
 
+// What the writer is told: the engine's reason carries the system's own
+// words for a full volume or quota, so those stay what they were.
+static int errnoForExpansionFailure(const Error& error) {
+  if (error.code == kHFSErrorOpenForWriting) return -EBUSY;
+  if (error.code == kHFSErrorOutOfMemory) return -ENOMEM;
+  for (int err : {ENOSPC, EDQUOT, EROFS, EACCES, EPERM}) {
+    if (error.message.find(std::strerror(err)) != std::string::npos) return -err;
+  }
+  return -EIO;
+}
+
 int ViewFileSystem::expandBeforeWriting(const char* path) {
   std::lock_guard lock(expandMutex_);
   struct stat st;
@@ -525,7 +536,7 @@ int ViewFileSystem::expandBeforeWriting(const char* path) {
   Error error;
   if (QVHFSUncompressor::expandInPlacePath(underlyingPath(path), &error)) return 0;
   KRLog("Could not expand %s before writing to it: %s", shownPath(path).c_str(), error.describe().c_str());
-  return error.code == kHFSErrorOpenForWriting ? -EBUSY : -EIO;
+  return errnoForExpansionFailure(error);
 }
 
 void ViewFileSystem::noteMixedFile(const char* path, const struct stat& st) {

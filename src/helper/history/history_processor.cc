@@ -243,6 +243,10 @@ void KRHistoryProcessor::addSavingsForFolder(uint64_t bytes, const std::string& 
   runOnMain([&] { addSavingsForFolder_main(bytes, folder); });
 }
 
+void KRHistoryProcessor::setSavingsForFolder(uint64_t bytes, const std::string& folder) {
+  runOnMain([&] { setSavingsForFolder_main(bytes, folder); });
+}
+
 void KRHistoryProcessor::setProgressForPath(uint32_t percent, const std::string& path) {
   runOnMain([&] { setProgressForPath_main(percent, path); });
 }
@@ -283,6 +287,14 @@ void KRHistoryProcessor::addSavingsForFolder_main(uint64_t bytes, const std::str
     const uint32_t increase = (newCount - oldCount) * static_cast<uint32_t>(kGigabyte);
     KRGrowlBridge::sharedGrowlBridge().notifySavingsIncreasedBy(increase, newTotal);
   }
+}
+
+void KRHistoryProcessor::setSavingsForFolder_main(uint64_t bytes, const std::string& folder) {
+  HistoryContext::Object* record = enabledFolderHistoryForFolderPath(folder);
+  if (!record || record->record().savings == bytes) return;
+  record->setSavings(bytes);
+  notifyHistoryChanged();
+  refreshTotalSavings();
 }
 
 void KRHistoryProcessor::setProgressForPath_main(uint32_t percent, const std::string& path) {

@@ -78,6 +78,8 @@ class KRHistoryProcessor {
 
   void addSavingsForPath(uint64_t bytes, const std::string& path);
   void addSavingsForFolder(uint64_t bytes, const std::string& folder);
+  // Puts what a sweep measured in place of the folder's running sum.
+  void setSavingsForFolder(uint64_t bytes, const std::string& folder);
   void setProgressForPath(uint32_t percent, const std::string& path);
   void setProgressForFolder(uint32_t percent, const std::string& folder);
   void resetProgressForFolder(const std::string& folder);
@@ -85,6 +87,7 @@ class KRHistoryProcessor {
 
   void addSavingsForPath_main(uint64_t bytes, const std::string& path);
   void addSavingsForFolder_main(uint64_t bytes, const std::string& folder);
+  void setSavingsForFolder_main(uint64_t bytes, const std::string& folder);
   void setProgressForPath_main(uint32_t percent, const std::string& path);
   void setProgressForFolder_main(uint32_t percent, const std::string& folder);
   void resetProgressForFolder_main(const std::string& folder);

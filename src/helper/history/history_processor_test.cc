@@ -7,6 +7,10 @@
 
 #include "base/log.h"
 #include "base/util.h"
+#include "engine/compressed_file_info.h"
+#include "engine/hfs_compressed_file_representation.h"
+#include "engine/hfs_uncompressor.h"
+#include "helper/history/folder_savings.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_test_support.h"
 #include "helper/notification_names.h"
@@ -110,6 +114,40 @@ TEST_F(HistoryProcessorTest, SavingsStayAfterARemoveAndComeBackWithTheFolder) {
   EXPECT_EQ(record.savings, 4096u);
   EXPECT_EQ(record.status, 0u);
   EXPECT_EQ(record.lastSweep, std::nullopt);
+}
+
+// A file counted twice (compressed again after a write), one expanded and
+// one deleted: after the sweep's measurement only what stays compressed counts.
+TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRunningSum) {
+  std::string folder = shm_.make("measured");
+  add(folder);
+  const std::string text = testkit::compressibleData(300000, 1);
+  for (const char* name : {"kept", "expanded", "deleted"}) {
+    const std::string path = folder + "/" + name;
+    testkit::writeFile(path, text);
+    Error error;
+    int64_t saved = 0;
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, &saved)) << error.describe();
+    processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
+    processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
+  }
+  testkit::writeFile(folder + "/plain", text);
+  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(folder + "/expanded"));
+  ASSERT_EQ(unlink((folder + "/deleted").c_str()), 0);
+
+  CompressedFileInfo kept;
+  Error error;
+  ASSERT_TRUE(CompressedFileInfo::inspect(folder + "/kept", &kept, &error)) << error.describe();
+  const std::optional<uint64_t> measured = measureFolderSavings(folder);
+  ASSERT_TRUE(measured.has_value());
+  EXPECT_EQ(*measured, kept.savedBytes());
+  EXPECT_GT(*measured, text.size() / 2);
+  EXPECT_GT(processor_->totalSavings(), 5 * *measured);
+  processor_->setSavingsForFolder(*measured, folder);
+  EXPECT_EQ(processor_->totalSavings(), *measured);
+  ASSERT_EQ(processor_->allFolderEntries().size(), 1u);
+  EXPECT_EQ(processor_->allFolderEntries()[0].savings, *measured);
+  EXPECT_EQ(measureFolderSavings(folder + "/gone"), std::nullopt);
 }
 
 TEST_F(HistoryProcessorTest, EachWholeGigabyteCrossedIsAnnouncedOnceCountedIn32Bits) {
