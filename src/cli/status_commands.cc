@@ -40,10 +40,19 @@ bool helperIsAbsent(const GError* error) {
          g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER);
 }
 
+// A helper owns its bus name from its first moments, and publishes its
+// status object only once it has started its parts.
+bool objectNotYetPublished(const GError* error) {
+  return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT) ||
+         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_INTERFACE) ||
+         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD);
+}
+
 // Calls `method` on the helper. None when no helper runs (*absent set) or
 // the call failed (*problem set).
 GVariant* callHelper(const char* interface, const char* method, GVariant* parameters, const char* reply,
-                     bool* absent, std::string* problem, gint timeout_ms = kTimeoutMs, bool* timed_out = nullptr) {
+                     bool* absent, std::string* problem, gint timeout_ms = kTimeoutMs, bool* timed_out = nullptr,
+                     bool* starting = nullptr) {
   GDBusConnection* connection = DistributedNotificationCenter::defaultCenter().connection();
   if (!connection) {
     if (parameters) g_variant_unref(g_variant_ref_sink(parameters));
@@ -57,6 +66,7 @@ GVariant* callHelper(const char* interface, const char* method, GVariant* parame
   if (!result) {
     *absent = helperIsAbsent(error);
     if (timed_out) *timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
+    if (starting) *starting = objectNotYetPublished(error);
     *problem = error->message;
     g_error_free(error);
   }
@@ -188,8 +198,15 @@ void showStatus(int* exit_code, bool as_json) {
   std::string problem;
   bool timed_out = false;
   std::optional<LiveStatus> live;
-  if (GVariant* all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface),
-                                 "(a{sv})", &absent, &problem, kStatusTimeoutMs, &timed_out)) {
+  bool starting = false;
+  GVariant* all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface),
+                             "(a{sv})", &absent, &problem, kStatusTimeoutMs, &timed_out, &starting);
+  // A helper still starting up answers within moments: it is waited for.
+  if (!all && starting && waitUntilHelperListens() == HelperPresence::kListens) {
+    all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface), "(a{sv})",
+                     &absent, &problem, kStatusTimeoutMs, &timed_out);
+  }
+  if (all) {
     live = decode(all);
     g_variant_unref(all);
   } else if (timed_out) {
