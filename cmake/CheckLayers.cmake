@@ -3,7 +3,7 @@
 # Layers, lowest first; a folder's own subfolders are layers of their own.
 # src/testing serves tests only: any test may include it, nothing else may,
 # and it builds on base alone.
-set(layers base platform engine view helper helper/history helper/pipeline helper/watching
+set(layers base protocol platform engine view helper helper/history helper/pipeline helper/watching
     desktop cli)
 
 function(layer_of path out)

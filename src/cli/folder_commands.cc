@@ -21,7 +21,7 @@
 #include "helper/distributed_notification_center.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_store.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore::cli {
 namespace {

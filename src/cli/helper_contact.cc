@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "base/clock.h"
-#include "desktop/helper_status_names.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
 #include "helper/updater.h"
+#include "protocol/bus_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore::cli {
 namespace {

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "desktop/helper_status_names.h"
+#include "protocol/bus_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/private_tmpfs.h"

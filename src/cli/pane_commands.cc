@@ -21,10 +21,11 @@
 #include "helper/exclusion_rules.h"
 #include "helper/exclusions_processor.h"
 #include "helper/helper_defaults.h"
-#include "helper/notification_names.h"
 #include "helper/plist_file.h"
 #include "helper/preference_communicator.h"
 #include "helper/resources.h"
+#include "protocol/bus_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore::cli {
 namespace {

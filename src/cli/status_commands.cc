@@ -1,5 +1,5 @@
 // status, pause and resume: the helper's live status and its Pause/Resume
-// methods on the session bus (desktop/helper_status_names.h). None of them
+// methods on the session bus (protocol/bus_names.h). None of them
 // starts a helper that is not running; pause and resume wait for one that is
 // still starting up.
 #include <iostream>
@@ -12,9 +12,8 @@
 #include "cli/commands.h"
 #include "cli/helper_contact.h"
 #include "cli/status_folders.h"
-#include "desktop/helper_status_names.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
+#include "protocol/bus_names.h"
 
 namespace zephlore::cli {
 namespace {

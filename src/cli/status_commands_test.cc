@@ -7,10 +7,9 @@
 #include <nlohmann/json.hpp>
 
 #include "base/shared_instance.h"
-#include "desktop/helper_status_names.h"
 #include "desktop/helper_status_service.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
+#include "protocol/bus_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"

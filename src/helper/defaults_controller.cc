@@ -17,9 +17,7 @@ void disableSuddenTermination() {}
 void enableSuddenTermination() {}
 
 const char* kBooleanKeys[] = {
-    KRDefaultsController::kFirstRunKey, KRDefaultsController::kActiveKey,
-    KRDefaultsController::kRunAtLoginKey, KRDefaultsController::kCheckUpdatesKey,
-    KRDefaultsController::kVisibleKey, KRDefaultsController::kTransparentViewKey};
+    kFirstRunKey, kActiveKey, kRunAtLoginKey, kCheckUpdatesKey, kVisibleKey, kTransparentViewKey};
 
 const char* typeName(plist_t node) {
   switch (plist_get_node_type(node)) {
@@ -61,7 +59,7 @@ void KRDefaultsController::setupDefaultValues() {
 
 std::string KRDefaultsController::defaultsFileName() const {
   std::optional<std::string> folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/" + kFileName : "";
+  return folder ? *folder + "/" + kDefaultsFileName : "";
 }
 
 void KRDefaultsController::reload() {

@@ -10,7 +10,7 @@
 #include "helper/growl_bridge.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/ht_alias.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

@@ -9,7 +9,7 @@
 #include "base/util.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_test_support.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"

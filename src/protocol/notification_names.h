@@ -1,6 +1,6 @@
-// Every name that travels between the helper and the `zephlore` command (or
-// any other program of the login) on the session bus, with its user-info
-// keys. The writer of a shared file changes the file first and posts the name
+// Every notification name, with its user-info keys: those that travel
+// between the helper and the `zephlore` command (or any other program of the
+// login) on the session bus, and those the helper's parts post to each other. The writer of a shared file changes the file first and posts the name
 // afterwards; the receiver reads the file again in full.
 #pragma once
 
@@ -46,10 +46,19 @@ inline constexpr const char* kShowHistoryNotification = "com.quorvane.zephlore.s
 // The history database was saved.
 inline constexpr const char* kSavingsChangedNotification = "krimbleSavingsChanged";
 
-// --- The bus ---------------------------------------------------------------
+// --- Inside the helper (its NotificationCenter; the desktop parts listen) --
 
-// The helper's well-known bus name; counting its queued owners counts the
-// running copies.
-inline constexpr const char* kHelperBusName = "com.quorvane.ZephloreHelper";
+// The first analysis began / the last one ended.
+inline constexpr const char* kAnalysisStartedNotification = "analysisStarted";
+inline constexpr const char* kAnalysisEndedNotification = "analysisEnded";
+// The compressor's queue got work / ran dry.
+inline constexpr const char* kCompressionStartedNotification = "compressionStarted";
+inline constexpr const char* kCompressionEndedNotification = "compressionEnded";
+// Posted on the compression thread as a file is taken in hand (kFileCompressedPathKey).
+inline constexpr const char* kFileWillCompressNotification = "KRFileWillCompressNotification";
+// A file's compression ended (kFileCompressedPathKey, kFileCompressedErrorKey).
+inline constexpr const char* kFileCompressedNotification = "KRFileCompressedNotification";
+inline constexpr const char* kFileCompressedPathKey = "path";
+inline constexpr const char* kFileCompressedErrorKey = "errorCode";  // an Error; absent on success
 
 }  // namespace zephlore

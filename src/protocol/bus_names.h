@@ -1,11 +1,20 @@
-// The helper's live status on the session bus: what the helper exports and
-// `zephlore status`, `pause` and `resume` read and call.
+// The helper's names on the session bus: its well-known name, and its live
+// status, which the helper exports and `zephlore status`, `pause` and
+// `resume` read and call.
 //
 //   object    /com/quorvane/ZephloreHelper on com.quorvane.ZephloreHelper
 //   interface com.quorvane.ZephloreHelper (read-only properties, with
 //             org.freedesktop.DBus.Properties.PropertiesChanged)
 //   methods   Pause(), Resume()
 #pragma once
+
+namespace zephlore {
+
+// The helper's well-known bus name; counting its queued owners counts the
+// running copies.
+inline constexpr const char* kHelperBusName = "com.quorvane.ZephloreHelper";
+
+}  // namespace zephlore
 
 namespace zephlore::status_names {
 
