@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/util.h"
 #include "helper/preference_communicator.h"
-#include "view/view_mounter.h"
+#include "platform/fuse_availability.h"
 
 namespace zephlore {
 namespace {
@@ -50,7 +50,7 @@ void KRDefaultsController::setupDefaultValues() {
   plist_dict_set_item(values, kRunAtLoginKey, plist_new_bool(1));
   plist_dict_set_item(values, kCheckUpdatesKey, plist_new_bool(1));
   plist_dict_set_item(values, kVisibleKey, plist_new_bool(1));
-  plist_dict_set_item(values, kTransparentViewKey, plist_new_bool(view::ViewMounter::fuseUsable() ? 1 : 0));
+  plist_dict_set_item(values, kTransparentViewKey, plist_new_bool(fuseUsable() ? 1 : 0));
   defaults_.reset(plist_new_dict());
   reload();
   synchronize();
