@@ -3,8 +3,22 @@
 # Layers, lowest first; a folder's own subfolders are layers of their own.
 # src/testing serves tests only: any test may include it, nothing else may,
 # and it builds on base alone.
-set(layers base platform engine view helper helper/history helper/pipeline helper/watching
-    desktop cli)
+set(layers base protocol platform engine view helper helper/history helper/pipeline helper/watching
+    desktop cli/files cli/control cli)
+# Siblings in that order that must not use each other either (a layer stands
+# for its subfolders too): the view and the helper both build on the engine;
+# the command's file tools need neither the helper nor its control surface.
+set(apart "view|helper" "cli/files|helper" "cli/files|desktop" "cli/files|cli/control")
+
+# Whether `layer` is `top` or one of its subfolders.
+function(within layer top out)
+  string(FIND "${layer}/" "${top}/" at)
+  if(at EQUAL 0)
+    set(${out} TRUE PARENT_SCOPE)
+  else()
+    set(${out} FALSE PARENT_SCOPE)
+  endif()
+endfunction()
 
 function(layer_of path out)
   set(found "")
@@ -52,6 +66,19 @@ foreach(file IN LISTS files)
       endif()
     elseif(their_rank GREATER own_rank)
       string(APPEND problems "  ${file} (${own}) includes ${header} of the higher layer ${theirs}\n")
+    else()
+      foreach(pair IN LISTS apart)
+        string(REPLACE "|" ";" pair "${pair}")
+        list(GET pair 0 one)
+        list(GET pair 1 other)
+        within("${own}" "${one}" own_one)
+        within("${own}" "${other}" own_other)
+        within("${theirs}" "${one}" theirs_one)
+        within("${theirs}" "${other}" theirs_other)
+        if((own_one AND theirs_other) OR (own_other AND theirs_one))
+          string(APPEND problems "  ${file} (${own}) includes ${header} of ${theirs}, a sibling it must not use\n")
+        endif()
+      endforeach()
     endif()
   endforeach()
 endforeach()

@@ -2,20 +2,29 @@
 # (*_test.cc) and the program entry points (*_main.cc), which are built by the
 # directory itself. Tests live beside the code they test and are gathered into
 # one GoogleTest binary per directory.
-
+#
+#   zephlore_library(name dir PUBLIC <deps its headers expose>
+#                             PRIVATE <deps only its .cc files use>)
+#
+# A library's users get its PUBLIC deps and nothing else: a layer that uses a
+# library (its headers' include paths, its definitions) names it itself.
 function(zephlore_library name dir)
+  cmake_parse_arguments(PARSE_ARGV 2 deps "" "" "PUBLIC;PRIVATE")
+  if(deps_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "zephlore_library(${name}): list deps after PUBLIC or PRIVATE")
+  endif()
   file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cc)
   list(FILTER srcs EXCLUDE REGEX "(_test|_main)\\.cc$")
   if(NOT srcs)
-    # A layer with nothing built yet still carries its include path and links.
+    # Headers only (names, inline code): everything it uses passes on.
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
-    target_link_libraries(${name} INTERFACE ${ARGN})
+    target_link_libraries(${name} INTERFACE ${deps_PUBLIC} ${deps_PRIVATE})
     return()
   endif()
   add_library(${name} STATIC ${srcs})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
-  target_link_libraries(${name} PUBLIC ${ARGN})
+  target_link_libraries(${name} PUBLIC ${deps_PUBLIC} PRIVATE ${deps_PRIVATE})
 endfunction()
 
 function(zephlore_tests name dir)

@@ -3,7 +3,8 @@
 #include <CLI/CLI.hpp>
 
 #include "base/log.h"
-#include "cli/commands.h"
+#include "cli/control/commands.h"
+#include "cli/files/commands.h"
 
 int main(int argc, char** argv) {
   zephlore::setLogTarget(zephlore::LogTarget::kStderr);

@@ -17,7 +17,6 @@
 #include "helper/history/folder_savings.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_processor.h"
-#include "helper/notification_names.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/previous_run_recovery.h"
@@ -27,6 +26,8 @@
 #include "helper/watching/path_analyzer.h"
 #include "helper/watching/path_watcher.h"
 #include "platform/mount_watcher.h"
+#include "protocol/bus_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "base/log.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "base/log.h"
-#include "desktop/helper_status_names.h"
+#include "protocol/bus_names.h"
 
 namespace zephlore {
 namespace {

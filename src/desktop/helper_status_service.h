@@ -1,5 +1,5 @@
 // Publishes the helper's live status on the session bus (see
-// helper_status_names.h) for desktops without a tray and for scripts. The
+// protocol/bus_names.h) for desktops without a tray and for scripts. The
 // application pushes every change through the setters (any thread); each
 // change is announced with PropertiesChanged. Pause and Resume run the
 // application's handlers on the main run loop and answer once they ran.

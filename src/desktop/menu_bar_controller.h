@@ -12,6 +12,7 @@
 
 #include "base/notification_center.h"
 #include "base/run_loop.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 
@@ -22,9 +23,6 @@ enum KRAppStatus : int32_t {
   kStatusAnalyzing = 3,
   kStatusCompressing = 4,
 };
-
-inline constexpr const char* kAnalysisStartedNotification = "analysisStarted";
-inline constexpr const char* kAnalysisEndedNotification = "analysisEnded";
 
 inline constexpr const char* kIconNormal = "menubar-zephlore-normal";
 inline constexpr const char* kIconClicked = "menubar-zephlore-clicked";

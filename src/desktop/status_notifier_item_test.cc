@@ -13,8 +13,8 @@
 
 #include "desktop/control_surface.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
 #include "helper/pipeline/compressor.h"
+#include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"

@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/util.h"
 #include "helper/preference_communicator.h"
-#include "view/view_mounter.h"
+#include "platform/fuse_availability.h"
 
 namespace zephlore {
 namespace {
@@ -17,9 +17,7 @@ void disableSuddenTermination() {}
 void enableSuddenTermination() {}
 
 const char* kBooleanKeys[] = {
-    KRDefaultsController::kFirstRunKey, KRDefaultsController::kActiveKey,
-    KRDefaultsController::kRunAtLoginKey, KRDefaultsController::kCheckUpdatesKey,
-    KRDefaultsController::kVisibleKey, KRDefaultsController::kTransparentViewKey};
+    kFirstRunKey, kActiveKey, kRunAtLoginKey, kCheckUpdatesKey, kVisibleKey, kTransparentViewKey};
 
 const char* typeName(plist_t node) {
   switch (plist_get_node_type(node)) {
@@ -52,7 +50,7 @@ void KRDefaultsController::setupDefaultValues() {
   plist_dict_set_item(values, kRunAtLoginKey, plist_new_bool(1));
   plist_dict_set_item(values, kCheckUpdatesKey, plist_new_bool(1));
   plist_dict_set_item(values, kVisibleKey, plist_new_bool(1));
-  plist_dict_set_item(values, kTransparentViewKey, plist_new_bool(view::ViewMounter::fuseUsable() ? 1 : 0));
+  plist_dict_set_item(values, kTransparentViewKey, plist_new_bool(fuseUsable() ? 1 : 0));
   defaults_.reset(plist_new_dict());
   reload();
   synchronize();
@@ -61,7 +59,7 @@ void KRDefaultsController::setupDefaultValues() {
 
 std::string KRDefaultsController::defaultsFileName() const {
   std::optional<std::string> folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/" + kFileName : "";
+  return folder ? *folder + "/" + kDefaultsFileName : "";
 }
 
 bool KRDefaultsController::sayReadProblem(const std::string& problem) {

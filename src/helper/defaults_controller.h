@@ -1,5 +1,6 @@
 // The settings the helper shares with the zephlore command: "defaults.plist"
-// in the data folder, an XML property list whose top level is a dictionary.
+// in the data folder, an XML property list whose top level is a dictionary
+// (protocol/settings_keys.h names the file and its keys).
 // The command writes it and then posts a notification; the helper reads it
 // again on each such notice (reload()).
 #pragma once
@@ -11,22 +12,12 @@
 
 #include "base/shared_instance.h"
 #include "helper/plist_file.h"
+#include "protocol/settings_keys.h"
 
 namespace zephlore {
 
 class KRDefaultsController {
  public:
-  static constexpr const char* kFileName = "defaults.plist";
-  static constexpr const char* kFirstRunKey = "firstRun";
-  static constexpr const char* kFolderAliasesKey = "folderAliases";
-  static constexpr const char* kActiveKey = "active";
-  static constexpr const char* kRunAtLoginKey = "runAtLogin";
-  static constexpr const char* kCheckUpdatesKey = "checkUpdates";
-  static constexpr const char* kVisibleKey = "visible";
-  // Show watched folders through a view at full content; on by default
-  // where FUSE is usable.
-  static constexpr const char* kTransparentViewKey = "transparentView";
-
   // Created on first use: reads the file and writes it back at once, so the
   // file exists (with the built-in defaults on a first run) from then on.
   static KRDefaultsController& sharedDefaultsController() { return sharedInstance().get(); }

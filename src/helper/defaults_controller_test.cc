@@ -5,9 +5,9 @@
 #include <filesystem>
 
 #include "base/log.h"
+#include "platform/fuse_availability.h"
 #include "testing/files.h"
 #include "testing/test_home.h"
-#include "view/view_mounter.h"
 
 namespace zephlore {
 namespace {
@@ -45,7 +45,7 @@ TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
   EXPECT_TRUE(defaults.checkForUpdates());
   EXPECT_TRUE(defaults.visible());
   // The view is on by default wherever this machine can mount one.
-  EXPECT_EQ(defaults.transparentView(), view::ViewMounter::fuseUsable());
+  EXPECT_EQ(defaults.transparentView(), fuseUsable());
   PlistPtr dict = fileDictionary(home);
   ASSERT_TRUE(dict);
   EXPECT_EQ(plist_dict_get_size(dict.get()), 7u);

@@ -6,7 +6,8 @@
 #include <thread>
 
 #include "base/log.h"
-#include "helper/notification_names.h"
+#include "protocol/bus_names.h"
+#include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"

@@ -5,8 +5,8 @@
 #include "base/log.h"
 #include "base/util.h"
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
 #include "helper/plist_file.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

@@ -1,7 +1,7 @@
 #include "helper/preference_communicator.h"
 
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

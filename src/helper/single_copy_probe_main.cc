@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "helper/distributed_notification_center.h"
-#include "helper/notification_names.h"
 #include "helper/single_copy.h"
+#include "protocol/bus_names.h"
 
 int main() {
   using namespace zephlore;

@@ -18,6 +18,7 @@
 
 #include "platform/attribute_names.h"
 #include "platform/env.h"
+#include "platform/fuse_availability.h"
 #include "view/mount_table.h"
 #include "view/underlying_tree.h"
 
@@ -25,15 +26,6 @@ extern char** environ;
 
 namespace zephlore::view {
 namespace {
-
-bool onPath(const std::string& program) {
-  const char* path = getenv("PATH");
-  std::istringstream dirs(path ? path : "/usr/bin:/bin");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (!dir.empty() && access((dir + "/" + program).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
 
 // Runs `args`; its exit status and what it wrote to standard error.
 int run(const std::vector<std::string>& args, std::string* errors) {
@@ -100,12 +92,7 @@ bool viewIsDead(const std::string& mountPoint) {
 
 ViewMounter::ViewMounter(std::string command) : command_(std::move(command)) {}
 
-bool ViewMounter::fuseUsable() {
-  const int fd = open("/dev/fuse", O_RDWR | O_CLOEXEC);
-  if (fd < 0) return false;
-  close(fd);
-  return geteuid() == 0 || onPath("fusermount3");
-}
+bool ViewMounter::fuseUsable() { return zephlore::fuseUsable(); }
 
 std::string ViewMounter::defaultCommand() {
   std::vector<char> self(4096);

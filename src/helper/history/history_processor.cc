@@ -10,8 +10,8 @@
 #include "helper/growl_bridge.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/ht_alias.h"
-#include "helper/notification_names.h"
 #include "platform/normal_path.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {

@@ -13,7 +13,7 @@
 #include "helper/history/folder_savings.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_test_support.h"
-#include "helper/notification_names.h"
+#include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"

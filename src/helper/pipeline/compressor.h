@@ -25,16 +25,10 @@
 #include "base/operation_queue.h"
 #include "base/run_loop.h"
 #include "engine/hfs_compressed_file_representation.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 
-inline constexpr const char* kCompressionStartedNotification = "compressionStarted";
-inline constexpr const char* kCompressionEndedNotification = "compressionEnded";
-inline constexpr const char* kFileCompressedNotification = "KRFileCompressedNotification";
-// Posted on the compression thread as a file is taken in hand (kFileCompressedPathKey).
-inline constexpr const char* kFileWillCompressNotification = "KRFileWillCompressNotification";
-inline constexpr const char* kFileCompressedPathKey = "path";
-inline constexpr const char* kFileCompressedErrorKey = "errorCode";  // an Error; absent on success
 inline constexpr int kFolderNotWatchedErrorCode = 8000;
 inline constexpr int kFolderHeldErrorCode = 8001;  // e.g. its view is down
 

@@ -17,6 +17,7 @@
 #include "base/clock.h"
 #include "base/notification_center.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore::testkit {
 
@@ -85,8 +86,8 @@ class NotificationRecorder {
   explicit NotificationRecorder(Clock& clock) : clock_(clock) {
     id_ = NotificationCenter::defaultCenter().addObserver("", nullptr, [this](const Notification& n) {
       PostedNotification posted{n.name, "", 0, clock_.now()};
-      if (const std::string* path = userInfoString(n.userInfo, "path")) posted.path = *path;
-      if (const Error* error = userInfoError(n.userInfo, "errorCode")) posted.errorCode = error->code;
+      if (const std::string* path = userInfoString(n.userInfo, kFileCompressedPathKey)) posted.path = *path;
+      if (const Error* error = userInfoError(n.userInfo, kFileCompressedErrorKey)) posted.errorCode = error->code;
       std::lock_guard lock(mutex_);
       posted_.push_back(posted);
       changed_.notify_all();

@@ -18,13 +18,11 @@
 #include "helper/exclusion_rules.h"
 #include "helper/exclusions_processor.h"
 #include "helper/scheduler.h"
+#include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {
 
-constexpr const char* kAnalysisStarted = "analysisStarted";
-constexpr const char* kAnalysisEnded = "analysisEnded";
-constexpr const char* kFileCompressed = "KRFileCompressedNotification";
 constexpr const char* kXcodeGenerated = "com.apple.XcodeGenerated";
 constexpr double kRecentSignature = 43200.0;      // 12 hours
 constexpr double kUnchangedSignature = 604800.0;  // 7 days
@@ -197,7 +195,7 @@ std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::startAnalyzerWithPath(const std:
       new KRPathAnalyzer(normalized, watchedPathFor(normalized), recursive, delegate, eventID));
   std::weak_ptr<KRPathAnalyzer> weak = analyzer;
   analyzer->compressed_observer_ = NotificationCenter::defaultCenter().addObserver(
-      kFileCompressed, state().links.compressor, [weak](const Notification& n) {
+      kFileCompressedNotification, state().links.compressor, [weak](const Notification& n) {
         if (auto self = weak.lock()) self->fileWasCompressed(n);
       });
   registerAnalyzer(analyzer);
@@ -222,7 +220,7 @@ KRPathAnalyzer::~KRPathAnalyzer() {
 void KRPathAnalyzer::registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
   if (!state().registry.emplace(analyzer->path_, analyzer).second) return;
   announceCountChange();
-  if (state().registry.size() == 1) NotificationCenter::defaultCenter().post(kAnalysisStarted);
+  if (state().registry.size() == 1) NotificationCenter::defaultCenter().post(kAnalysisStartedNotification);
 }
 
 void KRPathAnalyzer::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
@@ -231,7 +229,7 @@ void KRPathAnalyzer::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& a
   state().registry.erase(it);
   announceCountChange();
   if (state().registry.empty()) {
-    NotificationCenter::defaultCenter().post(kAnalysisEnded);
+    NotificationCenter::defaultCenter().post(kAnalysisEndedNotification);
     if (state().links.closeDatabase) state().links.closeDatabase();
   }
 }
@@ -291,7 +289,7 @@ void KRPathAnalyzer::didFinishAnalyzing() {
 }
 
 void KRPathAnalyzer::fileWasCompressed(const Notification& notification) {
-  const std::string* path = userInfoString(notification.userInfo, "path");
+  const std::string* path = userInfoString(notification.userInfo, kFileCompressedPathKey);
   if (!path) return;
   bool now_empty;
   {

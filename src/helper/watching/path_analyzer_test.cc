@@ -13,6 +13,7 @@
 #include <set>
 
 #include "engine/extended_attributes_helper.h"
+#include "protocol/notification_names.h"
 #include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
@@ -89,7 +90,7 @@ class PathAnalyzerTest : public ::testing::Test {
       files.swap(queued);
     }
     for (const std::string& f : files) {
-      NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", f}});
+      NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
     }
   }
   std::set<std::string> queuedFiles() {
@@ -124,8 +125,9 @@ TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed
   EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096"}));
   EXPECT_EQ(KRPathAnalyzer::seenFilesForWatchedFolder(root()), 1u);
   // The compressor rejects it: it still counts as processed.
-  NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr,
-                                           {{"path", root() + "/4096"}, {"errorCode", int64_t{700}}});
+  NotificationCenter::defaultCenter().post(
+      kFileCompressedNotification, nullptr,
+      {{kFileCompressedPathKey, root() + "/4096"}, {kFileCompressedErrorKey, int64_t{700}}});
   runUntilNoAnalyzers();
   EXPECT_EQ(KRPathAnalyzer::processedFilesForWatchedFolder(root()), 1u);
   EXPECT_EQ(recorder.calls, (std::vector<std::string>{"analyzed", "finished 7", "file"}));
@@ -213,7 +215,8 @@ TEST_F(PathAnalyzerTest, TheWalkPausesAtAThousandPendingFilesUntilAtMost799Remai
   std::vector<std::string> files(queued_now.begin(), queued_now.end());
   auto processed = [&](size_t from, size_t to) {
     for (size_t i = from; i < to; ++i) {
-      NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", files[i]}});
+      NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr,
+                                               {{kFileCompressedPathKey, files[i]}});
     }
   };
   processed(0, 200);

@@ -13,6 +13,7 @@
 
 #include "base/shared_instance.h"
 #include "helper/helper_defaults.h"
+#include "protocol/notification_names.h"
 #include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
@@ -40,7 +41,7 @@ class PathWatcherEventsTest : public ::testing::Test {
         compressed.insert(files.begin(), files.end());
       }
       for (const std::string& f : files) {
-        NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", f}});
+        NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
       }
       return files.size();
     };

@@ -1,0 +1,17 @@
+// The helper's control surface in the zephlore command, one file per area:
+//   pane_commands.cc    settings, activate, exclude, login, quit, ...
+//   folder_commands.cc  add, remove, folders (the watched folders)
+//   status_commands.cc  status, pause, resume (the running helper's live state)
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace zephlore::cli {
+
+// Each adds its subcommands to `app`. A subcommand's callback stores its exit
+// status in `*exit_code` (0 success, 1 failure; usage errors are CLI11's 2).
+void addPaneCommands(CLI::App& app, int* exit_code);
+void addFolderCommands(CLI::App& app, int* exit_code);
+void addStatusCommands(CLI::App& app, int* exit_code);
+
+}  // namespace zephlore::cli

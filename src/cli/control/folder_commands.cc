@@ -1,0 +1,219 @@
+// The pane's folder commands: `add` and `remove` tell the helper which
+// folders to watch (starting it when needed), `folders` shows the history
+// the helper keeps, read-only, whether or not the helper runs.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/run_loop.h"
+#include "base/util.h"
+#include "cli/control/commands.h"
+#include "cli/control/helper_contact.h"
+#include "cli/control/volume_advice.h"
+#include "helper/distributed_notification_center.h"
+#include "helper/history/helper_util.h"
+#include "helper/history/history_store.h"
+#include "platform/normal_path.h"
+#include "protocol/notification_names.h"
+
+namespace zephlore::cli {
+namespace {
+
+constexpr size_t kMaxFolderPathBytes = 1024;
+// The helper saves 0.2 s after a change; a busy one gets some more.
+constexpr double kSaveWaitSeconds = 3.0;
+
+// The canonical path of a folder argument; none with a message on stderr.
+std::optional<std::string> folderArgument(const std::string& argument) {
+  char buf[PATH_MAX];
+  if (argument.empty() || !realpath(argument.c_str(), buf)) {
+    std::cerr << "zephlore: " << argument << ": no such folder\n";
+    return std::nullopt;
+  }
+  std::string path = buf;
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    std::cerr << "zephlore: " << argument << ": not a folder\n";
+    return std::nullopt;
+  }
+  if (path.size() > kMaxFolderPathBytes || path.find('\n') != std::string::npos) {
+    std::cerr << "zephlore: " << argument
+              << ": a watched folder's path must be at most 1024 bytes without line breaks\n";
+    return std::nullopt;
+  }
+  return path;
+}
+
+// A folder to stop watching. A watched one is matched by its recorded path,
+// whether or not that still exists (a deleted folder can be removed).
+std::optional<std::string> removalArgument(const std::string& argument) {
+  if (argument.empty()) return folderArgument(argument);
+  const std::string path = resolvedUserPath(Env::shared(), argument);
+  std::vector<HistoryRecord> records;
+  HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+  if (std::any_of(records.begin(), records.end(),
+                  [&](const HistoryRecord& record) { return record.enabled && record.folder == path; })) {
+    return path;
+  }
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    std::cerr << "zephlore: " << argument << ": not a watched folder\n";
+    return std::nullopt;
+  }
+  return folderArgument(argument);
+}
+
+void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& arguments) {
+  std::vector<std::string> folders;
+  for (const std::string& argument : arguments) {
+    std::optional<std::string> folder = adding ? folderArgument(argument) : removalArgument(argument);
+    if (!folder) {
+      *exit_code = 1;
+      return;
+    }
+    folders.push_back(*folder);
+  }
+  std::string problem;
+  if (!ensureHelperRunning(&problem)) {
+    std::cerr << "zephlore: " << problem << "; nothing was " << (adding ? "added" : "removed")
+              << "\n";
+    *exit_code = 1;
+    return;
+  }
+  // The helper saves a moment after the change and then says so. Each such
+  // notice, the history is read again until it shows the change (a save the
+  // helper made for another reason may come first), so that `zephlore
+  // folders` right afterwards shows it too.
+  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  RunLoop loop;
+  std::vector<std::string> pending = folders;
+  auto recorded = [&] {
+    std::vector<HistoryRecord> records;
+    HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+    std::erase_if(pending, [&](const std::string& folder) {
+      return std::any_of(records.begin(), records.end(), [&](const HistoryRecord& record) {
+        return record.folder == folder && record.enabled == adding;
+      });
+    });
+  };
+  auto observer = center.addObserver(
+      kSavingsChangedNotification, [&](const Notification&) { recorded(); }, loop);
+  center.postNotificationName(kFoldersNotification,
+                              {{adding ? kFoldersToAddKey : kFoldersToRemoveKey, folders}}, false);
+  center.flush();
+  bool timedOut = false;
+  loop.performAfterDelay(seconds(kSaveWaitSeconds), [&] { timedOut = true; });
+  loop.runUntil([&] { return pending.empty() || timedOut; });
+  center.removeObserver(observer);
+  postVersionIfHelperRuns();
+  for (const std::string& folder : folders) {
+    if (std::find(pending.begin(), pending.end(), folder) != pending.end()) {
+      std::cout << folder << ": zephlore-helper has not recorded the change"
+                << (adding ? " (a folder inside a watched one is not added on its own)" : "")
+                << "\n";
+    } else {
+      std::cout << (adding ? "Watching " : "No longer watching ") << folder << "\n";
+    }
+  }
+}
+
+std::string lastSweepText(const HistoryRecord& record) {
+  return record.lastSweep ? KRUtil::stringWithDate(*record.lastSweep, DateStyle::kMedium,
+                                                   DateStyle::kShort)
+                          : "never";
+}
+
+void showFolders(int* exit_code, bool json) {
+  std::string path = KRHelperUtil::databasePath();
+  std::vector<HistoryRecord> records;
+  Error error;
+  if (path.empty() || !HistoryStore::readRecords(path, &records, &error)) {
+    std::cerr << "zephlore: cannot read the history: "
+              << (path.empty() ? "no data folder" : error.message) << "\n";
+    *exit_code = 1;
+    return;
+  }
+  uint64_t total = 0;
+  for (const HistoryRecord& record : records) total += record.savings;
+
+  if (json) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const HistoryRecord& record : records) {
+      nlohmann::json sweep = nullptr;
+      if (record.lastSweep) {
+        sweep = std::chrono::duration_cast<std::chrono::seconds>(
+                    record.lastSweep->time_since_epoch())
+                    .count();
+      }
+      list.push_back({{"path", record.folder},
+                      {"watched", record.enabled},
+                      {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(record.folder)},
+                      {"savings", record.savings},
+                      {"savingsText", KRUtil::getPrettySize(record.savings)},
+                      {"progress", record.status},
+                      {"lastSweep", sweep}});
+    }
+    nlohmann::json out = {{"database", path},
+                          {"folders", list},
+                          {"totalSavings", total},
+                          {"totalSavingsText", KRUtil::getPrettySize(total)}};
+    std::cout << out.dump(2) << "\n";
+    return;
+  }
+  if (records.empty()) {
+    std::cout << "No folders yet (zephlore add DIR watches one).\n";
+    return;
+  }
+  for (const HistoryRecord& record : records) {
+    std::cout << record.folder << "\n"
+              << "  " << (record.enabled ? "watched" : "not watched") << ", saved "
+              << KRUtil::getPrettySize(record.savings) << ", sweep " << record.status
+              << "% done, last sweep " << lastSweepText(record) << "\n";
+    if (auto why = volumeCannotHoldReason(record.folder)) {
+      std::cout << "  its volume cannot hold compressed files: " << *why << "\n";
+    }
+  }
+  std::cout << "Total saved: " << KRUtil::getPrettySize(total) << "\n";
+}
+
+}  // namespace
+
+void addFolderCommands(CLI::App& app, int* exit_code) {
+  for (bool adding : {true, false}) {
+    auto arguments = std::make_shared<std::vector<std::string>>();
+    CLI::App* sub = app.add_subcommand(
+        adding ? "add" : "remove",
+        adding ? "Watch folders: zephlore-helper compresses what is worth it inside them"
+               : "Stop watching folders (their savings stay in the history)");
+    sub->add_option("DIR", *arguments, "Folders; relative paths are taken from the working folder")
+        ->required();
+    auto anyway = std::make_shared<bool>(false);
+    if (adding) {
+      sub->add_flag("--anyway", *anyway,
+                    "Watch folders whose volume cannot hold compressed files all the same (nothing in them is "
+                    "compressed until it can)");
+    }
+    sub->callback([=] {
+      if (adding && !volumesCanHoldOrAnyway(*arguments, *anyway)) {
+        *exit_code = 1;
+        return;
+      }
+      changeFolders(exit_code, adding, *arguments);
+    });
+  }
+  auto json = std::make_shared<bool>(false);
+  CLI::App* folders = app.add_subcommand(
+      "folders", "Show every folder in the history: watched or not, savings, sweeps, the total");
+  folders->add_flag("--json", *json, "Print one JSON object");
+  folders->callback([=] { showFolders(exit_code, *json); });
+}
+
+}  // namespace zephlore::cli

@@ -1,0 +1,157 @@
+// Other programs' objects at the names of the helper's settings and records:
+// a FIFO (whose open or read waits for a writer forever), a socket, a
+// directory, a symbolic link to any of them. The real helper must start, answer
+// and quit, refuse each such file with one log line, and leave it in place.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <map>
+
+#include "cli/control/helper_process_test_support.h"
+
+namespace zephlore::e2e {
+namespace {
+
+enum class Kind { kFifo, kSocket, kDirectory, kLinkToFifo, kLinkToRegularFile };
+
+const char* kindName(Kind kind) {
+  switch (kind) {
+    case Kind::kFifo: return "FIFO";
+    case Kind::kSocket: return "socket";
+    case Kind::kDirectory: return "directory";
+    case Kind::kLinkToFifo: return "link to a FIFO";
+    case Kind::kLinkToRegularFile: return "link to a regular file";
+  }
+  return "?";
+}
+
+bool makeSocket(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return false;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);  // the socket's name stays
+  return bound;
+}
+
+// A command that may not hang the test: killed after 20 s (status 137).
+ProcessResult boundedZephlore(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"timeout", "-s", "KILL", "20", kBin + "zephlore"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return runProcess(argv);
+}
+
+size_t linesNaming(const std::string& log, const std::string& path, const std::string& words) {
+  size_t count = 0;
+  size_t start = 0;
+  while (start < log.size()) {
+    size_t end = log.find('\n', start);
+    if (end == std::string::npos) end = log.size();
+    const std::string line = log.substr(start, end - start);
+    if (line.find(path) != std::string::npos && line.find(words) != std::string::npos) ++count;
+    start = end + 1;
+  }
+  return count;
+}
+
+class HelperConfigFiles : public HelperEndToEnd {
+ protected:
+  // The helper owns its name a moment before its status object is on the
+  // bus: asked until it answers (each a round trip), for at most 20 s.
+  static ProcessResult statusOnceExported() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    ProcessResult status;
+    do {
+      status = boundedZephlore({"status", "--json"});
+    } while (status.status != 0 && status.status != 137 && std::chrono::steady_clock::now() < deadline);
+    return status;
+  }
+
+  // Every file the helper reads from its data and configuration folders.
+  std::vector<std::string> settingsPaths() const {
+    const std::string data = home_.dataFolder();
+    return {data + "/defaults.plist",      data + "/excludedPaths.plist",
+            data + "/excludedExtensions.plist", data + "/history.db",
+            data + "/events.journal",      data + "/inprocess.kr",
+            data + "/inprocess-999999.kr", home_.configFolder() + "/com.quorvane.ZephloreHelper.plist"};
+  }
+
+  // Puts an object of `kind` at `path`; a link's target lives apart.
+  void place(Kind kind, const std::string& path, const std::string& content) {
+    const std::string target = folder_ / ("target-" + path.substr(path.rfind('/') + 1));
+    switch (kind) {
+      case Kind::kFifo: ASSERT_EQ(mkfifo(path.c_str(), 0600), 0) << path; break;
+      case Kind::kSocket: ASSERT_TRUE(makeSocket(path)) << path; break;
+      case Kind::kDirectory: ASSERT_EQ(mkdir(path.c_str(), 0700), 0) << path; break;
+      case Kind::kLinkToFifo:
+        ASSERT_EQ(mkfifo(target.c_str(), 0600), 0) << target;
+        ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0) << path;
+        break;
+      case Kind::kLinkToRegularFile:
+        testkit::writeFile(target, content);
+        ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0) << path;
+        break;
+    }
+  }
+
+  void clearFolders() {
+    for (const std::string& folder : {home_.dataFolder(), home_.configFolder(), folder_.path()}) {
+      ASSERT_EQ(runProcess({"find", folder, "-mindepth", "1", "-delete"}).status, 0);
+    }
+  }
+};
+
+TEST_F(HelperConfigFiles, ObjectsThatAreNotRegularFilesAtEverySettingsPathAreRefusedAndLeftAlone) {
+  // The settings "view-off" wrote, as the content of a linked regular file.
+  const std::string defaults = testkit::readFile(home_.dataFolder() + "/defaults.plist");
+  for (Kind kind : {Kind::kFifo, Kind::kSocket, Kind::kDirectory, Kind::kLinkToFifo, Kind::kLinkToRegularFile}) {
+    SCOPED_TRACE(kindName(kind));
+    clearFolders();
+    for (const std::string& path : settingsPaths()) {
+      place(kind, path, path.ends_with("/defaults.plist") ? defaults : "");
+    }
+    ASSERT_TRUE(startHelper()) << endHelper();
+
+    ProcessResult status = statusOnceExported();
+    EXPECT_EQ(status.status, 0) << status.out << status.err;
+    nlohmann::json state = nlohmann::json::parse(status.out, nullptr, false);
+    EXPECT_TRUE(state.is_object() && state.value("running", false)) << status.out;
+    ProcessResult quit = boundedZephlore({"quit"});
+    EXPECT_EQ(quit.status, 0) << quit.out << quit.err;
+    if (!waitForExit(helper_->pid(), 20'000)) {
+      // A helper stuck in an open does not hear SIGTERM either.
+      kill(helper_->pid(), SIGKILL);
+      helper_->finish();
+      ADD_FAILURE() << "the helper did not end after quit; its log:\n" << helper_->err();
+      continue;
+    }
+    EXPECT_EQ(helper_->finish(), 0) << helper_->err();
+
+    const std::string& log = helper_->err();
+    for (const std::string& path : settingsPaths()) {
+      const size_t refusals = linesNaming(log, path, "not a regular file");
+      struct stat st;
+      if (kind == Kind::kLinkToRegularFile) {
+        EXPECT_EQ(refusals, 0u) << path << " refused; log:\n" << log;
+        // The record of a gone run is settled and removed; the rest stay links.
+        if (path.ends_with("-999999.kr")) continue;
+        EXPECT_EQ(lstat(path.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << path << " is no longer the user's link";
+      } else {
+        // One line for reading it; a setting saved later may add one for
+        // writing it.
+        EXPECT_GE(refusals, 1u) << path << "; log:\n" << log;
+        EXPECT_LE(refusals, 2u) << path << "; log:\n" << log;
+        EXPECT_EQ(lstat(path.c_str(), &st), 0) << path << " was removed";
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zephlore::e2e

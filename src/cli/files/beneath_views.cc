@@ -1,0 +1,37 @@
+#include "cli/files/beneath_views.h"
+
+#include <cstdio>
+#include <map>
+
+#include "cli/files/display_name.h"
+#include "platform/env.h"
+#include "platform/path_map.h"
+#include "platform/path_mapping_env.h"
+#include "view/mount_table.h"
+#include "view/underlying_tree.h"
+
+namespace zephlore::cli {
+
+std::vector<std::string> workBeneathViews(const std::vector<std::string>& paths, const char* command, bool quiet) {
+  std::map<std::string, std::string> views = view::liveViews();
+  if (views.empty()) return paths;
+  PathMap::shared().replaceAll(std::move(views));
+  static PathMappingEnv beneath(Env::shared(), PathMap::shared());
+  Env::setShared(&beneath);
+  std::vector<std::string> out;
+  for (const std::string& path : paths) {
+    const std::string absolute = view::absolutePath(path);
+    if (PathMap::shared().toAccess(absolute) == absolute) {
+      out.push_back(path);
+      continue;
+    }
+    out.push_back(absolute);
+    if (!quiet) {
+      fprintf(stderr, "zephlore %s: %s is covered by a view; looking at the files stored beneath it\n", command,
+              escapeForTerminal(path).c_str());
+    }
+  }
+  return out;
+}
+
+}  // namespace zephlore::cli
