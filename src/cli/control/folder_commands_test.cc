@@ -12,7 +12,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "base/shared_instance.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"

@@ -6,7 +6,7 @@
 #include <future>
 #include <thread>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "cli/control/autostart_entry.h"
 #include "cli/control/exclusion_lists.h"
 #include "desktop/helper_status_service.h"

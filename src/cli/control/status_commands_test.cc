@@ -6,7 +6,7 @@
 #include <thread>
 #include <nlohmann/json.hpp>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "base/shared_instance.h"
 #include "desktop/helper_status_service.h"
 #include "helper/distributed_notification_center.h"

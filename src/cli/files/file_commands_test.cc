@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/loop_mount.h"

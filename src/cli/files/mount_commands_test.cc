@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"

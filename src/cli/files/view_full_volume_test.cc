@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "cli/files/command_test_support.h"
+#include "testing/zephlore_command.h"
 #include "testing/files.h"
 #include "testing/private_tmpfs.h"
 #include "testing/scratch_dir.h"
