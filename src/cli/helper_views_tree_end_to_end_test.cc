@@ -38,11 +38,20 @@ int64_t compressedFilesBeneath(const std::string& folder) {
   return sums.value("compressed_files", int64_t{-1});
 }
 
-// Asks until `count` files beneath `folder` are compressed, for at most 30 s
-// (each answer a whole walk by the command: it waits on the helper's work).
-bool waitForCompressedFiles(const std::string& folder, int64_t count, int64_t* seen) {
+// Asks the helper until it has saved more than `floor` and then has
+// nothing left in hand (neither analysing nor compressing, nothing queued),
+// for at most 30 s; then counts the compressed files once. Walking the tree
+// while the helper works would open its files under its swaps.
+bool waitForCompressedFiles(const std::string& folder, uint64_t floor, int64_t count, int64_t* seen) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (std::chrono::steady_clock::now() < deadline) {
+    nlohmann::json status = statusJson();
+    if (!status.is_object() || status.value("totalSavings", uint64_t{0}) <= floor) continue;
+    const std::string state = status["status"].value("text", "");
+    if (state == "Analyzing" || state == "Compressing" || status.value("queuedFiles", 1) != 0 ||
+        !status["fileInProcess"].is_null()) {
+      continue;
+    }
     *seen = compressedFilesBeneath(folder);
     if (*seen >= count) return true;
   }
@@ -78,7 +87,7 @@ TEST_F(HelperEndToEnd, WithAViewEveryFileOfANestedTreeIsCompressedAndReadsInFull
   ASSERT_EQ(status["views"].size(), 1u) << status.dump() << endHelper();
 
   int64_t seen = 0;
-  if (!waitForCompressedFiles(watched, static_cast<int64_t>(files.size()), &seen)) {
+  if (!waitForCompressedFiles(watched, 0, static_cast<int64_t>(files.size()), &seen)) {
     ADD_FAILURE() << seen << " of " << files.size() << " files compressed after the folder was added; helper:\n"
                   << endHelper();
     return;
@@ -86,6 +95,7 @@ TEST_F(HelperEndToEnd, WithAViewEveryFileOfANestedTreeIsCompressedAndReadsInFull
 
   // Written through the view into nested folders, old and new, while no
   // helper runs: the next run's sweep finds them.
+  const uint64_t saved = statusJson().value("totalSavings", uint64_t{0});
   ASSERT_EQ(zephlore({"quit"}).status, 0);
   ASSERT_TRUE(waitForExit(helper_->pid(), 10'000));
   EXPECT_EQ(helper_->finish(), 0) << helper_->err();
@@ -94,7 +104,7 @@ TEST_F(HelperEndToEnd, WithAViewEveryFileOfANestedTreeIsCompressedAndReadsInFull
   writeSome(watched + "/reports/q2", 3);
   writeSome(watched + "/reports/q2/drafts", 2);
   ASSERT_TRUE(startHelper());
-  if (!waitForCompressedFiles(watched, static_cast<int64_t>(files.size()), &seen)) {
+  if (!waitForCompressedFiles(watched, saved, static_cast<int64_t>(files.size()), &seen)) {
     ADD_FAILURE() << seen << " of " << files.size() << " files compressed after a restart; helper:\n"
                   << endHelper();
     return;

@@ -162,6 +162,8 @@ void KRAppDelegate::connectParts() {
     KRScheduler::addAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &KRCompressor::sharedCompressor();
+  // The process's Env reaches the files beneath the views (helper_main).
+  analyzerLinks.env = &Env::shared();
   KRPathAnalyzer::setLinks(std::move(analyzerLinks));
 
   // The live status for desktops without a tray and for scripts.

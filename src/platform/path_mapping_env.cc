@@ -49,6 +49,12 @@ int PathMappingEnv::fsyncDirectory(const std::string& path) {
 std::optional<std::string> PathMappingEnv::realPath(const std::string& path) {
   return target().realPath(mapped(path));
 }
+int PathMappingEnv::fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) {
+  return target().fstatAt(dir_fd, mappedAt(dir_fd, name), st, flags);
+}
+int PathMappingEnv::openAt(int dir_fd, const std::string& name, int flags, mode_t mode) {
+  return target().openAt(dir_fd, mappedAt(dir_fd, name), flags, mode);
+}
 ssize_t PathMappingEnv::getxattr(const FileRef& file, const std::string& name, void* buf,
                                  size_t n) {
   return target().getxattr(mapped(file), name, buf, n);
