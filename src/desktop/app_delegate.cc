@@ -149,7 +149,10 @@ void KRAppDelegate::connectParts() {
   links.justSweptFolder = [&history](const std::string& folder) { history.justSweptFolder_main(folder); };
   links.mountStatusDidChangeForPath = [&history](const std::string& path) { history.mountStatusDidChangeForPath(path); };
   KRPathWatcher& watcher = KRPathWatcher::sharedWatcher();
-  watcher.startEvents(std::move(links));
+  KRPathWatcherEvents::Options eventOptions;
+  // The process's Env reaches the files beneath the views (helper_main).
+  eventOptions.env = &Env::shared();
+  watcher.startEvents(std::move(links), eventOptions);
 
   KRPathAnalyzerLinks analyzerLinks;
   analyzerLinks.watchedPathForPath = [&watcher](const std::string& path) { return watcher.watchedPathForPath(path); };
@@ -162,8 +165,7 @@ void KRAppDelegate::connectParts() {
     KRScheduler::addAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &KRCompressor::sharedCompressor();
-  // The process's Env reaches the files beneath the views (helper_main).
-  analyzerLinks.env = &Env::shared();
+  analyzerLinks.env = eventOptions.env;
   KRPathAnalyzer::setLinks(std::move(analyzerLinks));
 
   // The live status for desktops without a tray and for scripts.

@@ -129,7 +129,8 @@ void KRPathWatcherEvents::analyzePathUnlessAnalysisStartedAfterEventId(const std
     return;
   }
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;  // gone: the running analysis sees it
+  // The stored file's device beneath a view, as the journal records it.
+  if (env().lstat(path, &st) != 0) return;  // gone: the running analysis sees it
   for (const auto& analyzer : analyzers) {
     uint64_t began = analyzer->eventID();
     if (began == 0) {

@@ -60,9 +60,13 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     DirectoryWatcher::Kind backend = DirectoryWatcher::Kind::kAny;
     double latency = kLatency;
     bool watch_mounts = true;
+    // The file calls on watched paths (the helper's reaches the files
+    // beneath its views); null: the system's.
+    Env* env = nullptr;
   };
 
   KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history, Options options);
+  Env& env() const { return options_.env ? *options_.env : Env::system(); }
   ~KRPathWatcherEvents() override;
   KRPathWatcherEvents(const KRPathWatcherEvents&) = delete;
   KRPathWatcherEvents& operator=(const KRPathWatcherEvents&) = delete;
