@@ -25,6 +25,7 @@
 #include "helper/watching/path_analyzer.h"
 #include "helper/watching/path_watcher.h"
 #include "platform/mount_watcher.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 namespace {
@@ -152,6 +153,7 @@ void KRAppDelegate::connectParts() {
   KRPathWatcherEvents::Options eventOptions;
   // The process's Env reaches the files beneath the views (helper_main).
   eventOptions.env = &Env::shared();
+  eventOptions.map = &PathMap::shared();
   watcher.startEvents(std::move(links), eventOptions);
 
   KRPathAnalyzerLinks analyzerLinks;

@@ -63,6 +63,9 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     // The file calls on watched paths (the helper's reaches the files
     // beneath its views); null: the system's.
     Env* env = nullptr;
+    // The same paths' directories for the event stream (the views'); null:
+    // at their own paths.
+    const PathMap* map = nullptr;
   };
 
   KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history, Options options);
