@@ -230,10 +230,28 @@ void KRPathWatcherEvents::willUnmountNotification(const Notification&) {
   loop_.performAfterDelay(this, "startWatching", seconds(kRestartAfterUnmount), [this] { startWatching(); });
 }
 
+bool KRPathWatcherEvents::mountConcernsWatchedFolders(const std::string& mountPoint) {
+  if (options_.map) {
+    for (const auto& [shown, beneath] : options_.map->entries()) view_mount_points_.insert(shown);
+  }
+  if (view_mount_points_.count(mountPoint) != 0) return false;
+  auto holds = [](const std::string& outer, const std::string& inner) {
+    return outer == "/" || inner == outer || (inner.compare(0, outer.size(), outer) == 0 && inner[outer.size()] == '/');
+  };
+  for (const std::string& folder : watchPaths()) {
+    if (holds(folder, mountPoint) || holds(mountPoint, folder)) return true;
+  }
+  return false;
+}
+
 void KRPathWatcherEvents::didMountOrUnmountNotification(const Notification& notification) {
-  loop_.cancelPerform(this, "startWatching");
-  restartStream();
   const std::string* device = userInfoString(notification.userInfo, kDevicePathKey);
+  // A restart replays with a walk of every folder: an unrelated mount (a USB
+  // stick, a view) must not cost that.
+  if (!device || mountConcernsWatchedFolders(*device)) {
+    loop_.cancelPerform(this, "startWatching");
+    restartStream();
+  }
   if (device && history_.mountStatusDidChangeForPath) history_.mountStatusDidChangeForPath(*device);
 }
 
