@@ -147,6 +147,10 @@ class Env {
   // and ".."; empty once it has been read to its end. A walk holds a batch,
   // never a whole large directory. None (errno set) on failure.
   virtual std::optional<std::vector<std::string>> readDirectory(int fd) = 0;
+  // access() for `name` relative to `dir_fd` (AT_FDCWD: a path).
+  virtual int accessAt(int dir_fd, const std::string& name, int mode) = 0;
+  // statx(2), for what stat does not tell (the birth time).
+  virtual int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) = 0;
 
   // --- Extended attributes, by the system's names ---------------------------
 

@@ -189,6 +189,14 @@ class LinuxEnv final : public Env {
     return fd;
   }
 
+  int accessAt(int dir_fd, const std::string& name, int mode) override {
+    return ::faccessat(dir_fd, name.c_str(), mode, AT_EACCESS | AT_SYMLINK_NOFOLLOW);
+  }
+
+  int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) override {
+    return ::statx(dir_fd, name.c_str(), flags, mask, out);
+  }
+
   std::optional<std::vector<std::string>> readDirectory(int fd) override {
     // getdents64 reads on from the descriptor's own position, so a walk
     // keeps no directory stream of libc's beside it.

@@ -55,6 +55,12 @@ int PathMappingEnv::fstatAt(int dir_fd, const std::string& name, struct stat* st
 int PathMappingEnv::openAt(int dir_fd, const std::string& name, int flags, mode_t mode) {
   return target().openAt(dir_fd, mappedAt(dir_fd, name), flags, mode);
 }
+int PathMappingEnv::accessAt(int dir_fd, const std::string& name, int mode) {
+  return target().accessAt(dir_fd, mappedAt(dir_fd, name), mode);
+}
+int PathMappingEnv::statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) {
+  return target().statxAt(dir_fd, mappedAt(dir_fd, name), flags, mask, out);
+}
 ssize_t PathMappingEnv::getxattr(const FileRef& file, const std::string& name, void* buf,
                                  size_t n) {
   return target().getxattr(mapped(file), name, buf, n);

@@ -34,6 +34,8 @@ class PathMappingEnv : public EnvWrapper {
   // A name relative to a descriptor needs no mapping; a path (AT_FDCWD) does.
   int fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) override;
   int openAt(int dir_fd, const std::string& name, int flags, mode_t mode) override;
+  int accessAt(int dir_fd, const std::string& name, int mode) override;
+  int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) override;
   ssize_t getxattr(const FileRef& file, const std::string& name, void* buf, size_t n) override;
   int setxattr(const FileRef& file, const std::string& name, const void* value, size_t n,
                int flags) override;

@@ -437,7 +437,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   Error error;
   // Type, size, flag and attributes, the marker, owner, links, execute bits
   // and writability: the command's test, so that the two never disagree.
-  if (checkCompressCandidate(entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
+  if (checkCompressCandidate(env_, entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
   if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(path)) {
     // Rewritten since we compressed it: not again too soon.
     const double age = signature->age();
