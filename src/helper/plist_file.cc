@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "base/write_all.h"
 
@@ -27,44 +28,57 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-PlistReadResult readPlistFile(const std::string& path) {
-  PlistReadResult result;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    result.status = errno == ENOENT ? PlistReadStatus::kMissing : PlistReadStatus::kUnreadable;
-    result.problem = errnoText(errno);
-    return result;
-  }
+namespace {
+
+// The whole file, at most one byte past the limit; errno set on failure.
+std::optional<std::string> readSmallFile(Env& env, int fd, const char** why) {
   struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    close(fd);
-    result.status = PlistReadStatus::kUnreadable;
-    result.problem = "not a regular file";
-    return result;
+  if (env.fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    *why = "not a regular file";
+    return std::nullopt;
   }
   if (static_cast<size_t>(st.st_size) > kMaxPlistFileSize) {
-    close(fd);
-    result.status = PlistReadStatus::kUnreadable;
-    result.problem = "larger than 16 MiB";
-    return result;
+    *why = "larger than 16 MiB";
+    return std::nullopt;
   }
   std::string bytes;
   char buf[8192];
   for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
+    const ssize_t n = env.preadFully(fd, buf, sizeof buf, bytes.size());
     if (n < 0) {
-      int err = errno;
-      close(fd);
-      result.status = PlistReadStatus::kUnreadable;
-      result.problem = errnoText(err);
-      return result;
+      *why = nullptr;
+      return std::nullopt;
     }
     if (n == 0) break;
     bytes.append(buf, static_cast<size_t>(n));
     if (bytes.size() > kMaxPlistFileSize) break;  // grew while we read
   }
-  close(fd);
+  return bytes;
+}
+
+}  // namespace
+
+PlistReadResult readPlistFile(const std::string& path, Env& env) {
+  PlistReadResult result;
+  // A settings file may be a link (dotfiles kept elsewhere); Env::open
+  // follows none, so the link is resolved first.
+  const std::optional<std::string> target = env.realPath(path);
+  const int fd = target ? env.open(*target, O_RDONLY) : -1;
+  if (fd < 0) {
+    result.status = errno == ENOENT ? PlistReadStatus::kMissing : PlistReadStatus::kUnreadable;
+    result.problem = errnoText(errno);
+    return result;
+  }
+  const char* why = nullptr;
+  std::optional<std::string> read = readSmallFile(env, fd, &why);
+  const int err = errno;
+  env.close(fd);
+  if (!read) {
+    result.status = PlistReadStatus::kUnreadable;
+    result.problem = why ? why : errnoText(err);
+    return result;
+  }
+  const std::string& bytes = *read;
   if (bytes.empty()) {
     result.status = PlistReadStatus::kEmpty;
     result.problem = "empty file";
@@ -88,7 +102,7 @@ PlistReadResult readPlistFile(const std::string& path) {
 }
 
 bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* problem,
-                         mode_t mode) {
+                         mode_t mode, Env& env) {
   // The temporary file lives beside the target so that rename() stays on one
   // file system and is atomic.
   const std::string folder = folderOf(path);
@@ -123,11 +137,7 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes, std:
     return false;
   }
   // The rename itself is only durable once the folder is flushed.
-  int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    fsync(dir);
-    close(dir);
-  }
+  env.fsyncDirectory(folder);
   return true;
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "engine/plist_ptr.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -26,14 +27,14 @@ struct PlistReadResult {
 
 // Reads and parses the whole file. Files above 16 MiB count as unreadable:
 // no settings or rule file is anywhere near that size.
-PlistReadResult readPlistFile(const std::string& path);
+PlistReadResult readPlistFile(const std::string& path, Env& env = Env::shared());
 
 // Writes `bytes` so that readers see either the old file or the new one,
 // never a part: a temporary file in the same folder, flushed to disk, renamed
 // over `path`, then the folder flushed. The new file gets mode `mode`. On
 // failure returns false, leaves the old file alone and sets *problem.
 bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* problem,
-                         mode_t mode = 0644);
+                         mode_t mode = 0644, Env& env = Env::shared());
 // The same for `root` as an XML property list.
 bool writePlistFileAtomically(const std::string& path, plist_t root, std::string* problem);
 
