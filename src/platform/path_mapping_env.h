@@ -28,8 +28,8 @@ class PathMappingEnv : public EnvWrapper {
   int unlink(const std::string& path) override;
   int mkdir(const std::string& path, mode_t mode) override;
   int fsyncDirectory(const std::string& path) override;
-  // The answer is the shown path again: resolving a descriptor's link
-  // gives the folder's own name.
+  // Resolved beneath, and answered as a shown path: what lies under the
+  // stored folder is named under the shown one.
   std::optional<std::string> realPath(const std::string& path) override;
   // A name relative to a descriptor needs no mapping; a path (AT_FDCWD) does.
   int fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) override;

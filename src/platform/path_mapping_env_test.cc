@@ -52,6 +52,10 @@ TEST(PathMappingEnv, WorksBeneathWhatThePathShows) {
   ASSERT_TRUE(names);
   EXPECT_EQ(*names, std::vector<std::string>{"b.txt"});
   EXPECT_NE(access((shown.path() + "/b.txt").c_str(), F_OK), 0) << "nothing landed in the shown tree";
+  // Resolved beneath, named as shown.
+  EXPECT_EQ(env.realPath(shown.path() + "/b.txt"), shown.path() + "/b.txt");
+  EXPECT_EQ(env.realPath(shown.path()), shown.path());
+  EXPECT_EQ(env.realPath(shown.path() + "/none"), std::nullopt);
 
   // A path given with AT_FDCWD is mapped; a name relative to a directory
   // opened through the map is already beneath, and read on in batches.
