@@ -28,6 +28,7 @@
 #include "platform/mount_watcher.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
+#include "platform/path_map.h"
 
 namespace zephlore {
 namespace {
@@ -50,7 +51,7 @@ void saveHistoryContext() {
 // the main thread, and replace the running sum: nothing gone stays counted.
 void recordMeasuredSavings(KRHistoryProcessor& history, const std::string& folder) {
   KRScheduler::addAnalysisOperation(Operation{[&history, folder] {
-    if (std::optional<uint64_t> saved = measureFolderSavings(folder)) history.setSavingsForFolder(*saved, folder);
+    if (std::optional<uint64_t> saved = measureFolderSavings(Env::shared(), folder)) history.setSavingsForFolder(*saved, folder);
   }, {}});
 }
 
@@ -179,7 +180,11 @@ void KRAppDelegate::connectParts() {
   };
   links.mountStatusDidChangeForPath = [&history](const std::string& path) { history.mountStatusDidChangeForPath(path); };
   KRPathWatcher& watcher = KRPathWatcher::sharedWatcher();
-  watcher.startEvents(std::move(links));
+  KRPathWatcherEvents::Options eventOptions;
+  // The process's Env reaches the files beneath the views (helper_main).
+  eventOptions.env = &Env::shared();
+  eventOptions.map = &PathMap::shared();
+  watcher.startEvents(std::move(links), eventOptions);
 
   KRPathAnalyzerLinks analyzerLinks;
   analyzerLinks.watchedPathForPath = [&watcher](const std::string& path) { return watcher.watchedPathForPath(path); };
@@ -192,6 +197,7 @@ void KRAppDelegate::connectParts() {
     KRScheduler::addAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &KRCompressor::sharedCompressor();
+  analyzerLinks.env = eventOptions.env;
   KRPathAnalyzer::setLinks(std::move(analyzerLinks));
 
   // The live status for desktops without a tray and for scripts.

@@ -6,6 +6,7 @@
 #include "desktop/status_notifier_item.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
+#include "helper/watching/path_analyzer.h"
 #include "helper/watching/path_watcher.h"
 
 namespace zephlore {
@@ -16,6 +17,9 @@ void wireDesktopParts(const KRDesktopWiring& wiring) {
   compressor.setFolderWatchTest(
       [](const std::string& path) { return KRPathWatcher::sharedWatcher().isWatchingFolderForPath(path); });
   compressor.setSavingsRecorder(wiring.addSavingsForPath);
+  // A file refused while being written is looked at again once it settled,
+  // not at the next sweep.
+  compressor.setRetryHandler([](const std::string& path) { KRPathAnalyzer::startAnalyzerWithPath(path); });
 
   KRMenuBarController& controller = KRMenuBarController::sharedMenuBarController();
   controller.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/log.h"
+#include "platform/env.h"
 
 namespace zephlore {
 namespace {
@@ -19,7 +20,7 @@ bool sessionBusKnown() {
   const char* runtime = getenv("XDG_RUNTIME_DIR");
   if (!runtime || !*runtime) return false;
   struct stat st;
-  return stat((std::string(runtime) + "/bus").c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+  return Env::shared().stat(std::string(runtime) + "/bus", &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
 }  // namespace

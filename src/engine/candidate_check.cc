@@ -15,13 +15,13 @@
 namespace zephlore {
 namespace {
 
-CandidateRejection inspectQuickly(const WalkEntry& entry, CompressedFileInfo* info, Error* error) {
+CandidateRejection inspectQuickly(Env& env, const WalkEntry& entry, CompressedFileInfo* info, Error* error) {
   Error failure;
   if (CompressedFileInfo::inspect(std::string(entry.path), info, &failure, /*checkFork=*/false)) {
     return CandidateRejection::kNone;
   }
   struct stat st;
-  if (fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+  if (env.fstatAt(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
     return CandidateRejection::kVanished;
   }
   if (error) *error = std::move(failure);
@@ -45,7 +45,7 @@ bool hasUnsafeName(std::string_view path) { return !checkPathForRewrite(std::str
 
 }  // namespace
 
-CandidateRejection checkCompressCandidate(const WalkEntry& entry, bool may_change, Error* error) {
+CandidateRejection checkCompressCandidate(Env& env, const WalkEntry& entry, bool may_change, Error* error) {
   const struct stat& st = *entry.st;
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   if (!S_ISREG(st.st_mode)) return CandidateRejection::kNotRegular;
@@ -64,11 +64,11 @@ CandidateRejection checkCompressCandidate(const WalkEntry& entry, bool may_chang
   if (st.st_nlink > 1) return CandidateRejection::kHardLinks;
   if (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) return CandidateRejection::kExecutable;
   if (hasUnsafeName(entry.path)) return CandidateRejection::kUnsafeName;
-  if (faccessat(entry.dir_fd, entry.name, W_OK, AT_EACCESS) != 0) {
+  if (env.accessAt(entry.dir_fd, entry.name, W_OK) != 0) {
     return errno == ENOENT ? CandidateRejection::kVanished : CandidateRejection::kNotWritable;
   }
   CompressedFileInfo info;
-  if (CandidateRejection problem = inspectQuickly(entry, &info, error); problem != CandidateRejection::kNone) {
+  if (CandidateRejection problem = inspectQuickly(env, entry, &info, error); problem != CandidateRejection::kNone) {
     return problem;
   }
   if (info.hasCompressedFlag || info.hasDecmpfs || info.hasResourceFork) {
@@ -82,11 +82,11 @@ CandidateRejection checkCompressCandidate(const WalkEntry& entry, bool may_chang
   return CandidateRejection::kNone;
 }
 
-CandidateRejection checkDecompressCandidate(const WalkEntry& entry, Error* error) {
+CandidateRejection checkDecompressCandidate(Env& env, const WalkEntry& entry, Error* error) {
   if (!S_ISREG(entry.st->st_mode)) return CandidateRejection::kNotRegular;
   if (hasUnsafeName(entry.path)) return CandidateRejection::kUnsafeName;
   CompressedFileInfo info;
-  if (CandidateRejection problem = inspectQuickly(entry, &info, error); problem != CandidateRejection::kNone) {
+  if (CandidateRejection problem = inspectQuickly(env, entry, &info, error); problem != CandidateRejection::kNone) {
     return problem;
   }
   // Compressed, and also the odd states: the expander refuses those with a

@@ -33,10 +33,10 @@ enum class CandidateRejection {
 };
 
 // `may_change`: an outdated not-compressible marker may be removed. `error`
-// is filled for kUnreadable.
-CandidateRejection checkCompressCandidate(const WalkEntry& entry, bool may_change, Error* error);
+// is filled for kUnreadable. `env`: the one the entry was walked through.
+CandidateRejection checkCompressCandidate(Env& env, const WalkEntry& entry, bool may_change, Error* error);
 // kNone for a compressed (or oddly half-compressed) file, which the expander
 // takes or refuses with an error of its own.
-CandidateRejection checkDecompressCandidate(const WalkEntry& entry, Error* error);
+CandidateRejection checkDecompressCandidate(Env& env, const WalkEntry& entry, Error* error);
 
 }  // namespace zephlore

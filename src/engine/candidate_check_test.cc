@@ -22,7 +22,7 @@ CandidateRejection check(const std::string& path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return CandidateRejection::kVanished;
   Error error;
-  return checkCompressCandidate({path, AT_FDCWD, path.c_str(), &st, true}, false, &error);
+  return checkCompressCandidate(Env::shared(), {path, AT_FDCWD, path.c_str(), &st, true}, false, &error);
 }
 
 TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {

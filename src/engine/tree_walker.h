@@ -6,7 +6,9 @@
 // otherwise, and streams: it holds one open directory per level and the
 // current path, never a list of the files it has seen. Directories are opened
 // relative to their parent (openat), so trees deeper than the platform's path
-// limit are walked all the same.
+// limit are walked all the same. Every call goes through the Env the walker
+// is given, which may reach the files stored beneath a view: entries carry
+// the paths users see and descriptors of the stored tree.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,6 +16,8 @@
 #include <atomic>
 #include <string>
 #include <string_view>
+
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -33,8 +37,8 @@ struct WalkOptions {
 // One entry of the walk; valid only during the visitor call.
 struct WalkEntry {
   std::string_view path;  // the argument, then "/name" per level
-  int dir_fd;             // the directory holding it (AT_FDCWD for an argument)
-  const char* name;       // its name inside dir_fd (the argument itself at the top)
+  int dir_fd;             // the directory holding it, or the directory itself with "."
+  const char* name;       // its name inside dir_fd (AT_FDCWD: the argument itself)
   const struct stat* st;  // lstat of it
   bool named;             // named on the command line
 };
@@ -59,14 +63,17 @@ class TreeWalker {
  public:
   // `stop`, when given, is polled before every entry: once true, the walk
   // ends without visiting anything more.
-  explicit TreeWalker(WalkOptions options, const std::atomic<bool>* stop = nullptr)
-      : options_(options), stop_(stop) {}
+  TreeWalker(Env& env, WalkOptions options, const std::atomic<bool>* stop = nullptr)
+      : env_(env), options_(options), stop_(stop) {}
 
   void walk(const std::string& root, WalkVisitor& visitor);
 
  private:
   bool stopped() const { return stop_ && stop_->load(std::memory_order_relaxed); }
+  // Visits the argument itself, which is not walked into.
+  void visitArgument(const std::string& root, const struct stat& st, WalkSkip skip, WalkVisitor& visitor);
 
+  Env& env_;
   WalkOptions options_;
   const std::atomic<bool>* stop_;
 };

@@ -50,7 +50,7 @@ class Recorder : public WalkVisitor {
 Seen walk(const std::string& root, WalkOptions options) {
   Seen seen;
   Recorder recorder(seen);
-  TreeWalker(options).walk(root, recorder);
+  TreeWalker(Env::shared(), options).walk(root, recorder);
   return seen;
 }
 
@@ -219,7 +219,7 @@ TEST(TreeWalker, WalksBeyondThePathLimitAndStopsWhenAsked) {
     void walkError(std::string_view, int, const char*, bool) override {}
   } stopper;
   stopper.stop = &stop;
-  TreeWalker(WalkOptions{.recursive = true}, &stop).walk(root, stopper);
+  TreeWalker(Env::shared(), WalkOptions{.recursive = true}, &stop).walk(root, stopper);
   EXPECT_EQ(stopper.visits, 1);
 
   // The scratch folder's own clean-up cannot reach that deep.
@@ -238,7 +238,7 @@ TEST(TreeWalker, VisitorMayLeaveOutDirectories) {
   };
   Seen seen;
   Picky picky(seen);
-  TreeWalker(WalkOptions{.recursive = true}).walk(dir.path(), picky);
+  TreeWalker(Env::shared(), WalkOptions{.recursive = true}).walk(dir.path(), picky);
   EXPECT_EQ(seen.entries.count(dir / "keep/a"), 1u);
   EXPECT_EQ(seen.entries.count(dir / "skip/b"), 0u);
   EXPECT_EQ(seen.entries.count(dir / "skip"), 0u);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "base/log.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -34,7 +35,7 @@ std::optional<std::string> sessionBusProblem() {
   if (runtime && *runtime) {
     struct stat st;
     std::string socket = std::string(runtime) + "/bus";
-    if (stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return std::nullopt;
+    if (Env::shared().stat(socket, &st) == 0 && S_ISSOCK(st.st_mode)) return std::nullopt;
   }
   return std::string("DBUS_SESSION_BUS_ADDRESS is not set and $XDG_RUNTIME_DIR/bus does not exist");
 }

@@ -25,8 +25,9 @@ SharedInstance<KRExclusionsProcessor>& KRExclusionsProcessor::sharedInstance() {
   return instance;
 }
 
-KRExclusionsProcessor::KRExclusionsProcessor()
-    : center_(DistributedNotificationCenter::defaultCenter()),
+KRExclusionsProcessor::KRExclusionsProcessor(Env& env)
+    : env_(env),
+      center_(DistributedNotificationCenter::defaultCenter()),
       paths_observer_(center_.addObserver(kExcludedPathsNotification,
                                           [this](const Notification&) { excludedPathsUpdate(); })),
       extensions_observer_(center_.addObserver(
@@ -77,7 +78,7 @@ void KRExclusionsProcessor::excludedPathsUpdate() {
   auto resolved = std::make_shared<List>();
   for (const std::string& entry : *entries) {
     // An empty entry would be a prefix of every path.
-    if (!entry.empty()) resolved->push_back(canonicalPath(entry));
+    if (!entry.empty()) resolved->push_back(canonicalPath(env_, entry));
   }
   std::lock_guard lock(mutex_);
   paths_ = std::move(resolved);
@@ -110,7 +111,7 @@ bool KRExclusionsProcessor::isExcluded(const std::string& path) const {
     extensions = extensions_;
   }
   if (!paths && !extensions) return false;
-  const std::string resolved = canonicalPath(path);
+  const std::string resolved = canonicalPath(env_, path);
   if (paths) {
     for (const std::string& prefix : *paths) {
       if (resolved.starts_with(prefix)) return true;
@@ -143,12 +144,8 @@ std::optional<std::string> KRExclusionsProcessor::normalizedExtension(const std:
   return extension;
 }
 
-std::string KRExclusionsProcessor::canonicalPath(const std::string& path) {
-  char* resolved = realpath(path.c_str(), nullptr);
-  if (!resolved) return path;
-  std::string result = resolved;
-  free(resolved);
-  return result;
+std::string KRExclusionsProcessor::canonicalPath(Env& env, const std::string& path) {
+  return env.realPath(path).value_or(path);
 }
 
 }  // namespace zephlore

@@ -18,6 +18,7 @@
 
 #include "base/shared_instance.h"
 #include "helper/distributed_notification_center.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -55,16 +56,19 @@ class KRExclusionsProcessor {
   // An extension entry as it is matched: lower-cased, leading dots dropped,
   // one dot put back; none when nothing is left ("", ".", "..").
   static std::optional<std::string> normalizedExtension(const std::string& entry);
-  // The path with symbolic links resolved, or unchanged when it cannot be.
-  static std::string canonicalPath(const std::string& path);
+  // The path with symbolic links resolved (through `env`), or unchanged when
+  // it cannot be.
+  static std::string canonicalPath(Env& env, const std::string& path);
   // The strings of one list file; none when the file is missing or unusable
   // (the latter logged, `what` naming the list).
   static std::optional<List> readListFile(const std::string& path, const char* what);
 
  private:
   friend class ScopedShared<KRExclusionsProcessor>;
-  KRExclusionsProcessor();
+  // Paths are resolved through `env`.
+  explicit KRExclusionsProcessor(Env& env = Env::shared());
 
+  Env& env_;
   DistributedNotificationCenter& center_;
   DistributedNotificationCenter::ObserverId paths_observer_, extensions_observer_;
   mutable std::mutex mutex_;  // guards the two pointers, never the lists

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "base/write_all.h"
 #include "platform/config_file.h"
@@ -60,10 +61,10 @@ PlistReadResult readPlistFile(const std::string& path, Env& env) {
 }
 
 bool writeFileAtomically(const std::string& given, const std::string& bytes, std::string* problem,
-                         mode_t mode) {
+                         mode_t mode, Env& env) {
   // Somebody else's FIFO, socket or folder at the name is not replaced.
   std::string refusal;
-  std::optional<std::string> target = configWriteTarget(Env::shared(), given, &refusal);
+  std::optional<std::string> target = configWriteTarget(env, given, &refusal);
   if (!target) {
     if (problem) *problem = given + " is " + refusal + "; left alone";
     return false;
@@ -103,11 +104,7 @@ bool writeFileAtomically(const std::string& given, const std::string& bytes, std
     return false;
   }
   // The rename itself is only durable once the folder is flushed.
-  int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    fsync(dir);
-    close(dir);
-  }
+  env.fsyncDirectory(folder);
   return true;
 }
 

@@ -35,7 +35,7 @@ PlistReadResult readPlistFile(const std::string& path, Env& env = Env::shared())
 // over `path`, then the folder flushed. The new file gets mode `mode`. On
 // failure returns false, leaves the old file alone and sets *problem.
 bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* problem,
-                         mode_t mode = 0644);
+                         mode_t mode = 0644, Env& env = Env::shared());
 // The same for `root` as an XML property list.
 bool writePlistFileAtomically(const std::string& path, plist_t root, std::string* problem);
 

@@ -71,21 +71,18 @@ std::optional<bool> becomePrimaryOwner(GDBusConnection* connection, const std::s
 
 std::optional<std::string> ownExecutablePath() { return executableOf("/proc/self"); }
 
-std::vector<RunningCopy> runningCopiesOf(const std::string& executable) {
+std::vector<RunningCopy> runningCopiesOf(const std::string& executable, Env& env) {
   std::vector<RunningCopy> copies;
-  DIR* proc = opendir("/proc");
-  if (!proc) return copies;
   const uid_t me = getuid();
-  while (struct dirent* entry = readdir(proc)) {
-    if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-    const std::string path = std::string("/proc/") + entry->d_name;
+  for (const std::string& name : env.listDirectory("/proc").value_or(std::vector<std::string>{})) {
+    if (!isdigit(static_cast<unsigned char>(name[0]))) continue;
+    const std::string path = "/proc/" + name;
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || st.st_uid != me) continue;
+    if (env.lstat(path, &st) != 0 || st.st_uid != me) continue;
     std::optional<std::string> exe = executableOf(path);
     if (!exe || *exe != executable) continue;
-    copies.push_back({atoi(entry->d_name), startTicksOf(path)});
+    copies.push_back({atoi(name.c_str()), startTicksOf(path)});
   }
-  closedir(proc);
   return copies;
 }
 

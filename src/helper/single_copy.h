@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
 struct RunningCopy {
@@ -26,7 +28,7 @@ std::optional<std::string> ownExecutablePath();
 // Processes of this user whose executable is `executable`, this one included
 // when it runs it. An executable replaced on disk since (an upgrade) still
 // counts under its path.
-std::vector<RunningCopy> runningCopiesOf(const std::string& executable);
+std::vector<RunningCopy> runningCopiesOf(const std::string& executable, Env& env = Env::shared());
 
 struct SingleCopyVerdict {
   int copies = 0;              // this one included

@@ -12,8 +12,8 @@
 
 namespace zephlore {
 
-std::unique_ptr<DirectoryWatcher> makeFanotifyWatcher(DirectoryWatcher::Delegate& delegate);
-std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate);
+std::unique_ptr<DirectoryWatcher> makeFanotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map);
+std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map);
 
 namespace {
 
@@ -24,12 +24,12 @@ bool under(const std::string& path, const std::string& dir) {
 
 }  // namespace
 
-std::unique_ptr<DirectoryWatcher> DirectoryWatcher::create(Delegate& delegate, Kind kind) {
+std::unique_ptr<DirectoryWatcher> DirectoryWatcher::create(Delegate& delegate, const PathMap& map, Kind kind) {
   if (kind != Kind::kInotify) {
-    if (auto watcher = makeFanotifyWatcher(delegate)) return watcher;
+    if (auto watcher = makeFanotifyWatcher(delegate, map)) return watcher;
     if (kind == Kind::kFanotify) return nullptr;
   }
-  if (auto watcher = makeInotifyWatcher(delegate)) return watcher;
+  if (auto watcher = makeInotifyWatcher(delegate, map)) return watcher;
   KRLog("*** Neither fanotify nor inotify is available (%s): folders are only swept", strerror(errno));
   return nullptr;
 }
@@ -47,7 +47,7 @@ DirectoryWatcher::~DirectoryWatcher() {
 
 bool DirectoryWatcher::addRoot(const std::string& root) {
   struct stat st;
-  if (lstat(PathMap::shared().toAccess(root).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;  // nothing to mark yet
+  if (lstat(access(root).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;  // nothing to mark yet
   roots_.push_back(root);
   devices_[root] = st.st_dev;
   return markTree(root, root, false);
@@ -82,15 +82,15 @@ bool DirectoryWatcher::markTree(const std::string& top, const std::string& root,
     }
     // Whatever was created in it before the mark took hold is found this way.
     if (newly_appeared) delegate_.directoryChanged(dir, device);
-    const std::string access = PathMap::shared().toAccess(dir);
-    DIR* d = opendir(access.c_str());
+    const std::string reached = access(dir);
+    DIR* d = opendir(reached.c_str());
     if (!d) continue;
     while (struct dirent* e = readdir(d)) {
       if (e->d_type != DT_DIR && e->d_type != DT_UNKNOWN) continue;
       if (e->d_name[0] == '.' && (e->d_name[1] == 0 || (e->d_name[1] == '.' && e->d_name[2] == 0))) continue;
       std::string child = childPath(dir, e->d_name);
       struct stat st;
-      if (lstat(childPath(access, e->d_name).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != device) {
+      if (lstat(childPath(reached, e->d_name).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_dev != device) {
         continue;
       }
       todo.push_back(std::move(child));
@@ -135,7 +135,7 @@ void DirectoryWatcher::directoryAppeared(const std::string& path, bool report) {
   const std::string root = rootOf(path);
   if (root.empty()) return;
   struct stat st;
-  if (lstat(PathMap::shared().toAccess(path).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
+  if (lstat(access(path).c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
       st.st_dev != devices_[root]) {
     return;
   }

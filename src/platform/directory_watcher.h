@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/path_map.h"
+
 namespace zephlore {
 
 class DirectoryWatcher {
@@ -30,8 +32,10 @@ class DirectoryWatcher {
   enum class Kind { kAny, kFanotify, kInotify };
 
   // fanotify where the kernel allows it, else inotify (kAny); null when
-  // neither can be had (one log line).
-  static std::unique_ptr<DirectoryWatcher> create(Delegate& delegate, Kind kind = Kind::kAny);
+  // neither can be had (one log line). Directories are reached through `map`
+  // (beneath the views), which must outlive the watcher; events name the
+  // shown paths.
+  static std::unique_ptr<DirectoryWatcher> create(Delegate& delegate, const PathMap& map, Kind kind = Kind::kAny);
   virtual ~DirectoryWatcher();
 
   virtual const char* backendName() const = 0;
@@ -46,7 +50,9 @@ class DirectoryWatcher {
   virtual const char* limitFile() const = 0;
 
  protected:
-  explicit DirectoryWatcher(Delegate& delegate) : delegate_(delegate) {}
+  DirectoryWatcher(Delegate& delegate, const PathMap& map) : delegate_(delegate), map_(map) {}
+  // Where this process reaches the shown directory `path`.
+  std::string access(const std::string& path) const { return map_.toAccess(path); }
 
   // One directory's mark: returns its key (a file handle, a watch id) or an
   // empty key with errno set.
@@ -69,6 +75,7 @@ class DirectoryWatcher {
   bool isRoot(const std::string& path) const;
 
   Delegate& delegate_;
+  const PathMap& map_;
   int fd_ = -1;
 
  private:

@@ -138,6 +138,19 @@ class Env {
   virtual std::optional<std::vector<std::string>> listDirectory(const std::string& path) = 0;
   // realpath(3); none (errno set) on failure.
   virtual std::optional<std::string> realPath(const std::string& path) = 0;
+  // fstatat(2): `name` relative to the open directory `dir_fd`, or a path
+  // when `dir_fd` is AT_FDCWD; `flags` as fstatat's (AT_SYMLINK_NOFOLLOW).
+  virtual int fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) = 0;
+  // openat(2) with O_CLOEXEC and O_NOFOLLOW always added, like open().
+  virtual int openAt(int dir_fd, const std::string& name, int flags, mode_t mode = 0) = 0;
+  // The next names of the directory open as `fd` (O_DIRECTORY), without "."
+  // and ".."; empty once it has been read to its end. A walk holds a batch,
+  // never a whole large directory. None (errno set) on failure.
+  virtual std::optional<std::vector<std::string>> readDirectory(int fd) = 0;
+  // access() for `name` relative to `dir_fd` (AT_FDCWD: a path).
+  virtual int accessAt(int dir_fd, const std::string& name, int mode) = 0;
+  // statx(2), for what stat does not tell (the birth time).
+  virtual int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) = 0;
 
   // --- Extended attributes, by the system's names ---------------------------
 

@@ -44,6 +44,16 @@
   X(int, fsyncDirectory, (const std::string& path), (path), ({path}, -1), plain)                 \
   X(std::optional<std::string>, realPath, (const std::string& path), (path), ({path}, -1),       \
     plain)                                                                                       \
+  X(int, fstatAt, (int dir_fd, const std::string& name, struct stat* st, int flags),          \
+    (dir_fd, name, st, flags), ({name}, dir_fd), plain)                                          \
+  X(int, openAt, (int dir_fd, const std::string& name, int flags, mode_t mode),                 \
+    (dir_fd, name, flags, mode), ({name}, dir_fd), plain)                                        \
+  X(std::optional<std::vector<std::string>>, readDirectory, (int fd), (fd), ({}, fd), plain)     \
+  X(int, accessAt, (int dir_fd, const std::string& name, int mode), (dir_fd, name, mode),       \
+    ({name}, dir_fd), plain)                                                                     \
+  X(int, statxAt, (int dir_fd, const std::string& name, int flags, unsigned mask,               \
+                   struct statx* out),                                                           \
+    (dir_fd, name, flags, mask, out), ({name}, dir_fd), plain)                                   \
   X(ssize_t, getxattr, (const FileRef& file, const std::string& name, void* buf, size_t n),     \
     (file, name, buf, n), ({file.path, name}, file.fd), plain)                                   \
   X(int, setxattr,                                                                               \

@@ -31,7 +31,7 @@ std::string handleKey(const void* fsid, const struct file_handle* fh) {
 
 class FanotifyDirectoryWatcher final : public DirectoryWatcher {
  public:
-  explicit FanotifyDirectoryWatcher(Delegate& delegate, int fd) : DirectoryWatcher(delegate) { fd_ = fd; }
+  FanotifyDirectoryWatcher(Delegate& delegate, const PathMap& map, int fd) : DirectoryWatcher(delegate, map) { fd_ = fd; }
 
   const char* backendName() const override { return "fanotify"; }
   const char* limitFile() const override { return "/proc/sys/fs/fanotify/max_user_marks"; }
@@ -39,7 +39,7 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
  protected:
   std::string mark(const std::string& shown) override {
     // Beneath a view, the stored directory is marked; the caller keeps the shown path.
-    const std::string directory = PathMap::shared().toAccess(shown);
+    const std::string directory = access(shown);
     struct statfs sfs;
     union {
       struct file_handle fh;
@@ -131,10 +131,10 @@ class FanotifyDirectoryWatcher final : public DirectoryWatcher {
 
 }  // namespace
 
-std::unique_ptr<DirectoryWatcher> makeFanotifyWatcher(DirectoryWatcher::Delegate& delegate) {
+std::unique_ptr<DirectoryWatcher> makeFanotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map) {
   const int fd = fanotify_init(FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME | FAN_NONBLOCK | FAN_CLOEXEC, O_RDONLY);
   if (fd < 0) return nullptr;
-  return std::make_unique<FanotifyDirectoryWatcher>(delegate, fd);
+  return std::make_unique<FanotifyDirectoryWatcher>(delegate, map, fd);
 }
 
 }  // namespace zephlore

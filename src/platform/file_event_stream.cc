@@ -8,6 +8,15 @@
 
 namespace zephlore {
 
+namespace {
+
+const PathMap& noViews() {
+  static const PathMap* map = new PathMap;  // empty; never destroyed
+  return *map;
+}
+
+}  // namespace
+
 FileEventStream::FileEventStream(RunLoop& loop, EventJournal& journal, Options options, Callback callback)
     : loop_(loop), journal_(journal), options_(std::move(options)), callback_(std::move(callback)) {}
 
@@ -15,12 +24,13 @@ FileEventStream::~FileEventStream() { stop(); }
 
 bool FileEventStream::start() {
   if (running_) return true;
-  watcher_ = DirectoryWatcher::create(*this, options_.backend);
+  const PathMap& map = options_.map ? *options_.map : noViews();
+  watcher_ = DirectoryWatcher::create(*this, map, options_.backend);
   if (!watcher_) return false;
   running_ = true;
   for (const std::string& root : options_.roots) {
     struct stat st;
-    root_devices_[root] = lstat(PathMap::shared().toAccess(root).c_str(), &st) == 0 ? st.st_dev : 0;
+    root_devices_[root] = lstat(map.toAccess(root).c_str(), &st) == 0 ? st.st_dev : 0;
     watcher_->addRoot(root);
   }
   watch_ = loop_.watchFd(watcher_->fd(), POLLIN, [this](short) {

@@ -33,6 +33,9 @@ class FileEventStream : private DirectoryWatcher::Delegate {
     uint64_t since = kFileEventIdSinceNow;
     Duration latency = seconds(3.0);
     DirectoryWatcher::Kind backend = DirectoryWatcher::Kind::kAny;
+    // Where the roots' directories are reached (beneath the views); null:
+    // at their own paths. Must outlive the stream.
+    const PathMap* map = nullptr;
   };
 
   static constexpr Duration kLimitedRootRecheck = std::chrono::minutes(30);

@@ -21,14 +21,14 @@ std::string keyFor(int wd) { return std::to_string(wd); }
 
 class InotifyDirectoryWatcher final : public DirectoryWatcher {
  public:
-  InotifyDirectoryWatcher(Delegate& delegate, int fd) : DirectoryWatcher(delegate) { fd_ = fd; }
+  InotifyDirectoryWatcher(Delegate& delegate, const PathMap& map, int fd) : DirectoryWatcher(delegate, map) { fd_ = fd; }
 
   const char* backendName() const override { return "inotify"; }
   const char* limitFile() const override { return "/proc/sys/fs/inotify/max_user_watches"; }
 
  protected:
   std::string mark(const std::string& directory) override {
-    const int wd = inotify_add_watch(fd_, PathMap::shared().toAccess(directory).c_str(), kEvents);
+    const int wd = inotify_add_watch(fd_, access(directory).c_str(), kEvents);
     return wd < 0 ? std::string() : keyFor(wd);
   }
 
@@ -77,10 +77,10 @@ class InotifyDirectoryWatcher final : public DirectoryWatcher {
 
 }  // namespace
 
-std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate) {
+std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map) {
   const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) return nullptr;
-  return std::make_unique<InotifyDirectoryWatcher>(delegate, fd);
+  return std::make_unique<InotifyDirectoryWatcher>(delegate, map, fd);
 }
 
 }  // namespace zephlore

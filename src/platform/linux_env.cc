@@ -6,6 +6,7 @@
 #include <sys/acl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "platform/env.h"
 #include "platform/proc_file_users.h"
@@ -173,6 +175,56 @@ class LinuxEnv final : public Env {
     std::string result(resolved);
     std::free(resolved);
     return result;
+  }
+
+  int fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) override {
+    return ::fstatat(dir_fd, name.c_str(), st, flags);
+  }
+
+  int openAt(int dir_fd, const std::string& name, int flags, mode_t mode) override {
+    int fd;
+    do {
+      fd = ::openat(dir_fd, name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+  }
+
+  int accessAt(int dir_fd, const std::string& name, int mode) override {
+    return ::faccessat(dir_fd, name.c_str(), mode, AT_EACCESS | AT_SYMLINK_NOFOLLOW);
+  }
+
+  int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) override {
+    return ::statx(dir_fd, name.c_str(), flags, mask, out);
+  }
+
+  std::optional<std::vector<std::string>> readDirectory(int fd) override {
+    // getdents64 reads on from the descriptor's own position, so a walk
+    // keeps no directory stream of libc's beside it.
+    alignas(8) char buffer[32 * 1024];
+    std::vector<std::string> names;
+    while (names.empty()) {
+      const long got = ::syscall(SYS_getdents64, fd, buffer, sizeof buffer);
+      if (got < 0) {
+        if (errno == EINTR) continue;
+        return std::nullopt;
+      }
+      if (got == 0) break;
+      for (long at = 0; at < got;) {
+        struct Dirent64 {
+          ino64_t ino;
+          off64_t off;
+          unsigned short reclen;
+          unsigned char type;
+          char name[1];
+        };
+        const char* record = buffer + at;
+        const std::string_view name(record + offsetof(Dirent64, name));
+        const auto* entry = reinterpret_cast<const Dirent64*>(record);
+        if (name != "." && name != "..") names.emplace_back(name);
+        at += entry->reclen;
+      }
+    }
+    return names;
   }
 
   ssize_t getxattr(const FileRef& file, const std::string& name, void* buf, size_t n) override {

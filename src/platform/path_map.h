@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <map>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 
@@ -26,6 +27,8 @@ class PathMap {
   // `path` (absolute) under the innermost entry holding it, mapped; `path`
   // itself otherwise. Any thread.
   std::string toAccess(const std::string& path) const;
+  // The innermost entry holding `path` (shown folder, its access path), or none.
+  std::optional<std::pair<std::string, std::string>> entryFor(const std::string& path) const;
 
   std::map<std::string, std::string> entries() const;
 

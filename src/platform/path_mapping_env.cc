@@ -47,7 +47,31 @@ int PathMappingEnv::fsyncDirectory(const std::string& path) {
   return target().fsyncDirectory(mapped(path));
 }
 std::optional<std::string> PathMappingEnv::realPath(const std::string& path) {
-  return target().realPath(mapped(path));
+  const std::optional<std::pair<std::string, std::string>> entry = map_.entryFor(path);
+  if (!entry) return target().realPath(path);
+  std::optional<std::string> resolved = target().realPath(map_.toAccess(path));
+  const std::optional<std::string> stored = target().realPath(entry->second + "/.");
+  if (!resolved || !stored) return resolved;
+  // A link that leads out of the folder keeps its own answer.
+  const std::string& base = *stored;
+  if (base == "/") return resolved;
+  const bool under = *resolved == base ||
+                     (resolved->compare(0, base.size(), base) == 0 && (*resolved)[base.size()] == '/');
+  if (!under) return resolved;
+  const std::string rest = resolved->substr(base.size());
+  return entry->first == "/" ? (rest.empty() ? "/" : rest) : entry->first + rest;
+}
+int PathMappingEnv::fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) {
+  return target().fstatAt(dir_fd, mappedAt(dir_fd, name), st, flags);
+}
+int PathMappingEnv::openAt(int dir_fd, const std::string& name, int flags, mode_t mode) {
+  return target().openAt(dir_fd, mappedAt(dir_fd, name), flags, mode);
+}
+int PathMappingEnv::accessAt(int dir_fd, const std::string& name, int mode) {
+  return target().accessAt(dir_fd, mappedAt(dir_fd, name), mode);
+}
+int PathMappingEnv::statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) {
+  return target().statxAt(dir_fd, mappedAt(dir_fd, name), flags, mask, out);
 }
 ssize_t PathMappingEnv::getxattr(const FileRef& file, const std::string& name, void* buf,
                                  size_t n) {

@@ -3,6 +3,8 @@
 // users see. Descriptors need no mapping: they were opened through it.
 #pragma once
 
+#include <fcntl.h>
+
 #include "platform/env_wrapper.h"
 #include "platform/path_map.h"
 
@@ -26,9 +28,14 @@ class PathMappingEnv : public EnvWrapper {
   int unlink(const std::string& path) override;
   int mkdir(const std::string& path, mode_t mode) override;
   int fsyncDirectory(const std::string& path) override;
-  // The answer is the shown path again: resolving a descriptor's link
-  // gives the folder's own name.
+  // Resolved beneath, and answered as a shown path: what lies under the
+  // stored folder is named under the shown one.
   std::optional<std::string> realPath(const std::string& path) override;
+  // A name relative to a descriptor needs no mapping; a path (AT_FDCWD) does.
+  int fstatAt(int dir_fd, const std::string& name, struct stat* st, int flags) override;
+  int openAt(int dir_fd, const std::string& name, int flags, mode_t mode) override;
+  int accessAt(int dir_fd, const std::string& name, int mode) override;
+  int statxAt(int dir_fd, const std::string& name, int flags, unsigned mask, struct statx* out) override;
   ssize_t getxattr(const FileRef& file, const std::string& name, void* buf, size_t n) override;
   int setxattr(const FileRef& file, const std::string& name, const void* value, size_t n,
                int flags) override;
@@ -42,6 +49,9 @@ class PathMappingEnv : public EnvWrapper {
  private:
   std::string mapped(const std::string& path) const { return map_.toAccess(path); }
   FileRef mapped(const FileRef& file) const;
+  std::string mappedAt(int dir_fd, const std::string& name) const {
+    return dir_fd == AT_FDCWD ? map_.toAccess(name) : name;
+  }
 
   const PathMap& map_;
 };

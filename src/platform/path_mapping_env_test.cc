@@ -52,6 +52,28 @@ TEST(PathMappingEnv, WorksBeneathWhatThePathShows) {
   ASSERT_TRUE(names);
   EXPECT_EQ(*names, std::vector<std::string>{"b.txt"});
   EXPECT_NE(access((shown.path() + "/b.txt").c_str(), F_OK), 0) << "nothing landed in the shown tree";
+  // Resolved beneath, named as shown.
+  EXPECT_EQ(env.realPath(shown.path() + "/b.txt"), shown.path() + "/b.txt");
+  EXPECT_EQ(env.realPath(shown.path()), shown.path());
+  EXPECT_EQ(env.realPath(shown.path() + "/none"), std::nullopt);
+
+  // A path given with AT_FDCWD is mapped; a name relative to a directory
+  // opened through the map is already beneath, and read on in batches.
+  ASSERT_EQ(env.fstatAt(AT_FDCWD, shown.path() + "/b.txt", &st, AT_SYMLINK_NOFOLLOW), 0);
+  EXPECT_EQ(st.st_size, 6);
+  const int dir = env.open(shown.path(), O_RDONLY | O_DIRECTORY, 0);
+  ASSERT_GE(dir, 0);
+  ASSERT_EQ(env.fstatAt(dir, "b.txt", &st, AT_SYMLINK_NOFOLLOW), 0);
+  const int file = env.openAt(dir, "b.txt", O_RDONLY, 0);
+  ASSERT_GE(file, 0);
+  close(file);
+  names = env.readDirectory(dir);
+  ASSERT_TRUE(names);
+  EXPECT_EQ(*names, std::vector<std::string>{"b.txt"});
+  names = env.readDirectory(dir);
+  ASSERT_TRUE(names);
+  EXPECT_TRUE(names->empty()) << "read to its end";
+  close(dir);
   close(held);
 }
 

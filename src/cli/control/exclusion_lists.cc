@@ -11,7 +11,7 @@ namespace {
 
 bool samePlace(const std::string& a, const std::string& b) {
   return a == b ||
-         KRExclusionsProcessor::canonicalPath(a) == KRExclusionsProcessor::canonicalPath(b);
+         KRExclusionsProcessor::canonicalPath(Env::shared(), a) == KRExclusionsProcessor::canonicalPath(Env::shared(), b);
 }
 
 }  // namespace

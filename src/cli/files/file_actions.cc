@@ -69,7 +69,7 @@ class CompressAction : public FileAction {
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
     Error error;
-    return resultFor(entry, checkCompressCandidate(entry, !dry_run, &error), error);
+    return resultFor(entry, checkCompressCandidate(Env::shared(), entry, !dry_run, &error), error);
   }
 
   void temporarySeen(const WalkEntry& entry) override {
@@ -139,7 +139,7 @@ class DecompressAction : public FileAction {
 
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
     Error error;
-    return resultFor(entry, checkDecompressCandidate(entry, &error), error);
+    return resultFor(entry, checkDecompressCandidate(Env::shared(), entry, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {

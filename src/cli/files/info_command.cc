@@ -252,7 +252,7 @@ class InfoVisitor : public WalkVisitor {
 
 int runInfo(const InfoOptions& options) {
   InfoVisitor visitor(options);
-  TreeWalker walker({options.recursive, options.cross_volumes});
+  TreeWalker walker(Env::shared(), {options.recursive, options.cross_volumes});
   for (const std::string& path : workBeneathViews(options.paths, "info", options.json)) {
     walker.walk(followNamedLink(path), visitor);
   }

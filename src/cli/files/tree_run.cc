@@ -139,7 +139,7 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     progress->start();
     counter = std::thread([&] {
       CountingVisitor visitor(*progress, action);
-      TreeWalker walker(walk_options, &counter_stop);
+      TreeWalker walker(Env::shared(), walk_options, &counter_stop);
       for (const std::string& path : paths) walker.walk(path, visitor);
       progress->setTotalsFinal();
     });
@@ -176,7 +176,7 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     };
     FilePipeline pipeline(options.jobs, work, sink);
     RunVisitor visitor(options, action, &pipeline);
-    TreeWalker walker(walk_options, &stop);
+    TreeWalker walker(Env::shared(), walk_options, &stop);
     for (const std::string& path : paths) {
       if (stop.load()) break;
       walker.walk(path, visitor);

@@ -9,10 +9,12 @@
 #include <optional>
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
-// Walks `folder` on its own volume; none when `stop` became true or the
+// Walks `folder` on its own volume, through `env` (beneath a view); none when `stop` became true or the
 // folder cannot be read.
-std::optional<uint64_t> measureFolderSavings(const std::string& folder, const std::atomic<bool>* stop = nullptr);
+std::optional<uint64_t> measureFolderSavings(Env& env, const std::string& folder, const std::atomic<bool>* stop = nullptr);
 
 }  // namespace zephlore

@@ -50,9 +50,9 @@ const HistoryModel* KRHelperUtil::managedObjectModel() {
   return s.model ? &*s.model : nullptr;
 }
 
-bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path) {
+bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path, Env& env) {
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return true;
+  if (env.lstat(path, &st) != 0) return true;
 
   // Only the preparation decides: a file SQLite can parse passes, whatever
   // the pragma would report.

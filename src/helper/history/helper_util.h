@@ -12,6 +12,7 @@
 
 #include "base/error.h"
 #include "helper/history/history_store.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -30,7 +31,7 @@ class KRHelperUtil {
   static const HistoryModel* managedObjectModel();
   // True when the file at `path` may be opened as it is (also when there is
   // none). False when it was judged damaged, reported and deleted.
-  static bool ensureIntegrityOfDatabaseAtPath(const std::string& path);
+  static bool ensureIntegrityOfDatabaseAtPath(const std::string& path, Env& env = Env::shared());
   // The store, or none (reported; the next call tries again).
   static HistoryStore* persistentStoreCoordinator();
   // The context, or none (reported; the next call tries again).

@@ -74,8 +74,8 @@ ScopedHistoryProcessor::~ScopedHistoryProcessor() {
   installed = previous_;
 }
 
-KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Hooks hooks)
-    : loop_(loop), hooks_(std::move(hooks)) {
+KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Hooks hooks, Env& env)
+    : loop_(loop), env_(env), hooks_(std::move(hooks)) {
   if (!hooks_.postSavingsChanged) {
     hooks_.postSavingsChanged = [] {
       DistributedNotificationCenter::defaultCenter().postNotificationName(
@@ -119,7 +119,7 @@ std::optional<FolderList> KRHistoryProcessor::folders() {
   FolderList list;
   for (HistoryContext::Object* object : *enabled) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath();
+    std::optional<std::string> resolved = alias.fullPath(env_);
     if (resolved && !resolved->empty() && isDirectoryPath(*resolved)) {
       list.push_back(QVPathString::stringByCanonicalizingPath(*resolved));
     } else if (alias.originalAliasInfo()) {
@@ -140,7 +140,7 @@ std::string KRHistoryProcessor::enabledFolderPathForPath(const std::string& path
   }
   std::string candidate = path;
   struct stat st;
-  if (stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+  if (env_.stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
     size_t slash = path.find_last_of('/');
     if (slash != std::string::npos) candidate = slash == 0 ? "/" : path.substr(0, slash);
   }
@@ -380,7 +380,7 @@ void KRHistoryProcessor::foldersChanged(const FolderList& toAdd, const FolderLis
         continue;
       }
       Error error;
-      std::optional<HTAlias> alias = HTAlias::aliasWithPath(path, &error);
+      std::optional<HTAlias> alias = HTAlias::aliasWithPath(env_, path, &error);
       if (!alias) {
         KRLog("Folder %s cannot be watched: %s", path.c_str(), error.message.c_str());
         continue;
@@ -399,7 +399,7 @@ void KRHistoryProcessor::resolveAliases() {
   if (!ctx) return;
   for (HistoryContext::Object* object : ctx->allObjects()) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath();
+    std::optional<std::string> resolved = alias.fullPath(env_);
     if (resolved && !resolved->empty()) {
       std::string path = QVPathString::stringByCanonicalizingPath(*resolved);
       const std::string& folder = object->record().folder;
@@ -409,7 +409,7 @@ void KRHistoryProcessor::resolveAliases() {
       }
       object->setFolder(path);
       // A fresh record finds it at once next time instead of searching.
-      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(path)) {
+      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, path)) {
         object->setFolderAlias(fresh->aliasData());
       }
       continue;
@@ -417,8 +417,8 @@ void KRHistoryProcessor::resolveAliases() {
     if (!alias.originalAliasInfo()) continue;
     const std::string recorded = alias.originalAliasInfo()->pathString;
     struct stat st;
-    if (recorded.empty() || stat(recorded.c_str(), &st) != 0) continue;
-    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(recorded)) {
+    if (recorded.empty() || env_.stat(recorded, &st) != 0) continue;
+    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, recorded)) {
       object->setFolderAlias(fresh->aliasData());
       object->setFolder(recorded);
     }

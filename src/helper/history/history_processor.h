@@ -22,6 +22,7 @@
 #include "base/notification_center.h"
 #include "base/run_loop.h"
 #include "helper/history/history_store.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -48,7 +49,8 @@ class KRHistoryProcessor {
   static KRHistoryProcessor& sharedHistoryProcessor();
 
   // Computes the total at once (a database access on the calling thread).
-  explicit KRHistoryProcessor(RunLoop& loop = RunLoop::main(), Hooks hooks = {});
+  // The watched folders are looked at through `env`.
+  explicit KRHistoryProcessor(RunLoop& loop = RunLoop::main(), Hooks hooks = {}, Env& env = Env::shared());
   ~KRHistoryProcessor();
   KRHistoryProcessor(const KRHistoryProcessor&) = delete;
   KRHistoryProcessor& operator=(const KRHistoryProcessor&) = delete;
@@ -115,6 +117,7 @@ class KRHistoryProcessor {
   FolderList usableFolders(const Notification& notification, const char* key);
 
   RunLoop& loop_;
+  Env& env_;
   Hooks hooks_;
   std::atomic<uint64_t> total_savings_{0};
   std::mutex observers_mutex_;

@@ -138,7 +138,7 @@ TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRun
   CompressedFileInfo kept;
   Error error;
   ASSERT_TRUE(CompressedFileInfo::inspect(folder + "/kept", &kept, &error)) << error.describe();
-  const std::optional<uint64_t> measured = measureFolderSavings(folder);
+  const std::optional<uint64_t> measured = measureFolderSavings(Env::shared(), folder);
   ASSERT_TRUE(measured.has_value());
   EXPECT_EQ(*measured, kept.savedBytes());
   EXPECT_GT(*measured, text.size() / 2);
@@ -147,7 +147,7 @@ TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRun
   EXPECT_EQ(processor_->totalSavings(), *measured);
   ASSERT_EQ(processor_->allFolderEntries().size(), 1u);
   EXPECT_EQ(processor_->allFolderEntries()[0].savings, *measured);
-  EXPECT_EQ(measureFolderSavings(folder + "/gone"), std::nullopt);
+  EXPECT_EQ(measureFolderSavings(Env::shared(), folder + "/gone"), std::nullopt);
 }
 
 TEST_F(HistoryProcessorTest, EachWholeGigabyteCrossedIsAnnouncedOnceCountedIn32Bits) {

@@ -75,8 +75,8 @@ bool HistoryStore::databaseFilesUsable(const std::string& path, std::string* pro
 }
 
 std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
-                                                 const HistoryModel& model, Error* error) {
-  std::unique_ptr<HistoryStore> store(new HistoryStore());
+                                                 const HistoryModel& model, Error* error, Env& env) {
+  std::unique_ptr<HistoryStore> store(new HistoryStore(env));
   store->path_ = path;
   std::string problem;
   if (!databaseFilesUsable(path, &problem)) {
@@ -120,7 +120,7 @@ bool HistoryStore::readRecords(const std::string& path, std::vector<HistoryRecor
                                Error* error) {
   records->clear();
   if (access(path.c_str(), F_OK) != 0) return true;
-  HistoryStore store;
+  HistoryStore store(Env::shared());
   store.path_ = path;
   std::string problem;
   if (!databaseFilesUsable(path, &problem)) return storeFail(error, problem);
@@ -216,7 +216,7 @@ bool copyDatabase(const SqliteConnection& from, const SqliteConnection& to) {
 
 void HistoryStore::keepFileAtPath() {
   struct stat st;
-  if (stat(path_.c_str(), &st) == 0 || errno != ENOENT) return;
+  if (env_.stat(path_, &st) == 0 || errno != ENOENT) return;
   // The old connection must be closed before a new file takes the name: both
   // would use the one "-wal" file beside it. Memory holds the data meanwhile.
   std::string problem;

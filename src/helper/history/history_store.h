@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "base/error.h"
 #include "helper/history/sqlite_handle.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -58,7 +59,7 @@ class HistoryStore {
   static bool databaseFilesUsable(const std::string& path, std::string* problem);
   // None and *error when the file cannot be opened or made into a store.
   static std::unique_ptr<HistoryStore> open(const std::string& path, const HistoryModel& model,
-                                            Error* error);
+                                            Error* error, Env& env = Env::shared());
 
   // Reads the records of the file at `path` without writing anything (the
   // command's view while the helper may be writing). A missing file has none.
@@ -74,12 +75,13 @@ class HistoryStore {
   uint64_t transactionCount() const { return transactions_; }
 
  private:
-  HistoryStore() = default;
+  explicit HistoryStore(Env& env) : env_(env) {}
   // A file deleted under the running helper (by hand, by a clean-up tool)
   // would take the history with it at exit: what the open connection holds
   // is written anew at the path, and the store goes on there.
   void keepFileAtPath();
 
+  Env& env_;
   std::string path_;
   SqliteConnection db_;
   uint64_t transactions_ = 0;

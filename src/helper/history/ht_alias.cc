@@ -29,9 +29,9 @@ struct NodeFacts {
   int64_t birthTimeNs = 0;
 };
 
-std::optional<NodeFacts> directoryFacts(const std::string& path) {
+std::optional<NodeFacts> directoryFacts(Env& env, const std::string& path) {
   struct statx sx;
-  if (statx(AT_FDCWD, path.c_str(), 0, STATX_TYPE | STATX_INO | STATX_BTIME, &sx) != 0) {
+  if (env.statxAt(AT_FDCWD, path, 0, STATX_TYPE | STATX_INO | STATX_BTIME, &sx) != 0) {
     return std::nullopt;
   }
   if (!S_ISDIR(sx.stx_mode)) return std::nullopt;
@@ -61,25 +61,20 @@ std::string join(const std::string& dir, const std::string& name) {
 }
 
 // A scan of /dev/disk/by-uuid for the block device `device`.
-std::string uuidOfDevice(dev_t device) {
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/dev/disk/by-uuid"), closedir);
-  if (!dir) return "";
-  while (dirent* entry = readdir(dir.get())) {
-    if (entry->d_name[0] == '.') continue;
+std::string uuidOfDevice(Env& env, dev_t device) {
+  const std::string folder = "/dev/disk/by-uuid";
+  for (const std::string& name : env.listDirectory(folder).value_or(std::vector<std::string>{})) {
+    if (name[0] == '.') continue;
     struct stat st;
-    std::string link = std::string("/dev/disk/by-uuid/") + entry->d_name;
-    if (stat(link.c_str(), &st) == 0 && S_ISBLK(st.st_mode) && st.st_rdev == device) {
-      return entry->d_name;
-    }
+    if (env.stat(folder + "/" + name, &st) == 0 && S_ISBLK(st.st_mode) && st.st_rdev == device) return name;
   }
   return "";
 }
 
-std::string computeVolumeIdentity(dev_t device, const std::string& path) {
-  std::string uuid = uuidOfDevice(device);
+std::string computeVolumeIdentity(Env& env, dev_t device, const std::string& path) {
+  std::string uuid = uuidOfDevice(env, device);
   if (!uuid.empty()) return "uuid:" + uuid;
-  char buf[PATH_MAX];
-  std::string resolved = ::realpath(path.c_str(), buf) ? std::string(buf) : path;
+  const std::string resolved = env.realPath(path).value_or(path);
   std::optional<MountEntry> mount = mountEntryFor(device, resolved);
   if (!mount) mount = mountEntryFor(device, "/");  // any mount of the device
   if (!mount) return "";
@@ -90,14 +85,14 @@ std::string computeVolumeIdentity(dev_t device, const std::string& path) {
 // updates slow; an identity is kept for a short while per device number.
 class IdentityCache {
  public:
-  std::string identity(dev_t device, const std::string& path) {
+  std::string identity(Env& env, dev_t device, const std::string& path) {
     const TimePoint now = Clock::shared().now();
     {
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = entries_.find(device);
       if (it != entries_.end() && it->second.first > now) return it->second.second;
     }
-    std::string identity = computeVolumeIdentity(device, path);
+    std::string identity = computeVolumeIdentity(env, device, path);
     std::lock_guard<std::mutex> lock(mutex_);
     entries_[device] = {now + seconds(2.0), identity};
     return identity;
@@ -138,31 +133,30 @@ MissCache& missCache() {
   return *cache;
 }
 
-bool matches(const AliasInfo& info, const std::string& path) {
-  std::optional<NodeFacts> facts = directoryFacts(path);
+bool matches(Env& env, const AliasInfo& info, const std::string& path) {
+  std::optional<NodeFacts> facts = directoryFacts(env, path);
   if (!facts || facts->inode != info.nodeID) return false;
   if (info.birthTimeNs != 0 && facts->birthTimeNs != 0 && facts->birthTimeNs != info.birthTimeNs) {
     return false;
   }
-  return identityCache().identity(facts->device, path) == info.volumeNameString;
+  return identityCache().identity(env, facts->device, path) == info.volumeNameString;
 }
 
-// The subdirectories of `dir` whose inode is `inode`, or all of them.
-void subdirectories(const std::string& dir, std::optional<uint64_t> inode,
-                    std::vector<std::string>* out) {
-  std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir.c_str()), closedir);
-  if (!handle) return;
-  while (dirent* entry = readdir(handle.get())) {
-    std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) continue;
-    if (inode && entry->d_ino != *inode) continue;
-    out->push_back(join(dir, name));
+// The subdirectories of `dir` (never through a link) whose inode is `inode`,
+// or all of them, with their lstat.
+void subdirectories(Env& env, const std::string& dir, std::optional<uint64_t> inode,
+                    std::vector<std::pair<std::string, struct stat>>* out) {
+  for (const std::string& name : env.listDirectory(dir).value_or(std::vector<std::string>{})) {
+    std::string child = join(dir, name);
+    struct stat st;
+    if (env.lstat(child, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+    if (inode && st.st_ino != *inode) continue;
+    out->emplace_back(std::move(child), st);
   }
 }
 
-std::optional<std::string> searchBelow(const std::string& root, const AliasInfo& info) {
-  std::optional<NodeFacts> rootFacts = directoryFacts(root);
+std::optional<std::string> searchBelow(Env& env, const std::string& root, const AliasInfo& info) {
+  std::optional<NodeFacts> rootFacts = directoryFacts(env, root);
   if (!rootFacts) return std::nullopt;
   std::deque<std::string> queue{root};
   size_t visited = 0;
@@ -170,16 +164,12 @@ std::optional<std::string> searchBelow(const std::string& root, const AliasInfo&
     std::string dir = std::move(queue.front());
     queue.pop_front();
     ++visited;
-    std::vector<std::string> children;
-    subdirectories(dir, std::nullopt, &children);
-    for (std::string& child : children) {
-      struct stat st;
-      // Never through a link, never onto another volume.
-      if (lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
-          st.st_dev != rootFacts->device) {
-        continue;
-      }
-      if (st.st_ino == info.nodeID && matches(info, child)) return child;
+    std::vector<std::pair<std::string, struct stat>> children;
+    subdirectories(env, dir, std::nullopt, &children);
+    for (auto& [child, st] : children) {
+      // Never onto another volume.
+      if (st.st_dev != rootFacts->device) continue;
+      if (st.st_ino == info.nodeID && matches(env, info, child)) return child;
       queue.push_back(std::move(child));
     }
   }
@@ -247,11 +237,11 @@ std::optional<AliasInfo> HTAlias::aliasInfoForAliasData(const std::vector<uint8_
   return info;
 }
 
-std::optional<HTAlias> HTAlias::aliasWithPath(const std::string& path, Error* error) {
+std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const std::string& path, Error* error) {
   std::optional<NodeFacts> facts;
   struct stat st;
-  if (!path.empty() && path[0] == '/' && stat(path.c_str(), &st) == 0) {
-    facts = directoryFacts(path);
+  if (!path.empty() && path[0] == '/' && env.stat(path, &st) == 0) {
+    facts = directoryFacts(env, path);
     if (!facts) {
       // Not a folder: still an item; record what stat gives.
       facts = NodeFacts{st.st_dev, st.st_ino, 0};
@@ -264,46 +254,46 @@ std::optional<HTAlias> HTAlias::aliasWithPath(const std::string& path, Error* er
   AliasInfo info;
   info.pathString = path;
   info.targetNameString = nameOf(path);
-  info.volumeNameString = identityCache().identity(facts->device, path);
+  info.volumeNameString = identityCache().identity(env, facts->device, path);
   info.nodeID = facts->inode;
   info.birthTimeNs = facts->birthTimeNs;
   struct stat parent;
-  if (stat(parentOf(path).c_str(), &parent) == 0) info.parentDirID = parent.st_ino;
+  if (env.stat(parentOf(path), &parent) == 0) info.parentDirID = parent.st_ino;
   return HTAlias(encode(info));
 }
 
-std::optional<std::string> HTAlias::fullPath() const {
+std::optional<std::string> HTAlias::fullPath(Env& env) const {
   if (!info_ || info_->pathString.empty() || info_->pathString[0] != '/') return std::nullopt;
   const AliasInfo& info = *info_;
-  if (matches(info, info.pathString)) return info.pathString;
+  if (matches(env, info, info.pathString)) return info.pathString;
 
   // Renamed in place: the parent still holds it under another name.
   const std::string parent = parentOf(info.pathString);
-  std::vector<std::string> candidates;
-  if (!parent.empty()) subdirectories(parent, info.nodeID, &candidates);
-  for (const std::string& candidate : candidates) {
-    if (matches(info, candidate)) return candidate;
+  std::vector<std::pair<std::string, struct stat>> candidates;
+  if (!parent.empty()) subdirectories(env, parent, info.nodeID, &candidates);
+  for (const auto& [candidate, st] : candidates) {
+    if (matches(env, info, candidate)) return candidate;
   }
 
   // Moved: search below the nearest ancestor that still exists.
   if (missCache().recentlyMissed(bytes_)) return std::nullopt;
   std::string ancestor = parent;
-  while (!ancestor.empty() && !directoryFacts(ancestor)) ancestor = parentOf(ancestor);
+  while (!ancestor.empty() && !directoryFacts(env, ancestor)) ancestor = parentOf(ancestor);
   std::optional<std::string> found =
-      ancestor.empty() ? std::nullopt : searchBelow(ancestor, info);
+      ancestor.empty() ? std::nullopt : searchBelow(env, ancestor, info);
   if (!found) missCache().remember(bytes_);
   return found;
 }
 
-bool HTAlias::operator==(const HTAlias& other) const {
-  std::optional<std::string> mine = fullPath();
-  return mine && mine == other.fullPath();
+bool HTAlias::sameFolderAs(Env& env, const HTAlias& other) const {
+  std::optional<std::string> mine = fullPath(env);
+  return mine && mine == other.fullPath(env);
 }
 
-std::string HTAlias::volumeIdentityForPath(const std::string& path) {
+std::string HTAlias::volumeIdentityForPath(Env& env, const std::string& path) {
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) return "";
-  return identityCache().identity(st.st_dev, path);
+  if (env.stat(path, &st) != 0) return "";
+  return identityCache().identity(env, st.st_dev, path);
 }
 
 }  // namespace zephlore

@@ -9,7 +9,9 @@
 // in place) and then breadth first below the nearest existing ancestor on the
 // same volume (a move). A result counts only when it is the same inode on a
 // volume of the same identity: a folder recreated under the old name, or the
-// same name on another volume, resolves to none.
+// same name on another volume, resolves to none. Every look goes through
+// the Env given (the helper's reaches the folders beneath their views, so an
+// alias names the stored folder whether or not a view covers it).
 #pragma once
 
 #include <sys/types.h>
@@ -20,6 +22,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -52,27 +55,27 @@ class HTAlias {
 
   // None (error -43, file not found, in the OS-status domain) when nothing
   // is at the path.
-  static std::optional<HTAlias> aliasWithPath(const std::string& path, Error* error = nullptr);
+  static std::optional<HTAlias> aliasWithPath(Env& env, const std::string& path, Error* error = nullptr);
   static HTAlias aliasWithData(const std::vector<uint8_t>& bytes) { return HTAlias(bytes); }
 
   const std::vector<uint8_t>& aliasData() const { return bytes_; }
   void setAliasData(std::vector<uint8_t> bytes);
 
   // The current path of the folder, or none.
-  std::optional<std::string> fullPath() const;
+  std::optional<std::string> fullPath(Env& env) const;
 
   // The record's description; none when the bytes are not a record.
   const std::optional<AliasInfo>& originalAliasInfo() const { return info_; }
   static std::optional<AliasInfo> aliasInfoForAliasData(const std::vector<uint8_t>& bytes);
 
-  // Equal when both resolve to the same path; an unresolvable alias equals
+  // Both resolve to the same path; an unresolvable alias is the same as
   // nothing, not even itself.
-  bool operator==(const HTAlias& other) const;
+  bool sameFolderAs(Env& env, const HTAlias& other) const;
 
   // The identity of the volume holding `path`: "uuid:<UUID>" where the file
   // system has one, else "<source> <type>" from the mount table. "" when the
   // path cannot be examined.
-  static std::string volumeIdentityForPath(const std::string& path);
+  static std::string volumeIdentityForPath(Env& env, const std::string& path);
 
  private:
   std::vector<uint8_t> bytes_;

@@ -25,6 +25,24 @@ namespace {
 std::atomic<KRCompressor*> installed{nullptr};
 constexpr const char* kTickKey = "compressionTick";
 
+std::string retryKey(const std::string& path) { return "retry " + path; }
+
+// The engine's refusals of a file that was being written meanwhile: it had
+// grown or changed while being read, was open for writing, or was opened
+// during the swap. Once the file settles it can be compressed.
+bool refusedWhileBeingWritten(const Error& error) {
+  if (error.domain != kHFSErrorDomain) return false;
+  switch (error.code) {
+    case kHFSErrorModified:
+    case kHFSErrorOpenForWriting:
+    case kHFSErrorOpenedDuringSwap:
+    case kHFSErrorCouldNotRead:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // Once per worker thread: the user's own work always comes first.
 void yieldToEverythingElse() {
   thread_local bool done = false;
@@ -69,6 +87,7 @@ KRCompressor::~KRCompressor() {
   }
   loadWaitCv_.notify_all();
   mainLoop_.cancelPerform(this, kTickKey);
+  for (const std::string& path : retriesPending_) mainLoop_.cancelPerform(this, retryKey(path));
   if (ownQueue_) ownQueue_->waitUntilAllOperationsAreFinished();
 }
 
@@ -94,6 +113,33 @@ std::string KRCompressor::holdReason(const std::string& path) {
     hold = compressionHold_;
   }
   return hold ? hold(path) : std::string();
+}
+
+void KRCompressor::setRetryHandler(RetryHandler handler) {
+  std::lock_guard lock(hooksLock_);
+  retryHandler_ = std::move(handler);
+}
+
+void KRCompressor::noteOutcome(const std::string& path, bool busy) {
+  if (!busy) {
+    busyRefusals_.erase(path);
+    return;
+  }
+  // A file written without end (a log) is not read again and again.
+  if (++busyRefusals_[path] > kMaxBusyRetries || !retriesPending_.insert(path).second) return;
+  mainLoop_.performAfterDelay(this, retryKey(path), seconds(kBusyRetryDelay), [this, path] {
+    retriesPending_.erase(path);
+    RetryHandler handler;
+    {
+      std::lock_guard lock(hooksLock_);
+      handler = retryHandler_;
+    }
+    if (handler) {
+      handler(path);
+    } else {
+      addFiles({path});
+    }
+  });
 }
 
 bool KRCompressor::isWatched(const std::string& path) {
@@ -251,6 +297,8 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       }
       OwnRewrites::shared().end(path);
       setFileInHand({});
+      const bool busy = !compressed && refusedWhileBeingWritten(error);
+      mainLoop_.post([this, path, busy] { noteOutcome(path, busy); });
     }
     postFileCompressed(path, failed ? &error : nullptr);
   }

@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -40,6 +41,10 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   static constexpr float kMaxCPULoad = 0.7f;
   static constexpr float kMaxDiskLoad = 0.85f;
   static constexpr int kCompressionThreadNice = 10;
+  // A file caught while being written is tried again once it has been left
+  // alone this long (the analyzer's file settle time), a few times in a row.
+  static constexpr double kBusyRetryDelay = 15.0;
+  static constexpr int kMaxBusyRetries = 3;
 
   // Whether the watcher still watches a folder holding the path.
   using FolderWatchTest = std::function<bool(const std::string& path)>;
@@ -48,6 +53,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   using CompressionHold = std::function<std::string(const std::string& path)>;
   // Adds saved bytes to the history of the path's folder.
   using SavingsRecorder = std::function<void(uint64_t savedBytes, const std::string& path)>;
+  // Hands a file back for analysis (main thread).
+  using RetryHandler = std::function<void(const std::string& path)>;
 
   // The installed compressor, else the process's own (main run loop, the
   // scheduler's compression queue), made on first use and never destroyed.
@@ -71,6 +78,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Held files are neither queued nor compressed; whoever lifts the hold has
   // their folder analysed again.
   void setCompressionHold(CompressionHold hold);
+  // Where a file refused because it was being written goes once it settled;
+  // without a handler it comes back into this queue.
+  void setRetryHandler(RetryHandler handler);
 
   // Queues the paths not already in process and in a watched folder; returns
   // how many. Any thread.
@@ -116,6 +126,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   bool compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error, int64_t* saved,
                        int64_t* uncompressedSize);
   void postFileCompressed(const std::string& path, const Error* error);
+  // Main thread: counts a refusal of a file being written and schedules its
+  // retry; a success (busy false) forgets its count.
+  void noteOutcome(const std::string& path, bool busy);
   void setFileInHand(const std::string& path);
 
   RunLoop& mainLoop_;
@@ -137,6 +150,11 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   FolderWatchTest folderWatchTest_;
   SavingsRecorder savingsRecorder_;
   CompressionHold compressionHold_;
+  RetryHandler retryHandler_;
+
+  // Main thread only: refusals in a row per file, and the retries pending.
+  std::unordered_map<std::string, int> busyRefusals_;
+  std::unordered_set<std::string> retriesPending_;
 
   // Wakes a load wait early when the compressor pauses.
   std::mutex loadWaitLock_;

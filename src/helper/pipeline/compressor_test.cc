@@ -20,6 +20,7 @@
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
 #include "helper/file_in_process_watchdog.h"
+#include "engine/hooked_env_for_tests.h"
 #include "helper/pipeline/pipeline_test_support.h"
 #include "platform/thread_priority.h"
 
@@ -318,6 +319,84 @@ TEST_F(CompressorTest, UnwatchedFolderGives8000AndAnEmptiedQueueStillEndsWithCom
   ASSERT_EQ(dropped.size(), 4u);
   EXPECT_EQ(dropped[3].errorCode, 8000);
   EXPECT_EQ(testkit::readFile(files[0]), testkit::compressibleData(8192, 0));
+}
+
+}  // namespace
+}  // namespace zephlore
+
+namespace zephlore {
+namespace {
+
+// A file that grows under the engine's read is refused; once it has been
+// left alone for the settle time it is handed back (not left for the next
+// sweep), a few times in a row at most; refusals for other reasons are not.
+TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
+  const std::string growing = dir / "growing.log";
+  const std::string endless = dir / "endless.log";
+  testkit::writeFile(growing, testkit::compressibleData(100000, 3));
+  testkit::writeFile(endless, testkit::compressibleData(100000, 4));
+  const std::string noise = dir / "noise";
+  testkit::writeFile(noise, testkit::randomData(100000, 5));
+  std::atomic<bool> growNextRead{true};
+  // The writer appends just before the engine reads: the file changes under it.
+  testkit::HookedEnv env([&](const char* op) {
+    if (std::string_view(op) != "pread") return;
+    std::string inHand = growNextRead.exchange(false) ? growing : "";
+    if (inHand.empty()) return;
+    const int fd = ::open(inHand.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    (void)!::write(fd, "more lines\n", 11);
+    ::close(fd);
+  });
+  KRCompressor busy(loop, &queue, env);
+  // The engine reads the source through the process's Env.
+  std::optional<ScopedSharedEnv> readsThrough(&env);
+  busy.setFolderWatchTest([](const std::string&) { return true; });
+  std::vector<std::string> handedBack;
+  busy.setRetryHandler([&](const std::string& path) {
+    handedBack.push_back(path);
+    busy.addFiles({path});
+  });
+  auto runBatch = [&] {
+    loop.runUntilIdle();  // the queue's tick is set from the addition on
+    advance(KRCompressor::kTickDelay);
+    finishBatches();
+  };
+
+  busy.addFiles({growing, noise});
+  runBatch();
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(growing)) << "refused while it grew";
+  advance(KRCompressor::kBusyRetryDelay - 0.1);
+  EXPECT_TRUE(handedBack.empty());
+  advance(0.2);
+  EXPECT_EQ(handedBack, std::vector<std::string>{growing}) << "the noise is not tried again";
+  runBatch();
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(growing));
+  EXPECT_EQ(testkit::readFile(growing), "") << "its data is in the compressed form now";
+
+  // A file that changes at every attempt is given up after a few.
+  handedBack.clear();
+  testkit::HookedEnv alwaysGrowing([&](const char* op) {
+    if (std::string_view(op) != "pread") return;
+    const int fd = ::open(endless.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    (void)!::write(fd, "more lines\n", 11);
+    ::close(fd);
+  });
+  KRCompressor writtenForever(loop, &queue, alwaysGrowing);
+  readsThrough.reset();
+  readsThrough.emplace(&alwaysGrowing);
+  writtenForever.setFolderWatchTest([](const std::string&) { return true; });
+  writtenForever.setRetryHandler([&](const std::string& path) {
+    handedBack.push_back(path);
+    writtenForever.addFiles({path});
+  });
+  writtenForever.addFiles({endless});
+  for (int attempt = 0; attempt <= KRCompressor::kMaxBusyRetries + 1; ++attempt) {
+    runBatch();
+    advance(KRCompressor::kBusyRetryDelay);
+  }
+  EXPECT_EQ(handedBack.size(), static_cast<size_t>(KRCompressor::kMaxBusyRetries));
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(endless));
+  readsThrough.reset();
 }
 
 }  // namespace

@@ -192,7 +192,8 @@ std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::startAnalyzerWithPath(const std:
     return nullptr;
   }
   std::shared_ptr<KRPathAnalyzer> analyzer(
-      new KRPathAnalyzer(normalized, watchedPathFor(normalized), recursive, delegate, eventID));
+      new KRPathAnalyzer(state().links.env ? *state().links.env : Env::system(), normalized,
+                         watchedPathFor(normalized), recursive, delegate, eventID));
   std::weak_ptr<KRPathAnalyzer> weak = analyzer;
   analyzer->compressed_observer_ = NotificationCenter::defaultCenter().addObserver(
       kFileCompressedNotification, state().links.compressor, [weak](const Notification& n) {
@@ -203,9 +204,10 @@ std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::startAnalyzerWithPath(const std:
   return analyzer;
 }
 
-KRPathAnalyzer::KRPathAnalyzer(std::string path, std::string watchedPath, bool recursive,
+KRPathAnalyzer::KRPathAnalyzer(Env& env, std::string path, std::string watchedPath, bool recursive,
                                KRPathAnalyzerDelegate* delegate, uint64_t eventID)
-    : path_(std::move(path)),
+    : env_(env),
+      path_(std::move(path)),
       watched_path_(std::move(watchedPath)),
       recursive_(recursive),
       event_id_(eventID),
@@ -371,7 +373,7 @@ void KRPathAnalyzer::analyzePath() {
   }
   // A folder must have been quiet for a while before it is walked.
   for (;;) {
-    const double t = KRUtil::timeIntervalSinceLastModificationOfPath(path_.c_str());
+    const double t = secondsSinceChangeOf(path_);
     if (t >= kFolderSettle) break;
     if (isCancelled()) return;
     if (t == -1.0) break;
@@ -379,25 +381,23 @@ void KRPathAnalyzer::analyzePath() {
   }
   walked_.store(true);
   KRLogInfo("Analysing %s%s", path_.c_str(), recursive_ ? " and its subfolders" : "");
+  // Through the Env, like the walk: beneath a view, the stored tree's volume.
   struct stat st;
-  if (lstat(watched_path_.c_str(), &st) == 0) {
+  if (env_.lstat(watched_path_, &st) == 0) {
     watched_device_ = st.st_dev;
     watched_device_known_ = true;
   }
-  const int r = checkFileNeedsToBeCompressed(path_.c_str());
-  if (r == 1) {
-    collect(path_);
-    return;
-  }
-  if (r != 0 || lstat(path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
+  if (env_.lstat(path_, &st) != 0) return;
+  // The walk visits a file argument itself; a folder is checked first.
+  if (S_ISDIR(st.st_mode) && checkDirectory({path_, AT_FDCWD, path_.c_str(), &st, true}) != 0) return;
   Walk walk(*this);
-  TreeWalker(WalkOptions{.recursive = true, .cross_volumes = true}, &cancelled_).walk(path_, walk);
+  TreeWalker(env_, WalkOptions{.recursive = true, .cross_volumes = true}, &cancelled_).walk(path_, walk);
 }
 
-int KRPathAnalyzer::checkFileNeedsToBeCompressed(const char* path) {
+double KRPathAnalyzer::secondsSinceChangeOf(const std::string& path) {
   struct stat st;
-  if (lstat(path, &st) != 0) return 0;
-  return checkEntry({path, AT_FDCWD, path, &st, true});
+  if (env_.lstat(path, &st) != 0) return -1.0;
+  return KRUtil::timeIntervalSinceTime(S_ISDIR(st.st_mode) ? st.st_mtime : st.st_ctime);
 }
 
 int KRPathAnalyzer::checkEntry(const WalkEntry& entry) {
@@ -424,7 +424,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
       const double t = KRUtil::timeIntervalSinceTime(st.st_ctim.tv_sec);
       if (t >= kFileSettle) break;
       Clock::shared().sleepFor(seconds(std::round(kFileSettle + 0.5 - std::max(t, 0.0))));
-      if (fstatat(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+      if (env_.fstatAt(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
     }
   }
   // Not a candidate whatever its attributes say; the shared test would look at
@@ -435,7 +435,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   Error error;
   // Type, size, flag and attributes, the marker, owner, links, execute bits
   // and writability: the command's test, so that the two never disagree.
-  if (checkCompressCandidate(entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
+  if (checkCompressCandidate(env_, entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
   if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(path)) {
     // Rewritten since we compressed it: not again too soon.
     const double age = signature->age();
@@ -477,11 +477,11 @@ bool KRPathAnalyzer::isHFSPlusVolume(dev_t device, const std::string& path) {
 }
 
 void KRPathAnalyzer::collect(const std::string& path) {
-  char resolved[PATH_MAX];
-  if (!realpath(path.c_str(), resolved)) return;  // gone or unreachable: skipped
+  std::optional<std::string> resolved = env_.realPath(path);
+  if (!resolved) return;  // gone or unreachable: skipped
   files_found_.fetch_add(1);
   std::lock_guard lock(files_mutex_);
-  files_to_compress_.emplace_back(resolved);
+  files_to_compress_.push_back(std::move(*resolved));
 }
 
 void KRPathAnalyzer::addFilesToCompress() {

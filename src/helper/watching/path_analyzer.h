@@ -27,6 +27,7 @@
 #include "base/operation_queue.h"
 #include "base/run_loop.h"
 #include "engine/tree_walker.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -61,6 +62,9 @@ struct KRPathAnalyzerLinks {
   std::function<void(Operation)> addAnalysisOperation;
   // Sender of "KRFileCompressedNotification" to listen to; null: any.
   const void* compressor = nullptr;
+  // Every file call of the analyses (the helper's reaches the files beneath
+  // its views); null: the system's.
+  Env* env = nullptr;
 };
 
 class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
@@ -100,10 +104,6 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   KRPathAnalyzer(const KRPathAnalyzer&) = delete;
   KRPathAnalyzer& operator=(const KRPathAnalyzer&) = delete;
 
-  // 0: not this file (a directory: descend), 1: compress it, 2: do not
-  // descend into this directory.
-  int checkFileNeedsToBeCompressed(const char* path);
-
   void cancel();
   bool isCancelled() const { return cancelled_.load(); }
 
@@ -123,14 +123,18 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
  private:
   class Walk;
 
-  KRPathAnalyzer(std::string path, std::string watchedPath, bool recursive, KRPathAnalyzerDelegate* delegate,
-                 uint64_t eventID);
+  KRPathAnalyzer(Env& env, std::string path, std::string watchedPath, bool recursive,
+                 KRPathAnalyzerDelegate* delegate, uint64_t eventID);
 
   static void registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer);
   static void unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer);
 
   void start();
   void analyzePath();
+  // Seconds since the folder (or file) last changed; -1 when it cannot be examined.
+  double secondsSinceChangeOf(const std::string& path);
+  // 0: not this file (a directory: descend), 1: compress it, 2: do not
+  // descend into this directory.
   int checkEntry(const WalkEntry& entry);
   int checkFile(const WalkEntry& entry);
   int checkDirectory(const WalkEntry& entry);
@@ -147,6 +151,7 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   void notifyDidFinishCompressing();
   bool isHFSPlusVolume(dev_t device, const std::string& path);
 
+  Env& env_;
   const std::string path_;
   const std::string watched_path_;
   const bool recursive_;

@@ -14,6 +14,7 @@
 
 #include "engine/extended_attributes_helper.h"
 #include "protocol/notification_names.h"
+#include "platform/path_mapping_env.h"
 #include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
@@ -226,6 +227,47 @@ TEST_F(PathAnalyzerTest, TheWalkPausesAtAThousandPendingFilesUntilAtMost799Remai
   runUntil([&] { return analyzer->analysisIsFinished(); });
   EXPECT_EQ(analyzer->remainingFilesToCompress(), 804u);
   EXPECT_EQ(analyzer->totalFilesToCompress(), 1005u);
+}
+
+// Beneath a view the folder's stored tree lies on another volume than the
+// folder users see: the analysis walks that tree whole, and names its files
+// by the shown paths.
+TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) {
+  AnalyzerTmpfs shown;  // stands for the view: another volume, nothing in it
+  ASSERT_TRUE(shown.mounted());
+  struct stat shownSt, storedSt;
+  ASSERT_EQ(stat(shown.path().c_str(), &shownSt), 0);
+  ASSERT_EQ(stat(root().c_str(), &storedSt), 0);
+  ASSERT_NE(shownSt.st_dev, storedSt.st_dev);
+  write(root() + "/top", 8000);
+  ASSERT_EQ(mkdir((root() + "/a").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((root() + "/a/b").c_str(), 0755), 0);
+  write(root() + "/a/middle", 8000);
+  write(root() + "/a/b/deep", 8000);
+  const int held = open(root().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(held, 0);
+  PathMap views;
+  views.replaceAll({{shown.path(), "/proc/self/fd/" + std::to_string(held)}});
+  PathMappingEnv beneath(Env::shared(), views);
+  // The engine's attribute reads use the process's Env, as in the helper.
+  ScopedSharedEnv processEnv(&beneath);
+  KRPathAnalyzerLinks links;
+  links.watchedPathForPath = [&](const std::string&) { return shown.path(); };
+  links.addFilesToCompress = [this](const std::vector<std::string>& files) {
+    std::lock_guard lock(mutex);
+    for (const std::string& f : files) queued.insert(f);
+    return files.size();
+  };
+  links.env = &beneath;
+  KRPathAnalyzer::setLinks(links);
+
+  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(shown.path(), true);
+  runUntil([&] { return analyzer->analysisIsFinished(); });
+  EXPECT_EQ(queuedFiles(), (std::set<std::string>{shown.path() + "/top", shown.path() + "/a/middle",
+                                                  shown.path() + "/a/b/deep"}));
+  processQueued();
+  runUntilNoAnalyzers();
+  close(held);
 }
 
 }  // namespace

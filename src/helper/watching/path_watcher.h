@@ -3,6 +3,7 @@
 // list; the compressor asks it before it touches each queued file.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "helper/watching/path_watcher_events.h"
@@ -60,6 +61,7 @@ class KRPathWatcher {
   std::optional<std::vector<std::string>> watchPaths_;
   bool haveNewPaths_ = false;
   std::unique_ptr<KRPathWatcherEvents> events_;
+  std::atomic<Env*> env_{nullptr};  // the events' (startEvents); null: the system's
 };
 
 }  // namespace zephlore

@@ -64,6 +64,7 @@ void KRPathWatcherEvents::startWatchingFromEvent(uint64_t since) {
   options.since = since;
   options.latency = seconds(options_.latency);
   options.backend = options_.backend;
+  options.map = options_.map;
   stream_ = std::make_unique<FileEventStream>(loop_, *journal_, options,
                                               [this](const std::vector<FileEvent>& events) { streamCallback(events); });
   if (!stream_->start()) {
@@ -129,7 +130,8 @@ void KRPathWatcherEvents::analyzePathUnlessAnalysisStartedAfterEventId(const std
     return;
   }
   struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;  // gone: the running analysis sees it
+  // The stored file's device beneath a view, as the journal records it.
+  if (env().lstat(path, &st) != 0) return;  // gone: the running analysis sees it
   for (const auto& analyzer : analyzers) {
     uint64_t began = analyzer->eventID();
     if (began == 0) {
@@ -228,10 +230,28 @@ void KRPathWatcherEvents::willUnmountNotification(const Notification&) {
   loop_.performAfterDelay(this, "startWatching", seconds(kRestartAfterUnmount), [this] { startWatching(); });
 }
 
+bool KRPathWatcherEvents::mountConcernsWatchedFolders(const std::string& mountPoint) {
+  if (options_.map) {
+    for (const auto& [shown, beneath] : options_.map->entries()) view_mount_points_.insert(shown);
+  }
+  if (view_mount_points_.count(mountPoint) != 0) return false;
+  auto holds = [](const std::string& outer, const std::string& inner) {
+    return outer == "/" || inner == outer || (inner.compare(0, outer.size(), outer) == 0 && inner[outer.size()] == '/');
+  };
+  for (const std::string& folder : watchPaths()) {
+    if (holds(folder, mountPoint) || holds(mountPoint, folder)) return true;
+  }
+  return false;
+}
+
 void KRPathWatcherEvents::didMountOrUnmountNotification(const Notification& notification) {
-  loop_.cancelPerform(this, "startWatching");
-  restartStream();
   const std::string* device = userInfoString(notification.userInfo, kDevicePathKey);
+  // A restart replays with a walk of every folder: an unrelated mount (a USB
+  // stick, a view) must not cost that.
+  if (!device || mountConcernsWatchedFolders(*device)) {
+    loop_.cancelPerform(this, "startWatching");
+    restartStream();
+  }
   if (device && history_.mountStatusDidChangeForPath) history_.mountStatusDidChangeForPath(*device);
 }
 

@@ -19,6 +19,7 @@
 #include "base/run_loop.h"
 #include "helper/watching/path_analyzer.h"
 #include "platform/event_journal.h"
+#include "platform/path_map.h"
 #include "platform/file_event_stream.h"
 #include "platform/mount_watcher.h"
 
@@ -60,9 +61,16 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     DirectoryWatcher::Kind backend = DirectoryWatcher::Kind::kAny;
     double latency = kLatency;
     bool watch_mounts = true;
+    // The file calls on watched paths (the helper's reaches the files
+    // beneath its views); null: the system's.
+    Env* env = nullptr;
+    // The same paths' directories for the event stream (the views'); null:
+    // at their own paths.
+    const PathMap* map = nullptr;
   };
 
   KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history, Options options);
+  Env& env() const { return options_.env ? *options_.env : Env::system(); }
   ~KRPathWatcherEvents() override;
   KRPathWatcherEvents(const KRPathWatcherEvents&) = delete;
   KRPathWatcherEvents& operator=(const KRPathWatcherEvents&) = delete;
@@ -97,6 +105,10 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   // now, restart in 30 s) is never taken; it is kept for a source that does.
   void willUnmountNotification(const Notification& notification);
   void didMountOrUnmountNotification(const Notification& notification);
+  // Whether a mount or unmount at `mountPoint` can change what the watched
+  // folders hold: at, over or inside one of them, and not one of the views
+  // over them (which show the same files).
+  bool mountConcernsWatchedFolders(const std::string& mountPoint);
 
   EventJournal& journal() { return *journal_; }
   FileEventStream* stream() { return stream_.get(); }
@@ -118,6 +130,8 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   std::unique_ptr<EventJournal> journal_;
   std::unique_ptr<FileEventStream> stream_;
   std::unique_ptr<MountWatcher> mounts_;
+  // Mount points of views seen in the map, kept after the view went.
+  std::set<std::string> view_mount_points_;
   std::vector<uint64_t> pending_events_;
   uint64_t last_event_received_;
   bool paused_ = false;

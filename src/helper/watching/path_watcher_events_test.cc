@@ -87,6 +87,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     KRPathWatcherEvents::Options options;
     options.journal_path = home.dataFolder() + "/events.journal";
     options.watch_mounts = false;
+    options.map = &views;
     events = std::make_unique<KRPathWatcherEvents>(folders, history, options);
   }
 
@@ -121,6 +122,7 @@ class PathWatcherEventsTest : public ::testing::Test {
   int aliases_resolved = 0;
   int sweep_checks = 0;  // one per folder at each successful start
   std::vector<std::string> mount_changes;
+  PathMap views;  // empty but in one test
   std::unique_ptr<KRPathWatcherEvents> events;
 };
 
@@ -206,7 +208,7 @@ TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsI
   EXPECT_EQ(set_watch_paths, 1);
 }
 
-TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsRestartTheStreamEvenWhenPaused) {
+TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsAtOrAroundTheFoldersRestartTheStreamEvenWhenPaused) {
   makeEvents({folder()});
   sweep_dates[folder()] = clock->wallNow();
   events->startWatching();
@@ -226,10 +228,26 @@ TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsRestartTheStreamEvenWhenPau
   events->rewatch();
   EXPECT_TRUE(events->isWatching()) << "rewatch does not look at paused";
 
+  // A mount elsewhere (a USB stick, a view over the folder) costs no
+  // restart, whose replay would walk every folder again.
+  const int checks = sweep_checks;
   events->setPaused(true);
+  views.replaceAll({{folder(), "/proc/1/fd/3"}});
   NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, "/media/disk"}});
+  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "-other"}});
+  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder()}});
+  views.clear();  // the view went
+  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, folder()}});
+  EXPECT_FALSE(events->isWatching());
+  EXPECT_EQ(sweep_checks, checks);
+  // One inside the folder, or over it, restarts it (even when paused).
+  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "/usb"}});
   EXPECT_TRUE(events->isWatching());
-  EXPECT_EQ(mount_changes, (std::vector<std::string>{"/media/disk"}));
+  events->setPaused(true);
+  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, dir.path()}});
+  EXPECT_TRUE(events->isWatching());
+  EXPECT_EQ(mount_changes, (std::vector<std::string>{"/media/disk", folder() + "-other", folder(), folder(), folder() + "/usb",
+                                                   dir.path()}));
 }
 
 class ThrottleTest : public PathWatcherEventsTest {

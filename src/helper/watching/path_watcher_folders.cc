@@ -73,6 +73,7 @@ KRPathWatcherEvents& KRPathWatcher::startEvents(KRWatcherHistoryLinks history, K
   folders.watchedPathForPath = [this](const std::string& path) { return watchedPathForPath(path); };
   folders.haveNewPaths = [this] { return haveNewPaths(); };
   folders.clearHaveNewPaths = [this] { setHaveNewPaths(false); };
+  env_.store(options.env);
   events_ = std::make_unique<KRPathWatcherEvents>(std::move(folders), std::move(history), std::move(options));
   return *events_;
 }
@@ -102,7 +103,8 @@ std::string KRPathWatcher::watchedPathForPath(const std::string& path) const {
   if (std::find(watchPaths_->begin(), watchPaths_->end(), path) != watchPaths_->end()) return path;
   std::string probe = path;
   struct stat st;
-  if (stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) probe = parentDirectory(path);
+  Env* env = env_.load();
+  if ((env ? *env : Env::system()).stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) probe = parentDirectory(path);
   std::string best;
   for (const std::string& folder : *watchPaths_) {
     if (folder.size() > best.size() && probe.compare(0, folder.size(), folder) == 0) best = folder;
