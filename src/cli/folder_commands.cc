@@ -15,6 +15,7 @@
 
 #include "base/run_loop.h"
 #include "base/util.h"
+#include "cli/beneath_views.h"
 #include "cli/commands.h"
 #include "cli/helper_contact.h"
 #include "helper/distributed_notification_center.h"
@@ -51,6 +52,10 @@ std::optional<std::string> folderArgument(const std::string& argument) {
 }
 
 void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& arguments) {
+  if (reportDeadViews(arguments, adding ? "add" : "remove")) {
+    *exit_code = 1;
+    return;
+  }
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
     std::optional<std::string> folder = folderArgument(argument);

@@ -60,15 +60,16 @@ class MountedView {
   }
   ~MountedView() {
     if (!stopped_) {
-      runZephlore({"unmount", "-z", mountPoint_});
+      runZephlore({"unmount", "--force", "-z", mountPoint_});
       child_->finish();
     }
   }
   bool ready() const { return ready_; }
   Child& child() { return *child_; }
-  // The status of the view process after a clean unmount.
+  // The status of the view process after a clean unmount (compressed
+  // files stay compressed beneath).
   int unmount() {
-    auto r = runZephlore({"unmount", mountPoint_});
+    auto r = runZephlore({"unmount", "--force", mountPoint_});
     EXPECT_EQ(r.status, 0) << r.err;
     stopped_ = true;
     return child_->finish();
@@ -392,13 +393,97 @@ TEST_F(MountCommands, OverAFolderItsOwnPathsReadFullAndEverythingPassesThrough) 
   EXPECT_EQ(readFile(source_ + "/bad\377name"), "z");
 }
 
+// Without its view a folder's compressed files read as empty, and an edit
+// would write an empty file over one: unmounting such a folder is refused
+// until its files are expanded, or forced.
+TEST_F(MountCommands, UnmountOfAFolderWithCompressedFilesIsRefusedUnlessExpandedOrForced) {
+  const std::string text = compressibleData(120000, 51);
+  mkdir((source_ + "/sub").c_str(), 0755);
+  for (const char* name : {"a", "sub/b"}) writeFile(source_ + "/" + name, text);
+  compress(source_);
+  writeFile(source_ + "/note", "plain");
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
+  } unmounter{source_};
+  ASSERT_EQ(runZephlore({"mount", "--over", source_}).status, 0);
+  const std::string beneath = view::pathBeneathViews(source_);
+  ASSERT_NE(beneath, source_);
+
+  auto r = runZephlore({"unmount", source_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("holds 2 compressed files"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("zephlore unmount --expand " + source_), std::string::npos) << r.err;
+  EXPECT_TRUE(readFile(source_ + "/sub/b") == text);  // still shown whole
+  EXPECT_TRUE(hasAttribute(beneath + "/a", "user.com.apple.decmpfs"));
+
+  r = runZephlore({"unmount", "--expand", source_});
+  EXPECT_EQ(r.status, 0) << r.err << r.out;
+  EXPECT_EQ(view::pathBeneathViews(source_), source_);  // no view any more
+  for (const char* name : {"a", "sub/b"}) {
+    EXPECT_TRUE(readFile(source_ + "/" + name) == text) << name;
+    EXPECT_FALSE(hasAttribute(source_ + "/" + name, "user.com.apple.decmpfs")) << name;
+  }
+  EXPECT_EQ(readFile(source_ + "/note"), "plain");
+
+  compress(source_);
+  ASSERT_EQ(runZephlore({"mount", "--over", source_}).status, 0);
+  r = runZephlore({"unmount", "--force", source_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(view::pathBeneathViews(source_), source_);
+  EXPECT_TRUE(hasAttribute(source_ + "/a", "user.com.apple.decmpfs"));
+  EXPECT_TRUE(runZephlore({"cat", source_ + "/a"}).out == text);
+}
+
+// A view over a folder killed hard: every command that touches the folder
+// names the one command that puts it back, unmount will not detach it
+// blindly, and that command brings back the full content.
+TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
+  const std::string text = compressibleData(120000, 52);
+  writeFile(source_ + "/doc", text);
+  compress(source_);
+  MountedView view({"--over", source_}, source_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  // A program that keeps a file open in the view when it dies.
+  const int held = open((source_ + "/doc").c_str(), O_RDONLY);
+  ASSERT_GE(held, 0);
+  view.killHard();
+  const std::string advice = "put it back with: zephlore mount --over " + source_;
+  for (std::vector<std::string> command : std::vector<std::vector<std::string>>{
+           {"info", source_ + "/doc"}, {"compress", "-r", source_}, {"decompress", source_ + "/doc"},
+           {"cat", source_ + "/doc"}, {"repair", source_}}) {
+    auto r = runZephlore(command);
+    EXPECT_EQ(r.status, 1) << command[0];
+    EXPECT_NE(r.err.find(advice), std::string::npos) << command[0] << ": " << r.err;
+  }
+  auto r = runZephlore({"unmount", source_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("zephlore mount --over " + source_), std::string::npos) << r.err;
+  errno = 0;
+  EXPECT_LT(open((source_ + "/doc").c_str(), O_RDONLY), 0);
+  EXPECT_EQ(errno, ENOTCONN);  // still the stopped view, not the stored files
+
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
+  } unmounter{source_};
+  r = runZephlore({"mount", "--over", source_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  close(held);
+  EXPECT_TRUE(readFile(source_ + "/doc") == text);
+  struct stat st;
+  ASSERT_EQ(stat((source_ + "/doc").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, static_cast<off_t>(text.size()));
+  EXPECT_TRUE(hasAttribute(view::pathBeneathViews(source_) + "/doc", "user.com.apple.decmpfs"));
+}
+
 TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
   writeFile(source_ + "/a", compressibleData(90000));
   compress(source_);
   // The view runs on in the background: taken down lazily whatever happens.
   struct Unmounter {
     std::string at;
-    ~Unmounter() { runZephlore({"unmount", "-z", at}); }
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
   } unmounter{mountPoint_};
   auto r = runZephlore({"mount", source_, mountPoint_});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -473,7 +558,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   view::ViewMounter mounter(testkit::zephloreBinary());
   struct Unmounter {
     std::string at;
-    ~Unmounter() { runZephlore({"unmount", "-z", at}); }
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
   } unmounter{source_};
   Error error;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;

@@ -15,6 +15,7 @@
 #include "desktop/helper_status_names.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/notification_names.h"
+#include "view/mount_table.h"
 
 namespace zephlore::cli {
 namespace {
@@ -101,6 +102,10 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
       std::cout << "Views:\n";
       for (const std::string& line : live->views) std::cout << "  " << line << "\n";
     }
+  }
+  for (const view::ViewMountEntry& mounted : view::viewMounts()) {
+    std::optional<view::ViewMountEntry> dead = view::deadViewCovering(mounted.mountPoint);
+    if (dead && dead->mountPoint == mounted.mountPoint) std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
   }
   if (!folders) {
     std::cout << "Watched folders: unknown (" << folders_problem << ")\n";
