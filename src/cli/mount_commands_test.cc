@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -23,6 +25,7 @@
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
+#include "view/mount_table.h"
 #include "view/underlying_tree.h"
 #include "view/view_mounter.h"
 
@@ -475,6 +478,24 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
   ASSERT_EQ(stat((source_ + "/doc").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, static_cast<off_t>(text.size()));
   EXPECT_TRUE(hasAttribute(view::pathBeneathViews(source_) + "/doc", "user.com.apple.decmpfs"));
+
+  // Stopped again, unmount --expand puts it back, expands and unmounts.
+  std::optional<view::ViewCover> cover = view::viewCovering(source_);
+  ASSERT_TRUE(cover);
+  const pid_t pid = std::stoi(cover->beneath.substr(strlen("/proc/")));
+  // Not our child: its end is awaited through a pidfd, for 10 s at most.
+  const int exited = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  ASSERT_GE(exited, 0);
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  pollfd ended{exited, POLLIN, 0};
+  EXPECT_EQ(poll(&ended, 1, 10000), 1);
+  close(exited);
+  ASSERT_TRUE(view::isDeadView(source_ + "/doc"));
+  r = runZephlore({"unmount", "--expand", source_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(view::isDeadView(source_));
+  EXPECT_TRUE(readFile(source_ + "/doc") == text);
+  EXPECT_FALSE(hasAttribute(source_ + "/doc", "user.com.apple.decmpfs"));
 }
 
 TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
