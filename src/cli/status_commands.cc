@@ -105,7 +105,9 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
   }
   for (const view::ViewMountEntry& mounted : view::viewMounts()) {
     std::optional<view::ViewMountEntry> dead = view::deadViewCovering(mounted.mountPoint);
-    if (dead && dead->mountPoint == mounted.mountPoint) std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
+    if (dead && dead->mountPoint == mounted.mountPoint) {
+      std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
+    }
   }
   if (!folders) {
     std::cout << "Watched folders: unknown (" << folders_problem << ")\n";
