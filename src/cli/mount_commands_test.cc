@@ -343,7 +343,7 @@ TEST_F(MountCommands, AReaderRacingATruncatingWriterNeverSeesZeros) {
   EXPECT_GT(bytesRead, 0u);
   EXPECT_TRUE(readFile(mountPoint_ + "/plain") == last[0]);
   EXPECT_TRUE(readFile(mountPoint_ + "/packed") == last[1]);
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view.unmount(), 0) << view.child().err();
 }
 
 TEST_F(MountCommands, KilledViewAnswersENOTCONNUntilUnmountedOrRestarted) {

@@ -337,10 +337,24 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
       }
     }
   } else {
-    buf.size = size;
-    buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-    buf.fd = file.fd;
-    buf.pos = offset;
+    // A plain file's bytes go by reference too, taken before the call ends.
+    size_t got = 0;
+    const int fd = fs().splicing() ? pipeFromFile(file.fd, offset, size, &got) : -1;
+    if (fd >= 0) {
+      buf.flags = FUSE_BUF_IS_FD;
+      buf.fd = fd;
+      buf.size = got;
+    } else {
+      buf.mem = std::malloc(size > 0 ? size : 1);
+      const ssize_t n = buf.mem ? pread(file.fd, buf.mem, size, offset) : -1;
+      if (n < 0) {
+        const int error = buf.mem ? errno : ENOMEM;
+        std::free(buf.mem);
+        std::free(vec);
+        return -error;
+      }
+      buf.size = static_cast<size_t>(n);
+    }
   }
   *bufp = vec;
   return 0;
