@@ -45,7 +45,6 @@ int runMount(const MountOptions& options) {
   return view::runView(view);
 }
 
-
 struct UnmountOptions {
   std::string mountPoint;
   bool lazy = false;
@@ -66,17 +65,17 @@ int unmountNow(const std::string& mountPoint, bool lazy) {
 
 std::string filesCount(size_t n) { return std::to_string(n) + (n == 1 ? " compressed file" : " compressed files"); }
 
-// Expands the compressed files stored beneath the live view on `folder`,
-// as zephlore decompress -r does; how many are left.
-size_t expandBeneath(const std::string& folder) {
+// Expands the compressed files stored in `beneath`, as zephlore
+// decompress -r does; how many are left.
+size_t expandBeneath(const std::string& beneath) {
   RunOptions run;
   run.op = Operation::kDecompress;
   run.recursive = true;
   run.progress = isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
   ConversionSafety safety;
   std::unique_ptr<FileAction> action = makeDecompressAction(&safety);
-  runFiles({view::pathBeneathViews(folder)}, run, *action);
-  return view::compressedFilesIn(view::pathBeneathViews(folder)).count;
+  runFiles({beneath}, run, *action);
+  return view::compressedFilesIn(beneath).count;
 }
 
 int runUnmount(const UnmountOptions& options) {
@@ -93,25 +92,33 @@ int runUnmount(const UnmountOptions& options) {
 
   if (dead) {
     if (!options.expand) {
-      return unmountFailed(
-          "the view on " + folder + " has stopped (its process is gone). Detaching it shows the files stored in " +
-          folder + ", where programs read every compressed file as empty and an edit can destroy one; they "
-          "cannot be counted while the stopped view hides them. Put the view back with: zephlore mount --over " +
-          folder + " (zephlore unmount --expand " + folder + " puts it back, expands the files and unmounts; "
-          "--force detaches it anyway)");
+      unmountFailed("the view on " + folder + " has stopped (its process is gone). Detaching it shows the files "
+                    "stored in " + folder + ", where programs read every compressed file as empty and an edit "
+                    "can destroy one; they cannot be counted while the stopped view hides them");
+      return unmountFailed("put the view back with: zephlore mount --over " + folder + " (zephlore unmount --expand " +
+                           folder + " puts it back, expands the files and unmounts; --force detaches it anyway)");
     }
     Error error;
     if (!view::ViewMounter().mountOver(folder, &error)) return unmountFailed(error.message);
   }
-  size_t left = view::compressedFilesIn(view::pathBeneathViews(folder)).count;
-  if (left > 0 && !options.expand) {
-    return unmountFailed(
-        folder + " holds " + filesCount(left) + ": without the view, programs read " + (left == 1 ? "it" : "them") +
-        " as empty, and saving one from a program writes an empty file over it. Expand them first: zephlore "
-        "unmount --expand " + folder + " (or zephlore decompress -r " + folder + ", then zephlore unmount " + folder +
-        "); --force unmounts anyway");
+  // The stored files are reached through the view's own descriptor.
+  const std::optional<view::ViewCover> cover = view::viewCovering(folder);
+  if (!cover || cover->mountPoint != folder) {
+    return unmountFailed("the files stored beneath the view on " + folder +
+                         " cannot be reached to count its compressed files (its process is not one of yours); "
+                         "--force unmounts anyway");
   }
-  if (left > 0) left = expandBeneath(folder);
+  const std::string beneath = cover->beneath + "/.";
+  size_t left = view::compressedFilesIn(beneath).count;
+  if (left > 0 && !options.expand) {
+    unmountFailed(folder + " holds " + filesCount(left) + ": without the view, programs read " +
+                  (left == 1 ? "it" : "them") + " as empty, and saving one from a program writes an empty file "
+                  "over it");
+    return unmountFailed("to end the view, expand them first: zephlore unmount --expand " + folder +
+                         " (or zephlore decompress -r " + folder + ", then zephlore unmount " + folder +
+                         "); --force unmounts anyway");
+  }
+  if (left > 0) left = expandBeneath(beneath);
   if (left > 0) {
     return unmountFailed(filesCount(left) + " in " + folder + " could not be expanded; the view stays");
   }
