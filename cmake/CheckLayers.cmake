@@ -7,8 +7,10 @@ set(layers base protocol platform engine view helper helper/history helper/pipel
     desktop cli/files cli/control cli)
 # Siblings in that order that must not use each other either (a layer stands
 # for its subfolders too): the view and the helper both build on the engine;
-# the command's file tools need neither the helper nor its control surface.
-set(apart "view|helper" "cli/files|helper" "cli/files|desktop" "cli/files|cli/control")
+# the command's file tools need neither the helper nor the desktop (its
+# control surface, above them, may use them: what stops a dead view's
+# advice is the same for add as for compress).
+set(apart "view|helper" "cli/files|helper" "cli/files|desktop")
 
 # Whether `layer` is `top` or one of its subfolders.
 function(within layer top out)

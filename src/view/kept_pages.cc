@@ -12,6 +12,8 @@ constexpr size_t kMostPaths = 1 << 16;
 }  // namespace
 
 struct KeptPages::Shown {
+  std::string path;
+  bool gone = false;  // its name was removed or taken through the view
   FileVersion version;
   bool fixed = false;
   // The kernel's pages are known to be of `version` alone: false while a
@@ -31,6 +33,7 @@ KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& 
       }
     }
     found = shown_.emplace(path, std::make_shared<Shown>()).first;
+    found->second->path = path;
   }
   Shown& shown = *found->second;
   *keep = fixed && shown.fixed && shown.clean && shown.version == version;
@@ -48,10 +51,20 @@ void KeptPages::closed(const Ticket& ticket) {
   --ticket->opens;
 }
 
+std::optional<std::string> KeptPages::pathOf(const Ticket& ticket) {
+  std::lock_guard lock(mutex_);
+  if (ticket->gone) return std::nullopt;
+  return ticket->path;
+}
+
 void KeptPages::dropUnder(const std::string& path) {
-  shown_.erase(path);
+  if (auto it = shown_.find(path); it != shown_.end()) {
+    it->second->gone = true;
+    shown_.erase(it);
+  }
   const std::string folder = path + "/";
   for (auto it = shown_.lower_bound(folder); it != shown_.end() && it->first.starts_with(folder);) {
+    it->second->gone = true;
     it = shown_.erase(it);
   }
 }
@@ -74,7 +87,10 @@ void KeptPages::renamed(const std::string& from, const std::string& to) {
     it = shown_.erase(it);
   }
   dropUnder(to);
-  for (auto& [path, ticket] : moved) shown_[path] = std::move(ticket);
+  for (auto& [path, ticket] : moved) {
+    ticket->path = path;
+    shown_[path] = std::move(ticket);
+  }
 }
 
 }  // namespace zephlore::view

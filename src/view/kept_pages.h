@@ -10,7 +10,8 @@
 // The kernel keeps pages per file of the view, that is per path (moved by
 // renames through the view). They are trusted only when every file opened at
 // that path since the kernel last dropped them was this same version.
-// Thread-safe.
+// For the same reason an open file follows its path (pathOf()) when the
+// file beneath is swapped under that name. Thread-safe.
 #pragma once
 
 #include <sys/stat.h>
@@ -20,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "view/file_version.h"
@@ -37,6 +39,9 @@ class KeptPages {
   // closed() when the file is released.
   Ticket opened(const std::string& path, const FileVersion& version, bool fixed, bool* keep);
   void closed(const Ticket& ticket);
+  // Where the file opened with `ticket` is now shown; none once its name
+  // was removed, or taken by another file, through the view.
+  std::optional<std::string> pathOf(const Ticket& ticket);
 
   // A name removed, or moved, through the view (a folder with everything in it).
   void removed(const std::string& path);

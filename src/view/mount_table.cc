@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -61,10 +63,52 @@ bool isViewMounted(const std::string& mountPoint) {
   return false;
 }
 
-bool isViewDisconnected(const std::string& mountPoint) {
-  struct stat st;
-  return stat(mountPoint.c_str(), &st) != 0 && errno == ENOTCONN && isViewMounted(mountPoint);
+namespace {
+
+// Asked of the view's process every time: the kernel answers stat() from
+// its cache for a second after the process is gone.
+bool answersNotConnected(const std::string& mountPoint) {
+  struct statfs st;
+  return statfs(mountPoint.c_str(), &st) != 0 && errno == ENOTCONN;
 }
+
+}  // namespace
+
+bool isViewDisconnected(const std::string& mountPoint) {
+  return answersNotConnected(mountPoint) && isViewMounted(mountPoint);
+}
+
+bool isWithinFolder(const std::string& path, const std::string& folder) {
+  if (folder == "/") return true;
+  return path.compare(0, folder.size(), folder) == 0 && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+std::optional<ViewMountEntry> deadViewCovering(const std::string& path) {
+  const std::string absolute = absolutePath(path);
+  std::optional<ViewMountEntry> innermost;
+  for (ViewMountEntry& view : viewMounts()) {
+    // Later entries are mounted on top of earlier ones.
+    if (isWithinFolder(absolute, view.mountPoint) &&
+        (!innermost || view.mountPoint.size() >= innermost->mountPoint.size())) {
+      innermost = std::move(view);
+    }
+  }
+  if (!innermost || !answersNotConnected(innermost->mountPoint)) return std::nullopt;
+  return innermost;
+}
+
+std::string remountCommand(const ViewMountEntry& view) {
+  return isOverView(view) ? "zephlore mount --over " + view.mountPoint
+                          : "zephlore mount " + view.source + " " + view.mountPoint;
+}
+
+std::string deadViewAdvice(const ViewMountEntry& view) {
+  return "the view on " + view.mountPoint +
+         " has stopped (its process is gone: \"Transport endpoint is not connected\"); put it back with: " +
+         remountCommand(view);
+}
+
+bool detachDeadView(const std::string& mountPoint, Error* error) { return unmountView(mountPoint, true, error); }
 
 bool unmountView(const std::string& mountPoint, bool lazy, Error* error) {
   if (!isViewMounted(mountPoint)) {

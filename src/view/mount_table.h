@@ -2,6 +2,7 @@
 // works for an unprivileged user and for a view whose process is gone).
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,28 @@ std::vector<ViewMountEntry> viewMounts();
 bool isViewMounted(const std::string& mountPoint);
 // Whether the view there has lost its process (ENOTCONN).
 bool isViewDisconnected(const std::string& mountPoint);
+
+// Whether `path` is `folder` or lies under it (both absolute).
+bool isWithinFolder(const std::string& path, const std::string& folder);
+
+// Whether the view on `view.mountPoint` shows its own folder (mount --over):
+// once it is gone, programs read that folder's stored files.
+inline bool isOverView(const ViewMountEntry& view) { return view.source == view.mountPoint; }
+
+// The view of ours that holds `path` (its mount point or anything under it)
+// when its process is gone, so that programs there get ENOTCONN; none
+// otherwise. For the helper as for every command that touches a folder.
+std::optional<ViewMountEntry> deadViewCovering(const std::string& path);
+inline bool isDeadView(const std::string& path) { return deadViewCovering(path).has_value(); }
+// The one command that puts the dead `view` back.
+std::string remountCommand(const ViewMountEntry& view);
+// A line for commands that meet the dead `view`: what happened and that command.
+std::string deadViewAdvice(const ViewMountEntry& view);
+
+// Detaches a view whose process is gone, lazily (programs may still hold
+// files open in it): its mount point shows the stored files again at once,
+// ready for a view mounted anew.
+bool detachDeadView(const std::string& mountPoint, Error* error);
 
 // Unmounts the view on `mountPoint`; `lazy` detaches it even while files in
 // it are open. Fails (and changes nothing) when no view is mounted there.

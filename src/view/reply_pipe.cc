@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 
@@ -76,6 +77,27 @@ int pipeHolding(const std::vector<CompressedContent::Piece>& pieces, size_t tota
     p.readEnd.reset();  // the next call makes a new pipe
     return -1;
   }
+  return p.readEnd.get();
+}
+
+int pipeFromFile(int fd, off_t offset, size_t size, size_t* got) {
+  ThreadPipe& p = threadPipe;
+  // An offset within a page may take one buffer more.
+  if (!p.ready() || size + kPage > p.pages * kPage) return -1;
+  p.held.clear();
+  size_t done = 0;
+  loff_t at = offset;
+  while (done < size) {
+    const ssize_t n = splice(fd, &at, p.writeEnd.get(), nullptr, size - done, SPLICE_F_NONBLOCK);
+    if (n == 0) break;  // the end of the file
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      p.readEnd.reset();  // the next call makes a new pipe
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  *got = done;
   return p.readEnd.get();
 }
 

@@ -7,6 +7,8 @@
 // kernel has copied them; they never change while held.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <vector>
 
@@ -17,5 +19,13 @@ namespace zephlore::view {
 // The read end of this thread's pipe, holding exactly the pieces' `total`
 // bytes; -1 when they cannot go this way (the caller copies them then).
 int pipeHolding(const std::vector<CompressedContent::Piece>& pieces, size_t total);
+
+// The read end of this thread's pipe, holding the `size` bytes of `fd` from
+// `offset` (fewer only at the end of the file) by reference (splice), with
+// the count in *got; -1 when they cannot go this way. A plain file's reply
+// is thus taken while the call holds the file: handed the file itself,
+// libfuse would read it after the call, and a release on another thread
+// could close it meanwhile as far as thread checkers can tell.
+int pipeFromFile(int fd, off_t offset, size_t size, size_t* got);
 
 }  // namespace zephlore::view

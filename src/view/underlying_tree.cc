@@ -13,12 +13,6 @@
 namespace zephlore::view {
 namespace {
 
-bool isWithin(const std::string& path, const std::string& mountPoint) {
-  if (mountPoint == "/") return true;
-  return path.compare(0, mountPoint.size(), mountPoint) == 0 &&
-         (path.size() == mountPoint.size() || path[mountPoint.size()] == '/');
-}
-
 std::string linkText(const std::string& link) {
   std::vector<char> buf(4096);
   ssize_t n = readlink(link.c_str(), buf.data(), buf.size());
@@ -70,7 +64,7 @@ std::optional<ViewCover> viewCovering(const std::string& path) {
   std::string bestPoint, bestSource;
   for (const ViewMountEntry& view : viewMounts()) {
     // Later entries are mounted on top of earlier ones.
-    if (isWithin(absolute, view.mountPoint) && view.mountPoint.size() >= bestPoint.size()) {
+    if (isWithinFolder(absolute, view.mountPoint) && view.mountPoint.size() >= bestPoint.size()) {
       bestPoint = view.mountPoint;
       bestSource = view.source;
     }

@@ -30,16 +30,42 @@
 namespace zephlore::view {
 namespace {
 
-// What an open file of the view holds: the file beneath, and for a
+// What an open file of the view serves: the file beneath, and for a
 // compressed file opened for reading, the means to inflate it.
-struct OpenFile {
-  UniqueFd fd;
+struct Served {
+  int fd = -1;
   std::shared_ptr<CompressedContent> compressed;
+};
+
+struct OpenFile {
   KeptPages::Ticket shown;  // for regular files
   // Calls on the file hold it shared; release takes it alone before the
   // delete. The kernel already sends the release after the last call has
   // answered, but through /dev/fuse, where thread checkers cannot see it.
   std::shared_mutex inUse;
+
+  Served served(ViewFileSystem& view);
+  // Set once at the open.
+  void serve(UniqueFd file, std::shared_ptr<CompressedContent> content, bool readOnly) {
+    fd = std::move(file);
+    compressed = std::move(content);
+    follows = readOnly;
+  }
+
+ private:
+  bool swappedOut() const;
+  void follow(ViewFileSystem& view);
+
+  std::mutex mutex;  // guards what is served
+  UniqueFd fd;
+  std::shared_ptr<CompressedContent> compressed;
+  // A file swapped beneath the view under the same name (expanded before a
+  // write, or compressed) stays one file to the kernel, with one size and
+  // one page cache: an open file that only reads follows its name, so that
+  // it never puts another file's bytes, or a short read the kernel fills
+  // with zeros, among the pages of the file now there.
+  bool follows = false;
+  std::vector<UniqueFd> replaced;  // a reply may still splice from one
 };
 
 // An open file for the length of one call.
@@ -62,6 +88,8 @@ ViewFileSystem& fs() { return *static_cast<ViewFileSystem*>(fuse_get_context()->
 const char* rel(const char* path) { return path[1] != '\0' ? path + 1 : "."; }
 
 UsedFile openFile(const fuse_file_info* fi) { return UsedFile(reinterpret_cast<OpenFile*>(fi->fh)); }
+// What an open file serves now (see OpenFile::follows).
+Served served(const fuse_file_info* fi) { return openFile(fi)->served(fs()); }
 OpenDirectory& openDirectory(const fuse_file_info* fi) { return *reinterpret_cast<OpenDirectory*>(fi->fh); }
 
 int result(int r) { return r < 0 ? -errno : r; }
@@ -82,6 +110,38 @@ std::optional<uint64_t> compressedSizeOf(const FileRef& file) {
 }
 
 bool isCandidate(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_size == 0; }
+
+Served OpenFile::served(ViewFileSystem& view) {
+  std::lock_guard lock(mutex);
+  if (follows && swappedOut()) follow(view);
+  return Served{fd.get(), compressed};
+}
+
+// A swap beneath the view unlinks the file it replaces.
+bool OpenFile::swappedOut() const {
+  struct stat st;
+  return fstat(fd.get(), &st) == 0 && st.st_nlink == 0;
+}
+
+void OpenFile::follow(ViewFileSystem& view) {
+  // Removed through the view, the file keeps its content, as beneath.
+  const std::optional<std::string> path = view.keptPages().pathOf(shown);
+  if (!path) return;
+  // Without waiting on a swap in progress: this call serves the file it has.
+  UniqueFd next(openat(view.rootFd(), rel(path->c_str()), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!next || fstat(next.get(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+  std::shared_ptr<CompressedContent> content;
+  if (std::optional<uint64_t> size = view.compressedSize(FileRef::descriptor(next.get()), st)) {
+    Error error;
+    content = CompressedContent::open(next.get(), st, *size, view.shownPath(path->c_str()), view.cache(),
+                                      view.prefetcher(), &error);
+    if (!content) return;
+  }
+  replaced.push_back(std::move(fd));
+  fd = std::move(next);
+  compressed = std::move(content);
+}
 
 
 // --- Operations ---------------------------------------------------------------
@@ -109,9 +169,9 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
 
 int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
   if (fi) {
-    UsedFile file = openFile(fi);
-    if (fstat(file->fd.get(), st) != 0) return -errno;
-    if (file->compressed) showContentSize(st, file->compressed->size());
+    const Served file = served(fi);
+    if (fstat(file.fd, st) != 0) return -errno;
+    if (file.compressed) showContentSize(st, file.compressed->size());
     return 0;
   }
   if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
@@ -166,19 +226,20 @@ int viewLink(const char* from, const char* to) {
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
-  if (fi) return result(fchmod(openFile(fi)->fd.get(), mode));
+  if (fi) return result(fchmod(served(fi).fd, mode));
   return result(fchmodat(fs().rootFd(), rel(path), mode, 0));
 }
 
 int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
-  if (fi) return result(fchown(openFile(fi)->fd.get(), uid, gid));
+  if (fi) return result(fchown(served(fi).fd, uid, gid));
   return result(fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW));
 }
 
 int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
   if (fi) {
-    if (openFile(fi)->compressed) return -EBADF;
-    return result(ftruncate(openFile(fi)->fd.get(), size));
+    const Served file = served(fi);
+    if (file.compressed) return -EBADF;
+    return result(ftruncate(file.fd, size));
   }
   if (int r = fs().expandBeforeWriting(path); r != 0) return r;
   UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -187,7 +248,7 @@ int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
 }
 
 int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
-  if (fi) return result(futimens(openFile(fi)->fd.get(), ts));
+  if (fi) return result(futimens(served(fi).fd, ts));
   return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
 }
 
@@ -205,21 +266,22 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (int r = view.expandBeforeWriting(path); r != 0) return r;
     }
     auto file = std::make_unique<OpenFile>();
-    file->fd.reset(openat(view.rootFd(), rel(path), flags, mode));
-    if (!file->fd) return -errno;
+    UniqueFd fd(openat(view.rootFd(), rel(path), flags, mode));
+    if (!fd) return -errno;
     struct stat st;
-    if (fstat(file->fd.get(), &st) != 0) return -errno;
+    if (fstat(fd.get(), &st) != 0) return -errno;
+    std::shared_ptr<CompressedContent> compressed;
     if (S_ISREG(st.st_mode)) {
-      const FileRef ref = FileRef::descriptor(file->fd.get());
+      const FileRef ref = FileRef::descriptor(fd.get());
       // The answer for this inode and change time, read through the
       // descriptor when it is not known yet.
       std::optional<uint64_t> size = view.compressedSize(ref, st);
       if (size && writing) continue;
       if (size) {
         Error error;
-        file->compressed =
-            CompressedContent::open(file->fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
-        if (!file->compressed) {
+        compressed =
+            CompressedContent::open(fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
+        if (!compressed) {
           KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
           return -EIO;
         }
@@ -230,6 +292,7 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       file->shown = view.keptPages().opened(path, FileVersion::of(st), size.has_value(), &keep);
       fi->keep_cache = keep;
     }
+    file->serve(std::move(fd), std::move(compressed), !writing && S_ISREG(st.st_mode));
     fi->fh = reinterpret_cast<uint64_t>(file.release());
     return 0;
   }
@@ -240,16 +303,17 @@ int viewOpen(const char* path, fuse_file_info* fi) { return openOrCreate(path, f
 int viewCreate(const char* path, mode_t mode, fuse_file_info* fi) { return openOrCreate(path, fi, true, mode); }
 
 int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse_file_info* fi) {
-  UsedFile file = openFile(fi);
+  UsedFile used = openFile(fi);
+  const Served file = used->served(fs());
   // libfuse frees the vector and any memory in it after replying.
   auto* vec = static_cast<fuse_bufvec*>(std::calloc(1, sizeof(fuse_bufvec)));
   if (!vec) return -ENOMEM;
   vec->count = 1;
   fuse_buf& buf = vec->buf[0];
   buf.fd = -1;
-  if (file->compressed) {
+  if (file.compressed) {
     std::vector<CompressedContent::Piece> pieces;
-    const ssize_t n = file->compressed->pieces(static_cast<uint64_t>(offset), size, &pieces);
+    const ssize_t n = file.compressed->pieces(static_cast<uint64_t>(offset), size, &pieces);
     if (n < 0) {
       std::free(vec);
       return static_cast<int>(n);
@@ -273,23 +337,38 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
       }
     }
   } else {
-    buf.size = size;
-    buf.flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-    buf.fd = file->fd.get();
-    buf.pos = offset;
+    // A plain file's bytes go by reference too, taken before the call ends.
+    size_t got = 0;
+    const int fd = fs().splicing() ? pipeFromFile(file.fd, offset, size, &got) : -1;
+    if (fd >= 0) {
+      buf.flags = FUSE_BUF_IS_FD;
+      buf.fd = fd;
+      buf.size = got;
+    } else {
+      buf.mem = std::malloc(size > 0 ? size : 1);
+      const ssize_t n = buf.mem ? pread(file.fd, buf.mem, size, offset) : -1;
+      if (n < 0) {
+        const int error = buf.mem ? errno : ENOMEM;
+        std::free(buf.mem);
+        std::free(vec);
+        return -error;
+      }
+      buf.size = static_cast<size_t>(n);
+    }
   }
   *bufp = vec;
   return 0;
 }
 
 int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi) {
-  UsedFile file = openFile(fi);
-  if (file->compressed) return -EBADF;
+  UsedFile used = openFile(fi);
+  const Served file = used->served(fs());
+  if (file.compressed) return -EBADF;
   fuse_bufvec out{};
   out.count = 1;
   out.buf[0].size = fuse_buf_size(in);
   out.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-  out.buf[0].fd = file->fd.get();
+  out.buf[0].fd = file.fd;
   out.buf[0].pos = offset;
   return static_cast<int>(fuse_buf_copy(&out, in, FUSE_BUF_SPLICE_NONBLOCK));
 }
@@ -305,7 +384,7 @@ int viewRelease(const char*, fuse_file_info* fi) {
 }
 
 int viewFsync(const char*, int datasync, fuse_file_info* fi) {
-  const int fd = openFile(fi)->fd.get();
+  const int fd = served(fi).fd;
   return result(datasync ? fdatasync(fd) : fsync(fd));
 }
 
@@ -402,22 +481,23 @@ int viewFsyncdir(const char*, int datasync, fuse_file_info* fi) {
 
 int viewAccess(const char* path, int mask) { return result(faccessat(fs().rootFd(), rel(path), mask, 0)); }
 
-int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(openFile(fi)->fd.get(), op)); }
+int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(served(fi).fd, op)); }
 
 int viewFallocate(const char*, int mode, off_t offset, off_t length, fuse_file_info* fi) {
-  if (openFile(fi)->compressed) return -EBADF;
-  return result(fallocate(openFile(fi)->fd.get(), mode, offset, length));
+  const Served file = served(fi);
+  if (file.compressed) return -EBADF;
+  return result(fallocate(file.fd, mode, offset, length));
 }
 
 off_t viewLseek(const char*, off_t offset, int whence, fuse_file_info* fi) {
-  UsedFile file = openFile(fi);
-  if (file->compressed) {
+  const Served file = served(fi);
+  if (file.compressed) {
     // The content has no holes.
-    const off_t size = static_cast<off_t>(file->compressed->size());
+    const off_t size = static_cast<off_t>(file.compressed->size());
     if (offset < 0 || offset >= size) return -ENXIO;
     return whence == SEEK_DATA ? offset : size;
   }
-  off_t r = lseek(file->fd.get(), offset, whence);
+  off_t r = lseek(file.fd, offset, whence);
   return r < 0 ? -errno : r;
 }
 
@@ -530,11 +610,17 @@ static int errnoForExpansionFailure(const Error& error) {
 
 int ViewFileSystem::expandBeforeWriting(const char* path) {
   std::lock_guard lock(expandMutex_);
-  struct stat st;
-  if (fstatat(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
-  if (!compressedSize(path, st)) return 0;
+  // A reader opening the file through the view while it is swapped undoes
+  // the swap: tried again, a bounded number of times.
   Error error;
-  if (QVHFSUncompressor::expandInPlacePath(underlyingPath(path), &error)) return 0;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    struct stat st;
+    if (fstatat(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
+    if (!compressedSize(path, st)) return 0;
+    error = Error();
+    if (QVHFSUncompressor::expandInPlacePath(underlyingPath(path), &error)) return 0;
+    if (error.code != kHFSErrorOpenedDuringSwap) break;
+  }
   KRLog("Could not expand %s before writing to it: %s", shownPath(path).c_str(), error.describe().c_str());
   return errnoForExpansionFailure(error);
 }

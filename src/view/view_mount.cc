@@ -49,7 +49,9 @@ int runView(const ViewMountOptions& options) {
     Error error;
     if (!isViewDisconnected(mountPoint)) return failed("a view is already mounted on " + mountPoint);
     // Its process was killed: the view left behind only answers ENOTCONN.
-    if (!unmountView(mountPoint, false, &error)) return failed(error.message);
+    // Detached even while programs hold files open in it; the mount point
+    // then shows the folder itself again, which the view opens below.
+    if (!detachDeadView(mountPoint, &error)) return failed(error.message);
   }
 
   // Opened before the mount covers it: the tree stays reachable through it.

@@ -6,20 +6,18 @@
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <vector>
 
-#include "platform/attribute_names.h"
 #include "platform/env.h"
 #include "platform/fuse_availability.h"
 #include "view/mount_table.h"
+#include "view/stored_files.h"
 #include "view/underlying_tree.h"
 
 extern char** environ;
@@ -62,22 +60,6 @@ int run(const std::vector<std::string>& args, std::string* errors) {
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// The first compressed file beneath `root` (shown as `shown`), "" if none.
-std::string firstCompressedFile(const std::string& root, const std::string& shown) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  const std::string decmpfs = std::string(kUserXattrPrefix) + attr::kDecmpfs;
-  for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
-       !ec && it != end; it.increment(ec)) {
-    const fs::directory_entry& entry = *it;
-    if (!entry.is_regular_file(ec) || entry.is_symlink(ec) || entry.file_size(ec) != 0) continue;
-    if (lgetxattr(entry.path().c_str(), decmpfs.c_str(), nullptr, 0) >= 0) {
-      return shown + entry.path().string().substr(root.size());
-    }
-  }
-  return "";
 }
 
 // Whether the view on `mountPoint` lost its process. statfs always asks the
@@ -145,9 +127,10 @@ std::string ViewMounter::beneath(const std::string& folder) const { return pathB
 bool ViewMounter::unmountIfUnused(const std::string& folder, std::string* why) {
   const std::string absolute = absolutePath(folder);
   if (!isViewMounted(absolute)) return true;
-  const std::string compressed = firstCompressedFile(pathBeneathViews(absolute), absolute);
-  if (!compressed.empty()) {
-    *why = "its view stays: " + compressed + " is compressed, and programs would read it empty without the view";
+  const CompressedFiles compressed = compressedFilesIn(pathBeneathViews(absolute), 1);
+  if (compressed.count > 0) {
+    *why = "its view stays: " + absolute + "/" + compressed.first +
+           " is compressed, and programs would read it empty without the view";
     return false;
   }
   Error error;

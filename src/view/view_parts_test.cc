@@ -110,6 +110,19 @@ TEST(KeptPages, RenamesCarryThePagesAndRemovalsDropThem) {
   EXPECT_FALSE(reopen(kept, "/e/f", v));
   kept.removed("/d-x");
   EXPECT_FALSE(reopen(kept, "/d-x", w));
+
+  // An open file knows where it is shown until its name goes or is taken.
+  bool keep = false;
+  KeptPages::Ticket open = kept.opened("/h/i", v, true, &keep), taken = kept.opened("/j", w, true, &keep);
+  kept.renamed("/h", "/k");
+  EXPECT_EQ(kept.pathOf(open), "/k/i");
+  kept.renamed("/k/i", "/j");
+  EXPECT_EQ(kept.pathOf(open), "/j");
+  EXPECT_EQ(kept.pathOf(taken), std::nullopt);
+  kept.removed("/j");
+  EXPECT_EQ(kept.pathOf(open), std::nullopt);
+  kept.closed(open);
+  kept.closed(taken);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "cli/control/commands.h"
 #include "cli/control/helper_contact.h"
 #include "cli/control/volume_advice.h"
+#include "cli/files/beneath_views.h"
 #include "helper/distributed_notification_center.h"
 #include "helper/history/helper_util.h"
 #include "helper/history/history_store.h"
@@ -72,6 +73,10 @@ std::optional<std::string> removalArgument(const std::string& argument) {
 }
 
 void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& arguments) {
+  if (reportDeadViews(arguments, adding ? "add" : "remove")) {
+    *exit_code = 1;
+    return;
+  }
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
     std::optional<std::string> folder = adding ? folderArgument(argument) : removalArgument(argument);

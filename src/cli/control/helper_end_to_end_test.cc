@@ -245,7 +245,7 @@ TEST_F(HelperEndToEnd, WithViewsADocumentCompressedByTheHelperReadsInFullThrough
   if (!waitForSavingsAbove(0)) {
     kill(helper_->pid(), SIGTERM);
     helper_->finish();
-    runProcess({kBin + "zephlore", "unmount", "-z", watched});
+    runProcess({kBin + "zephlore", "unmount", "--force", "-z", watched});
     FAIL() << "no savings counted; helper:\n" << helper_->err();
   }
   // Any program reads it at full content, by its usual path.

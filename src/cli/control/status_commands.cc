@@ -14,6 +14,7 @@
 #include "cli/control/status_folders.h"
 #include "helper/distributed_notification_center.h"
 #include "protocol/bus_names.h"
+#include "view/mount_table.h"
 
 namespace zephlore::cli {
 namespace {
@@ -139,6 +140,12 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
     if (!live->views.empty()) {
       std::cout << "Views:\n";
       for (const std::string& line : live->views) std::cout << "  " << line << "\n";
+    }
+  }
+  for (const view::ViewMountEntry& mounted : view::viewMounts()) {
+    std::optional<view::ViewMountEntry> dead = view::deadViewCovering(mounted.mountPoint);
+    if (dead && dead->mountPoint == mounted.mountPoint) {
+      std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
     }
   }
   printFolders(folders, folders_problem);

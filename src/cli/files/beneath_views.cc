@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <map>
+#include <optional>
+#include <set>
 
 #include "cli/files/display_name.h"
 #include "platform/env.h"
@@ -11,6 +13,16 @@
 #include "view/underlying_tree.h"
 
 namespace zephlore::cli {
+
+bool reportDeadViews(const std::vector<std::string>& paths, const char* command) {
+  std::set<std::string> told;
+  for (const std::string& path : paths) {
+    std::optional<view::ViewMountEntry> dead = view::deadViewCovering(path);
+    if (!dead || !told.insert(dead->mountPoint).second) continue;
+    fprintf(stderr, "zephlore %s: %s\n", command, escapeForTerminal(view::deadViewAdvice(*dead)).c_str());
+  }
+  return !told.empty();
+}
 
 std::vector<std::string> workBeneathViews(const std::vector<std::string>& paths, const char* command, bool quiet) {
   std::map<std::string, std::string> views = view::liveViews();

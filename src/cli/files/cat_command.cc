@@ -51,6 +51,7 @@ int runCat(const CatOptions& options) {
   const bool whole = options.offset == 0 && options.length == std::numeric_limits<uint64_t>::max();
   const int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
   int status = 0;
+  if (reportDeadViews(options.files, "cat")) return 1;
   // Inflated here rather than read back through a view.
   for (const std::string& path : workBeneathViews(options.files, "cat", true)) {
     Error error;

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "cli/files/beneath_views.h"
 #include "cli/files/conversion_safety.h"
 #include "cli/files/file_actions.h"
 #include "cli/files/file_command_parts.h"
@@ -74,6 +75,10 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
     std::unique_ptr<FileAction> action = run.op == Operation::kCompress
                                              ? makeCompressAction(!options->no_verify, safety.get())
                                              : makeDecompressAction(safety.get());
+    if (reportDeadViews(options->paths, operationName(run.op))) {
+      *exit_code = 1;
+      return;
+    }
     // Under a view the stored files are reached beneath it: through the
     // view they look plain and their layout cannot be written.
     std::vector<std::string> paths;

@@ -251,6 +251,7 @@ class InfoVisitor : public WalkVisitor {
 };
 
 int runInfo(const InfoOptions& options) {
+  if (reportDeadViews(options.paths, "info")) return 1;
   InfoVisitor visitor(options);
   TreeWalker walker(Env::shared(), {options.recursive, options.cross_volumes});
   for (const std::string& path : workBeneathViews(options.paths, "info", options.json)) {

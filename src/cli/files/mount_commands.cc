@@ -1,13 +1,23 @@
 // zephlore mount / unmount: the view in which every program reads compressed
 // files at their full content.
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/files/commands.h"
+#include "cli/files/conversion_safety.h"
+#include "cli/files/display_name.h"
+#include "cli/files/file_actions.h"
+#include "cli/files/tree_run.h"
 #include "view/mount_table.h"
+#include "view/stored_files.h"
+#include "view/underlying_tree.h"
 #include "view/view_mount.h"
+#include "view/view_mounter.h"
 
 namespace zephlore::cli {
 namespace {
@@ -35,6 +45,86 @@ int runMount(const MountOptions& options) {
   return view::runView(view);
 }
 
+struct UnmountOptions {
+  std::string mountPoint;
+  bool lazy = false;
+  bool expand = false;
+  bool force = false;
+};
+
+int unmountFailed(const std::string& message) {
+  fprintf(stderr, "zephlore unmount: %s\n", escapeForTerminal(message).c_str());
+  return 1;
+}
+
+int unmountNow(const std::string& mountPoint, bool lazy) {
+  Error error;
+  if (!view::unmountView(mountPoint, lazy, &error)) return unmountFailed(error.message);
+  return 0;
+}
+
+std::string filesCount(size_t n) { return std::to_string(n) + (n == 1 ? " compressed file" : " compressed files"); }
+
+// Expands the compressed files stored in `beneath`, as zephlore
+// decompress -r does; how many are left.
+size_t expandBeneath(const std::string& beneath) {
+  RunOptions run;
+  run.op = Operation::kDecompress;
+  run.recursive = true;
+  run.progress = isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
+  ConversionSafety safety;
+  std::unique_ptr<FileAction> action = makeDecompressAction(&safety);
+  runFiles({beneath}, run, *action);
+  return view::compressedFilesIn(beneath).count;
+}
+
+int runUnmount(const UnmountOptions& options) {
+  const std::string folder = view::absolutePath(options.mountPoint);
+  std::optional<view::ViewMountEntry> mounted;
+  for (view::ViewMountEntry& entry : view::viewMounts()) {
+    if (entry.mountPoint == folder) mounted = std::move(entry);
+  }
+  if (!mounted) return unmountFailed("no view is mounted on " + folder);
+  const bool dead = view::isViewDisconnected(folder);
+  // Only a view over its own folder hides stored files that programs would
+  // then read as empty.
+  if (!view::isOverView(*mounted) || options.force) return unmountNow(folder, options.lazy || dead);
+
+  if (dead) {
+    if (!options.expand) {
+      unmountFailed("the view on " + folder + " has stopped (its process is gone). Detaching it shows the files "
+                    "stored in " + folder + ", where programs read every compressed file as empty and an edit "
+                    "can destroy one; they cannot be counted while the stopped view hides them");
+      return unmountFailed("put the view back with: zephlore mount --over " + folder + " (zephlore unmount --expand " +
+                           folder + " puts it back, expands the files and unmounts; --force detaches it anyway)");
+    }
+    Error error;
+    if (!view::ViewMounter().mountOver(folder, &error)) return unmountFailed(error.message);
+  }
+  // The stored files are reached through the view's own descriptor.
+  const std::optional<view::ViewCover> cover = view::viewCovering(folder);
+  if (!cover || cover->mountPoint != folder) {
+    return unmountFailed("the files stored beneath the view on " + folder +
+                         " cannot be reached to count its compressed files (its process is not one of yours); "
+                         "--force unmounts anyway");
+  }
+  const std::string beneath = cover->beneath + "/.";
+  size_t left = view::compressedFilesIn(beneath).count;
+  if (left > 0 && !options.expand) {
+    unmountFailed(folder + " holds " + filesCount(left) + ": without the view, programs read " +
+                  (left == 1 ? "it" : "them") + " as empty, and saving one from a program writes an empty file "
+                  "over it");
+    return unmountFailed("to end the view, expand them first: zephlore unmount --expand " + folder +
+                         " (or zephlore decompress -r " + folder + ", then zephlore unmount " + folder +
+                         "); --force unmounts anyway");
+  }
+  if (left > 0) left = expandBeneath(beneath);
+  if (left > 0) {
+    return unmountFailed(filesCount(left) + " in " + folder + " could not be expanded; the view stays");
+  }
+  return unmountNow(folder, options.lazy);
+}
+
 }  // namespace
 
 void addMountCommands(CLI::App& app, int* exit_code) {
@@ -51,6 +141,8 @@ void addMountCommands(CLI::App& app, int* exit_code) {
       "Like other FUSE file systems the command goes into the background once the view is mounted (its log "
       "lines go to syslog) and returns 0; -f keeps it in the foreground (log lines on standard error) until the "
       "view is unmounted. The view runs unprivileged, through fusermount3.\n"
+      "A view left on the mount point by a killed process (ENOTCONN) is detached first and replaced, so "
+      "zephlore mount --over FOLDER is the one command that puts a stopped view back.\n"
       "Exit status: 0 mounted (or, with -f, cleanly unmounted), 1 when it cannot be mounted, 2 on usage errors.\n");
   mount->add_option("PATH", options->paths, "SOURCE MOUNTPOINT, or FOLDER with --over")->required()->expected(1, 2);
   mount->add_flag("--over", options->over, "Mount the view on the folder itself");
@@ -60,24 +152,29 @@ void addMountCommands(CLI::App& app, int* exit_code) {
   mount->add_option("-o", options->fuseOptions, "Further FUSE mount options (allow_other, ...)");
   mount->callback([options, exit_code] { *exit_code = runMount(*options); });
 
-  auto mountPoint = std::make_shared<std::string>();
-  auto lazy = std::make_shared<bool>(false);
+  auto unmountOptions = std::make_shared<UnmountOptions>();
   CLI::App* unmount = app.add_subcommand("unmount", "Unmount a view mounted by zephlore mount");
   unmount->footer(
-      "Works for a view whose process was killed (where programs get ENOTCONN). The files beneath are never "
-      "touched.\nExit status: 0 unmounted, 1 otherwise (no view there, or files in it still open), 2 on usage "
-      "errors.\n");
-  unmount->add_option("MOUNTPOINT", *mountPoint, "Where the view is mounted")->required();
-  unmount->add_flag("-z,--lazy", *lazy, "Detach the view now even while files in it are open");
-  unmount->callback([mountPoint, lazy, exit_code] {
-    Error error;
-    if (view::unmountView(view::absolutePath(*mountPoint), *lazy, &error)) {
-      *exit_code = 0;
-      return;
-    }
-    fprintf(stderr, "zephlore unmount: %s\n", error.message.c_str());
-    *exit_code = 1;
-  });
+      "A view over a folder (mount --over) is what shows its compressed files at full content: without it, "
+      "programs read each of them as an empty file, and saving one from a program writes an empty file over "
+      "it. So unmounting such a folder while compressed files are stored in it is refused, with their count; "
+      "--expand expands them first with the engine's expander (as zephlore decompress -r FOLDER does) and then "
+      "unmounts; --force unmounts anyway. A view on another mount point (mount SOURCE MOUNTPOINT) is unmounted "
+      "as asked: the folder shown keeps its files as stored.\n"
+      "A view whose process was killed (where programs get ENOTCONN, \"Transport endpoint is not connected\") "
+      "hides the files beneath it until it is detached, and they cannot be counted meanwhile: unmounting such a "
+      "view over a folder is refused as well. zephlore mount --over FOLDER puts it back; --expand puts it back, "
+      "expands the files and unmounts; --force detaches it.\n"
+      "Exit status: 0 unmounted, 1 otherwise (no view there, compressed files in the folder, files in the view "
+      "still open), 2 on usage errors.\n");
+  unmount->add_option("MOUNTPOINT", unmountOptions->mountPoint, "Where the view is mounted")->required();
+  unmount->add_flag("-z,--lazy", unmountOptions->lazy, "Detach the view now even while files in it are open");
+  CLI::Option* expand = unmount->add_flag("--expand", unmountOptions->expand,
+                                          "Expand the compressed files stored in the folder first, then unmount");
+  unmount->add_flag("--force", unmountOptions->force,
+                    "Unmount even though programs would then read the folder's compressed files as empty")
+      ->excludes(expand);
+  unmount->callback([unmountOptions, exit_code] { *exit_code = runUnmount(*unmountOptions); });
 }
 
 }  // namespace zephlore::cli

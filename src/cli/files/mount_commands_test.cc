@@ -3,22 +3,29 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "testing/zephlore_command.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
+#include "view/mount_table.h"
 #include "view/underlying_tree.h"
 #include "view/view_mounter.h"
 
@@ -56,15 +63,16 @@ class MountedView {
   }
   ~MountedView() {
     if (!stopped_) {
-      runZephlore({"unmount", "-z", mountPoint_});
+      runZephlore({"unmount", "--force", "-z", mountPoint_});
       child_->finish();
     }
   }
   bool ready() const { return ready_; }
   Child& child() { return *child_; }
-  // The status of the view process after a clean unmount.
+  // The status of the view process after a clean unmount (compressed
+  // files stay compressed beneath).
   int unmount() {
-    auto r = runZephlore({"unmount", mountPoint_});
+    auto r = runZephlore({"unmount", "--force", mountPoint_});
     EXPECT_EQ(r.status, 0) << r.err;
     stopped_ = true;
     return child_->finish();
@@ -270,6 +278,74 @@ TEST_F(MountCommands, AFileReplacedBeneathReadsAsItsNewContent) {
   EXPECT_EQ(view.unmount(), 0);
 }
 
+// A reader racing a writer that truncates and rewrites files through the
+// view reads their bytes or a short read, never zeros they never had: the
+// kernel must not keep a size, or pages, of another state of the file. The
+// compressed file is compressed again beneath (a swap) between rounds.
+TEST_F(MountCommands, AReaderRacingATruncatingWriterNeverSeesZeros) {
+  const std::vector<std::string> names = {"plain", "packed"};
+  for (const std::string& name : names) writeFile(source_ + "/" + name, compressibleData(150000, 41));
+  compress(source_ + "/packed");
+  MountedView view({source_, mountPoint_}, mountPoint_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+
+  std::atomic<bool> writing{true};
+  std::atomic<int> zeroReads{0};
+  std::atomic<uint64_t> bytesRead{0};
+  // Each reader holds its file open over several passes, as a program that
+  // follows a file does.
+  auto readOver = [&](const std::string& name) {
+    std::vector<char> buf(48 * 1024);
+    for (int opens = 0; opens < 100000 && writing; ++opens) {
+      const int fd = open((mountPoint_ + "/" + name).c_str(), O_RDONLY);
+      if (fd < 0) continue;
+      for (int pass = 0; pass < 8; ++pass) {
+        ssize_t n = 0;
+        for (off_t at = 0; (n = pread(fd, buf.data(), buf.size(), at)) > 0; at += n) {
+          bytesRead += static_cast<uint64_t>(n);
+          if (memchr(buf.data(), '\0', static_cast<size_t>(n))) ++zeroReads;
+        }
+      }
+      close(fd);
+    }
+  };
+  std::thread plainReader(readOver, "plain"), packedReader(readOver, "packed");
+  std::string last[2];
+  {
+    struct Joined {
+      std::atomic<bool>& writing;
+      std::thread &a, &b;
+      ~Joined() {
+        writing = false;
+        a.join();
+        b.join();
+      }
+    } joined{writing, plainReader, packedReader};
+    for (int round = 0; round < 60; ++round) {
+      for (int i = 0; i < 2; ++i) {
+        last[i] = compressibleData(20000 + static_cast<size_t>(round * 7919 * (i + 3)) % 180000,
+                                   static_cast<uint32_t>(round));
+        const int fd = open((mountPoint_ + "/" + names[static_cast<size_t>(i)]).c_str(), O_WRONLY | O_TRUNC);
+        ASSERT_GE(fd, 0) << names[static_cast<size_t>(i)] << " round " << round << ": " << strerror(errno);
+        for (size_t at = 0; at < last[i].size(); at += 12345) {
+          const size_t n = std::min<size_t>(12345, last[i].size() - at);
+          ASSERT_EQ(write(fd, last[i].data() + at, n), static_cast<ssize_t>(n));
+        }
+        close(fd);
+      }
+      // The reader's opens may break the swap: tried again, a few times.
+      for (int attempt = 0; attempt < 5 && runZephlore({"compress", "-q", source_ + "/packed"}).status != 0;) {
+        ++attempt;
+      }
+    }
+  }
+  EXPECT_EQ(zeroReads, 0) << "reads that saw zero bytes, of " << bytesRead << " bytes read";
+  EXPECT_GT(bytesRead, 0u);
+  EXPECT_TRUE(readFile(mountPoint_ + "/plain") == last[0]);
+  EXPECT_TRUE(readFile(mountPoint_ + "/packed") == last[1]);
+  EXPECT_EQ(view.unmount(), 0) << view.child().err();
+}
+
 TEST_F(MountCommands, KilledViewAnswersENOTCONNUntilUnmountedOrRestarted) {
   const std::string text = compressibleData(150000, 5);
   writeFile(source_ + "/kept", text);
@@ -320,13 +396,115 @@ TEST_F(MountCommands, OverAFolderItsOwnPathsReadFullAndEverythingPassesThrough) 
   EXPECT_EQ(readFile(source_ + "/bad\377name"), "z");
 }
 
+// Without its view a folder's compressed files read as empty, and an edit
+// would write an empty file over one: unmounting such a folder is refused
+// until its files are expanded, or forced.
+TEST_F(MountCommands, UnmountOfAFolderWithCompressedFilesIsRefusedUnlessExpandedOrForced) {
+  const std::string text = compressibleData(120000, 51);
+  mkdir((source_ + "/sub").c_str(), 0755);
+  for (const char* name : {"a", "sub/b"}) writeFile(source_ + "/" + name, text);
+  compress(source_);
+  writeFile(source_ + "/note", "plain");
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
+  } unmounter{source_};
+  ASSERT_EQ(runZephlore({"mount", "--over", source_}).status, 0);
+  const std::string beneath = view::pathBeneathViews(source_);
+  ASSERT_NE(beneath, source_);
+
+  auto r = runZephlore({"unmount", source_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("holds 2 compressed files"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("zephlore unmount --expand " + source_), std::string::npos) << r.err;
+  EXPECT_TRUE(readFile(source_ + "/sub/b") == text);  // still shown whole
+  EXPECT_TRUE(hasAttribute(beneath + "/a", "user.com.apple.decmpfs"));
+
+  r = runZephlore({"unmount", "--expand", source_});
+  EXPECT_EQ(r.status, 0) << r.err << r.out;
+  EXPECT_EQ(view::pathBeneathViews(source_), source_);  // no view any more
+  for (const char* name : {"a", "sub/b"}) {
+    EXPECT_TRUE(readFile(source_ + "/" + name) == text) << name;
+    EXPECT_FALSE(hasAttribute(source_ + "/" + name, "user.com.apple.decmpfs")) << name;
+  }
+  EXPECT_EQ(readFile(source_ + "/note"), "plain");
+
+  compress(source_);
+  ASSERT_EQ(runZephlore({"mount", "--over", source_}).status, 0);
+  r = runZephlore({"unmount", "--force", source_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(view::pathBeneathViews(source_), source_);
+  EXPECT_TRUE(hasAttribute(source_ + "/a", "user.com.apple.decmpfs"));
+  EXPECT_TRUE(runZephlore({"cat", source_ + "/a"}).out == text);
+}
+
+// A view over a folder killed hard: every command that touches the folder
+// names the one command that puts it back, unmount will not detach it
+// blindly, and that command brings back the full content.
+TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
+  const std::string text = compressibleData(120000, 52);
+  writeFile(source_ + "/doc", text);
+  compress(source_);
+  MountedView view({"--over", source_}, source_);
+  ASSERT_TRUE(view.ready()) << view.child().err();
+  // A program that keeps a file open in the view when it dies.
+  const int held = open((source_ + "/doc").c_str(), O_RDONLY);
+  ASSERT_GE(held, 0);
+  view.killHard();
+  const std::string advice = "put it back with: zephlore mount --over " + source_;
+  for (std::vector<std::string> command : std::vector<std::vector<std::string>>{
+           {"info", source_ + "/doc"}, {"compress", "-r", source_}, {"decompress", source_ + "/doc"},
+           {"cat", source_ + "/doc"}, {"repair", source_}}) {
+    auto r = runZephlore(command);
+    EXPECT_EQ(r.status, 1) << command[0];
+    EXPECT_NE(r.err.find(advice), std::string::npos) << command[0] << ": " << r.err;
+  }
+  auto r = runZephlore({"unmount", source_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("zephlore mount --over " + source_), std::string::npos) << r.err;
+  errno = 0;
+  EXPECT_LT(open((source_ + "/doc").c_str(), O_RDONLY), 0);
+  EXPECT_EQ(errno, ENOTCONN);  // still the stopped view, not the stored files
+
+  struct Unmounter {
+    std::string at;
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
+  } unmounter{source_};
+  r = runZephlore({"mount", "--over", source_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  close(held);
+  EXPECT_TRUE(readFile(source_ + "/doc") == text);
+  struct stat st;
+  ASSERT_EQ(stat((source_ + "/doc").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, static_cast<off_t>(text.size()));
+  EXPECT_TRUE(hasAttribute(view::pathBeneathViews(source_) + "/doc", "user.com.apple.decmpfs"));
+
+  // Stopped again, unmount --expand puts it back, expands and unmounts.
+  std::optional<view::ViewCover> cover = view::viewCovering(source_);
+  ASSERT_TRUE(cover);
+  const pid_t pid = std::stoi(cover->beneath.substr(strlen("/proc/")));
+  // Not our child: its end is awaited through a pidfd, for 10 s at most.
+  const int exited = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  ASSERT_GE(exited, 0);
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  pollfd ended{exited, POLLIN, 0};
+  EXPECT_EQ(poll(&ended, 1, 10000), 1);
+  close(exited);
+  ASSERT_TRUE(view::isDeadView(source_ + "/doc"));
+  r = runZephlore({"unmount", "--expand", source_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(view::isDeadView(source_));
+  EXPECT_TRUE(readFile(source_ + "/doc") == text);
+  EXPECT_FALSE(hasAttribute(source_ + "/doc", "user.com.apple.decmpfs"));
+}
+
 TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
   writeFile(source_ + "/a", compressibleData(90000));
   compress(source_);
   // The view runs on in the background: taken down lazily whatever happens.
   struct Unmounter {
     std::string at;
-    ~Unmounter() { runZephlore({"unmount", "-z", at}); }
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
   } unmounter{mountPoint_};
   auto r = runZephlore({"mount", source_, mountPoint_});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -401,7 +579,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   view::ViewMounter mounter(testkit::zephloreBinary());
   struct Unmounter {
     std::string at;
-    ~Unmounter() { runZephlore({"unmount", "-z", at}); }
+    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
   } unmounter{source_};
   Error error;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;

@@ -94,6 +94,10 @@ void addRepairCommand(CLI::App& app, int* exit_code) {
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
     std::unique_ptr<ConversionSafety> safety = run.dry_run ? nullptr : std::make_unique<ConversionSafety>();
     RepairAction action(safety.get());
+    if (reportDeadViews(options->paths, "repair")) {
+      *exit_code = 1;
+      return;
+    }
     *exit_code = runFiles(workBeneathViews(options->paths, "repair", run.quiet || run.json), run, action);
   });
 }
