@@ -222,6 +222,10 @@ bool QVHFSUncompressor::swapIn(SiblingTempFile& output, const std::string& desti
   if (!undisturbed()) return openedMeanwhile();
   if (!leased || env.exchange(output.name(), destination) != 0) {
     // Without a lease (or an exchange) a late opener cannot be undone anyway.
+    // A rename replaces whatever is at the name: it must still be the file
+    // that was checked.
+    struct stat last;
+    if (env.lstat(destination, &last) != 0 || !sameFile(last, destinationStat)) return modified(error, destination);
     if (env.rename(output.name(), destination) != 0) return writeFailure(error, destination, std::strerror(errno));
     output.forgetName();
     return true;

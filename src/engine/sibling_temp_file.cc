@@ -9,6 +9,8 @@
 #include <mutex>
 #include <set>
 
+#include "base/log.h"
+
 namespace zephlore {
 namespace {
 
@@ -95,7 +97,7 @@ SiblingTempFile::SiblingTempFile(Env& env, std::string targetPath, Kind kind)
 }
 
 SiblingTempFile::~SiblingTempFile() {
-  if (named_) env_.unlink(name_);
+  if (named_) unlinkName();
   std::lock_guard lock(inUseMutex());
   namesInUse().erase(namesInUse().find(name_));
 }
@@ -145,6 +147,16 @@ bool SiblingTempFile::linkAt(const std::string& path) {
 bool SiblingTempFile::unlinkName() {
   if (!named_) return true;
   named_ = false;
+  // Another user who may write the folder can exchange names under us, so
+  // the name may hold any file of theirs by now: only the caller's own
+  // file, with no other name, is ever removed.
+  struct stat st;
+  if (env_.lstat(name_, &st) != 0) return false;
+  if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
+    KRLog("**** Left %s alone: it holds a file that is not this user's own", name_.c_str());
+    errno = EEXIST;
+    return false;
+  }
   return env_.unlink(name_) == 0;
 }
 
