@@ -151,7 +151,10 @@ bool SiblingTempFile::unlinkName() {
   // the name may hold any file of theirs by now: only the caller's own
   // file, with no other name, is ever removed.
   struct stat st;
-  if (env_.lstat(name_, &st) != 0) return false;
+  if (env_.lstat(name_, &st) != 0) {
+    // Nothing to look at is no sign of anyone else: the name goes as before.
+    return errno != ENOENT && env_.unlink(name_) == 0;
+  }
   if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) {
     KRLog("**** Left %s alone: it holds a file that is not this user's own", name_.c_str());
     errno = EEXIST;
