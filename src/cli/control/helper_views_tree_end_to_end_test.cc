@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "cli/helper_process_test_support.h"
+#include "cli/control/helper_process_test_support.h"
 
 namespace zephlore::e2e {
 namespace {
