@@ -94,22 +94,7 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
   ASSERT_EQ(zephlore({"add", watched_}).status, 0);
   const std::string original = testkit::compressibleData(300'000, 5);
   testkit::writeFile(watched_ + "/report.txt", original);
-  // Open for writing while the first sweep finds it: refused then, taken
-  // once closed.
-  const std::string draft = watched_ + "/drafts/draft.txt";
-  ASSERT_EQ(mkdir((watched_ + "/drafts").c_str(), 0755), 0);
-  testkit::writeFile(draft, testkit::compressibleData(200'000, 6));
-  const int writer = open(draft.c_str(), O_WRONLY | O_APPEND);
-  ASSERT_GE(writer, 0);
   ASSERT_TRUE(waitForSavingsAbove(0)) << "nothing compressed; helper:\n" << endHelper();
-  auto logHas = [this](const std::string& line) {
-    return helper_->waitForErrorOutput([&](const std::string& log) { return log.find(line) != std::string::npos; },
-                                       20'000);
-  };
-  ASSERT_TRUE(logHas("Not compressed " + draft + ": ")) << endHelper();
-  ASSERT_EQ(close(writer), 0);
-  ASSERT_TRUE(logHas("Compressed " + draft + ": ")) << "the closed draft was not compressed; helper:\n"
-                                                     << endHelper();
   ASSERT_EQ(infoJson(watched_ + "/report.txt")["state"], "compressed");
 
   const long long restoredMs = killViewAndWaitForItsReturn(helper_->err().size());
@@ -124,6 +109,23 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
       << viewLine(statusJson());
 
   EXPECT_EQ(defunctChildrenOf(helper_->pid()), "") << "a view mounted or restored left a defunct child";
+  // Once the sweep after the restore has ended: a file open for writing is
+  // refused, and taken once closed.
+  auto logHas = [this](const std::string& line, size_t from) {
+    return helper_->waitForErrorOutput(
+        [&](const std::string& log) { return log.find(line, from) != std::string::npos; }, 20'000);
+  };
+  ASSERT_TRUE(logHas("Analysed " + watched_ + ": ", helper_->err().find(" is back;"))) << endHelper();
+  const std::string draft = watched_ + "/drafts/draft.txt";
+  ASSERT_EQ(mkdir((watched_ + "/drafts").c_str(), 0755), 0);
+  const int writer = open(draft.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  ASSERT_GE(writer, 0);
+  const std::string draftData = testkit::compressibleData(200'000, 6);
+  ASSERT_EQ(write(writer, draftData.data(), draftData.size()), static_cast<ssize_t>(draftData.size()));
+  ASSERT_TRUE(logHas("Not compressed " + draft + ": ", 0)) << endHelper();
+  ASSERT_EQ(close(writer), 0);
+  ASSERT_TRUE(logHas("Compressed " + draft + ": ", 0)) << "the closed draft was not compressed; helper:\n"
+                                                        << endHelper();
   // The command's lines name the paths users gave, not the way beneath the view.
   ProcessResult again = zephlore({"compress", watched_ + "/report.txt"});
   EXPECT_NE(again.out.find(watched_ + "/report.txt  (already compressed)"), std::string::npos) << again.out;
