@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -39,7 +41,9 @@ std::string defunctChildrenOf(pid_t parent) {
   if (dir == nullptr) return "no /proc";
   while (dirent* entry = readdir(dir)) {
     if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-    const std::string stat = testkit::readFile(std::string("/proc/") + entry->d_name + "/stat");
+    // A process may end while the list is read.
+    std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const size_t nameEnd = stat.rfind(')');
     char state = 0;
     int ppid = 0;
