@@ -163,7 +163,8 @@ void showFolders(int* exit_code, bool json) {
                       {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(record.folder)},
                       {"savings", record.savings},
                       {"savingsText", KRUtil::getPrettySize(record.savings)},
-                      {"progress", record.status},
+                      // A folder no longer watched has no sweep under way or of record.
+                      {"progress", record.enabled ? nlohmann::json(record.status) : nlohmann::json(nullptr)},
                       {"lastSweep", sweep}});
     }
     nlohmann::json out = {{"database", path},
@@ -180,8 +181,13 @@ void showFolders(int* exit_code, bool json) {
   for (const HistoryRecord& record : records) {
     std::cout << record.folder << "\n"
               << "  " << (record.enabled ? "watched" : "not watched") << ", saved "
-              << KRUtil::getPrettySize(record.savings) << ", sweep " << record.status
-              << "% done, last sweep " << lastSweepText(record) << "\n";
+              << KRUtil::getPrettySize(record.savings);
+    // Removing a folder clears its sweep (a new one is due once it is added
+    // again): "never" would not be true of it.
+    if (record.enabled) {
+      std::cout << ", sweep " << record.status << "% done, last sweep " << lastSweepText(record);
+    }
+    std::cout << "\n";
     if (auto why = volumeCannotHoldReason(record.folder)) {
       std::cout << "  its volume cannot hold compressed files: " << *why << "\n";
     }
@@ -200,6 +206,17 @@ void addFolderCommands(CLI::App& app, int* exit_code) {
                : "Stop watching folders (their savings stay in the history)");
     sub->add_option("DIR", *arguments, "Folders; relative paths are taken from the working folder")
         ->required();
+    if (!adding) {
+      sub->footer(
+          "A watched folder with a view over it is a mount point: moving, deleting or unmounting it fails with "
+          "EBUSY. Its view ends when the folder is removed, unless a file in it is still compressed (programs "
+          "would read that file empty without the view; zephlore status names it). To move or delete such a "
+          "folder:\n"
+          "  zephlore remove DIR         # the helper compresses nothing more in it\n"
+          "  zephlore decompress -r DIR  # every file at full size again, through its usual path\n"
+          "  zephlore unmount DIR        # the view ends (if it is still there)\n"
+          "then move or delete DIR, and zephlore add its new place to watch it again.\n");
+    }
     auto anyway = std::make_shared<bool>(false);
     if (adding) {
       sub->add_flag("--anyway", *anyway,

@@ -248,6 +248,20 @@ TEST_F(HelperFaults, StoppedAndContinuedMidBatchFinishesItsWork) {
             std::string::npos)
       << status.out;
   EXPECT_NE(status.out.find(watched + "  saved "), std::string::npos) << status.out;
+  // folders reads the history alone; pause waits as long as for a helper
+  // starting up, then says it got no answer.
+  auto timed = [](const std::vector<std::string>& args, ProcessResult* result) {
+    const auto start = std::chrono::steady_clock::now();
+    *result = zephlore(args);
+    return std::chrono::steady_clock::now() - start;
+  };
+  ProcessResult folders;
+  EXPECT_LT(timed({"folders"}, &folders), std::chrono::milliseconds(2000)) << "folders waited on a stopped helper";
+  EXPECT_NE(folders.out.find(watched + "\n  watched, saved "), std::string::npos) << folders.out << folders.err;
+  ProcessResult paused;
+  EXPECT_LT(timed({"pause"}, &paused), std::chrono::milliseconds(8000)) << "pause hung on a stopped helper";
+  EXPECT_EQ(paused.status, 1);
+  EXPECT_NE(paused.err.find("did not answer"), std::string::npos) << paused.err;
   ASSERT_EQ(kill(helper_->pid(), SIGCONT), 0);
 
   int compressed = 0;

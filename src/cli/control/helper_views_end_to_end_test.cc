@@ -1,5 +1,7 @@
 // The helper's views as a user meets them: a view whose process is killed
 // is mounted again at once, and a new helper adopts the views it finds.
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -7,6 +9,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -28,6 +32,34 @@ pid_t viewProcess(const std::string& folder) {
   std::optional<view::ViewCover> cover = view::viewCovering(folder);
   if (!cover || cover->mountPoint != folder) return 0;
   return static_cast<pid_t>(atoi(cover->beneath.c_str() + 6));  // "/proc/PID/fd/N"
+}
+
+// The children of `parent` that ended and were never waited for.
+std::string defunctChildrenOf(pid_t parent) {
+  std::string found;
+  DIR* dir = opendir("/proc");
+  if (dir == nullptr) return "no /proc";
+  while (dirent* entry = readdir(dir)) {
+    if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
+    // A process may end while the list is read.
+    std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t nameEnd = stat.rfind(')');
+    char state = 0;
+    int ppid = 0;
+    if (nameEnd != std::string::npos && sscanf(stat.c_str() + nameEnd + 2, "%c %d", &state, &ppid) == 2 &&
+        ppid == parent && state == 'Z') {
+      found += std::string(entry->d_name) + " ";
+    }
+  }
+  closedir(dir);
+  return found;
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
 }
 
 std::string viewLine(const nlohmann::json& status) {
@@ -80,11 +112,43 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
             std::string::npos)
       << viewLine(statusJson());
 
+  EXPECT_EQ(defunctChildrenOf(helper_->pid()), "") << "a view mounted or restored left a defunct child";
+  // Once the sweep after the restore has ended: a file open for writing is
+  // refused, and taken once closed.
+  auto logHas = [this](const std::string& line, size_t from) {
+    return helper_->waitForErrorOutput(
+        [&](const std::string& log) { return log.find(line, from) != std::string::npos; }, 20'000);
+  };
+  ASSERT_TRUE(logHas("Analysed " + watched_ + ": ", helper_->err().find(" is back;"))) << endHelper();
+  const std::string draft = watched_ + "/drafts/draft.txt";
+  ASSERT_EQ(mkdir((watched_ + "/drafts").c_str(), 0755), 0);
+  const int writer = open(draft.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  ASSERT_GE(writer, 0);
+  const std::string draftData = testkit::compressibleData(200'000, 6);
+  ASSERT_EQ(write(writer, draftData.data(), draftData.size()), static_cast<ssize_t>(draftData.size()));
+  ASSERT_TRUE(logHas("Not compressed " + draft + ": ", 0)) << endHelper();
+  ASSERT_EQ(close(writer), 0);
+  ASSERT_TRUE(logHas("Compressed " + draft + ": ", 0)) << "the closed draft was not compressed; helper:\n"
+                                                        << endHelper();
+  // The command's lines name the paths users gave, not the way beneath the view.
+  ProcessResult again = zephlore({"compress", watched_ + "/report.txt"});
+  EXPECT_NE(again.out.find(watched_ + "/report.txt  (already compressed)"), std::string::npos) << again.out;
+  ProcessResult missing = zephlore({"decompress", watched_ + "/gone.txt"});
+  EXPECT_NE(missing.err.find("failed        " + watched_ + "/gone.txt  cannot stat"), std::string::npos)
+      << missing.err;
+  EXPECT_EQ((again.out + again.err + missing.out + missing.err).find("/proc/"), std::string::npos)
+      << again.out << again.err << missing.out << missing.err;
+
   // The view outlives its helper; the next helper takes it as it is.
   const pid_t servedBy = viewProcess(watched_);
   ASSERT_EQ(zephlore({"quit"}).status, 0);
   ASSERT_TRUE(waitForExit(helper_->pid(), 10'000));
   EXPECT_EQ(helper_->finish(), 0) << helper_->err();
+  std::string firstRunLog = helper_->err();
+  // A file taken after its sweep ended does not make that sweep unfinished.
+  ProcessResult folders = zephlore({"folders"});
+  EXPECT_NE(folders.out.find("watched, saved "), std::string::npos) << folders.out;
+  EXPECT_NE(folders.out.find(", sweep 100% done, last sweep "), std::string::npos) << folders.out;
   helper_.reset();
   ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
   ASSERT_TRUE(helper_->waitForErrorOutput(
@@ -99,6 +163,31 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
       << "the adopted view was not mounted again; helper:\n" << endHelper();
   EXPECT_EQ(testkit::readFile(watched_ + "/report.txt"), original);
   EXPECT_EQ(viewsMountedOn(watched_), 1);
+  EXPECT_EQ(defunctChildrenOf(helper_->pid()), "");
+
+  // Moving the folder: what status and `remove --help` advise works.
+  ProcessResult status = zephlore({"status"});
+  EXPECT_NE(status.out.find("zephlore remove DIR, zephlore decompress -r DIR,\n   zephlore unmount DIR"),
+            std::string::npos)
+      << status.out;
+  EXPECT_NE(zephlore({"remove", "--help"}).out.find("zephlore decompress -r DIR"), std::string::npos);
+  const std::string moved = folder_.path() + "/Moved";
+  EXPECT_NE(rename(watched_.c_str(), moved.c_str()), 0) << "a mount point moved";
+  ASSERT_EQ(zephlore({"remove", watched_}).status, 0);
+  folders = zephlore({"folders"});
+  EXPECT_NE(folders.out.find(watched_ + "\n  not watched, saved "), std::string::npos) << folders.out;
+  EXPECT_EQ(folders.out.find("never"), std::string::npos) << "the folder was swept:\n" << folders.out;
+  EXPECT_EQ(viewsMountedOn(watched_), 1) << "the view stays while a file in it is compressed";
+  EXPECT_EQ(zephlore({"decompress", "-r", watched_}).status, 0);
+  ProcessResult unmounted = zephlore({"unmount", watched_});
+  EXPECT_TRUE(unmounted.status == 0 || viewsMountedOn(watched_) == 0) << unmounted.err;
+  EXPECT_EQ(rename(watched_.c_str(), moved.c_str()), 0) << strerror(errno);
+  EXPECT_EQ(testkit::readFile(moved + "/report.txt"), original);
+
+  // The helper names the folders users see, each once as it starts to watch it.
+  const std::string log = firstRunLog + endHelper();
+  EXPECT_EQ(log.find("/proc/"), std::string::npos) << log;
+  EXPECT_EQ(occurrences(log, "Watching " + watched_ + "\n"), 2u) << "once in each run:\n" << log;
 }
 
 }  // namespace

@@ -140,6 +140,9 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
     if (!live->views.empty()) {
       std::cout << "Views:\n";
       for (const std::string& line : live->views) std::cout << "  " << line << "\n";
+      // A mount point cannot be renamed, removed or unmounted while in use (EBUSY).
+      std::cout << "  (to move or delete a folder with a view: zephlore remove DIR, zephlore decompress -r DIR,\n"
+                   "   zephlore unmount DIR; see zephlore remove --help)\n";
     }
   }
   for (const view::ViewMountEntry& mounted : view::viewMounts()) {

@@ -2,6 +2,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -82,6 +83,7 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
     // Under a view the stored files are reached beneath it: through the
     // view they look plain and their layout cannot be written.
     std::vector<std::string> paths;
+    auto shown = std::make_shared<std::vector<std::pair<std::string, std::string>>>();  // beneath, given
     for (const std::string& path : options->paths) {
       const std::string beneath = view::pathBeneathViews(path);
       if (beneath == view::absolutePath(path)) {
@@ -89,9 +91,31 @@ CLI::App* addConvertCommand(CLI::App& app, Operation op, const char* description
         continue;
       }
       paths.push_back(beneath);
+      shown->emplace_back(beneath, path);
       if (!run.quiet && !run.json) {
         fprintf(stderr, "zephlore: %s is covered by a view; working on the files stored beneath it\n", path.c_str());
       }
+    }
+    // "/proc/PID/fd/N/..." means nothing to the user: every line names the
+    // path as given.
+    if (!shown->empty()) {
+      run.shownAs = [shown](const std::string& text) {
+        std::string out = text;
+        for (const auto& [beneath, given] : *shown) {
+          // "/proc/PID/fd/3" must not match in "/proc/PID/fd/31".
+          size_t at = 0;
+          while ((at = out.find(beneath, at)) != std::string::npos) {
+            const size_t end = at + beneath.size();
+            if (end < out.size() && isdigit(static_cast<unsigned char>(out[end]))) {
+              at = end;
+              continue;
+            }
+            out.replace(at, beneath.size(), given);
+            at += given.size();
+          }
+        }
+        return out;
+      };
     }
     *exit_code = runFiles(paths, run, *action);
   });

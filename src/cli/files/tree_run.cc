@@ -154,7 +154,12 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     }
   };
 
-  auto sink = [&](const FileResult& r) {
+  auto sink = [&](const FileResult& worked) {
+    FileResult r = worked;
+    if (options.shownAs) {
+      r.path = options.shownAs(r.path);
+      r.error.message = options.shownAs(r.error.message);
+    }
     summary.add(r);
     if (progress && r.regular) progress->addDone(1, r.work_bytes);
     if (options.json) {

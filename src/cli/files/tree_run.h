@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ struct RunOptions {
   bool verbose = false;
   bool quiet = false;
   bool progress = false;  // draw the progress line (a terminal, not quiet, not JSON)
+  // Renames the paths the run works on (beneath a view) back into the ones
+  // the user gave, for every line, JSON object and message it prints.
+  std::function<std::string(const std::string&)> shownAs;
 };
 
 // What the run does to one file: the test on the walker's thread, then the

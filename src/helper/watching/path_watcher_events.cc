@@ -263,7 +263,16 @@ void KRPathWatcherEvents::analyzerWillIgnoreRedundantEventForPath(KRPathAnalyzer
 }
 
 void KRPathWatcherEvents::analyzerCompressorDidProcessFile(KRPathAnalyzer*, const std::string& file) {
-  if (folders_.watchedPathForPath) updateProgressForWatchedFolder(folders_.watchedPathForPath(file));
+  if (!folders_.watchedPathForPath) return;
+  // The counts measure a sweep: a file saved after one ended (or refused in
+  // it and taken later) must not turn a finished sweep back into 70 %.
+  const std::string folder = folders_.watchedPathForPath(file);
+  for (const auto& analyzer : KRPathAnalyzer::copyAnalyzersForWatchedPath(folder)) {
+    if (analyzer->isRecursive() && analyzer->path() == folder) {
+      updateProgressForWatchedFolder(folder);
+      return;
+    }
+  }
 }
 
 void KRPathWatcherEvents::analyzerCompressorDidFinishCompressingPath(KRPathAnalyzer* analyzer,
@@ -274,7 +283,8 @@ void KRPathWatcherEvents::analyzerCompressorDidFinishCompressingPath(KRPathAnaly
   for (const std::string& folder : history_.folders()) {
     if (folder == path) {
       if (history_.justSweptFolder) history_.justSweptFolder(folder);
-      updateProgressForWatchedFolder(folder);
+      // Every file it found was handled, compressed or refused.
+      if (history_.setProgressForFolder) history_.setProgressForFolder(100, folder);
       break;
     }
   }
