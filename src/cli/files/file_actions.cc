@@ -35,6 +35,14 @@ FileResult compressionFailed(const FilePipeline::Job& job, const Error& error) {
   if (error.domain == kHFSErrorDomain && error.code == kHFSErrorTooLargeForForm) {
     KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
   }
+  // The helper working in the same folder holds the file it converts, or
+  // has just converted it: its work, not a failure of ours.
+  if (error.domain == kHFSErrorDomain && error.code == kHFSErrorLocked) {
+    return skipped(job.path, SkipReason::kInUse, job.size, job.named);
+  }
+  if (error.domain == kHFSErrorDomain && error.code == kHFSErrorAlreadyCompressed) {
+    return skipped(job.path, SkipReason::kAlreadyCompressed, job.size, job.named);
+  }
   return failedOrVanished(job, error);
 }
 
@@ -78,16 +86,34 @@ class CompressAction : public FileAction {
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
     if (safety_) safety_->cleanFolderOf(job.path);
-    CrashRecordKeeper guard(safety_ ? safety_->record() : nullptr);
     HFSCompressionOptions options;
     options.workers = workers;
     options.verify = verify_;
-    Error error;
+    // Another program that opens the file during our swap (the helper
+    // looking at it, say) undoes the swap: the file is tried again.
+    for (int attempt = 1;; ++attempt) {
+      Error error;
+      std::optional<FileResult> result = compressOnce(job, options, &error);
+      if (result) return *result;
+      if (error.domain != kHFSErrorDomain || error.code != kHFSErrorOpenedDuringSwap || attempt == kSwapAttempts) {
+        return compressionFailed(job, error);
+      }
+    }
+  }
+
+ private:
+  static constexpr int kSwapAttempts = 3;
+
+  // The file's result, or none with *error set for a failed conversion.
+  std::optional<FileResult> compressOnce(const FilePipeline::Job& job, const HFSCompressionOptions& options,
+                                         Error* errorOut) {
+    Error& error = *errorOut;
+    CrashRecordKeeper guard(safety_ ? safety_->record() : nullptr);
     std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, nullptr, options);
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
-      return compressionFailed(job, error);
+      return std::nullopt;
     }
     const uint64_t size = static_cast<uint64_t>(representation->sourceSize());
     const uint64_t stored = representation->forkSize() + kDecmpfsBytes;
@@ -96,9 +122,7 @@ class CompressAction : public FileAction {
     if (stored >= size) return notCompressible(job);
     int64_t saved = 0;
     int64_t uncompressed = 0;
-    if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) {
-      return compressionFailed(job, error);
-    }
+    if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) return std::nullopt;
     KRExtendedAttributesHelper::setCompressionSignature(
         KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
     FileResult r;
@@ -110,7 +134,6 @@ class CompressAction : public FileAction {
     return r;
   }
 
- private:
   FileResult notCompressible(const FilePipeline::Job& job) {
     KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
     return skipped(job.path, SkipReason::kNotCompressible, job.size, job.named);

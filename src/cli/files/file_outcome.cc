@@ -25,6 +25,7 @@ const char* skipReasonKey(SkipReason reason) {
     case SkipReason::kEngineTemporary: return "engine_temporary";
     case SkipReason::kWhole: return "whole";
     case SkipReason::kVanished: return "vanished";
+    case SkipReason::kInUse: return "in_use";
   }
   return "unknown";
 }
@@ -50,6 +51,7 @@ const char* skipReasonText(SkipReason reason) {
     case SkipReason::kEngineTemporary: return "a temporary file of zephlore";
     case SkipReason::kWhole: return "nothing to repair";
     case SkipReason::kVanished: return "vanished";
+    case SkipReason::kInUse: return "being converted by another program (the helper)";
   }
   return "unknown";
 }

@@ -40,8 +40,9 @@ enum class SkipReason {
   kEngineTemporary,         // a temporary file of ours beside a file being converted
   kWhole,                   // repair: plain or compressed, nothing to repair
   kVanished,                // removed while the run went on
+  kInUse,                   // another program (the helper) is converting it right now
 };
-inline constexpr int kSkipReasonCount = static_cast<int>(SkipReason::kVanished) + 1;
+inline constexpr int kSkipReasonCount = static_cast<int>(SkipReason::kInUse) + 1;
 
 // Stable key for JSON ("too_small").
 const char* skipReasonKey(SkipReason reason);
