@@ -31,9 +31,9 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
 // A compression failure; a file too large for the form is marked as one that
 // does not shrink is, so that neither we nor the helper try it again until it
 // changes.
-FileResult compressionFailed(const FilePipeline::Job& job, const Error& error) {
+FileResult compressionFailed(Env& env, const FilePipeline::Job& job, const Error& error) {
   if (error.domain == kHFSErrorDomain && error.code == kHFSErrorTooLargeForForm) {
-    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(env, job.path);
   }
   return failedOrVanished(job, error);
 }
@@ -65,11 +65,11 @@ class CrashRecordKeeper : public QVHFSCompressedFileRepresentationDelegate {
 
 class CompressAction : public FileAction {
  public:
-  CompressAction(bool verify, ConversionSafety* safety) : verify_(verify), safety_(safety) {}
+  CompressAction(Env& env, bool verify, ConversionSafety* safety) : env_(env), verify_(verify), safety_(safety) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
     Error error;
-    return resultFor(entry, checkCompressCandidate(Env::shared(), entry, !dry_run, &error), error);
+    return resultFor(entry, checkCompressCandidate(env_, entry, !dry_run, &error), error);
   }
 
   void temporarySeen(const WalkEntry& entry) override {
@@ -84,10 +84,10 @@ class CompressAction : public FileAction {
     options.verify = verify_;
     Error error;
     std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, nullptr, options);
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(env_, job.path, &error, nullptr, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
-      return compressionFailed(job, error);
+      return compressionFailed(env_, job, error);
     }
     const uint64_t size = static_cast<uint64_t>(representation->sourceSize());
     const uint64_t stored = representation->forkSize() + kDecmpfsBytes;
@@ -97,10 +97,10 @@ class CompressAction : public FileAction {
     int64_t saved = 0;
     int64_t uncompressed = 0;
     if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) {
-      return compressionFailed(job, error);
+      return compressionFailed(env_, job, error);
     }
     KRExtendedAttributesHelper::setCompressionSignature(
-        KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
+        env_, KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
     FileResult r;
     r.path = job.path;
     r.outcome = Outcome::kConverted;
@@ -112,17 +112,18 @@ class CompressAction : public FileAction {
 
  private:
   FileResult notCompressible(const FilePipeline::Job& job) {
-    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, job.path);
     return skipped(job.path, SkipReason::kNotCompressible, job.size, job.named);
   }
 
+  Env& env_;
   bool verify_;
   ConversionSafety* safety_;
 };
 
 class DecompressAction : public FileAction {
  public:
-  explicit DecompressAction(ConversionSafety* safety) : safety_(safety) {}
+  DecompressAction(Env& env, ConversionSafety* safety) : env_(env), safety_(safety) {}
 
   void temporarySeen(const WalkEntry& entry) override {
     if (safety_) safety_->cleanFolderOf(std::string(entry.path));
@@ -133,13 +134,13 @@ class DecompressAction : public FileAction {
     if (entry.st->st_size != 0) return static_cast<uint64_t>(entry.st->st_size);
     CompressedFileInfo info;
     // The fork's table is read too: a damaged header's size must not count.
-    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, nullptr)) return 0;
+    if (!CompressedFileInfo::inspect(env_, std::string(entry.path), &info, nullptr)) return 0;
     return info.uncompressedSize;
   }
 
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
     Error error;
-    return resultFor(entry, checkDecompressCandidate(Env::shared(), entry, &error), error);
+    return resultFor(entry, checkDecompressCandidate(env_, entry, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
@@ -150,7 +151,7 @@ class DecompressAction : public FileAction {
     HFSExpandOptions options;
     options.workers = workers;
     options.record = safety_ ? safety_->record() : nullptr;
-    if (!QVHFSUncompressor::expandInPlacePath(job.path, &error, &compressed, &uncompressed, false, options)) {
+    if (!QVHFSUncompressor::expandInPlacePath(env_, job.path, &error, &compressed, &uncompressed, false, options)) {
       return failedOrVanished(job, error);
     }
     FileResult r;
@@ -162,16 +163,17 @@ class DecompressAction : public FileAction {
   }
 
  private:
+  Env& env_;
   ConversionSafety* safety_;
 };
 
 }  // namespace
 
-std::unique_ptr<FileAction> makeCompressAction(bool verify, ConversionSafety* safety) {
-  return std::make_unique<CompressAction>(verify, safety);
+std::unique_ptr<FileAction> makeCompressAction(Env& env, bool verify, ConversionSafety* safety) {
+  return std::make_unique<CompressAction>(env, verify, safety);
 }
-std::unique_ptr<FileAction> makeDecompressAction(ConversionSafety* safety) {
-  return std::make_unique<DecompressAction>(safety);
+std::unique_ptr<FileAction> makeDecompressAction(Env& env, ConversionSafety* safety) {
+  return std::make_unique<DecompressAction>(env, safety);
 }
 
 }  // namespace zephlore::cli

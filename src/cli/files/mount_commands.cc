@@ -20,7 +20,7 @@ struct MountOptions {
   std::vector<std::string> fuseOptions;
 };
 
-int runMount(const MountOptions& options) {
+int runMount(Env& env, const MountOptions& options) {
   if (options.over != (options.paths.size() == 1)) {
     fprintf(stderr, "zephlore mount: give SOURCE MOUNTPOINT, or --over FOLDER\n");
     return 2;
@@ -32,12 +32,12 @@ int runMount(const MountOptions& options) {
   view.foreground = options.foreground;
   view.cacheBytes = options.cacheMiB << 20;
   view.fuseOptions = options.fuseOptions;
-  return view::runView(view);
+  return view::runView(env, view);
 }
 
 }  // namespace
 
-void addMountCommands(CLI::App& app, int* exit_code) {
+void addMountCommands(CLI::App& app, Env& env, int* exit_code) {
   auto options = std::make_shared<MountOptions>();
   CLI::App* mount = app.add_subcommand("mount", "Show a folder with every compressed file at its full content");
   mount->footer(
@@ -58,7 +58,7 @@ void addMountCommands(CLI::App& app, int* exit_code) {
   mount->add_option("--cache-size", options->cacheMiB, "MiB of inflated blocks kept for all open files (default 64)")
       ->check(CLI::Range(1, 65536));
   mount->add_option("-o", options->fuseOptions, "Further FUSE mount options (allow_other, ...)");
-  mount->callback([options, exit_code] { *exit_code = runMount(*options); });
+  mount->callback([&env, options, exit_code] { *exit_code = runMount(env, *options); });
 
   auto mountPoint = std::make_shared<std::string>();
   auto lazy = std::make_shared<bool>(false);
