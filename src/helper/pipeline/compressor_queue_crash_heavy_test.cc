@@ -153,7 +153,7 @@ class ChildProcess {
 
 std::string readContent(const std::string& path) {
   Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(path, &error);
+  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
   if (!reader) return "unreadable: " + error.describe();
   std::string content(reader->size(), '\0');
   size_t got = 0;
