@@ -47,7 +47,7 @@ class KRExtendedAttributesHelper {
   static bool setCompressionSignature(Env& env, const KRCompressionSignature& signature,
                                       const std::string& path);
   static std::optional<KRCompressionSignature> compressionSignatureAtPath(Env& env, const std::string& path);
-  static std::optional<KRCompressionSignature> compressionSignatureAtFilesystemName(Env& env, 
+  static std::optional<KRCompressionSignature> compressionSignatureAtFilesystemName(Env& env,
       const char* path);
 };
 

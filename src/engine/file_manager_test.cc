@@ -73,7 +73,7 @@ TEST_F(QVFileManagerTest, AttributeCopySkipsNamesWithoutRegardToCase) {
                            "com.apple.ResourceFork", "com.apple.ResourceFork.1"}) {
     ASSERT_EQ(env.setxattr(from, name, name, strlen(name), 0), 0);
   }
-  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromToSkipping(Env::shared(), 
+  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromToSkipping(Env::shared(),
       dir / "from", dir / "to",
       {"com.quorvane.zephlore.exclude", "com.apple.resourcefork", "COM.APPLE.DECMPFS"}));
   EXPECT_EQ(*env.listxattr(FileRef::atPath(dir / "to")), std::vector<std::string>{"keep.me"});

@@ -213,7 +213,7 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
   if (std::unique_ptr<SiblingTempFile> copy = sourceFd >= 0 ? unnamedCopyBesideSource() : nullptr) {
     // Straight into the copy's fork: no image to write and copy again.
     Error why;
-    std::unique_ptr<AttributeForkWriter> fork = AttributeForkWriter::open(env_, 
+    std::unique_ptr<AttributeForkWriter> fork = AttributeForkWriter::open(env_,
         FileRef::descriptor(copy->fd()), options_.verify, &why, namesTheCopyWillGet(env_, sourceFd));
     if (!fork) return attributeWriteFailure(env_, error, sourcePath_, copy->fd(), why.code, why.message, 0);
     AttributeForkImageSink sink(env_, *fork, copy->fd(), sourcePath_);
@@ -312,7 +312,7 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
   }
   Error why;
-  const bool written = AttributeFork::writeFrom(env_, 
+  const bool written = AttributeFork::writeFrom(env_,
       FileRef::descriptor(copyFd), forkSize_,
       [&image](uint64_t offset, void* buf, size_t n) {
         Error readError;

@@ -70,7 +70,7 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   auto snapshot = MetadataCopy::capture(Env::shared(), fromFd.get(), &error);
   ASSERT_TRUE(snapshot) << error.message;
   ASSERT_TRUE(MetadataCopy::apply(Env::shared(), *snapshot, toFd.get(), &error)) << error.message;
-  ASSERT_TRUE(MetadataCopy::copyUserAttributes(Env::shared(), 
+  ASSERT_TRUE(MetadataCopy::copyUserAttributes(Env::shared(),
       fromRef, FileRef::descriptor(toFd.get()),
       {"com.quorvane.zephlore.signature", "COM.APPLE.RESOURCEFORK"}, &error))
       << error.message;
