@@ -72,7 +72,7 @@ TEST(CompressorQueueCrashHeavy, Child) {
   ScopedSystemLoadHandler useLoad(&quiet);
   RunLoop loop(*clock);
   OperationQueue queue(1);
-  KRCompressor compressor(loop, &queue);
+  KRCompressor compressor(loop, &queue, env);
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);
