@@ -134,7 +134,7 @@ void BM_MarkingAndIdle(benchmark::State& state) {
   Bench& b = bench();
   SystemClock real;
   RunLoop loop(real);
-  EventJournal journal(b.base + "/bench.journal");
+  EventJournal journal(Env::shared(), b.base + "/bench.journal");
   double mark_ms = 0;
   long rss = 0;
   size_t marked = 0;

@@ -12,10 +12,12 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("zephlore ") + ZEPHLORE_VERSION);
   int exit_code = 0;
-  zephlore::cli::addFileCommands(app, &exit_code);
+  // The one place the command takes the process's Env; its parts get it from here.
+  zephlore::Env& env = zephlore::Env::shared();
+  zephlore::cli::addFileCommands(app, env, &exit_code);
   zephlore::cli::addPaneCommands(app, &exit_code);
   zephlore::cli::addFolderCommands(app, &exit_code);
-  zephlore::cli::addMountCommands(app, &exit_code);
+  zephlore::cli::addMountCommands(app, env, &exit_code);
   zephlore::cli::addStatusCommands(app, &exit_code);
   try {
     app.parse(argc, argv);

@@ -80,7 +80,7 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
   }
   for (const std::string& folder : wanted) {
     // Nothing there is ever compressed: a view would only slow it down.
-    if (!VolumeCapabilities::canHoldCompressedForm(folder)) continue;
+    if (!VolumeCapabilities::canHoldCompressedForm(Env::shared(), folder)) continue;
     Supervised& entry = views_[folder];
     if (entry.up || supervise(folder, entry)) {
       setDown(folder, false);

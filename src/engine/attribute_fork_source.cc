@@ -6,11 +6,11 @@
 
 namespace zephlore {
 
-std::unique_ptr<AttributeForkSource> AttributeForkSource::open(const FileRef& file,
+std::unique_ptr<AttributeForkSource> AttributeForkSource::open(Env& env, const FileRef& file,
                                                                const std::string& path,
                                                                Error* error) {
   Error why;
-  std::unique_ptr<AttributeForkReader> reader = AttributeForkReader::open(file, &why);
+  std::unique_ptr<AttributeForkReader> reader = AttributeForkReader::open(env, file, &why);
   if (!reader) {
     if (why.code == ENODATA) {
       fail(error, kHFSErrorDomain, kHFSErrorNotCompressed,

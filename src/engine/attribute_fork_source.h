@@ -15,7 +15,7 @@ namespace zephlore {
 class AttributeForkSource final : public ForkSource {
  public:
   // `path` is only for messages.
-  static std::unique_ptr<AttributeForkSource> open(const FileRef& file, const std::string& path,
+  static std::unique_ptr<AttributeForkSource> open(Env& env, const FileRef& file, const std::string& path,
                                                    Error* error);
 
   uint64_t size() const override { return reader_->size(); }

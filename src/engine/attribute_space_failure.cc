@@ -22,7 +22,7 @@ bool nearlyFull(Env& env, int fd) {
   return static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_bsize) < kNearlyFullVolumeBytes;
 }
 
-bool isExt4(const std::string& path) { return QVVolume::fileSystemTypeForPath(path) == "ext4"; }
+bool isExt4(Env& env, const std::string& path) { return QVVolume::fileSystemTypeForPath(env, path) == "ext4"; }
 
 bool cannotHold(Error* error, const std::string& path, const std::string& why) {
   return fail(error, kHFSErrorDomain, kHFSErrorVolumeCannotHold,
@@ -43,18 +43,18 @@ bool attributeWriteFailure(Env& env, Error* error, const std::string& path, int 
   if (err == EDQUOT || nearlyFull(env, copyFd)) {
     return cannotHold(error, path, "it is full (" + why + ")");
   }
-  if (!VolumeCapabilities::canHoldCompressedForm(path)) {
-    std::optional<size_t> most = VolumeCapabilities::attributePieceSize(FileRef::descriptor(copyFd), nullptr);
+  if (!VolumeCapabilities::canHoldCompressedForm(env, path)) {
+    std::optional<size_t> most = VolumeCapabilities::attributePieceSize(env, FileRef::descriptor(copyFd), nullptr);
     std::string limit = most ? "the file system accepts at most " + std::to_string(*most) +
                                    " bytes of attributes per file"
                              : "the file system accepts too few bytes of attributes per file";
-    if (isExt4(path)) limit += " (ext4 without ea_inode)";
+    if (isExt4(env, path)) limit += " (ext4 without ea_inode)";
     return cannotHold(error, path, limit);
   }
   // The volume holds the form, but not this much of it on one file.
   std::string detail = "its volume took " + std::to_string(storedBytes) +
                        " bytes of its compressed data as attributes and refused more";
-  if (isExt4(path)) {
+  if (isExt4(env, path)) {
     detail += "; ext4 names a file's attributes in one block, about 6 MiB of compressed data with 4 KiB blocks";
   }
   return refuse(error, kHFSErrorTooLargeForForm, path, detail);

@@ -17,7 +17,7 @@ namespace {
 
 CandidateRejection inspectQuickly(Env& env, const WalkEntry& entry, CompressedFileInfo* info, Error* error) {
   Error failure;
-  if (CompressedFileInfo::inspect(std::string(entry.path), info, &failure, /*checkFork=*/false)) {
+  if (CompressedFileInfo::inspect(env, std::string(entry.path), info, &failure, /*checkFork=*/false)) {
     return CandidateRejection::kNone;
   }
   struct stat st;
@@ -54,7 +54,7 @@ CandidateRejection checkCompressCandidate(Env& env, const WalkEntry& entry, bool
   // at the attributes to tell "already compressed" (or written into since)
   // from "too small".
   if (size < kMinimumCompressSize) {
-    if (KRExtendedAttributesHelper::isCompressionAttributeSetAt(std::string(entry.path))) {
+    if (KRExtendedAttributesHelper::isCompressionAttributeSetAt(env, std::string(entry.path))) {
       return size == 0 ? CandidateRejection::kAlreadyCompressed : CandidateRejection::kCompressionAttributes;
     }
     return CandidateRejection::kTooSmall;
@@ -76,7 +76,7 @@ CandidateRejection checkCompressCandidate(Env& env, const WalkEntry& entry, bool
     return info.dataForkSize > 0 ? CandidateRejection::kCompressionAttributes : CandidateRejection::kAlreadyCompressed;
   }
   if (info.hasExcludeMarker &&
-      KRExtendedAttributesHelper::isUncompressableAttributeValidAt(std::string(entry.path), may_change)) {
+      KRExtendedAttributesHelper::isUncompressableAttributeValidAt(env, std::string(entry.path), may_change)) {
     return CandidateRejection::kMarkedNotCompressible;
   }
   return CandidateRejection::kNone;

@@ -43,7 +43,7 @@ TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
   EXPECT_EQ(check(dir / "4096"), CandidateRejection::kHardLinks);
   ASSERT_EQ(unlink((dir / "other").c_str()), 0);
 
-  ASSERT_TRUE(KRExtendedAttributesHelper::setUncompressableAttributeAt(dir / "4096"));
+  ASSERT_TRUE(KRExtendedAttributesHelper::setUncompressableAttributeAt(Env::shared(), dir / "4096"));
   EXPECT_EQ(check(dir / "4096"), CandidateRejection::kMarkedNotCompressible);
 
   ASSERT_EQ(symlink("4096", (dir / "link").c_str()), 0);

@@ -70,9 +70,8 @@ double CompressedFileInfo::ratio() const {
   return static_cast<double>(forkSize) / static_cast<double>(uncompressedSize);
 }
 
-bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* info, Error* error,
+bool CompressedFileInfo::inspect(Env& env, const std::string& path, CompressedFileInfo* info, Error* error,
                                  bool checkFork) {
-  Env& env = Env::shared();
   struct stat st;
   if (env.lstat(path, &st) != 0) {
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
@@ -90,7 +89,7 @@ bool CompressedFileInfo::inspect(const std::string& path, CompressedFileInfo* in
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
                 "Could not stat source file at " + path);
   }
-  return inspect(fd.get(), st, info, error, checkFork);
+  return inspect(env, fd.get(), st, info, error, checkFork);
 }
 
 namespace {
@@ -100,10 +99,9 @@ struct Markers {
   std::optional<std::vector<uint8_t>> decmpfs;
 };
 
-bool readMarkers(int fd, CompressedFileInfo* info, Markers* markers, Error* error) {
-  Env& env = Env::shared();
+bool readMarkers(Env& env, int fd, CompressedFileInfo* info, Markers* markers, Error* error) {
   const FileRef file = FileRef::descriptor(fd);
-  std::optional<uint32_t> flags = FileFlags::get(file);
+  std::optional<uint32_t> flags = FileFlags::get(env, file);
   if (!flags && attributesUnsupported(errno)) return true;  // no markers at all
   if (!flags) return readError(error, "compressed flag");
   info->hasCompressedFlag = *flags & FileFlags::kUFCompressed;
@@ -127,12 +125,12 @@ struct Verdict {
   std::string problem;
 };
 
-std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool checkFork, CompressedFileInfo* info,
+std::optional<Verdict> judgeCompressedForm(Env& env, int fd, const Markers& markers, bool checkFork, CompressedFileInfo* info,
                                            Error* error) {
   std::unique_ptr<ForkSource> fork;
   if (info->hasResourceFork) {
     Error forkError;
-    fork = AttributeForkSource::open(FileRef::descriptor(fd), "descriptor " + std::to_string(fd), &forkError);
+    fork = AttributeForkSource::open(env, FileRef::descriptor(fd), "descriptor " + std::to_string(fd), &forkError);
     if (!fork) {
       if (!isReadFailure(forkError)) return Verdict{CompressionState::kNotOurs, forkError.message};
       if (error) *error = forkError;
@@ -159,7 +157,7 @@ std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool 
   if (!fork) return Verdict{CompressionState::kNotOurs, "it has a compression header but no resource fork"};
   if (checkFork) {
     Error forkError;
-    std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, size, &forkError);
+    std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(env, *fork, size, &forkError);
     if (!reader) {
       if (isReadFailure(forkError)) {
         if (error) *error = forkError;
@@ -178,14 +176,14 @@ std::optional<Verdict> judgeCompressedForm(int fd, const Markers& markers, bool 
 
 }  // namespace
 
-bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileInfo* out, Error* error,
+bool CompressedFileInfo::inspect(Env& env, int fd, const struct stat& st, CompressedFileInfo* out, Error* error,
                                  bool checkFork) {
   CompressedFileInfo info;
   info.dataForkSize = static_cast<uint64_t>(st.st_size);
   info.allocatedBytes = static_cast<uint64_t>(st.st_blocks) * 512;
   info.uncompressedSize = info.dataForkSize;
   Markers markers;
-  if (!readMarkers(fd, &info, &markers, error)) return false;
+  if (!readMarkers(env, fd, &info, &markers, error)) return false;
 
   Verdict verdict{CompressionState::kPlain, ""};
   const bool plain = !info.hasCompressedFlag && !info.hasDecmpfs && !info.hasResourceFork;
@@ -198,7 +196,7 @@ bool CompressedFileInfo::inspect(int fd, const struct stat& st, CompressedFileIn
                "its data fork holds data beside the attributes of the compressed form "
                "(it was written after it was compressed)"};
   } else if (!plain) {
-    std::optional<Verdict> judged = judgeCompressedForm(fd, markers, checkFork, &info, error);
+    std::optional<Verdict> judged = judgeCompressedForm(env, fd, markers, checkFork, &info, error);
     if (!judged) return false;
     verdict = std::move(*judged);
   }

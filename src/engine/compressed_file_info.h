@@ -58,10 +58,10 @@ struct CompressedFileInfo {
   // every state above is a success. With `checkFork` false the fork's header
   // and table are not read (blockCount stays 0): a quick look for callers
   // that only need the state.
-  static bool inspect(const std::string& path, CompressedFileInfo* info, Error* error,
+  static bool inspect(Env& env, const std::string& path, CompressedFileInfo* info, Error* error,
                       bool checkFork = true);
   // The same for an open file whose stat the caller has.
-  static bool inspect(int fd, const struct stat& st, CompressedFileInfo* info, Error* error,
+  static bool inspect(Env& env, int fd, const struct stat& st, CompressedFileInfo* info, Error* error,
                       bool checkFork = true);
 };
 

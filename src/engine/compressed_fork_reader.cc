@@ -33,10 +33,10 @@ std::string str(uint64_t v) { return std::to_string(v); }
 
 }  // namespace
 
-std::unique_ptr<CompressedForkReader> CompressedForkReader::open(ForkSource& source, uint64_t expectedUncompressedSize,
+std::unique_ptr<CompressedForkReader> CompressedForkReader::open(Env& env, ForkSource& source, uint64_t expectedUncompressedSize,
                                                                  Error* error) {
   std::unique_ptr<CompressedForkReader> reader(new (std::nothrow)
-                                                   CompressedForkReader(source, expectedUncompressedSize));
+                                                   CompressedForkReader(env, source, expectedUncompressedSize));
   if (!reader) {
     outOfMemory(error);
     return nullptr;
@@ -215,7 +215,7 @@ bool CompressedForkReader::expandTo(int outFd, int workers, Error* error) {
     return outOfMemory(error);
   }
 
-  Env& env = Env::shared();
+  Env& env = env_;
   // A regular file gets holes; a pipe or terminal gets every byte in order.
   struct stat outStat;
   const bool sparse = env.fstat(outFd, &outStat) == 0 && S_ISREG(outStat.st_mode);

@@ -12,6 +12,7 @@
 #include "engine/block_codec.h"
 #include "engine/fork_source.h"
 #include "engine/hfs_compression_structs_helper.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -22,7 +23,7 @@ class CompressedForkReader {
   // compression header). A fork that fails fails with 706 in kHFSErrorDomain;
   // a source that cannot be read with its own error (700). Memory used is
   // 8 bytes per block, which the fork's size bounds.
-  static std::unique_ptr<CompressedForkReader> open(ForkSource& source, uint64_t expectedUncompressedSize,
+  static std::unique_ptr<CompressedForkReader> open(Env& env, ForkSource& source, uint64_t expectedUncompressedSize,
                                                     Error* error);
 
   uint64_t uncompressedSize() const { return uncompressedSize_; }
@@ -44,13 +45,15 @@ class CompressedForkReader {
   CompressedForkReader& operator=(const CompressedForkReader&) = delete;
 
  private:
-  CompressedForkReader(ForkSource& source, uint64_t uncompressedSize) : source_(source), uncompressedSize_(uncompressedSize) {}
+  CompressedForkReader(Env& env, ForkSource& source, uint64_t uncompressedSize)
+      : env_(env), source_(source), uncompressedSize_(uncompressedSize) {}
   bool validate(Error* error);
   uint64_t blockLength(uint64_t index) const;
   bool readCompressed(uint64_t index, uint8_t* buf, Error* error);
   bool inflateBlock(BlockInflater& inflater, uint64_t index, const uint8_t* in, uint8_t* out, Error* error);
   bool loadBlock(uint64_t index, uint8_t* out, Error* error);
 
+  Env& env_;
   ForkSource& source_;
   const uint64_t uncompressedSize_;
   uint64_t forkSize_ = 0;

@@ -110,10 +110,10 @@ TEST(CompressorCrashHeavyTest, KilledAnywhereEveryFileKeepsItsContent) {
     HFSCompressionOptions options;
     options.useExchange = rng() % 4 != 0;  // the helper's setting, mostly on
     auto compressAll = [&](bool& inCritical) {
-      InProcessRecordFile record(recordPath);
+      InProcessRecordFile record(recordPath, Env::shared());
       RecordingDelegate delegate(record, inCritical);
       for (const std::string& name : names) {
-        Rep::compressInPlacePath(dir / name, nullptr, nullptr, nullptr, &delegate, options);
+        Rep::compressInPlacePath(Env::shared(), dir / name, nullptr, nullptr, nullptr, &delegate, options);
       }
     };
 
@@ -131,23 +131,23 @@ TEST(CompressorCrashHeavyTest, KilledAnywhereEveryFileKeepsItsContent) {
     killsInCritical += killed.index > 0 && killed.inCriticalSection;
 
     // The next start: recovery from the record, sometimes killed itself.
-    InProcessRecord previous = InProcessRecordFile(recordPath).previous();
+    InProcessRecord previous = InProcessRecordFile(recordPath, Env::shared()).previous();
     if (previous.path) {
       ++recoveries;
       const uint64_t size = static_cast<uint64_t>(previous.expectedSize);
       const uint32_t recoveryTarget = rng() % 4 == 0 ? 1 + rng() % 12 : 0;
       if (recoveryTarget) {
-        runAndKill([&](bool&) { Rep::recoverInProcessFileAtPath(*previous.path, size); },
+        runAndKill([&](bool&) { Rep::recoverInProcessFileAtPath(Env::shared(), *previous.path, size); },
                    [&](const Step& step) { return step.index == recoveryTarget; });
       }
-      Rep::recoverInProcessFileAtPath(*previous.path, size);
-      InProcessRecordFile(recordPath).reset();
+      Rep::recoverInProcessFileAtPath(Env::shared(), *previous.path, size);
+      InProcessRecordFile(recordPath, Env::shared()).reset();
     }
 
     for (size_t i = 0; i < names.size(); ++i) {
       SCOPED_TRACE(names[i]);
       Error error;
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(dir / names[i], &error);
+      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), dir / names[i], &error);
       ASSERT_NE(reader, nullptr) << error.describe();
       std::string content(reader->size(), '\0');
       size_t got = 0;

@@ -44,7 +44,7 @@ class CompressorFaultInjectionTest : public ::testing::Test {
     const struct timespec times[2] = {{1700000000, 111}, {1600000000, 222}};
     utimensat(AT_FDCWD, path_.c_str(), times, AT_SYMLINK_NOFOLLOW);
     if (compressed) {
-      EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+      EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
     }
     env_.clear();
     return FileSnapshot::take(path_);
@@ -76,7 +76,7 @@ class CompressorFaultInjectionTest : public ::testing::Test {
 TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas) {
   std::vector<Fault> faults = everyFault([&] {
     makeFile();
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
   });
   std::set<std::string> logged;  // each line with its path cut off
   ScopedLogCapture capture([&](const std::string& line) { logged.insert(line.substr(0, line.find(dir_.path()))); });
@@ -86,12 +86,12 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
     const FileSnapshot before = makeFile();
     env_.inject(fault);
     Error error;
-    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error);
+    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error);
     env_.clear();
     if (ok) {
       CompressedFileInfo info;
-      EXPECT_TRUE(CompressedFileInfo::inspect(path_, &info, &error) && info.state == CompressionState::kCompressed);
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(path_, &error);
+      EXPECT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, &error) && info.state == CompressionState::kCompressed);
+      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path_, &error);
       std::string content(kData.size(), '\0');
       size_t got = 0;
       EXPECT_TRUE(reader && reader->read(0, content.data(), content.size(), &got, &error) && content == kData);
@@ -128,10 +128,7 @@ TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
   FaultInjectingEnv own;
   own.inject({"exchange", EIO, 1, 1, {}, false});
   const FileSnapshot plain = makeFile();
-  HFSCompressionOptions compressing;
-  compressing.env = &own;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, nullptr, nullptr, nullptr, nullptr,
-                                                                      compressing));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(own, path_));
   EXPECT_EQ(own.calls("exchange"), 1);
   EXPECT_EQ(env_.calls("exchange"), 0);
   EXPECT_EQ(FileSnapshot::take(path_), plain);
@@ -140,9 +137,7 @@ TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
   makeFile(true);
   own.clear();
   own.inject({"exchange", EIO, 1, 1, {}, false});
-  HFSExpandOptions expanding;
-  expanding.env = &own;
-  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(path_, nullptr, nullptr, nullptr, false, expanding));
+  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(own, path_));
   EXPECT_EQ(own.calls("exchange"), 1);
   EXPECT_EQ(own.calls("rename"), 1);
   EXPECT_EQ(env_.calls("exchange") + env_.calls("rename"), 0);
@@ -154,7 +149,7 @@ TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
 TEST_F(CompressorFaultInjectionTest, AFailedSwapBackStillRestoresTheOriginal) {
   everyFault([&] {
     makeFile();
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
   });
   int restoredByRename = 0;
   const int reads = env_.calls("getxattr"), checks = reads + env_.calls("lstat");
@@ -165,7 +160,7 @@ TEST_F(CompressorFaultInjectionTest, AFailedSwapBackStillRestoresTheOriginal) {
     const FileSnapshot before = makeFile();
     env_.inject({op, EIO, nth, 1, {}, false});
     env_.inject({"exchange", EIO, 2, 1, {}, false});
-    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(path_);
+    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_);
     restoredByRename += !ok && env_.calls("exchange") == 2;
     env_.clear();
     if (!ok) {
@@ -180,7 +175,7 @@ TEST_F(CompressorFaultInjectionTest, EveryExpansionFailureLeavesTheFileCompresse
   const FileSnapshot plain = makeFile();
   std::vector<Fault> faults = everyFault([&] {
     makeFile(true);
-    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(path_));
+    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_));
   });
   int failures = 0;
   for (const Fault& fault : faults) {
@@ -188,7 +183,7 @@ TEST_F(CompressorFaultInjectionTest, EveryExpansionFailureLeavesTheFileCompresse
     const FileSnapshot before = makeFile(true);
     env_.inject(fault);
     Error error;
-    bool ok = QVHFSUncompressor::expandInPlacePath(path_, &error, nullptr, nullptr, false, {2});
+    bool ok = QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error, nullptr, nullptr, false, {2});
     env_.clear();
     failures += !ok;
     if (ok) {

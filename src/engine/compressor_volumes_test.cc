@@ -46,7 +46,7 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
     ASSERT_EQ(lstat(path.c_str(), &before), 0);
 
     Error error;
-    bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error);
+    bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error);
     char names[64] = {};
     if (!largeValues) {
       EXPECT_FALSE(compressed);
@@ -62,12 +62,12 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
       EXPECT_EQ(llistxattr(path.c_str(), names, sizeof names), 10);  // "user.note" alone
     } else {
       ASSERT_TRUE(compressed) << error.describe();
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(path, &error);
+      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
       ASSERT_TRUE(reader && reader->isCompressed()) << error.describe();
       std::string content(data.size(), '\0');
       size_t got = 0;
       EXPECT_TRUE(reader->read(0, content.data(), content.size(), &got, &error) && content == data);
-      ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(path, &error)) << error.describe();
+      ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error)) << error.describe();
       EXPECT_TRUE(testkit::readFile(path) == data);
     }
     EXPECT_EQ(std::system(("test \"$(ls -A " + ext4.path() + ")\" = \"file.log\nlost+found\"").c_str()), 0);
@@ -99,7 +99,7 @@ TEST(CompressorOnRealVolumesTest, Ext4WithLargeValuesRefusesAForkLargerThanOneFi
   const std::string data = barelyCompressible(64, 7);  // 4 MiB
   testkit::writeFile(path, data, 0640);
   Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorTooLargeForForm) << error.describe();
   EXPECT_NE(error.message.find("refused more"), std::string::npos) << error.message;
   EXPECT_EQ(error.message.find("No space left"), std::string::npos) << error.message;
@@ -132,7 +132,7 @@ TEST(CompressorOnRealVolumesTest, AForkPastTheAttributeListIsRefusedAsSoonAsItPa
   HFSCompressionOptions options;
   options.workers = 2;
   EXPECT_FALSE(
-      QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, nullptr, nullptr, nullptr, options));
+      QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error, nullptr, nullptr, nullptr, options));
   EXPECT_EQ(error.code, kHFSErrorTooLargeForForm) << error.describe();
   EXPECT_NE(error.message.find("2016 fork pieces of 65536 bytes"), std::string::npos) << error.message;
   ASSERT_EQ(lstat(path.c_str(), &after), 0);

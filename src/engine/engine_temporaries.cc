@@ -49,55 +49,54 @@ std::optional<std::string> ownerOf(const std::string& dir, const std::string& co
 }
 
 // Whether the file at `path` is whole: plain, or compressed and complete.
-bool isWhole(const std::string& path) {
+bool isWhole(Env& env, const std::string& path) {
   CompressedFileInfo info;
-  if (!CompressedFileInfo::inspect(path, &info, nullptr, false)) return false;
+  if (!CompressedFileInfo::inspect(env, path, &info, nullptr, false)) return false;
   return info.state == CompressionState::kPlain || info.state == CompressionState::kCompressed;
 }
 
-bool removeLeftover(const std::string& name) {
-  if (!SiblingTempFile::removeOwnLeftover(Env::shared(), name)) return false;
+bool removeLeftover(Env& env, const std::string& name) {
+  if (!SiblingTempFile::removeOwnLeftover(env, name)) return false;
   KRLog("Removed the temporary file %s a stopped run left behind", name.c_str());
   return true;
 }
 
-bool settleCopy(const std::string& dir, const std::string& name, const std::vector<std::string>& names) {
-  Env& env = Env::shared();
+bool settleCopy(Env& env, const std::string& dir, const std::string& name, const std::vector<std::string>& names) {
   const std::string leftover = join(dir, name);
   struct stat st;
   if (env.lstat(leftover, &st) != 0 || !S_ISREG(st.st_mode) || SiblingTempFile::isHeld(env, leftover)) return false;
-  const bool hasFork = AttributeFork::isPresent(FileRef::atPath(leftover));
+  const bool hasFork = AttributeFork::isPresent(env, FileRef::atPath(leftover));
   std::optional<std::string> owner = ownerOf(dir, name, names);
   if (owner) {
     // The size the file had before it was converted: the original data's,
     // when that is what the leftover holds.
     const uint64_t size = hasFork ? 0 : static_cast<uint64_t>(st.st_size);
-    QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(*owner, size);
+    QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(env, *owner, size);
     if (env.lstat(leftover, &st) != 0) return true;  // recovery settled it
   }
   // Plain data is kept when it may be the only whole version of a file.
-  if (!hasFork && st.st_size > 0 && (!owner || !isWhole(*owner))) {
+  if (!hasFork && st.st_size > 0 && (!owner || !isWhole(env, *owner))) {
     KRLog("**** Keeping %s: it may hold the only whole copy of a file", leftover.c_str());
     return false;
   }
-  return removeLeftover(leftover);
+  return removeLeftover(env, leftover);
 }
 
 }  // namespace
 
 bool EngineTemporaries::isTemporaryName(std::string_view name) { return isCopyName(name) || isProbeName(name); }
 
-int EngineTemporaries::cleanFolder(const std::string& dir) {
-  std::optional<std::vector<std::string>> names = Env::shared().listDirectory(dir);
+int EngineTemporaries::cleanFolder(Env& env, const std::string& dir) {
+  std::optional<std::vector<std::string>> names = env.listDirectory(dir);
   if (!names) return 0;
   int removed = 0;
   for (const std::string& name : *names) {
     if (isCopyName(name)) {
-      removed += settleCopy(dir, name, *names);
+      removed += settleCopy(env, dir, name, *names);
     } else if (isProbeName(name)) {
       struct stat st;
       const std::string probe = join(dir, name);
-      if (Env::shared().lstat(probe, &st) == 0 && st.st_size == 0) removed += removeLeftover(probe);
+      if (env.lstat(probe, &st) == 0 && st.st_size == 0) removed += removeLeftover(env, probe);
     }
   }
   return removed;

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
 class EngineTemporaries {
@@ -23,7 +25,7 @@ class EngineTemporaries {
 
   // Repairs and removes the leftovers in `dir` that no live run holds.
   // Returns how many were removed.
-  static int cleanFolder(const std::string& dir);
+  static int cleanFolder(Env& env, const std::string& dir);
 };
 
 }  // namespace zephlore

@@ -25,88 +25,87 @@ int64_t getLE64(const uint8_t* in) {
   return static_cast<int64_t>(bits);
 }
 
-bool statNoFollow(const std::string& path, struct stat* st) {
-  return Env::shared().lstat(path, st) == 0;
+bool statNoFollow(Env& env, const std::string& path, struct stat* st) {
+  return env.lstat(path, st) == 0;
 }
 
 }  // namespace
 
-bool KRExtendedAttributesHelper::isAttributeSetAt(const std::string& name,
+bool KRExtendedAttributesHelper::isAttributeSetAt(Env& env, const std::string& name,
                                                   const std::string& path) {
-  return Env::shared().getxattr(FileRef::atPath(path), name, nullptr, 0) >= 0;
+  return env.getxattr(FileRef::atPath(path), name, nullptr, 0) >= 0;
 }
 
-bool KRExtendedAttributesHelper::isAttributeSetAtFilesystemName(const std::string& name,
+bool KRExtendedAttributesHelper::isAttributeSetAtFilesystemName(Env& env, const std::string& name,
                                                                 const char* path) {
-  return path && isAttributeSetAt(name, path);
+  return path && isAttributeSetAt(env, name, path);
 }
 
-bool KRExtendedAttributesHelper::isCompressionAttributeSetAt(const std::string& path) {
-  return isAttributeSetAt(attr::kResourceFork, path) || isAttributeSetAt(attr::kDecmpfs, path);
+bool KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env& env, const std::string& path) {
+  return isAttributeSetAt(env, attr::kResourceFork, path) || isAttributeSetAt(env, attr::kDecmpfs, path);
 }
 
-bool KRExtendedAttributesHelper::isCompressionAttributeSetAtFilesystemName(const char* path) {
-  return path && isCompressionAttributeSetAt(path);
+bool KRExtendedAttributesHelper::isCompressionAttributeSetAtFilesystemName(Env& env, const char* path) {
+  return path && isCompressionAttributeSetAt(env, path);
 }
 
-bool KRExtendedAttributesHelper::isUncompressableAttributeSetAt(const std::string& path) {
-  return isAttributeSetAt(attr::kExclude, path);
+bool KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env& env, const std::string& path) {
+  return isAttributeSetAt(env, attr::kExclude, path);
 }
 
-bool KRExtendedAttributesHelper::isUncompressableAttributeSetAtFilesystemName(const char* path) {
-  return path && isUncompressableAttributeSetAt(path);
+bool KRExtendedAttributesHelper::isUncompressableAttributeSetAtFilesystemName(Env& env, const char* path) {
+  return path && isUncompressableAttributeSetAt(env, path);
 }
 
-bool KRExtendedAttributesHelper::setUncompressableAttributeAt(const std::string& path) {
+bool KRExtendedAttributesHelper::setUncompressableAttributeAt(Env& env, const std::string& path) {
   struct stat st;
-  if (!statNoFollow(path, &st)) return false;
+  if (!statNoFollow(env, path, &st)) return false;
   uint8_t value[kExcludeValueSize];
   putLE64(value, st.st_mtim.tv_sec);
   putLE64(value + 8, st.st_mtim.tv_nsec);
-  return RZXattrMetadataStore::setData(value, sizeof value, attr::kExclude, path, false, nullptr);
+  return RZXattrMetadataStore::setData(env, value, sizeof value, attr::kExclude, path, false, nullptr);
 }
 
-bool KRExtendedAttributesHelper::setUncompressableAttributeAtFileSystemName(const char* path) {
-  return path && setUncompressableAttributeAt(path);
+bool KRExtendedAttributesHelper::setUncompressableAttributeAtFileSystemName(Env& env, const char* path) {
+  return path && setUncompressableAttributeAt(env, path);
 }
 
-bool KRExtendedAttributesHelper::removeUncompressableAttributeAt(const std::string& path) {
-  return RZXattrMetadataStore::removeKey(attr::kExclude, path, false, nullptr);
+bool KRExtendedAttributesHelper::removeUncompressableAttributeAt(Env& env, const std::string& path) {
+  return RZXattrMetadataStore::removeKey(env, attr::kExclude, path, false, nullptr);
 }
 
-bool KRExtendedAttributesHelper::removeUncompressableAttributeAtFilesystemName(const char* path) {
-  return path && removeUncompressableAttributeAt(path);
+bool KRExtendedAttributesHelper::removeUncompressableAttributeAtFilesystemName(Env& env, const char* path) {
+  return path && removeUncompressableAttributeAt(env, path);
 }
 
-bool KRExtendedAttributesHelper::isUncompressableAttributeValidAt(const std::string& path,
+bool KRExtendedAttributesHelper::isUncompressableAttributeValidAt(Env& env, const std::string& path,
                                                                   bool deleteIfNotValid) {
   struct stat st;
-  if (!statNoFollow(path, &st)) return false;
+  if (!statNoFollow(env, path, &st)) return false;
   uint8_t value[kExcludeValueSize];
-  ssize_t got = Env::shared().getxattr(FileRef::atPath(path), attr::kExclude, value, sizeof value);
+  ssize_t got = env.getxattr(FileRef::atPath(path), attr::kExclude, value, sizeof value);
   if (got != static_cast<ssize_t>(sizeof value)) return false;  // absent or not ours: left alone
   const bool valid =
       getLE64(value) == st.st_mtim.tv_sec && getLE64(value + 8) == st.st_mtim.tv_nsec;
-  if (!valid && deleteIfNotValid) removeUncompressableAttributeAt(path);
+  if (!valid && deleteIfNotValid) removeUncompressableAttributeAt(env, path);
   return valid;
 }
 
-bool KRExtendedAttributesHelper::isUncompressableAttributeValidAtFilesystemName(
+bool KRExtendedAttributesHelper::isUncompressableAttributeValidAtFilesystemName(Env& env,
     const char* path, bool deleteIfNotValid) {
-  return path && isUncompressableAttributeValidAt(path, deleteIfNotValid);
+  return path && isUncompressableAttributeValidAt(env, path, deleteIfNotValid);
 }
 
-bool KRExtendedAttributesHelper::setCompressionSignature(const KRCompressionSignature& signature,
+bool KRExtendedAttributesHelper::setCompressionSignature(Env& env, const KRCompressionSignature& signature,
                                                          const std::string& path) {
   struct stat st;
-  if (!statNoFollow(path, &st)) return false;
-  return RZXattrMetadataStore::setData(signature.archive(), attr::kSignature, path, false,
+  if (!statNoFollow(env, path, &st)) return false;
+  return RZXattrMetadataStore::setData(env, signature.archive(), attr::kSignature, path, false,
                                        nullptr);
 }
 
-std::optional<KRCompressionSignature> KRExtendedAttributesHelper::compressionSignatureAtPath(
+std::optional<KRCompressionSignature> KRExtendedAttributesHelper::compressionSignatureAtPath(Env& env,
     const std::string& path) {
-  Env& env = Env::shared();
   const FileRef file = FileRef::atPath(path);
   ssize_t size = env.getxattr(file, attr::kSignature, nullptr, 0);
   if (size < 1) return std::nullopt;
@@ -118,9 +117,9 @@ std::optional<KRCompressionSignature> KRExtendedAttributesHelper::compressionSig
 }
 
 std::optional<KRCompressionSignature>
-KRExtendedAttributesHelper::compressionSignatureAtFilesystemName(const char* path) {
+KRExtendedAttributesHelper::compressionSignatureAtFilesystemName(Env& env, const char* path) {
   if (!path) return std::nullopt;
-  return compressionSignatureAtPath(path);
+  return compressionSignatureAtPath(env, path);
 }
 
 }  // namespace zephlore

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "engine/compression_signature.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -21,32 +22,32 @@ class KRExtendedAttributesHelper {
  public:
   KRExtendedAttributesHelper() = delete;
 
-  static bool isAttributeSetAt(const std::string& name, const std::string& path);
-  static bool isAttributeSetAtFilesystemName(const std::string& name, const char* path);
+  static bool isAttributeSetAt(Env& env, const std::string& name, const std::string& path);
+  static bool isAttributeSetAtFilesystemName(Env& env, const std::string& name, const char* path);
 
   // "com.apple.ResourceFork" or "com.apple.decmpfs" is present.
-  static bool isCompressionAttributeSetAt(const std::string& path);
-  static bool isCompressionAttributeSetAtFilesystemName(const char* path);
+  static bool isCompressionAttributeSetAt(Env& env, const std::string& path);
+  static bool isCompressionAttributeSetAtFilesystemName(Env& env, const char* path);
 
-  static bool isUncompressableAttributeSetAt(const std::string& path);
-  static bool isUncompressableAttributeSetAtFilesystemName(const char* path);
+  static bool isUncompressableAttributeSetAt(Env& env, const std::string& path);
+  static bool isUncompressableAttributeSetAtFilesystemName(Env& env, const char* path);
   // Sets the exclude marker to the file's current modification time.
-  static bool setUncompressableAttributeAt(const std::string& path);
-  static bool setUncompressableAttributeAtFileSystemName(const char* path);
-  static bool removeUncompressableAttributeAt(const std::string& path);
-  static bool removeUncompressableAttributeAtFilesystemName(const char* path);
+  static bool setUncompressableAttributeAt(Env& env, const std::string& path);
+  static bool setUncompressableAttributeAtFileSystemName(Env& env, const char* path);
+  static bool removeUncompressableAttributeAt(Env& env, const std::string& path);
+  static bool removeUncompressableAttributeAtFilesystemName(Env& env, const char* path);
   // The marker is 16 bytes and equals the file's modification time. An
   // outdated marker is removed when asked; one of another length is invalid
   // and never removed.
-  static bool isUncompressableAttributeValidAt(const std::string& path,
+  static bool isUncompressableAttributeValidAt(Env& env, const std::string& path,
                                                bool deleteIfNotValid = false);
-  static bool isUncompressableAttributeValidAtFilesystemName(const char* path,
+  static bool isUncompressableAttributeValidAtFilesystemName(Env& env, const char* path,
                                                              bool deleteIfNotValid = false);
 
-  static bool setCompressionSignature(const KRCompressionSignature& signature,
+  static bool setCompressionSignature(Env& env, const KRCompressionSignature& signature,
                                       const std::string& path);
-  static std::optional<KRCompressionSignature> compressionSignatureAtPath(const std::string& path);
-  static std::optional<KRCompressionSignature> compressionSignatureAtFilesystemName(
+  static std::optional<KRCompressionSignature> compressionSignatureAtPath(Env& env, const std::string& path);
+  static std::optional<KRCompressionSignature> compressionSignatureAtFilesystemName(Env& env,
       const char* path);
 };
 

@@ -30,9 +30,9 @@ TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
   writeFile(file, "data");
   setMtime(file, 1600000000, 123456789);
 
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file));
-  ASSERT_TRUE(Helper::setUncompressableAttributeAt(file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file));
+  ASSERT_TRUE(Helper::setUncompressableAttributeAt(Env::shared(), file));
   auto raw = Env::shared().getxattrValue(FileRef::atPath(file), "com.quorvane.zephlore.exclude");
   ASSERT_TRUE(raw);
   ASSERT_EQ(raw->size(), 16u);
@@ -40,45 +40,45 @@ TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
   memcpy(stored, raw->data(), 16);  // host order, little-endian here
   EXPECT_EQ(stored[0], 1600000000);
   EXPECT_EQ(stored[1], 123456789);
-  EXPECT_TRUE(Helper::isUncompressableAttributeSetAtFilesystemName(file.c_str()));
-  EXPECT_TRUE(Helper::isUncompressableAttributeValidAt(file, true));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAtFilesystemName(Env::shared(), file.c_str()));
+  EXPECT_TRUE(Helper::isUncompressableAttributeValidAt(Env::shared(), file, true));
 
   // Only the nanoseconds change: no longer valid; kept unless asked.
   setMtime(file, 1600000000, 123456790);
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file));
-  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(file));
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(file.c_str(), true));
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(Env::shared(), file.c_str(), true));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
 
   // A marker of another length is invalid and never removed.
   ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(file), "com.quorvane.zephlore.exclude",
                                    "short", 5, 0),
             0);
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(file, true));
-  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(file));
-  EXPECT_TRUE(Helper::removeUncompressableAttributeAt(file));
-  EXPECT_FALSE(Helper::removeUncompressableAttributeAt(file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file, true));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
+  EXPECT_TRUE(Helper::removeUncompressableAttributeAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::removeUncompressableAttributeAt(Env::shared(), file));
 
   // Not through a symbolic link; nothing for a missing file.
   ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
-  EXPECT_FALSE(Helper::setUncompressableAttributeAt(dir / "link"));
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(file));
-  EXPECT_FALSE(Helper::setUncompressableAttributeAt(dir / "missing"));
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(nullptr));
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::shared(), dir / "link"));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::shared(), dir / "missing"));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAtFilesystemName(Env::shared(), nullptr));
 }
 
 TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCounts) {
   ScratchDir dir;
   writeFile(dir / "f", "");
-  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(dir / "f"));
+  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(Env::shared(), dir / "f"));
   const FileRef file = FileRef::atPath(dir / "f");
   ASSERT_EQ(Env::shared().setxattr(file, "com.apple.ResourceFork", "r", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(dir / "f"));
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), dir / "f"));
   ASSERT_EQ(Env::shared().removexattr(file, "com.apple.ResourceFork"), 0);
   ASSERT_EQ(Env::shared().setxattr(file, "com.apple.decmpfs", "d", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAtFilesystemName((dir / "f").c_str()));
-  EXPECT_TRUE(Helper::isAttributeSetAt("com.apple.decmpfs", dir / "f"));
-  EXPECT_FALSE(Helper::isAttributeSetAt("com.apple.decmpfs", dir / "missing"));
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAtFilesystemName(Env::shared(), (dir / "f").c_str()));
+  EXPECT_TRUE(Helper::isAttributeSetAt(Env::shared(), "com.apple.decmpfs", dir / "f"));
+  EXPECT_FALSE(Helper::isAttributeSetAt(Env::shared(), "com.apple.decmpfs", dir / "missing"));
 }
 
 TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
@@ -122,14 +122,14 @@ TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
 
   ScratchDir dir;
   writeFile(dir / "f", "");
-  EXPECT_FALSE(Helper::compressionSignatureAtPath(dir / "f"));
-  ASSERT_TRUE(Helper::setCompressionSignature(signature, dir / "f"));
-  EXPECT_EQ(Helper::compressionSignatureAtFilesystemName((dir / "f").c_str()), signature);
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::shared(), dir / "f"));
+  ASSERT_TRUE(Helper::setCompressionSignature(Env::shared(), signature, dir / "f"));
+  EXPECT_EQ(Helper::compressionSignatureAtFilesystemName(Env::shared(), (dir / "f").c_str()), signature);
   ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(dir / "f"), "com.quorvane.zephlore.signature",
                                    "\x00\x01garbage", 9, 0),
             0);
-  EXPECT_FALSE(Helper::compressionSignatureAtPath(dir / "f"));
-  EXPECT_FALSE(Helper::setCompressionSignature(signature, dir / "missing"));
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::shared(), dir / "f"));
+  EXPECT_FALSE(Helper::setCompressionSignature(Env::shared(), signature, dir / "missing"));
 }
 
 }  // namespace

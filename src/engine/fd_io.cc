@@ -7,12 +7,12 @@ namespace zephlore {
 
 // Positional reads and writes go through the platform layer, so that tests
 // can make the source or the image fail at any block.
-ssize_t preadFull(int fd, void* buf, size_t n, uint64_t offset) {
-  return Env::shared().preadFully(fd, buf, n, offset);
+ssize_t preadFull(Env& env, int fd, void* buf, size_t n, uint64_t offset) {
+  return env.preadFully(fd, buf, n, offset);
 }
 
-bool pwriteFull(int fd, const void* buf, size_t n, uint64_t offset) {
-  return Env::shared().pwriteFully(fd, buf, n, offset);
+bool pwriteFull(Env& env, int fd, const void* buf, size_t n, uint64_t offset) {
+  return env.pwriteFully(fd, buf, n, offset);
 }
 
 bool writeFull(int fd, const void* buf, size_t n) { return writeAll(fd, buf, n); }

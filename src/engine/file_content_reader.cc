@@ -24,8 +24,7 @@ bool readFailure(Error* error) {
 
 FileContentReader::~FileContentReader() = default;
 
-std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& path, Error* error) {
-  Env& env = Env::shared();
+std::unique_ptr<FileContentReader> FileContentReader::open(Env& env, const std::string& path, Error* error) {
   struct stat st;
   if (env.lstat(path, &st) != 0) {
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
@@ -36,14 +35,14 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
     refuse(error, kHFSErrorNotRegularFile, path);
     return nullptr;
   }
-  std::unique_ptr<FileContentReader> reader(new FileContentReader());
+  std::unique_ptr<FileContentReader> reader(new FileContentReader(env));
   reader->fd_.reset(env.open(path, O_RDONLY | O_NONBLOCK));
   if (!reader->fd_ || env.fstat(reader->fd_.get(), &st) != 0) {
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen,
          "Could not open source file at " + path + ": " + std::strerror(errno));
     return nullptr;
   }
-  if (!CompressedFileInfo::inspect(reader->fd_.get(), st, &reader->info_, error, false)) return nullptr;
+  if (!CompressedFileInfo::inspect(env, reader->fd_.get(), st, &reader->info_, error, false)) return nullptr;
   const CompressedFileInfo& info = reader->info_;
   switch (info.state) {
     case CompressionState::kPlain:
@@ -60,9 +59,9 @@ std::unique_ptr<FileContentReader> FileContentReader::open(const std::string& pa
            "Source file is not compressed at " + path + ": " + info.problem);
       return nullptr;
   }
-  reader->fork_ = AttributeForkSource::open(FileRef::descriptor(reader->fd_.get()), path, error);
+  reader->fork_ = AttributeForkSource::open(env, FileRef::descriptor(reader->fd_.get()), path, error);
   if (!reader->fork_) return nullptr;
-  reader->reader_ = CompressedForkReader::open(*reader->fork_, info.uncompressedSize, error);
+  reader->reader_ = CompressedForkReader::open(env, *reader->fork_, info.uncompressedSize, error);
   if (!reader->reader_) return nullptr;
   reader->size_ = info.uncompressedSize;
   reader->info_.forkSize = reader->fork_->size();
@@ -74,7 +73,7 @@ bool FileContentReader::read(uint64_t offset, void* buf, size_t n, size_t* got, 
   if (reader_) return reader_->read(offset, buf, n, got, error);
   // A plain file is read to its end, whatever its size said (a file of
   // /proc says 0 and has content).
-  ssize_t result = Env::shared().preadFully(fd_.get(), buf, n, offset);
+  ssize_t result = env_.preadFully(fd_.get(), buf, n, offset);
   if (result < 0) return readFailure(error);
   *got = static_cast<size_t>(result);
   return true;

@@ -22,7 +22,7 @@ class FileContentReader {
   // file is refused with 708 (neither its data fork nor its old compressed
   // data is its whole content), an incomplete or foreign compressed form
   // with 705, a corrupt fork with 706.
-  static std::unique_ptr<FileContentReader> open(const std::string& path, Error* error);
+  static std::unique_ptr<FileContentReader> open(Env& env, const std::string& path, Error* error);
 
   ~FileContentReader();
   FileContentReader(const FileContentReader&) = delete;
@@ -40,8 +40,9 @@ class FileContentReader {
   bool copyTo(int outFd, int workers, Error* error);
 
  private:
-  FileContentReader() = default;
+  explicit FileContentReader(Env& env) : env_(env) {}
 
+  Env& env_;
   UniqueFd fd_;
   uint64_t size_ = 0;
   CompressedFileInfo info_;

@@ -7,9 +7,9 @@
 
 namespace zephlore {
 
-std::optional<std::string> QVFileManager::createTemporaryFile(int* fd) {
+std::optional<std::string> QVFileManager::createTemporaryFile(Env& env, int* fd) {
   if (fd) *fd = -1;
-  auto created = TemporaryFiles::create("QVS-tmp.", nullptr);
+  auto created = TemporaryFiles::create(env, "QVS-tmp.", nullptr);
   if (!created) return std::nullopt;
   if (fd) {
     *fd = created->fd.release();
@@ -26,27 +26,27 @@ uint32_t QVFileManager::temporaryNameHash(const std::string& path) {
   return hash;
 }
 
-std::string QVFileManager::getTemporaryFileNameBasedOnExistingPath(const std::string& path) {
+std::string QVFileManager::getTemporaryFileNameBasedOnExistingPath(Env& env, const std::string& path) {
   const std::string name = "QVS-tmp-" + std::to_string(temporaryNameHash(path));
   std::optional<std::string> tmp = TemporaryFiles::privateDirectory();
   struct stat st;
-  const bool exists = Env::shared().lstat(path, &st) == 0;
-  if (!tmp || (exists && !QVVolume::areInSameVolumePath(path, *tmp))) return path + "." + name;
+  const bool exists = env.lstat(path, &st) == 0;
+  if (!tmp || (exists && !QVVolume::areInSameVolumePath(env, path, *tmp))) return path + "." + name;
   return *tmp + "/" + name;
 }
 
-bool QVFileManager::copyExtendedAttributesFromTo(const std::string& from, const std::string& to) {
-  return copyExtendedAttributesFromToSkipping(from, to, {});
+bool QVFileManager::copyExtendedAttributesFromTo(Env& env, const std::string& from, const std::string& to) {
+  return copyExtendedAttributesFromToSkipping(env, from, to, {});
 }
 
-bool QVFileManager::copyExtendedAttributesFromToSkipping(const std::string& from,
+bool QVFileManager::copyExtendedAttributesFromToSkipping(Env& env, const std::string& from,
                                                          const std::string& to,
                                                          const std::vector<std::string>& skipping) {
   bool ok = true;
-  for (const std::string& key : RZXattrMetadataStore::allKeysAtPath(from, false)) {
+  for (const std::string& key : RZXattrMetadataStore::allKeysAtPath(env, from, false)) {
     if (MetadataCopy::isSkipped(key, skipping)) continue;
-    auto value = RZXattrMetadataStore::dataForKey(key, from, false);
-    ok = value && RZXattrMetadataStore::setData(*value, key, to, false, nullptr) && ok;
+    auto value = RZXattrMetadataStore::dataForKey(env, key, from, false);
+    ok = value && RZXattrMetadataStore::setData(env, *value, key, to, false, nullptr) && ok;
   }
   return ok;
 }

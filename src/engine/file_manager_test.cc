@@ -32,7 +32,7 @@ class QVFileManagerTest : public ::testing::Test {
 
 TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
   int fd = -1;
-  auto path = QVFileManager::createTemporaryFile(&fd);
+  auto path = QVFileManager::createTemporaryFile(Env::shared(), &fd);
   ASSERT_TRUE(path);
   EXPECT_GE(fd, 0);
   EXPECT_EQ(path->rfind(privateDir() + "/QVS-tmp.", 0), 0u) << *path;
@@ -43,13 +43,13 @@ TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
   writeFile(shm / "f", "x");
   writeFile(other / "f", "x");
   const std::string hash = std::to_string(QVFileManager::temporaryNameHash(shm / "f"));
-  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(shm / "f"),
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(Env::shared(), shm / "f"),
             privateDir() + "/QVS-tmp-" + hash);
   const std::string otherHash = std::to_string(QVFileManager::temporaryNameHash(other / "f"));
-  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(other / "f"),
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(Env::shared(), other / "f"),
             other / "f.QVS-tmp-" + otherHash);
   const std::string missingHash = std::to_string(QVFileManager::temporaryNameHash(other / "gone"));
-  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(other / "gone"),
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(Env::shared(), other / "gone"),
             privateDir() + "/QVS-tmp-" + missingHash);
   EXPECT_NE(hash, otherHash);
 
@@ -57,9 +57,9 @@ TEST_F(QVFileManagerTest, TemporaryFilesStayPrivateAndOnTheTargetsVolume) {
   testkit::ScopedEnvVar shared_runtime("XDG_RUNTIME_DIR", "/tmp");
   testkit::ScopedEnvVar no_data_home("XDG_DATA_HOME", "/proc/nowhere");
   ScopedShared<DataFolder> no_data_folder;
-  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(shm / "f"),
+  EXPECT_EQ(QVFileManager::getTemporaryFileNameBasedOnExistingPath(Env::shared(), shm / "f"),
             shm / "f.QVS-tmp-" + hash);
-  EXPECT_FALSE(QVFileManager::createTemporaryFile(&fd));
+  EXPECT_FALSE(QVFileManager::createTemporaryFile(Env::shared(), &fd));
   EXPECT_EQ(fd, -1);
 }
 
@@ -73,18 +73,18 @@ TEST_F(QVFileManagerTest, AttributeCopySkipsNamesWithoutRegardToCase) {
                            "com.apple.ResourceFork", "com.apple.ResourceFork.1"}) {
     ASSERT_EQ(env.setxattr(from, name, name, strlen(name), 0), 0);
   }
-  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromToSkipping(
+  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromToSkipping(Env::shared(),
       dir / "from", dir / "to",
       {"com.quorvane.zephlore.exclude", "com.apple.resourcefork", "COM.APPLE.DECMPFS"}));
   EXPECT_EQ(*env.listxattr(FileRef::atPath(dir / "to")), std::vector<std::string>{"keep.me"});
   EXPECT_EQ(env.getxattrValue(FileRef::atPath(dir / "to"), "keep.me"),
             (std::vector<uint8_t>{'k', 'e', 'e', 'p', '.', 'm', 'e'}));
 
-  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromTo(dir / "to", dir / "from"));
+  EXPECT_TRUE(QVFileManager::copyExtendedAttributesFromTo(Env::shared(), dir / "to", dir / "from"));
   FaultInjectingEnv faults;
   ScopedSharedEnv use(&faults);
   faults.inject({.op = "setxattr", .error = ENOSPC, .match = "decmpfs"});
-  EXPECT_FALSE(QVFileManager::copyExtendedAttributesFromTo(dir / "from", dir / "to"));
+  EXPECT_FALSE(QVFileManager::copyExtendedAttributesFromTo(Env::shared(), dir / "from", dir / "to"));
   auto names = env.listxattr(FileRef::atPath(dir / "to"));
   EXPECT_EQ(names->size(), 4u);  // every other one was still copied
 }

@@ -29,11 +29,10 @@ Outcome failed(Error* error, int code, const std::string& message) {
 }
 
 // Takes the compressed form off the file at `fd`: what remains is its data fork.
-bool stripCompressedForm(int fd, Error* error) {
-  Env& env = Env::shared();
+bool stripCompressedForm(Env& env, int fd, Error* error) {
   const FileRef file = FileRef::descriptor(fd);
-  std::optional<uint32_t> flags = FileFlags::get(file);
-  if (flags && (*flags & FileFlags::kUFCompressed) && !FileFlags::set(file, *flags & ~FileFlags::kUFCompressed)) {
+  std::optional<uint32_t> flags = FileFlags::get(env, file);
+  if (flags && (*flags & FileFlags::kUFCompressed) && !FileFlags::set(env, file, *flags & ~FileFlags::kUFCompressed)) {
     return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression,
                 std::string("cannot clear the compressed flag: ") + std::strerror(errno));
   }
@@ -47,14 +46,13 @@ bool stripCompressedForm(int fd, Error* error) {
                 std::string("cannot remove the compression signature: ") + std::strerror(errno));
   }
   Error why;
-  if (!AttributeFork::remove(file, &why)) {
+  if (!AttributeFork::remove(env, file, &why)) {
     return fail(error, kHFSErrorDomain, kHFSErrorCannotStripCompression, "cannot remove the compressed data: " + why.message);
   }
   return true;
 }
 
-Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std::string* what) {
-  Env& env = Env::shared();
+Outcome repairWrittenAfterCompression(Env& env, const std::string& path, Error* error, std::string* what) {
   const std::string recovered = QVFileRepair::recoveredPathFor(path);
   struct stat st;
   if (env.lstat(recovered, &st) == 0) {
@@ -72,10 +70,10 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
   if (WriterCheck writers = checkWriters(env, lock.get(), locked, path, false); writers.busy) {
     return refuse(error, kHFSErrorOpenForWriting, path, writers.why), Outcome::kFailed;
   }
-  QVHFSUncompressor expander(path);
+  QVHFSUncompressor expander(env, path);
   expander.setAcceptWrittenData(true);
   if (!expander.expandTo(recovered, error)) return Outcome::kFailed;
-  if (!stripCompressedForm(lock.get(), error)) return Outcome::kFailed;
+  if (!stripCompressedForm(env, lock.get(), error)) return Outcome::kFailed;
   if (what) *what = "kept the data written after compression; the compressed version is at " + recovered;
   KRLog("Repaired %s: the compressed version is at %s", path.c_str(), recovered.c_str());
   return Outcome::kRepaired;
@@ -85,21 +83,21 @@ Outcome repairWrittenAfterCompression(const std::string& path, Error* error, std
 
 std::string QVFileRepair::recoveredPathFor(const std::string& path) { return path + ".zephlore-recovered"; }
 
-QVFileRepair::Outcome QVFileRepair::repairFile(const std::string& path, Error* error, std::string* what) {
+QVFileRepair::Outcome QVFileRepair::repairFile(Env& env, const std::string& path, Error* error, std::string* what) {
   CompressedFileInfo info;
-  if (!CompressedFileInfo::inspect(path, &info, error)) return Outcome::kFailed;
+  if (!CompressedFileInfo::inspect(env, path, &info, error)) return Outcome::kFailed;
   switch (info.state) {
     case CompressionState::kPlain:
     case CompressionState::kCompressed:
       return Outcome::kWhole;
     case CompressionState::kMixed:
-      return repairWrittenAfterCompression(path, error, what);
+      return repairWrittenAfterCompression(env, path, error, what);
     case CompressionState::kIncomplete:
       if (!info.hasDecmpfs) {
         return failed(error, kHFSErrorNotCompressed,
                       "File at path " + path + " was cut short before its size was written: its size is unknown");
       }
-      if (!QVHFSUncompressor::expandInPlacePath(path, error, nullptr, nullptr, true)) return Outcome::kFailed;
+      if (!QVHFSUncompressor::expandInPlacePath(env, path, error, nullptr, nullptr, true)) return Outcome::kFailed;
       if (what) *what = "expanded a conversion that was cut short";
       return Outcome::kRepaired;
     case CompressionState::kNotOurs:

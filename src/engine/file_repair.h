@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -25,7 +26,7 @@ class QVFileRepair {
   // becomes plain), and the compressed version is expanded beside it at
   // recoveredPathFor(path), never over anything. Cut short (fork and header
   // without the flag): expanded in place. Damaged: refused.
-  static Outcome repairFile(const std::string& path, Error* error, std::string* what = nullptr);
+  static Outcome repairFile(Env& env, const std::string& path, Error* error, std::string* what = nullptr);
 };
 
 }  // namespace zephlore

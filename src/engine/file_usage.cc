@@ -7,27 +7,27 @@
 
 namespace zephlore {
 
-std::optional<std::vector<FileUser>> QVFileUsage::usersOfFile(const std::string& path) {
+std::optional<std::vector<FileUser>> QVFileUsage::usersOfFile(Env& env, const std::string& path) {
   struct stat st;
-  if (Env::shared().lstat(path, &st) != 0) {
+  if (env.lstat(path, &st) != 0) {
     fprintf(stderr, "File %s does not exist.\n", path.c_str());
     return std::nullopt;
   }
-  return usersOfFile(st);
+  return usersOfFile(env, st);
 }
 
-std::optional<std::vector<FileUser>> QVFileUsage::usersOfFile(const struct stat& st) {
-  auto users = Env::shared().fileUsers(st.st_dev, st.st_ino);
+std::optional<std::vector<FileUser>> QVFileUsage::usersOfFile(Env& env, const struct stat& st) {
+  auto users = env.fileUsers(st.st_dev, st.st_ino);
   if (!users) fprintf(stderr, "Could not read process list.\n");
   return users;
 }
 
-bool QVFileUsage::isFileOpen(const std::string& path) {
-  return isFileOpenExcludingOwnProcess(path, false);
+bool QVFileUsage::isFileOpen(Env& env, const std::string& path) {
+  return isFileOpenExcludingOwnProcess(env, path, false);
 }
 
-bool QVFileUsage::isFileOpenExcludingOwnProcess(const std::string& path, bool excludeOwn) {
-  auto users = usersOfFile(path);
+bool QVFileUsage::isFileOpenExcludingOwnProcess(Env& env, const std::string& path, bool excludeOwn) {
+  auto users = usersOfFile(env, path);
   if (!users || users->empty()) return false;
   size_t count = users->size();
   if (excludeOwn) {
@@ -38,14 +38,14 @@ bool QVFileUsage::isFileOpenExcludingOwnProcess(const std::string& path, bool ex
   return true;
 }
 
-bool QVFileUsage::isFileOpenForWriting(const std::string& path, bool* forWriting) {
-  return isFileOpenForWritingExcludingOwnProcess(path, forWriting, false);
+bool QVFileUsage::isFileOpenForWriting(Env& env, const std::string& path, bool* forWriting) {
+  return isFileOpenForWritingExcludingOwnProcess(env, path, forWriting, false);
 }
 
-bool QVFileUsage::isFileOpenForWritingExcludingOwnProcess(const std::string& path,
+bool QVFileUsage::isFileOpenForWritingExcludingOwnProcess(Env& env, const std::string& path,
                                                           bool* forWriting, bool excludeOwn) {
   if (forWriting) *forWriting = false;
-  auto users = usersOfFile(path);
+  auto users = usersOfFile(env, path);
   if (!users || users->empty()) return false;
   const pid_t self = getpid();
   for (const FileUser& user : *users) {

@@ -21,18 +21,18 @@ class QVFileUsage {
   // write-only, 2 read-write) or kFileUserCurrentDirectory. None when the
   // path does not exist ("File %s does not exist." on standard error) or
   // the process list cannot be read.
-  static std::optional<std::vector<FileUser>> usersOfFile(const std::string& path);
+  static std::optional<std::vector<FileUser>> usersOfFile(Env& env, const std::string& path);
   // The same for the file an open descriptor refers to (its fstat).
-  static std::optional<std::vector<FileUser>> usersOfFile(const struct stat& st);
+  static std::optional<std::vector<FileUser>> usersOfFile(Env& env, const struct stat& st);
 
-  static bool isFileOpen(const std::string& path);
+  static bool isFileOpen(Env& env, const std::string& path);
   // Some process has it open; with `excludeOwn`, some process besides this one.
-  static bool isFileOpenExcludingOwnProcess(const std::string& path, bool excludeOwn);
-  static bool isFileOpenForWriting(const std::string& path, bool* forWriting);
+  static bool isFileOpenExcludingOwnProcess(Env& env, const std::string& path, bool excludeOwn);
+  static bool isFileOpenForWriting(Env& env, const std::string& path, bool* forWriting);
   // Some process has the file open. *forWriting (may be null) tells whether
   // a process (other than this one, with `excludeOwn`) has it open for
   // writing or as its current directory.
-  static bool isFileOpenForWritingExcludingOwnProcess(const std::string& path, bool* forWriting,
+  static bool isFileOpenForWritingExcludingOwnProcess(Env& env, const std::string& path, bool* forWriting,
                                                       bool excludeOwn);
 };
 

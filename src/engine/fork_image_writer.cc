@@ -47,9 +47,9 @@ bool notCompressible(Error* error, const std::string& why) {
 // An image file, written with pwrite and cut to the image's size.
 class FdSink final : public ForkImageSink {
  public:
-  explicit FdSink(int fd) : fd_(fd) {}
+  FdSink(Env& env, int fd) : env_(env), fd_(fd) {}
   bool write(uint64_t offset, const void* data, size_t n, Error* error) override {
-    return pwriteFull(fd_, data, n, offset) || writeFailure(error, errno);
+    return pwriteFull(env_, fd_, data, n, offset) || writeFailure(error, errno);
   }
   bool finish(uint64_t size, Error* error) override {
     struct stat st;
@@ -61,6 +61,7 @@ class FdSink final : public ForkImageSink {
   }
 
  private:
+  Env& env_;
   const int fd_;
 };
 
@@ -73,9 +74,9 @@ struct WorkerCodec {
 
 class ForkImageWriter {
  public:
-  ForkImageWriter(int sourceFd, const uint8_t* memory, uint64_t size, ForkImageSink& sink,
+  ForkImageWriter(Env& env, int sourceFd, const uint8_t* memory, uint64_t size, ForkImageSink& sink,
                   const ForkWriteOptions& options)
-      : sourceFd_(sourceFd), memory_(memory), size_(size), sink_(sink), options_(options) {}
+      : env_(env), sourceFd_(sourceFd), memory_(memory), size_(size), sink_(sink), options_(options) {}
 
   bool write(ForkWriteResult* result, Error* error) {
     if (size_ > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
@@ -152,7 +153,7 @@ class ForkImageWriter {
     if (memory_) return true;
     const uint64_t offset = first * kBlock;
     const size_t want = static_cast<size_t>(std::min<uint64_t>(n * kBlock, size_ - offset));
-    const ssize_t got = preadFull(sourceFd_, input_.get() + slot * kBlock, want, offset);
+    const ssize_t got = preadFull(env_, sourceFd_, input_.get() + slot * kBlock, want, offset);
     if (got < 0) return readFailure(error, std::strerror(errno));
     if (static_cast<size_t>(got) != want) {
       return readFailure(error, "the file ended at " + std::to_string(offset + static_cast<uint64_t>(got)) +
@@ -213,7 +214,7 @@ class ForkImageWriter {
   // A source that grew would have more blocks than its table has room for.
   bool checkSourceEnded(Error* error) {
     uint8_t probe;
-    const ssize_t got = preadFull(sourceFd_, &probe, 1, size_);
+    const ssize_t got = preadFull(env_, sourceFd_, &probe, 1, size_);
     if (got < 0) return readFailure(error, std::strerror(errno));
     if (got != 0) return readFailure(error, "the file grew beyond " + std::to_string(size_) + " bytes while being read");
     return true;
@@ -249,6 +250,7 @@ class ForkImageWriter {
     return sink_.finish(forkSize_, error);
   }
 
+  Env& env_;
   const int sourceFd_;
   const uint8_t* const memory_;
   const uint64_t size_;
@@ -276,23 +278,23 @@ class ForkImageWriter {
 
 }  // namespace
 
-bool writeForkImage(int sourceFd, uint64_t sourceSize, int forkFd, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, int sourceFd, uint64_t sourceSize, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error) {
-  FdSink sink(forkFd);
-  return writeForkImage(sourceFd, sourceSize, sink, options, result, error);
+  FdSink sink(env, forkFd);
+  return writeForkImage(env, sourceFd, sourceSize, sink, options, result, error);
 }
 
-bool writeForkImage(const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error) {
   if (!data && size > 0) return readFailure(error, "no source data");
-  FdSink sink(forkFd);
-  return ForkImageWriter(-1, static_cast<const uint8_t*>(data), size, sink, options).write(result, error);
+  FdSink sink(env, forkFd);
+  return ForkImageWriter(env, -1, static_cast<const uint8_t*>(data), size, sink, options).write(result, error);
 }
 
-bool writeForkImage(int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error) {
   if (sourceFd < 0) return readFailure(error, "no source descriptor");
-  return ForkImageWriter(sourceFd, nullptr, sourceSize, sink, options).write(result, error);
+  return ForkImageWriter(env, sourceFd, nullptr, sourceSize, sink, options).write(result, error);
 }
 
 }  // namespace zephlore

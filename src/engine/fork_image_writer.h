@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -40,15 +41,15 @@ class ForkImageSink {
 //   700 the source cannot be read, is shorter or longer than sourceSize, a block
 //       did not verify, or the image cannot be written.
 // Memory stays bounded by the worker count, plus 8 bytes per block.
-bool writeForkImage(int sourceFd, uint64_t sourceSize, int forkFd, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, int sourceFd, uint64_t sourceSize, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error);
 
 // The same from bytes in memory.
-bool writeForkImage(const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, const void* data, size_t size, int forkFd, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error);
 
 // The same into a sink, whose errors are passed on as it reports them.
-bool writeForkImage(int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
+bool writeForkImage(Env& env, int sourceFd, uint64_t sourceSize, ForkImageSink& sink, const ForkWriteOptions& options,
                     ForkWriteResult* result, Error* error);
 
 }  // namespace zephlore

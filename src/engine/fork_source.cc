@@ -29,18 +29,18 @@ bool MemoryForkSource::readAt(uint64_t off, void* buf, size_t n, Error* error) {
   return true;
 }
 
-std::unique_ptr<FdForkSource> FdForkSource::open(int fd, Error* error) {
+std::unique_ptr<FdForkSource> FdForkSource::open(Env& env, int fd, Error* error) {
   struct stat st;
   if (fstat(fd, &st) != 0) {
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, std::string("Could not read source data: ") + std::strerror(errno));
     return nullptr;
   }
-  return std::make_unique<FdForkSource>(fd, static_cast<uint64_t>(st.st_size));
+  return std::make_unique<FdForkSource>(env, fd, static_cast<uint64_t>(st.st_size));
 }
 
 bool FdForkSource::readAt(uint64_t off, void* buf, size_t n, Error* error) {
   if (!inRange(off, n, size_)) return outOfRange(error, off, n, size_);
-  const ssize_t got = preadFull(fd_, buf, n, off);
+  const ssize_t got = preadFull(env_, fd_, buf, n, off);
   if (got < 0) {
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, std::string("Could not read source data: ") + std::strerror(errno));
   }

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -34,13 +35,14 @@ class MemoryForkSource final : public ForkSource {
 // A descriptor the caller keeps open; read with pread, so its position is untouched.
 class FdForkSource final : public ForkSource {
  public:
-  FdForkSource(int fd, uint64_t size) : fd_(fd), size_(size) {}
+  FdForkSource(Env& env, int fd, uint64_t size) : env_(env), fd_(fd), size_(size) {}
   // The size from fstat; fails with 700 when the descriptor cannot be stat'ed.
-  static std::unique_ptr<FdForkSource> open(int fd, Error* error);
+  static std::unique_ptr<FdForkSource> open(Env& env, int fd, Error* error);
   uint64_t size() const override { return size_; }
   bool readAt(uint64_t off, void* buf, size_t n, Error* error) override;
 
  private:
+  Env& env_;
   int fd_;
   uint64_t size_;
 };

@@ -121,26 +121,26 @@ class AttributeForkImageSink final : public ForkImageSink {
 
 // --- Building the fork image -------------------------------------------------
 
-QVHFSCompressedFileRepresentation::QVHFSCompressedFileRepresentation(Delegate* delegate,
+QVHFSCompressedFileRepresentation::QVHFSCompressedFileRepresentation(Env& env, Delegate* delegate,
                                                                      const HFSCompressionOptions& options)
-    : delegate_(delegate), options_(options), env_(options.env ? *options.env : Env::shared()) {}
+    : delegate_(delegate), options_(options), env_(env) {}
 
 // The image's file is unnamed (or unlinked at once): closing it is the
 // cleanup, even after a crash.
 QVHFSCompressedFileRepresentation::~QVHFSCompressedFileRepresentation() = default;
 
 std::unique_ptr<QVHFSCompressedFileRepresentation> QVHFSCompressedFileRepresentation::createFromContentsOfFile(
-    const std::string& path, Error* error, Delegate* delegate, const HFSCompressionOptions& options) {
+    Env& env, const std::string& path, Error* error, Delegate* delegate, const HFSCompressionOptions& options) {
   std::unique_ptr<QVHFSCompressedFileRepresentation> representation(
-      new QVHFSCompressedFileRepresentation(delegate, options));
+      new QVHFSCompressedFileRepresentation(env, delegate, options));
   if (!representation->initWithContentsOfFile(path, error)) return nullptr;
   return representation;
 }
 
 std::unique_ptr<QVHFSCompressedFileRepresentation> QVHFSCompressedFileRepresentation::createFromData(
-    const void* data, size_t size, Error* error, const HFSCompressionOptions& options) {
+    Env& env, const void* data, size_t size, Error* error, const HFSCompressionOptions& options) {
   std::unique_ptr<QVHFSCompressedFileRepresentation> representation(
-      new QVHFSCompressedFileRepresentation(nullptr, options));
+      new QVHFSCompressedFileRepresentation(env, nullptr, options));
   if (!representation->buildForkImage(-1, data, size, error)) return nullptr;
   return representation;
 }
@@ -181,7 +181,7 @@ bool QVHFSCompressedFileRepresentation::initWithContentsOfFile(const std::string
   if (!checkOpenedFile(opened, path, OwnerRule::kCaller, error)) return false;
 
   CompressedFileInfo info;
-  if (!CompressedFileInfo::inspect(sourceFd_.get(), opened, &info, error, false)) return false;
+  if (!CompressedFileInfo::inspect(env_, sourceFd_.get(), opened, &info, error, false)) return false;
   switch (info.state) {
     case CompressionState::kPlain:
       break;
@@ -213,16 +213,16 @@ bool QVHFSCompressedFileRepresentation::buildForkImage(int sourceFd, const void*
   if (std::unique_ptr<SiblingTempFile> copy = sourceFd >= 0 ? unnamedCopyBesideSource() : nullptr) {
     // Straight into the copy's fork: no image to write and copy again.
     Error why;
-    std::unique_ptr<AttributeForkWriter> fork = AttributeForkWriter::open(
+    std::unique_ptr<AttributeForkWriter> fork = AttributeForkWriter::open(env_,
         FileRef::descriptor(copy->fd()), options_.verify, &why, namesTheCopyWillGet(env_, sourceFd));
     if (!fork) return attributeWriteFailure(env_, error, sourcePath_, copy->fd(), why.code, why.message, 0);
     AttributeForkImageSink sink(env_, *fork, copy->fd(), sourcePath_);
-    written = writeForkImage(sourceFd, size, sink, writeOptions, &result, error);
+    written = writeForkImage(env_, sourceFd, size, sink, writeOptions, &result, error);
     if (written) stagedCopy_ = std::move(copy);
   } else {
     if (!createImageFile(error)) return false;
-    written = sourceFd >= 0 ? writeForkImage(sourceFd, size, imageFd_.get(), writeOptions, &result, error)
-                            : writeForkImage(data, size, imageFd_.get(), writeOptions, &result, error);
+    written = sourceFd >= 0 ? writeForkImage(env_, sourceFd, size, imageFd_.get(), writeOptions, &result, error)
+                            : writeForkImage(env_, data, size, imageFd_.get(), writeOptions, &result, error);
   }
   if (!written) return false;
   forkSize_ = result.forkSize;
@@ -246,7 +246,7 @@ bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
     imageFd_.reset(env.openTmpFile(*dir, 0600));
     if (!imageFd_) {
       // No unnamed files there: a named one, unlinked at once.
-      std::optional<TemporaryFiles::Created> created = TemporaryFiles::create("QVS-tmp.", &why, *dir);
+      std::optional<TemporaryFiles::Created> created = TemporaryFiles::create(env_, "QVS-tmp.", &why, *dir);
       if (created) {
         env.unlink(created->path);
         imageFd_ = std::move(created->fd);
@@ -260,8 +260,8 @@ bool QVHFSCompressedFileRepresentation::createImageFile(Error* error) {
 }
 
 std::unique_ptr<ForkSource> QVHFSCompressedFileRepresentation::forkImage(Error* error) {
-  if (imageFd_) return FdForkSource::open(imageFd_.get(), error);
-  if (stagedCopy_) return AttributeForkSource::open(FileRef::descriptor(stagedCopy_->fd()), sourcePath_, error);
+  if (imageFd_) return FdForkSource::open(env_, imageFd_.get(), error);
+  if (stagedCopy_) return AttributeForkSource::open(env_, FileRef::descriptor(stagedCopy_->fd()), sourcePath_, error);
   fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read source data");
   return nullptr;
 }
@@ -294,7 +294,7 @@ static bool markCompressed(Env& env, int copyFd, const HFSPlusDecmpfs& decmpfs, 
     return attributeWriteFailure(env, error, path, copyFd, err, "cannot set its compression header: " + errnoText(err),
                                  forkSize);
   }
-  if (!FileFlags::set(copy, FileFlags::kUFCompressed)) {
+  if (!FileFlags::set(env, copy, FileFlags::kUFCompressed)) {
     int err = errno;
     return attributeWriteFailure(env, error, path, copyFd, err, "cannot set its compressed flag: " + errnoText(err),
                                  forkSize);
@@ -312,7 +312,7 @@ bool QVHFSCompressedFileRepresentation::writeCompressedForm(int copyFd, const st
     return fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, "Could not read the compressed data");
   }
   Error why;
-  const bool written = AttributeFork::writeFrom(
+  const bool written = AttributeFork::writeFrom(env_,
       FileRef::descriptor(copyFd), forkSize_,
       [&image](uint64_t offset, void* buf, size_t n) {
         Error readError;
@@ -341,13 +341,13 @@ bool QVHFSCompressedFileRepresentation::saveAsNewFile(const std::string& path, E
   // is a new file of mode 0755.
   if (sourceFd_) {
     Error why;
-    std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(sourceFd_.get(), &why);
+    std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(env_, sourceFd_.get(), &why);
     if (!metadata) return couldNotCreate(error, path, why.message);
-    if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd_.get()), FileRef::descriptor(copy.fd()),
+    if (!MetadataCopy::copyUserAttributes(env_, FileRef::descriptor(sourceFd_.get()), FileRef::descriptor(copy.fd()),
                                           compressionAttributes(), &why)) {
       return attributeWriteFailure(env, error, path, copy.fd(), why.code, why.message, 0);
     }
-    if (!MetadataCopy::applyAccess(*metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
+    if (!MetadataCopy::applyAccess(env_, *metadata, copy.fd(), &why)) return couldNotCreate(error, path, why.message);
   } else if (env.fchmod(copy.fd(), 0755) != 0) {
     return couldNotCreate(error, path, errnoText(errno));
   }
@@ -438,7 +438,7 @@ UniqueFd QVHFSCompressedFileRepresentation::lockTarget(const std::string& path, 
   if (!checkOpenedFile(*locked, path, OwnerRule::kCaller, error)) return UniqueFd();
   if (isSource) return lock;
   CompressedFileInfo info;
-  if (!CompressedFileInfo::inspect(lock.get(), *locked, &info, error, false)) return UniqueFd();
+  if (!CompressedFileInfo::inspect(env_, lock.get(), *locked, &info, error, false)) return UniqueFd();
   if (info.state == CompressionState::kMixed) {
     refuse(error, kHFSErrorWrittenAfterCompression, path);
     return UniqueFd();
@@ -456,7 +456,7 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
   // What the copy keeps of the file. The access time is the one from before
   // the file was read for compression.
   Error why;
-  std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(lockFd, &why);
+  std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(env_, lockFd, &why);
   if (!metadata) return couldNotCreate(error, path, why.message), nullptr;
   if (isSource) metadata->st.st_atim = sourceStat_.st_atim;
 
@@ -471,11 +471,11 @@ std::unique_ptr<SiblingTempFile> QVHFSCompressedFileRepresentation::prepareCopy(
     if (!copy->create(0600)) return couldNotCreate(error, path, errnoText(errno)), nullptr;
     if (!writeCompressedForm(copy->fd(), path, error)) return nullptr;
   }
-  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(lockFd), FileRef::descriptor(copy->fd()),
+  if (!MetadataCopy::copyUserAttributes(env_, FileRef::descriptor(lockFd), FileRef::descriptor(copy->fd()),
                                         compressionAttributes(), &why)) {
     return attributeWriteFailure(env_, error, path, copy->fd(), why.code, why.message, forkSize_), nullptr;
   }
-  if (!MetadataCopy::apply(*metadata, copy->fd(), &why)) return couldNotCreate(error, path, why.message), nullptr;
+  if (!MetadataCopy::apply(env_, *metadata, copy->fd(), &why)) return couldNotCreate(error, path, why.message), nullptr;
   // The copy is complete on disk before it may replace the file.
   if (env.fsync(copy->fd()) != 0) return couldNotCreate(error, path, errnoText(errno)), nullptr;
   return copy;
@@ -507,7 +507,7 @@ std::string QVHFSCompressedFileRepresentation::replaceFileAtDestination(const st
     return "cannot name the copy: " + errnoText(err);
   }
   if (!window.undisturbed()) return kOpenedDuringSwap;
-  if (!options_.useExchange || !VolumeCapabilities::supportsExchange(path)) {
+  if (!options_.useExchange || !VolumeCapabilities::supportsExchange(env_, path)) {
     if (!window.undisturbed()) return kOpenedDuringSwap;
     if (env.rename(copy.name(), path) != 0) {
       int err = errno;
@@ -555,11 +555,11 @@ std::string QVHFSCompressedFileRepresentation::checkSwapped(const std::string& p
                                                            int lockFd, const struct stat& expectedContent) {
   Env& env = env_;
   const FileRef atPath = FileRef::atPath(path);
-  if (!AttributeFork::isPresent(atPath)) {
+  if (!AttributeFork::isPresent(env_, atPath)) {
     KRLog("Resource fork could not be found, rolling back %s", path.c_str());
     return "the resource fork could not be found";
   }
-  std::optional<uint32_t> flags = FileFlags::get(atPath);
+  std::optional<uint32_t> flags = FileFlags::get(env_, atPath);
   if (!attributeEquals(env, atPath, attr::kDecmpfs, &decmpfsData_, sizeof decmpfsData_) || !flags ||
       !(*flags & FileFlags::kUFCompressed)) {
     KRLog("Compression attributes could not be found, rolling back %s", path.c_str());
@@ -618,11 +618,11 @@ void QVHFSCompressedFileRepresentation::didExitCriticalSection(const std::string
 
 // --- Class operations ------------------------------------------------------------
 
-bool QVHFSCompressedFileRepresentation::compressInPlacePath(const std::string& path, Error* error, int64_t* savedSpace,
-                                                           int64_t* uncompressedSize, Delegate* delegate,
+bool QVHFSCompressedFileRepresentation::compressInPlacePath(Env& env, const std::string& path, Error* error,
+                                                           int64_t* savedSpace, int64_t* uncompressedSize, Delegate* delegate,
                                                            const HFSCompressionOptions& options) {
   std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-      createFromContentsOfFile(path, error, delegate, options);
+      createFromContentsOfFile(env, path, error, delegate, options);
   if (!representation) return false;
   return representation->saveToHFSCompressedFile(path, error, savedSpace, uncompressedSize);
 }

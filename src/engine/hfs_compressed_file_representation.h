@@ -61,7 +61,6 @@ struct HFSCompressionOptions {
   bool verify = true;        // inflate every block again before the copy may replace the file
   bool useExchange = true;   // swap by exchanging names (the helper's "useSeamlessFileSwitch");
                              // else rename the copy over the file
-  Env* env = nullptr;        // the operating system; none: Env::shared()
 };
 
 class QVHFSCompressedFileRepresentation {
@@ -72,7 +71,7 @@ class QVHFSCompressedFileRepresentation {
   // freed (left as set when the file did not shrink); uncompressedSize: the
   // file's size. Errors in kHFSErrorDomain: 700..704 and our own refusals
   // (hfs_refusal_codes.h).
-  static bool compressInPlacePath(const std::string& path, Error* error = nullptr,
+  static bool compressInPlacePath(Env& env, const std::string& path, Error* error = nullptr,
                                   int64_t* savedSpace = nullptr, int64_t* uncompressedSize = nullptr,
                                   Delegate* delegate = nullptr, const HFSCompressionOptions& options = {});
 
@@ -81,15 +80,15 @@ class QVHFSCompressedFileRepresentation {
   // one back into a plain file, and removes the temporary copy left beside
   // it. True when the file is whole (or gone); false when it is an empty
   // file without a fork or could not be repaired.
-  static bool recoverInProcessFileAtPath(const std::string& path, uint64_t expectedSize);
+  static bool recoverInProcessFileAtPath(Env& env, const std::string& path, uint64_t expectedSize);
 
   // Reads and compresses the file (or the bytes) into a fork image. None,
   // with the error, on failure.
   static std::unique_ptr<QVHFSCompressedFileRepresentation> createFromContentsOfFile(
-      const std::string& path, Error* error = nullptr, Delegate* delegate = nullptr,
+      Env& env, const std::string& path, Error* error = nullptr, Delegate* delegate = nullptr,
       const HFSCompressionOptions& options = {});
   static std::unique_ptr<QVHFSCompressedFileRepresentation> createFromData(
-      const void* data, size_t size, Error* error = nullptr, const HFSCompressionOptions& options = {});
+      Env& env, const void* data, size_t size, Error* error = nullptr, const HFSCompressionOptions& options = {});
 
   ~QVHFSCompressedFileRepresentation();
   QVHFSCompressedFileRepresentation(const QVHFSCompressedFileRepresentation&) = delete;
@@ -109,7 +108,7 @@ class QVHFSCompressedFileRepresentation {
   const std::string& sourcePath() const { return sourcePath_; }
 
  private:
-  explicit QVHFSCompressedFileRepresentation(Delegate* delegate, const HFSCompressionOptions& options);
+  QVHFSCompressedFileRepresentation(Env& env, Delegate* delegate, const HFSCompressionOptions& options);
 
   bool initWithContentsOfFile(const std::string& path, Error* error);
   bool buildForkImage(int sourceFd, const void* data, size_t size, Error* error);

@@ -27,7 +27,7 @@ std::string copyNameOf(const std::string& path) {
 // cut short by an older version leaves it.
 void compress(const std::string& path, bool halfMade = false) {
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(path, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
   if (halfMade) {
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.apple.decmpfs"), 0);
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
@@ -36,14 +36,14 @@ void compress(const std::string& path, bool halfMade = false) {
 
 CompressionState stateOf(const std::string& path) {
   CompressedFileInfo info;
-  return CompressedFileInfo::inspect(path, &info, nullptr) ? info.state : CompressionState::kNotOurs;
+  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr) ? info.state : CompressionState::kNotOurs;
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatIsNotAndClearsTheCopies) {
   ScopedRuntimeDir runtime;
   ScratchDir dir;
   const std::string data = compressibleData(3 * 65536 + 5);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(dir / "gone", 5));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), dir / "gone", 5));
 
   // Swap never made: the file is plain, the prepared copy lies beside it.
   const std::string plain = dir / "plain";
@@ -52,7 +52,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   compress(dir / "prepared");
   ASSERT_EQ(rename((dir / "prepared").c_str(), copyNameOf(plain).c_str()), 0);
   const FileSnapshot plainBefore = FileSnapshot::take(plain);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(plain, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), plain, data.size()));
   EXPECT_EQ(FileSnapshot::take(plain), plainBefore);
 
   // Swap made: the copy's name holds the original data.
@@ -60,7 +60,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   writeFile(done, data);
   compress(done);
   writeFile(copyNameOf(done), data);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(done, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), done, data.size()));
   EXPECT_EQ(stateOf(done), CompressionState::kCompressed);
 
   // Half made: given the header for the recorded size, and expanded.
@@ -69,7 +69,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   compress(half, true);
   writeFile(copyNameOf(half), data);
   EXPECT_EQ(stateOf(half), CompressionState::kIncomplete);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(half, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), half, data.size()));
   EXPECT_TRUE(readFile(half) == data);
 
   // Half made with a broken fork: the original beside it comes back.
@@ -78,11 +78,11 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   compress(broken, true);
   ASSERT_EQ(lsetxattr(broken.c_str(), "user.com.apple.ResourceFork", "garbage", 7, 0), 0);
   writeFile(copyNameOf(broken), data);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(broken, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), broken, data.size()));
   EXPECT_TRUE(readFile(broken) == data);
 
   writeFile(dir / "empty", "");  // an empty plain file reports false, and stays
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(dir / "empty", 0));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), dir / "empty", 0));
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("broken", "done", "empty", "half", "plain"));
 
   // Nothing to restore from: reported, and the file is left as it is.
@@ -90,7 +90,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
   ASSERT_EQ(lremovexattr(broken.c_str(), "user.com.quorvane.zephlore.flags"), 0);
   ASSERT_EQ(lsetxattr(broken.c_str(), "user.com.apple.ResourceFork", "garbage", 7, 0), 0);
   const FileSnapshot before = FileSnapshot::take(broken);
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(broken, data.size()));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), broken, data.size()));
   EXPECT_EQ(FileSnapshot::take(broken), before);
 }
 
@@ -106,7 +106,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftFor
   writeFile(copyNameOf(half), data);
   const int writer = open(half.c_str(), O_WRONLY | O_APPEND);
   ASSERT_GE(writer, 0);
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(half, data.size()));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), half, data.size()));
   ASSERT_EQ(write(writer, "late", 4), 4);
   close(writer);
   EXPECT_EQ(readFile(half), "late");
@@ -122,7 +122,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursBes
   ASSERT_EQ(symlink((dir / "victim").c_str(), copyNameOf(path).c_str()), 0);
   const std::string expanded = SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kExpandedCopy);
   ASSERT_EQ(mkdir(expanded.c_str(), 0700), 0);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(path, 7));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), path, 7));
   EXPECT_EQ(readFile(dir / "victim"), "must stay");
   EXPECT_EQ(listFolder(dir.path()).size(), 4u);
 }

@@ -39,7 +39,7 @@ void giveMetadata(const std::string& path) {
 
 std::string contentOf(const std::string& path) {
   Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(path, &error);
+  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
   std::string content(reader ? reader->size() : 0, '\0');
   size_t got = 0;
   if (!reader || !reader->read(0, content.data(), content.size(), &got, &error)) return "<" + error.describe() + ">";
@@ -60,12 +60,12 @@ TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEv
     int64_t saved = -7, uncompressed = -7;
     HFSCompressionOptions options;
     options.workers = size > 65536 ? 2 : 1;
-    ASSERT_TRUE(Rep::compressInPlacePath(path, &error, &saved, &uncompressed, nullptr, options)) << error.describe();
+    ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error, &saved, &uncompressed, nullptr, options)) << error.describe();
     EXPECT_EQ(uncompressed, static_cast<int64_t>(size));
     EXPECT_EQ(saved == -7, size == 0);  // an empty file saves nothing: left as it was
 
     CompressedFileInfo info;
-    ASSERT_TRUE(CompressedFileInfo::inspect(path, &info, &error)) << error.describe();
+    ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path, &info, &error)) << error.describe();
     EXPECT_EQ(info.state, CompressionState::kCompressed);
     EXPECT_EQ(info.dataForkSize, 0u);
     EXPECT_EQ(info.uncompressedSize, size);
@@ -84,7 +84,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEv
     EXPECT_THAT(listFolder(dir.path()), ElementsAre("file.txt"));  // nothing left beside it
 
     int64_t forkBytes = 0, contentBytes = 0;
-    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(path, &error, &forkBytes, &contentBytes, false, {2}))
+    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error, &forkBytes, &contentBytes, false, {2}))
         << error.describe();
     EXPECT_EQ(contentBytes, static_cast<int64_t>(size));
     EXPECT_EQ(static_cast<uint64_t>(forkBytes), info.forkSize);
@@ -103,13 +103,13 @@ TEST(QVHFSCompressedFileRepresentationTest, WritesTheReferenceForkByteForByte) {
   const std::string path = dir / "words";
   writeFile(path, original);
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(path, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
   std::map<std::string, std::string> attributes = attributesOf(path);
   EXPECT_TRUE(attributes["user.com.apple.ResourceFork"] == readFile(testdata + "real_zlib_rsrc.rsrc"));
   EXPECT_EQ(attributes["user.com.apple.decmpfs"], std::string("fpmc\x04\0\0\0\xf0\x49\x02\0\0\0\0\0", 16));
   EXPECT_EQ(attributes["user.com.quorvane.zephlore.flags"], std::string("\x20\0\0\0", 4));
   EXPECT_EQ(readFile(path), "");
-  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(path, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error)) << error.describe();
   EXPECT_TRUE(readFile(path) == original);
   EXPECT_TRUE(attributesOf(path).empty());
 }
@@ -125,7 +125,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
     const bool regular = lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
     const FileSnapshot before = regular ? FileSnapshot::take(path) : FileSnapshot();
     Error error;
-    EXPECT_FALSE(Rep::compressInPlacePath(path, &error));
+    EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
     EXPECT_EQ(error.domain, kHFSErrorDomain);
     EXPECT_EQ(error.code, code);
     EXPECT_THAT(error.message, HasSubstr(message));
@@ -156,7 +156,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
   expectRefused(target, kHFSErrorLocked, "File at path " + target + " is locked by other process");
   close(holder);
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(target, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), target, &error)) << error.describe();
   expectRefused(target, kHFSErrorAlreadyCompressed, "File at path " + target + " already compressed");
   writeFile(target, "written by a program that knows nothing of compression");
   expectRefused(target, kHFSErrorWrittenAfterCompression, "was written after it was compressed");
@@ -172,7 +172,7 @@ TEST(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessCh
 
   // Changed between reading and the swap.
   Error error;
-  auto representation = Rep::createFromContentsOfFile(path, &error);
+  auto representation = Rep::createFromContentsOfFile(Env::shared(), path, &error);
   ASSERT_NE(representation, nullptr) << error.describe();
   writeFile(path, compressibleData(200001));
   FileSnapshot before = FileSnapshot::take(path);
@@ -196,13 +196,13 @@ TEST(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessCh
   ASSERT_EQ(read(ready[0], &c, 1), 1);
   ASSERT_EQ(c, 'y');
   lines.clear();
-  EXPECT_FALSE(Rep::compressInPlacePath(path, &error));
+  EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   EXPECT_THAT(lines, ::testing::IsEmpty());
   EXPECT_EQ(FileSnapshot::take(path), before);
   ASSERT_EQ(write(release[1], "x", 1), 1);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  EXPECT_TRUE(Rep::compressInPlacePath(path, &error)) << error.describe();  // the writer is gone
+  EXPECT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();  // the writer is gone
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("busy.log"));
 }
 
@@ -211,7 +211,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsOnlySpaceRea
   ScratchDir dir;
   const std::string data = compressibleData(300000);
   Error error;
-  auto representation = Rep::createFromData(data.data(), data.size(), &error);
+  auto representation = Rep::createFromData(Env::shared(), data.data(), data.size(), &error);
   ASSERT_NE(representation, nullptr) << error.describe();
   int64_t saved = -7;
   ASSERT_TRUE(representation->saveToHFSCompressedFile(dir / "fresh", &error, &saved)) << error.describe();
@@ -223,7 +223,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsOnlySpaceRea
 
   writeFile(dir / "existing", data);
   ASSERT_EQ(lstat((dir / "existing").c_str(), &st), 0);
-  ASSERT_TRUE(Rep::compressInPlacePath(dir / "existing", &error, &saved)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), dir / "existing", &error, &saved)) << error.describe();
   // tmpfs does not count attributes in st_blocks: the fork still counts.
   EXPECT_GT(saved, 0);
   EXPECT_LE(saved, st.st_blocks * 512 - static_cast<int64_t>(representation->forkSize()));
@@ -232,7 +232,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesToANewPathAndCountsOnlySpaceRea
   // Read from a file, the fork waits in an unnamed copy beside it: saved
   // elsewhere first, then in place, which uses up that copy.
   writeFile(dir / "source", data);
-  auto fromFile = Rep::createFromContentsOfFile(dir / "source", &error);
+  auto fromFile = Rep::createFromContentsOfFile(Env::shared(), dir / "source", &error);
   ASSERT_NE(fromFile, nullptr) << error.describe();
   ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "elsewhere", &error)) << error.describe();
   EXPECT_TRUE(contentOf(dir / "elsewhere") == data);
@@ -255,7 +255,7 @@ TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFoll
   ASSERT_EQ(symlink((dir / "victim").c_str(), copyName.c_str()), 0);
   const FileSnapshot before = FileSnapshot::take(path);
   Error error;
-  EXPECT_FALSE(Rep::compressInPlacePath(path, &error));
+  EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorSwapFailed);
   EXPECT_EQ(FileSnapshot::take(path), before);
   EXPECT_EQ(readFile(dir / "victim"), "must stay");
@@ -264,7 +264,7 @@ TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFoll
 
   unlink(copyName.c_str());
   writeFile(copyName, "a leftover of ours");
-  EXPECT_TRUE(Rep::compressInPlacePath(path, &error)) << error.describe();
+  EXPECT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("file", "victim"));
 }
 

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
 class HFSCompression {
@@ -12,17 +14,17 @@ class HFSCompression {
 
   // The flag is set; false when the file cannot be read. A final symbolic
   // link is not followed.
-  static bool isFileUFCompressed(const std::string& path);
-  static bool isFileUFCompressed(int fd);
+  static bool isFileUFCompressed(Env& env, const std::string& path);
+  static bool isFileUFCompressed(Env& env, int fd);
 
   // Sets or clears the flag, keeping the word's other bits; asking for the
   // state the file already has changes nothing. True when the file now has
   // the state asked for. A failure to set it is logged.
-  static bool setFileAsUFCompressed(const std::string& path, bool compressed);
-  static bool setFileAsUFCompressed(int fd, bool compressed);
+  static bool setFileAsUFCompressed(Env& env, const std::string& path, bool compressed);
+  static bool setFileAsUFCompressed(Env& env, int fd, bool compressed);
 
   // The file (following links) has "com.apple.decmpfs".
-  static bool hasCompressedAttributes(const std::string& path);
+  static bool hasCompressedAttributes(Env& env, const std::string& path);
 };
 
 }  // namespace zephlore

@@ -54,13 +54,13 @@ bool modified(Error* error, const std::string& path) {
 
 }  // namespace
 
-QVHFSUncompressor::QVHFSUncompressor(std::string path, const HFSExpandOptions& options)
-    : sourcePath_(std::move(path)), options_(options), env_(options.env ? *options.env : Env::shared()) {}
+QVHFSUncompressor::QVHFSUncompressor(Env& env, std::string path, const HFSExpandOptions& options)
+    : sourcePath_(std::move(path)), options_(options), env_(env) {}
 
-bool QVHFSUncompressor::expandInPlacePath(const std::string& path, Error* error, int64_t* compressedSize,
+bool QVHFSUncompressor::expandInPlacePath(Env& env, const std::string& path, Error* error, int64_t* compressedSize,
                                           int64_t* uncompressedSize, bool ignoreCompressionFlag,
                                           const HFSExpandOptions& options) {
-  QVHFSUncompressor expander(path, options);
+  QVHFSUncompressor expander(env, path, options);
   expander.setIgnoreCompressionFlag(ignoreCompressionFlag);
   return expander.expandTo(path, error, compressedSize, uncompressedSize);
 }
@@ -85,7 +85,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
   if (!checkOpenedFile(opened, source, OwnerRule::kCallerOrRoot, error)) return false;
 
   CompressedFileInfo info;
-  if (!CompressedFileInfo::inspect(sourceFd.get(), opened, &info, error, false)) return false;
+  if (!CompressedFileInfo::inspect(env_, sourceFd.get(), opened, &info, error, false)) return false;
   switch (info.state) {
     case CompressionState::kCompressed:
       break;
@@ -102,11 +102,11 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
                   "Source file is not compressed at " + source + (info.problem.empty() ? "" : ": " + info.problem));
   }
   std::unique_ptr<AttributeForkSource> fork =
-      AttributeForkSource::open(FileRef::descriptor(sourceFd.get()), source, error);
+      AttributeForkSource::open(env_, FileRef::descriptor(sourceFd.get()), source, error);
   if (!fork) return false;
   // A file written after compression: its compressed version's own size.
   if (info.state == CompressionState::kMixed) info.uncompressedSize = info.headerSize;
-  std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(*fork, info.uncompressedSize, error);
+  std::unique_ptr<CompressedForkReader> reader = CompressedForkReader::open(env_, *fork, info.uncompressedSize, error);
   if (!reader) return false;
 
   // The destination: replaced as a whole at the end, or created.
@@ -135,7 +135,7 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
     }
   }
   Error why;
-  const std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(metadataFd, &why);
+  const std::optional<MetadataSnapshot> metadata = MetadataCopy::capture(env_, metadataFd, &why);
   if (!metadata) return writeFailure(error, destination, why.message);
 
   // The owner's alone until it has the access it keeps.
@@ -149,12 +149,12 @@ bool QVHFSUncompressor::expandTo(const std::string& destination, Error* error, i
                 "Source data cannot be uncompressed: it expanded to " + std::to_string(written.st_size) +
                     " bytes instead of " + std::to_string(info.uncompressedSize));
   }
-  if (!MetadataCopy::copyUserAttributes(FileRef::descriptor(sourceFd.get()), FileRef::descriptor(output.fd()),
+  if (!MetadataCopy::copyUserAttributes(env_, FileRef::descriptor(sourceFd.get()), FileRef::descriptor(output.fd()),
                                         attributesNotCarried(), &why)) {
     return writeFailure(error, destination, why.message);
   }
-  if (replacing ? !MetadataCopy::apply(*metadata, output.fd(), &why)
-                : !MetadataCopy::applyAccess(*metadata, output.fd(), &why)) {
+  if (replacing ? !MetadataCopy::apply(env_, *metadata, output.fd(), &why)
+                : !MetadataCopy::applyAccess(env_, *metadata, output.fd(), &why)) {
     return writeFailure(error, destination, why.message);
   }
   // On disk before it replaces anything: a power cut leaves one whole version.

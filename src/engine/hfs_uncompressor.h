@@ -30,7 +30,6 @@ struct HFSExpandOptions {
   // Records the file while the expanded copy is swapped in, for the next
   // run to repair should this one be killed there.
   ProcessInProcessRecord* record = nullptr;
-  Env* env = nullptr;  // the operating system; none: Env::shared()
 };
 
 class QVHFSUncompressor {
@@ -38,11 +37,11 @@ class QVHFSUncompressor {
   // Expands the file at `path` in place. compressedSize: bytes of its fork;
   // uncompressedSize: bytes of content. Errors in kHFSErrorDomain: 705 (not
   // compressed), 700 (unreadable), 706 (corrupt), and our own refusals.
-  static bool expandInPlacePath(const std::string& path, Error* error = nullptr, int64_t* compressedSize = nullptr,
+  static bool expandInPlacePath(Env& env, const std::string& path, Error* error = nullptr, int64_t* compressedSize = nullptr,
                                 int64_t* uncompressedSize = nullptr, bool ignoreCompressionFlag = false,
                                 const HFSExpandOptions& options = {});
 
-  explicit QVHFSUncompressor(std::string path, const HFSExpandOptions& options = {});
+  explicit QVHFSUncompressor(Env& env, std::string path, const HFSExpandOptions& options = {});
 
   // Expands into `destination`: over the file there (which keeps its own
   // metadata), or as a new file with the compressed file's owner, group,

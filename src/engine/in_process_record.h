@@ -35,7 +35,7 @@ class InProcessRecordFile {
   // non-blocking flock. When the open or the lock fails it logs
   // "Could not create watchdog file at %@, errno: %u [%s]" and every later
   // write is a silent no-op.
-  explicit InProcessRecordFile(std::string filename, Env& env = Env::shared());
+  InProcessRecordFile(std::string filename, Env& env);
   ~InProcessRecordFile();
   InProcessRecordFile(const InProcessRecordFile&) = delete;
   InProcessRecordFile& operator=(const InProcessRecordFile&) = delete;

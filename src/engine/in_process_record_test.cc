@@ -42,7 +42,7 @@ TEST(InProcessRecordTest, OneHolderWritesTheOthersLogAndStaySilent) {
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
 
-  InProcessRecordFile first(record);
+  InProcessRecordFile first(record, Env::shared());
   EXPECT_EQ(first.previous().path, "/a/b");
   EXPECT_EQ(readFile(record), "/a/b\n42");  // kept until reset
   first.reset();
@@ -51,7 +51,7 @@ TEST(InProcessRecordTest, OneHolderWritesTheOthersLogAndStaySilent) {
   EXPECT_TRUE(lines.empty());
 
   EXPECT_FALSE(first.heldElsewhere());
-  InProcessRecordFile second(record);  // the lock is held by `first`
+  InProcessRecordFile second(record, Env::shared());  // the lock is held by `first`
   EXPECT_FALSE(second.isOpen());
   EXPECT_TRUE(second.heldElsewhere()) << "its helper must compress nothing";
   ASSERT_EQ(lines.size(), 1u);

@@ -25,8 +25,7 @@ struct Leftover {
   struct stat st {};
 };
 
-Leftover examineLeftover(const std::string& name) {
-  Env& env = Env::shared();
+Leftover examineLeftover(Env& env, const std::string& name) {
   Leftover leftover;
   if (env.lstat(name, &leftover.st) != 0) return leftover;
   // Only a regular file of ours with one link; anything else is not touched.
@@ -34,23 +33,22 @@ Leftover examineLeftover(const std::string& name) {
     return leftover;
   }
   leftover.exists = true;
-  leftover.hasFork = AttributeFork::isPresent(FileRef::atPath(name));
+  leftover.hasFork = AttributeFork::isPresent(env, FileRef::atPath(name));
   return leftover;
 }
 
-void removeLeftover(const std::string& name, const std::string& path) {
-  if (!SiblingTempFile::removeOwnLeftover(Env::shared(), name)) return;
+void removeLeftover(Env& env, const std::string& name, const std::string& path) {
+  if (!SiblingTempFile::removeOwnLeftover(env, name)) return;
   KRLog("Removed the temporary copy %s left beside %s", name.c_str(), path.c_str());
 }
 
 }  // namespace
 
-bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(const std::string& path, uint64_t expectedSize) {
-  Env& env = Env::shared();
+bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(Env& env, const std::string& path, uint64_t expectedSize) {
   const std::string copyName = SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kCompressedCopy);
   // An expansion cut short: it replaces the file only when complete, so the
   // file still holds its data.
-  removeLeftover(SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kExpandedCopy), path);
+  removeLeftover(env, SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kExpandedCopy), path);
 
   struct stat st;
   if (env.lstat(path, &st) != 0) return true;  // the file is gone
@@ -60,23 +58,23 @@ bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(const std::st
     UniqueFd fd(env.open(path, O_RDONLY | O_NONBLOCK));
     if (!fd || env.fstat(fd.get(), &st) != 0) return false;
     Error why;
-    if (!CompressedFileInfo::inspect(fd.get(), st, &info, &why, false)) {
+    if (!CompressedFileInfo::inspect(env, fd.get(), st, &info, &why, false)) {
       KRLog("**** Could not examine %s for recovery: %s", path.c_str(), why.message.c_str());
       return false;
     }
   }
-  Leftover copy = examineLeftover(copyName);
+  Leftover copy = examineLeftover(env, copyName);
 
   if (info.hasCompressedFlag) {
     // The swap completed; the copy's name holds the original data, which the
     // compressed file now holds too.
-    if (info.state == CompressionState::kCompressed && copy.exists && !copy.hasFork) removeLeftover(copyName, path);
+    if (info.state == CompressionState::kCompressed && copy.exists && !copy.hasFork) removeLeftover(env, copyName, path);
     return true;
   }
   if (!info.hasResourceFork) {
     // The swap never happened: the file is as it was, and a copy beside it is
     // the prepared compressed copy, made from the file's data.
-    if (copy.exists && copy.hasFork && copy.st.st_size == 0) removeLeftover(copyName, path);
+    if (copy.exists && copy.hasFork && copy.st.st_size == 0) removeLeftover(env, copyName, path);
     return st.st_size != 0;
   }
 
@@ -90,8 +88,8 @@ bool QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(const std::st
     }
   }
   Error why;
-  if (QVHFSUncompressor::expandInPlacePath(path, &why, nullptr, nullptr, true)) {
-    if (copy.exists && !copy.hasFork) removeLeftover(copyName, path);
+  if (QVHFSUncompressor::expandInPlacePath(env, path, &why, nullptr, nullptr, true)) {
+    if (copy.exists && !copy.hasFork) removeLeftover(env, copyName, path);
     return true;
   }
   KRLog("**** Could not expand %s in recovery: %s", path.c_str(), why.message.c_str());

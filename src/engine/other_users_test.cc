@@ -45,7 +45,7 @@ std::string outcome(bool ok, const Error& error) {
 
 CompressionState stateOf(const std::string& path) {
   CompressedFileInfo info;
-  return CompressedFileInfo::inspect(path, &info, nullptr, false) ? info.state : CompressionState::kNotOurs;
+  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr, false) ? info.state : CompressionState::kNotOurs;
 }
 
 bool hasDecmpfs(const std::string& path) {
@@ -149,7 +149,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
     ASSERT_TRUE(logger.ready());
     EXPECT_THAT(asOwner([&] {
                   Error error;
-                  return outcome(Rep::compressInPlacePath(path, &error), error);
+                  return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
                 }),
                 StartsWith(busy));
     ASSERT_TRUE(logger.append());
@@ -161,7 +161,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
   writeFileOf(owner_.get(), path, data);
   ASSERT_EQ(asOwner([&] {
               Error error;
-              return outcome(Rep::compressInPlacePath(path, &error), error);
+              return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
             }),
             "done");
   {
@@ -169,7 +169,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
     ASSERT_TRUE(logger.ready());
     EXPECT_THAT(asOwner([&] {
                   Error error;
-                  return outcome(QVHFSUncompressor::expandInPlacePath(path, &error), error);
+                  return outcome(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error), error);
                 }),
                 StartsWith(busy));
     // Its line goes beside the compressed data (a file for repair), not
@@ -180,7 +180,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
     // Repair would take the compressed form off a file still being written.
     EXPECT_THAT(asOwner([&] {
                   Error error;
-                  const int outcome = static_cast<int>(QVFileRepair::repairFile(path, &error));
+                  const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
                   return std::to_string(outcome) + " " + std::to_string(error.code);
                 }),
                 "2 " + busy);
@@ -191,7 +191,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
   writeFileOf(owner_.get(), path, data);
   ASSERT_EQ(asOwner([&] {
               Error error;
-              return outcome(Rep::compressInPlacePath(path, &error), error);
+              return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
             }),
             "done");
   ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
@@ -201,7 +201,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
     ASSERT_TRUE(logger.ready());
     EXPECT_THAT(asOwner([&] {
                   Error error;
-                  const int outcome = static_cast<int>(QVFileRepair::repairFile(path, &error));
+                  const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
                   return std::to_string(outcome) + " " + std::to_string(error.code) + " " + error.message;
                 }),
                 StartsWith("2 " + busy));
@@ -211,7 +211,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
   // Once the logger is gone, repair goes ahead.
   EXPECT_THAT(asOwner([&] {
                 Error error;
-                const int outcome = static_cast<int>(QVFileRepair::repairFile(path, &error));
+                const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
                 return std::to_string(outcome) + " " + error.message;
               }),
               StartsWith("1 "));
@@ -269,11 +269,11 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
       long rounds = 0;
       while (Clock::now() < until) {
         Error error;
-        if (Rep::compressInPlacePath(target, &error)) {
+        if (Rep::compressInPlacePath(Env::shared(), target, &error)) {
           ++seen["compressed"];
         } else if (error.code != kHFSErrorAlreadyCompressed) {
           ++seen[std::to_string(error.code)];
-        } else if (QVHFSUncompressor::expandInPlacePath(target, &error)) {
+        } else if (QVHFSUncompressor::expandInPlacePath(Env::shared(), target, &error)) {
           ++seen["expanded"];
         } else {
           ++seen[std::to_string(error.code)];
@@ -354,7 +354,7 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
         ++ours;
         EXPECT_EQ(st.st_uid, caller ? caller->uid() : 0u);
         Error error;
-        std::unique_ptr<FileContentReader> reader = FileContentReader::open(name, &error);
+        std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), name, &error);
         ASSERT_NE(reader, nullptr) << error.describe();
         std::string content(reader->size(), '\0');
         size_t got = 0;

@@ -17,13 +17,13 @@ std::string QVPathString::stringWithFileSystemRepresentation(const char* path, s
   return std::string(path, strnlen(path, length));
 }
 
-std::string QVPathString::stringByCanonicalizingPath(const std::string& path) {
-  return Env::shared().realPath(path).value_or(path);
+std::string QVPathString::stringByCanonicalizingPath(Env& env, const std::string& path) {
+  return env.realPath(path).value_or(path);
 }
 
-bool QVPathString::isDirectory(const std::string& path) {
+bool QVPathString::isDirectory(Env& env, const std::string& path) {
   struct stat st;
-  return Env::shared().stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+  return env.stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 bool QVPathString::isUsablePath(const std::string& path, Error* error) {

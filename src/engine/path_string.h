@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -16,9 +17,9 @@ class QVPathString {
   // A path from a C path of `length` bytes, cut at a zero byte.
   static std::string stringWithFileSystemRepresentation(const char* path, size_t length);
   // realpath() of the path; the path unchanged when that fails.
-  static std::string stringByCanonicalizingPath(const std::string& path);
+  static std::string stringByCanonicalizingPath(Env& env, const std::string& path);
   // Something exists at the path (following links) and it is a directory.
-  static bool isDirectory(const std::string& path);
+  static bool isDirectory(Env& env, const std::string& path);
 
   // A path the engine can work on and write into its crash record: not
   // empty, no zero byte or line feed, valid UTF-8, within the system's path

@@ -31,10 +31,10 @@ std::string ProcessInProcessRecord::filenameFor(const std::string& dataFolder, l
   return dataFolder + "/" + std::string(kRecordPrefix) + std::to_string(pid) + std::string(kRecordSuffix);
 }
 
-bool ProcessInProcessRecord::repair(const InProcessRecord& record) {
+bool ProcessInProcessRecord::repair(Env& env, const InProcessRecord& record) {
   if (!record.path || record.path->empty()) return true;
   const uint64_t size = static_cast<uint64_t>(record.expectedSize < 0 ? 0 : record.expectedSize);
-  if (QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(*record.path, size)) {
+  if (QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(env, *record.path, size)) {
     KRLog("Successfully finished pending compression of previous run for file %s", record.path->c_str());
     return true;
   }
@@ -43,17 +43,18 @@ bool ProcessInProcessRecord::repair(const InProcessRecord& record) {
   return false;
 }
 
-ProcessInProcessRecord::ProcessInProcessRecord(const std::string& dataFolder)
-    : record_(std::make_unique<InProcessRecordFile>(filenameFor(dataFolder, static_cast<long>(getpid())))) {
+ProcessInProcessRecord::ProcessInProcessRecord(Env& env, const std::string& dataFolder)
+    : env_(env),
+      record_(std::make_unique<InProcessRecordFile>(filenameFor(dataFolder, static_cast<long>(getpid())), env)) {
   if (record_->isOpen() && record_->previous().path) {
-    repair(record_->previous());
+    repair(env, record_->previous());
     record_->reset();
   }
 }
 
 ProcessInProcessRecord::~ProcessInProcessRecord() {
   // Unlinked while still locked: no other run can take it over meanwhile.
-  if (record_->isOpen()) Env::shared().unlink(record_->filename());
+  if (record_->isOpen()) env_.unlink(record_->filename());
 }
 
 void ProcessInProcessRecord::willProcessFile(const std::string& path) {
@@ -66,8 +67,7 @@ void ProcessInProcessRecord::didProcessFile() {
   criticalSection_.unlock();
 }
 
-int ProcessInProcessRecord::repairRecordsOfGoneProcesses(const std::string& dataFolder) {
-  Env& env = Env::shared();
+int ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env& env, const std::string& dataFolder) {
   std::optional<std::vector<std::string>> names = env.listDirectory(dataFolder);
   if (!names) return 0;
   int repaired = 0;
@@ -95,7 +95,7 @@ int ProcessInProcessRecord::repairRecordsOfGoneProcesses(const std::string& data
     text.resize(n > 0 ? static_cast<size_t>(n) : 0);
     InProcessRecord record = InProcessRecordFile::parse(text);
     if (record.path) {
-      repair(record);
+      repair(env, record);
       ++repaired;
     }
     // Removed while locked, so that no run takes over a record being settled.

@@ -19,7 +19,7 @@ class ProcessInProcessRecord {
  public:
   // Creates this process's record in `dataFolder`. A record left under the
   // same name (a process of the same id that is gone) is repaired first.
-  explicit ProcessInProcessRecord(const std::string& dataFolder);
+  ProcessInProcessRecord(Env& env, const std::string& dataFolder);
   ~ProcessInProcessRecord();  // removes the record
   ProcessInProcessRecord(const ProcessInProcessRecord&) = delete;
   ProcessInProcessRecord& operator=(const ProcessInProcessRecord&) = delete;
@@ -35,11 +35,12 @@ class ProcessInProcessRecord {
   static std::string filenameFor(const std::string& dataFolder, long pid);
   // Repairs the file of every record in `dataFolder` that no live process
   // holds, and removes those records. Returns how many were repaired.
-  static int repairRecordsOfGoneProcesses(const std::string& dataFolder);
+  static int repairRecordsOfGoneProcesses(Env& env, const std::string& dataFolder);
   // Repairs the file one gone run recorded; logs how it went.
-  static bool repair(const InProcessRecord& record);
+  static bool repair(Env& env, const InProcessRecord& record);
 
  private:
+  Env& env_;
   std::unique_ptr<InProcessRecordFile> record_;
   std::mutex criticalSection_;
 };

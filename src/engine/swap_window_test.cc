@@ -102,12 +102,12 @@ class SwapWindowTest : public ::testing::Test {
 TEST_F(SwapWindowTest, AnOpenerJustBeforeTheExchangeKeepsItsWritesInAPlainFile) {
   openerAt("exchange");
   Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
   joinOpener();
   EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
   EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
   CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kPlain);
   EXPECT_TRUE(onlyTheFileIsLeft());
 }
@@ -115,7 +115,7 @@ TEST_F(SwapWindowTest, AnOpenerJustBeforeTheExchangeKeepsItsWritesInAPlainFile) 
 TEST_F(SwapWindowTest, AnOpenerBeforeTheCopyIsNamedStopsTheSwap) {
   openerAt("linkTmpFile");
   Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
   joinOpener();
   EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
   EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
@@ -123,9 +123,9 @@ TEST_F(SwapWindowTest, AnOpenerBeforeTheCopyIsNamedStopsTheSwap) {
 }
 
 TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothingAfterTheSwap) {
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
   CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kCompressed);
   EXPECT_TRUE(onlyTheFileIsLeft());
 
@@ -133,7 +133,7 @@ TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothi
   unlink(path_.c_str());
   writeFile(path_, kData);
   env_.failOn("takeWriteLease", EINVAL);
-  EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+  EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
 }
 
 // A file system without leases: /proc can clear a file only when every
@@ -148,41 +148,41 @@ TEST_F(SwapWindowTest, WithoutLeasesProcIsTrustedOnlyWhereNobodyElseMayWrite) {
   }
   Error error;
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   EXPECT_THAT(error.message,
               ::testing::HasSubstr("grants no lease: Invalid argument, and others may write its folder"));
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
   ASSERT_EQ(chmod(path_.c_str(), 0664), 0);
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
   EXPECT_THAT(error.message, ::testing::HasSubstr("others may write it"));
   ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
   {
     const int writer = ::open(path_.c_str(), O_WRONLY | O_APPEND);  // ours, seen in /proc
-    EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error));
+    EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
     EXPECT_THAT(error.message, ::testing::HasSubstr(" writes it"));
     ::close(writer);
   }
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error)) << error.describe();
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
-  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(path_, &error)) << error.describe();
+  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error)) << error.describe();
   EXPECT_EQ(readFile(path_), kData);
 }
 
 TEST_F(SwapWindowTest, AnOpenerJustBeforeAnExpansionIsSwappedInWritesIntoTheFileAtTheName) {
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path_));
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
   openerAt("exchange");
   Error error;
-  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(path_, &error));
+  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error));
   joinOpener();
   EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
   // The writer appended to the compressed file: written after compression,
   // and nothing lost.
   CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(path_, &info, nullptr, false));
+  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kMixed);
   EXPECT_EQ(readFile(path_), kAppendedByWriter);
   EXPECT_TRUE(onlyTheFileIsLeft());

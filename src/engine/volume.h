@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore {
 
 // Filled by QVVolume::volumeInfoForPath.
@@ -32,30 +34,30 @@ class QVVolume {
   // `path` (the name itself: a final link is not followed); -1 on failure.
   // Two volumes may fold to one number: areInSameVolumePath() compares the
   // full device numbers.
-  static int16_t volumeReferenceNumberForPath(const std::string& path);
+  static int16_t volumeReferenceNumberForPath(Env& env, const std::string& path);
   // Both paths exist and lie on one volume.
-  static bool areInSameVolumePath(const std::string& path, const std::string& andPath);
+  static bool areInSameVolumePath(Env& env, const std::string& path, const std::string& andPath);
 
-  static bool fsIsHFSVolumeForPath(const std::string& path);
-  static bool fsIsVolumeEjectableForPath(const std::string& path);
-  static bool fsIsVolumeRemovableForPath(const std::string& path);
-  static bool fsIsVolumeInternalForPath(const std::string& path);
+  static bool fsIsHFSVolumeForPath(Env& env, const std::string& path);
+  static bool fsIsVolumeEjectableForPath(Env& env, const std::string& path);
+  static bool fsIsVolumeRemovableForPath(Env& env, const std::string& path);
+  static bool fsIsVolumeInternalForPath(Env& env, const std::string& path);
 
   // False when the volume cannot be examined; else fills `info`: removable
   // and ejectable media and the bus from /sys where the volume has a disk
   // (all false for tmpfs and the like), writable unless mounted read-only.
-  static bool volumeInfoForPath(const std::string& path, QVVolumeInfo* info);
+  static bool volumeInfoForPath(Env& env, const std::string& path, QVVolumeInfo* info);
 
   // "ext4", "xfs", "btrfs", "tmpfs", ..., or "Unknown".
-  static std::string fileSystemTypeForPath(const std::string& path);
+  static std::string fileSystemTypeForPath(Env& env, const std::string& path);
   // The volume can hold the compressed form.
-  static bool isHFSPlusFileSystemForPath(const std::string& path);
+  static bool isHFSPlusFileSystemForPath(Env& env, const std::string& path);
 
   // kVolumeCapabilityExchange when names on the volume can be swapped
   // atomically; 0 otherwise or on failure (logged).
-  static uint32_t volumeCapabilitiesForVolumeAtPath(const std::string& path);
-  static bool exchangedataSupportedInVolumeForPath(const std::string& path);
-  static bool exchangedataSupportedInVolumeForCPath(const char* path);
+  static uint32_t volumeCapabilitiesForVolumeAtPath(Env& env, const std::string& path);
+  static bool exchangedataSupportedInVolumeForPath(Env& env, const std::string& path);
+  static bool exchangedataSupportedInVolumeForCPath(Env& env, const char* path);
 };
 
 }  // namespace zephlore

@@ -20,35 +20,35 @@ TEST(QVVolume, TmpfsIsACompressingVolumeWithExchange) {
   writeFile(dir / "a", "a");
   writeFile(dir / "b", "b");
 
-  const int16_t ref = QVVolume::volumeReferenceNumberForPath(dir / "a");
+  const int16_t ref = QVVolume::volumeReferenceNumberForPath(Env::shared(), dir / "a");
   EXPECT_NE(ref, -1);
-  EXPECT_EQ(QVVolume::volumeReferenceNumberForPath(dir / "b"), ref);
-  EXPECT_EQ(QVVolume::volumeReferenceNumberForPath(dir / "missing"), -1);
-  EXPECT_TRUE(QVVolume::areInSameVolumePath(dir / "a", dir.path()));
-  EXPECT_FALSE(QVVolume::areInSameVolumePath(dir / "a", "/proc"));
-  EXPECT_FALSE(QVVolume::areInSameVolumePath(dir / "missing", dir / "missing too"));
+  EXPECT_EQ(QVVolume::volumeReferenceNumberForPath(Env::shared(), dir / "b"), ref);
+  EXPECT_EQ(QVVolume::volumeReferenceNumberForPath(Env::shared(), dir / "missing"), -1);
+  EXPECT_TRUE(QVVolume::areInSameVolumePath(Env::shared(), dir / "a", dir.path()));
+  EXPECT_FALSE(QVVolume::areInSameVolumePath(Env::shared(), dir / "a", "/proc"));
+  EXPECT_FALSE(QVVolume::areInSameVolumePath(Env::shared(), dir / "missing", dir / "missing too"));
 
-  EXPECT_EQ(QVVolume::fileSystemTypeForPath(dir / "a"), "tmpfs");
-  EXPECT_EQ(QVVolume::fileSystemTypeForPath(dir / "missing"), "Unknown");
-  EXPECT_TRUE(QVVolume::isHFSPlusFileSystemForPath(dir / "a"));
-  EXPECT_TRUE(QVVolume::fsIsHFSVolumeForPath(dir.path()));
-  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForPath(dir / "a"));
-  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForCPath((dir / "a").c_str()));
-  EXPECT_EQ(QVVolume::volumeCapabilitiesForVolumeAtPath(dir.path()),
+  EXPECT_EQ(QVVolume::fileSystemTypeForPath(Env::shared(), dir / "a"), "tmpfs");
+  EXPECT_EQ(QVVolume::fileSystemTypeForPath(Env::shared(), dir / "missing"), "Unknown");
+  EXPECT_TRUE(QVVolume::isHFSPlusFileSystemForPath(Env::shared(), dir / "a"));
+  EXPECT_TRUE(QVVolume::fsIsHFSVolumeForPath(Env::shared(), dir.path()));
+  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForPath(Env::shared(), dir / "a"));
+  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForCPath(Env::shared(), (dir / "a").c_str()));
+  EXPECT_EQ(QVVolume::volumeCapabilitiesForVolumeAtPath(Env::shared(), dir.path()),
             QVVolume::kVolumeCapabilityExchange);
 
   QVVolumeInfo info;
   info.isRemovable = true;
-  ASSERT_TRUE(QVVolume::volumeInfoForPath(dir / "a", &info));
+  ASSERT_TRUE(QVVolume::volumeInfoForPath(Env::shared(), dir / "a", &info));
   EXPECT_TRUE(info.isHFSPlus);
   EXPECT_TRUE(info.isWritable);
   EXPECT_FALSE(info.isRemovable || info.isEjectable || info.isExternal);
-  EXPECT_FALSE(QVVolume::fsIsVolumeEjectableForPath(dir / "a"));
+  EXPECT_FALSE(QVVolume::fsIsVolumeEjectableForPath(Env::shared(), dir / "a"));
 
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  EXPECT_FALSE(QVVolume::volumeInfoForPath(dir / "missing", &info));
-  EXPECT_FALSE(QVVolume::exchangedataSupportedInVolumeForPath(dir / "missing"));
+  EXPECT_FALSE(QVVolume::volumeInfoForPath(Env::shared(), dir / "missing", &info));
+  EXPECT_FALSE(QVVolume::exchangedataSupportedInVolumeForPath(Env::shared(), dir / "missing"));
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("errno: 2"), std::string::npos) << lines[0];
 }
@@ -57,12 +57,12 @@ TEST(QVVolume, DefaultExt4IsNotACompressingVolume) {
   LoopMount ext4(testkit::kDefaultExt4);
   if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
   writeFile(ext4 / "f", "x");
-  EXPECT_EQ(QVVolume::fileSystemTypeForPath(ext4 / "f"), "ext4");
-  EXPECT_FALSE(QVVolume::isHFSPlusFileSystemForPath(ext4 / "f"));
-  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForPath(ext4 / "f"));
-  EXPECT_FALSE(QVVolume::areInSameVolumePath(ext4 / "f", "/dev/shm"));
+  EXPECT_EQ(QVVolume::fileSystemTypeForPath(Env::shared(), ext4 / "f"), "ext4");
+  EXPECT_FALSE(QVVolume::isHFSPlusFileSystemForPath(Env::shared(), ext4 / "f"));
+  EXPECT_TRUE(QVVolume::exchangedataSupportedInVolumeForPath(Env::shared(), ext4 / "f"));
+  EXPECT_FALSE(QVVolume::areInSameVolumePath(Env::shared(), ext4 / "f", "/dev/shm"));
   QVVolumeInfo info;
-  ASSERT_TRUE(QVVolume::volumeInfoForPath(ext4.path(), &info));
+  ASSERT_TRUE(QVVolume::volumeInfoForPath(Env::shared(), ext4.path(), &info));
   EXPECT_FALSE(info.isHFSPlus);
   EXPECT_TRUE(info.isWritable);
   EXPECT_FALSE(info.isRemovable);  // a loop device
@@ -72,11 +72,11 @@ TEST(QVPathString, CanonicalFormsDirectoriesAndUsablePaths) {
   ScratchDir dir;
   writeFile(dir / "f", "x");
   ASSERT_EQ(symlink(dir.path().c_str(), (dir / "link").c_str()), 0);
-  EXPECT_EQ(QVPathString::stringByCanonicalizingPath(dir / "link/./f"), dir / "f");
-  EXPECT_EQ(QVPathString::stringByCanonicalizingPath("/no/such/../path"), "/no/such/../path");
-  EXPECT_TRUE(QVPathString::isDirectory(dir / "link"));
-  EXPECT_FALSE(QVPathString::isDirectory(dir / "f"));
-  EXPECT_FALSE(QVPathString::isDirectory(dir / "missing"));
+  EXPECT_EQ(QVPathString::stringByCanonicalizingPath(Env::shared(), dir / "link/./f"), dir / "f");
+  EXPECT_EQ(QVPathString::stringByCanonicalizingPath(Env::shared(), "/no/such/../path"), "/no/such/../path");
+  EXPECT_TRUE(QVPathString::isDirectory(Env::shared(), dir / "link"));
+  EXPECT_FALSE(QVPathString::isDirectory(Env::shared(), dir / "f"));
+  EXPECT_FALSE(QVPathString::isDirectory(Env::shared(), dir / "missing"));
   EXPECT_EQ(QVPathString::stringWithFileSystemRepresentation("abc\0def", 7), "abc");
 
   Error error;

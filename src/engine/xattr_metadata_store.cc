@@ -13,36 +13,36 @@ bool failed(Error* error) { return fail(error, kXattrErrorDomain, errno, ""); }
 
 }  // namespace
 
-std::vector<std::string> RZXattrMetadataStore::allKeysAtPath(const std::string& path,
+std::vector<std::string> RZXattrMetadataStore::allKeysAtPath(Env& env, const std::string& path,
                                                              bool traverseLink) {
-  return Env::shared().listxattr(FileRef::atPath(path, traverseLink)).value_or(
+  return env.listxattr(FileRef::atPath(path, traverseLink)).value_or(
       std::vector<std::string>{});
 }
 
-std::optional<std::vector<uint8_t>> RZXattrMetadataStore::dataForKey(const std::string& key,
+std::optional<std::vector<uint8_t>> RZXattrMetadataStore::dataForKey(Env& env, const std::string& key,
                                                                      const std::string& path,
                                                                      bool traverseLink) {
-  return dataForKey(key, FileRef::atPath(path, traverseLink));
+  return dataForKey(env, key, FileRef::atPath(path, traverseLink));
 }
 
-std::optional<std::vector<uint8_t>> RZXattrMetadataStore::dataForKey(const std::string& key,
+std::optional<std::vector<uint8_t>> RZXattrMetadataStore::dataForKey(Env& env, const std::string& key,
                                                                      const FileRef& file) {
-  return Env::shared().getxattrValue(file, key);
+  return env.getxattrValue(file, key);
 }
 
-std::optional<std::string> RZXattrMetadataStore::stringForKey(const std::string& key,
+std::optional<std::string> RZXattrMetadataStore::stringForKey(Env& env, const std::string& key,
                                                               const std::string& path,
                                                               bool traverseLink) {
-  auto data = dataForKey(key, path, traverseLink);
+  auto data = dataForKey(env, key, path, traverseLink);
   if (!data) return std::nullopt;
   std::string text(data->begin(), data->end());
   if (!isValidUTF8(text)) return std::nullopt;
   return text;
 }
 
-PlistPtr RZXattrMetadataStore::objectForKey(const std::string& key, const std::string& path,
+PlistPtr RZXattrMetadataStore::objectForKey(Env& env, const std::string& key, const std::string& path,
                                             bool traverseLink) {
-  auto data = dataForKey(key, path, traverseLink);
+  auto data = dataForKey(env, key, path, traverseLink);
   if (!data) return nullptr;
   plist_t plist = nullptr;
   if (!data->empty() && data->size() <= UINT32_MAX) {
@@ -56,33 +56,33 @@ PlistPtr RZXattrMetadataStore::objectForKey(const std::string& key, const std::s
   return PlistPtr(plist);
 }
 
-bool RZXattrMetadataStore::setData(const void* data, size_t size, const std::string& key,
+bool RZXattrMetadataStore::setData(Env& env, const void* data, size_t size, const std::string& key,
                                    const FileRef& file, Error* error) {
-  if (Env::shared().setxattr(file, key, data, size, 0) != 0) return failed(error);
+  if (env.setxattr(file, key, data, size, 0) != 0) return failed(error);
   return true;
 }
 
-bool RZXattrMetadataStore::setData(const void* data, size_t size, const std::string& key,
+bool RZXattrMetadataStore::setData(Env& env, const void* data, size_t size, const std::string& key,
                                    const std::string& path, bool traverseLink, Error* error) {
-  return setData(data, size, key, FileRef::atPath(path, traverseLink), error);
+  return setData(env, data, size, key, FileRef::atPath(path, traverseLink), error);
 }
 
-bool RZXattrMetadataStore::setData(const std::vector<uint8_t>& data, const std::string& key,
+bool RZXattrMetadataStore::setData(Env& env, const std::vector<uint8_t>& data, const std::string& key,
                                    const std::string& path, bool traverseLink, Error* error) {
-  return setData(data.data(), data.size(), key, path, traverseLink, error);
+  return setData(env, data.data(), data.size(), key, path, traverseLink, error);
 }
 
-bool RZXattrMetadataStore::setString(const std::string& value, const std::string& key,
+bool RZXattrMetadataStore::setString(Env& env, const std::string& value, const std::string& key,
                                      const std::string& path, bool traverseLink, Error* error) {
   if (!isValidUTF8(value)) {
     KRLog("Couldn't convert string to UTF8 for xattr storage.");
     errno = EILSEQ;
     return failed(error);
   }
-  return setData(value.data(), value.size(), key, path, traverseLink, error);
+  return setData(env, value.data(), value.size(), key, path, traverseLink, error);
 }
 
-bool RZXattrMetadataStore::setObject(plist_t value, const std::string& key,
+bool RZXattrMetadataStore::setObject(Env& env, plist_t value, const std::string& key,
                                      const std::string& path, bool traverseLink, Error* error) {
   char* xml = nullptr;
   uint32_t length = 0;
@@ -93,18 +93,18 @@ bool RZXattrMetadataStore::setObject(plist_t value, const std::string& key,
     errno = EINVAL;
     return failed(error);
   }
-  bool ok = setData(xml, length, key, path, traverseLink, error);
+  bool ok = setData(env, xml, length, key, path, traverseLink, error);
   plist_to_xml_free(xml);
   return ok;
 }
 
-bool RZXattrMetadataStore::removeKey(const std::string& key, const std::string& path,
+bool RZXattrMetadataStore::removeKey(Env& env, const std::string& key, const std::string& path,
                                      bool traverseLink, Error* error) {
-  return removeKey(key, FileRef::atPath(path, traverseLink), error);
+  return removeKey(env, key, FileRef::atPath(path, traverseLink), error);
 }
 
-bool RZXattrMetadataStore::removeKey(const std::string& key, const FileRef& file, Error* error) {
-  if (Env::shared().removexattr(file, key) != 0) return failed(error);
+bool RZXattrMetadataStore::removeKey(Env& env, const std::string& key, const FileRef& file, Error* error) {
+  if (env.removexattr(file, key) != 0) return failed(error);
   return true;
 }
 

@@ -30,35 +30,35 @@ class RZXattrMetadataStore {
   RZXattrMetadataStore() = delete;
 
   // The names in the order listed; empty when they cannot be listed.
-  static std::vector<std::string> allKeysAtPath(const std::string& path, bool traverseLink);
+  static std::vector<std::string> allKeysAtPath(Env& env, const std::string& path, bool traverseLink);
 
-  static std::optional<std::vector<uint8_t>> dataForKey(const std::string& key,
+  static std::optional<std::vector<uint8_t>> dataForKey(Env& env, const std::string& key,
                                                         const std::string& path,
                                                         bool traverseLink);
-  static std::optional<std::vector<uint8_t>> dataForKey(const std::string& key,
+  static std::optional<std::vector<uint8_t>> dataForKey(Env& env, const std::string& key,
                                                         const FileRef& file);
   // None also when the value is not valid UTF-8.
-  static std::optional<std::string> stringForKey(const std::string& key, const std::string& path,
+  static std::optional<std::string> stringForKey(Env& env, const std::string& key, const std::string& path,
                                                  bool traverseLink);
   // The value parsed as a property list (binary or XML).
-  static PlistPtr objectForKey(const std::string& key, const std::string& path, bool traverseLink);
+  static PlistPtr objectForKey(Env& env, const std::string& key, const std::string& path, bool traverseLink);
 
   // Create or replace.
-  static bool setData(const void* data, size_t size, const std::string& key,
+  static bool setData(Env& env, const void* data, size_t size, const std::string& key,
                       const std::string& path, bool traverseLink, Error* error);
-  static bool setData(const std::vector<uint8_t>& data, const std::string& key,
+  static bool setData(Env& env, const std::vector<uint8_t>& data, const std::string& key,
                       const std::string& path, bool traverseLink, Error* error);
-  static bool setData(const void* data, size_t size, const std::string& key, const FileRef& file,
+  static bool setData(Env& env, const void* data, size_t size, const std::string& key, const FileRef& file,
                       Error* error);
-  static bool setString(const std::string& value, const std::string& key,
+  static bool setString(Env& env, const std::string& value, const std::string& key,
                         const std::string& path, bool traverseLink, Error* error);
   // Stored as an XML property list.
-  static bool setObject(plist_t value, const std::string& key, const std::string& path,
+  static bool setObject(Env& env, plist_t value, const std::string& key, const std::string& path,
                         bool traverseLink, Error* error);
 
-  static bool removeKey(const std::string& key, const std::string& path, bool traverseLink,
+  static bool removeKey(Env& env, const std::string& key, const std::string& path, bool traverseLink,
                         Error* error);
-  static bool removeKey(const std::string& key, const FileRef& file, Error* error);
+  static bool removeKey(Env& env, const std::string& key, const FileRef& file, Error* error);
 };
 
 }  // namespace zephlore

@@ -14,7 +14,7 @@ SharedInstance<KRFileInProcessWatchdog>& KRFileInProcessWatchdog::sharedInstance
   return instance;
 }
 
-KRFileInProcessWatchdog::KRFileInProcessWatchdog() : record_(watchdogFilename()) {}
+KRFileInProcessWatchdog::KRFileInProcessWatchdog() : record_(watchdogFilename(), Env::shared()) {}
 
 bool KRFileInProcessWatchdog::hasInProcessFileFromPreviousSession() const {
   return record_.previous().path.has_value();

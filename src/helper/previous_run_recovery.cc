@@ -11,13 +11,13 @@ namespace zephlore {
 void checkIntegrityOfPreviousRun() {
   // Runs of the command (or another helper's) that ended in a swap.
   if (std::optional<std::string> folder = KRUtil::applicationSupportFolder()) {
-    ProcessInProcessRecord::repairRecordsOfGoneProcesses(*folder);
+    ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env::shared(), *folder);
   }
   KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
   if (!watchdog.hasInProcessFileFromPreviousSession()) return;
   const std::string path = watchdog.inProcessFileFromPreviousSession().value_or("");
   const int64_t expected = watchdog.expectedSizeOfInProcessFile();
-  if (QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(path, static_cast<uint64_t>(expected))) {
+  if (QVHFSCompressedFileRepresentation::recoverInProcessFileAtPath(Env::shared(), path, static_cast<uint64_t>(expected))) {
     KRLog("Successfully finished pending compression of previous run for file %s", path.c_str());
   } else {
     KRLog("Could not recover previous file %s with expected size %lld", path.c_str(),

@@ -15,9 +15,9 @@ namespace {
 // Any more pieces than this could never be listed.
 const size_t kMostPieces = kXattrListMax / AttributeFork::listBytes(attr::kResourceFork);
 
-bool writeFork(const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, bool verify,
+bool writeFork(Env& env, const FileRef& file, uint64_t size, const AttributeFork::ReadBytes& bytes, bool verify,
                Error* error) {
-  std::unique_ptr<AttributeForkWriter> writer = AttributeForkWriter::open(file, verify, error);
+  std::unique_ptr<AttributeForkWriter> writer = AttributeForkWriter::open(env, file, verify, error);
   if (!writer || !writer->checkSize(size, error)) return false;
   std::vector<uint8_t> buf(static_cast<size_t>(std::min<uint64_t>(writer->pieceSize(), size)));
   for (uint64_t offset = 0; offset < size;) {
@@ -56,8 +56,8 @@ std::optional<size_t> AttributeFork::pieceIndex(const std::string& name) {
   return index;
 }
 
-bool AttributeFork::isPresent(const FileRef& file) {
-  return Env::shared().getxattr(file, attr::kResourceFork, nullptr, 0) >= 0;
+bool AttributeFork::isPresent(Env& env, const FileRef& file) {
+  return env.getxattr(file, attr::kResourceFork, nullptr, 0) >= 0;
 }
 
 uint64_t AttributeFork::piecesFor(uint64_t size, size_t pieceSize) {
@@ -89,9 +89,9 @@ uint64_t AttributeFork::mostPieces(uint64_t otherListBytes) {
   return pieces;
 }
 
-bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Error* error) {
+bool AttributeFork::write(Env& env, const FileRef& file, const void* data, size_t size, Error* error) {
   return writeFork(
-      file, size,
+      env, file, size,
       [data](uint64_t offset, void* buf, size_t n) {
         if (n > 0) std::memcpy(buf, static_cast<const uint8_t*>(data) + offset, n);
         return true;
@@ -99,16 +99,16 @@ bool AttributeFork::write(const FileRef& file, const void* data, size_t size, Er
       false, error);
 }
 
-bool AttributeFork::writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, bool verify,
+bool AttributeFork::writeFrom(Env& env, const FileRef& file, uint64_t size, const ReadBytes& read, bool verify,
                               Error* error) {
-  return writeFork(file, size, read, verify, error);
+  return writeFork(env, file, size, read, verify, error);
 }
 
-bool AttributeFork::writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error) {
+bool AttributeFork::writeFromFd(Env& env, const FileRef& file, int sourceFd, uint64_t size, Error* error) {
   return writeFork(
-      file, size,
-      [sourceFd](uint64_t offset, void* buf, size_t n) {
-        ssize_t got = Env::shared().preadFully(sourceFd, buf, n, offset);
+      env, file, size,
+      [&env, sourceFd](uint64_t offset, void* buf, size_t n) {
+        ssize_t got = env.preadFully(sourceFd, buf, n, offset);
         if (got < 0) return false;
         if (static_cast<size_t>(got) != n) {
           errno = EIO;  // the source ended before the size it promised
@@ -119,8 +119,7 @@ bool AttributeFork::writeFromFd(const FileRef& file, int sourceFd, uint64_t size
       false, error);
 }
 
-bool AttributeFork::remove(const FileRef& file, Error* error) {
-  Env& env = Env::shared();
+bool AttributeFork::remove(Env& env, const FileRef& file, Error* error) {
   const std::string what = "cannot remove the resource fork of " + file.describe();
   // The fork attribute first: from then on the file has no fork, even if a
   // crash interrupts the rest.
@@ -150,10 +149,9 @@ bool AttributeFork::remove(const FileRef& file, Error* error) {
 
 // --- AttributeForkWriter -------------------------------------------------------
 
-std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(const FileRef& file, bool verify,
+std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(Env& env, const FileRef& file, bool verify,
                                                                Error* error, uint64_t namesToCome) {
-  Env& env = Env::shared();
-  std::optional<size_t> pieceSize = VolumeCapabilities::attributePieceSize(file, error);
+  std::optional<size_t> pieceSize = VolumeCapabilities::attributePieceSize(env, file, error);
   if (!pieceSize) return nullptr;
   if (*pieceSize == 0) {
     failWithErrno(error, ENOTSUP,
@@ -175,19 +173,20 @@ std::unique_ptr<AttributeForkWriter> AttributeForkWriter::open(const FileRef& fi
     hadFork = true;
   }
   return std::unique_ptr<AttributeForkWriter>(
-      new AttributeForkWriter(file, *pieceSize, otherBytes + namesToCome, hadFork, verify));
+      new AttributeForkWriter(env, file, *pieceSize, otherBytes + namesToCome, hadFork, verify));
 }
 
-AttributeForkWriter::AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes,
+AttributeForkWriter::AttributeForkWriter(Env& env, FileRef file, size_t pieceSize, uint64_t otherListBytes,
                                          bool hadFork, bool verify)
-    : file_(std::move(file)),
+    : env_(env),
+      file_(std::move(file)),
       pieceSize_(pieceSize),
       mostPieces_(AttributeFork::mostPieces(otherListBytes)),
       hadFork_(hadFork),
       verify_(verify) {}
 
 AttributeForkWriter::~AttributeForkWriter() {
-  if (!finished_ && storedAny_) AttributeFork::remove(file_, nullptr);
+  if (!finished_ && storedAny_) AttributeFork::remove(env_, file_, nullptr);
 }
 
 bool AttributeForkWriter::fail(int err, const std::string& why, Error* error) {
@@ -197,7 +196,7 @@ bool AttributeForkWriter::fail(int err, const std::string& why, Error* error) {
 
 void AttributeForkWriter::abandon() {
   failed_ = true;
-  if (storedAny_) AttributeFork::remove(file_, nullptr);
+  if (storedAny_) AttributeFork::remove(env_, file_, nullptr);
   storedAny_ = false;
   pending_.clear();
 }
@@ -279,12 +278,12 @@ bool AttributeForkWriter::finish(uint64_t size, Error* error) {
 }
 
 bool AttributeForkWriter::store(uint64_t index, const uint8_t* data, size_t n, Error* error) {
-  Env& env = Env::shared();
+  Env& env = env_;
   const std::string what = "the resource fork of " + file_.describe();
   if (hadFork_) {
     hadFork_ = false;
     Error why;
-    if (!AttributeFork::remove(file_, &why)) return fail(why.code, why.message, error);
+    if (!AttributeFork::remove(env, file_, &why)) return fail(why.code, why.message, error);
   }
   const std::string name = AttributeFork::pieceName(static_cast<size_t>(index));
   if (env.setxattr(file_, name, data, n, 0) != 0) {
@@ -312,17 +311,16 @@ bool AttributeForkWriter::store(uint64_t index, const uint8_t* data, size_t n, E
 
 // --- AttributeForkReader -------------------------------------------------------
 
-AttributeForkReader::AttributeForkReader(FileRef file, std::vector<size_t> sizes)
-    : file_(std::move(file)), sizes_(std::move(sizes)) {
+AttributeForkReader::AttributeForkReader(Env& env, FileRef file, std::vector<size_t> sizes)
+    : env_(env), file_(std::move(file)), sizes_(std::move(sizes)) {
   for (size_t size : sizes_) {
     starts_.push_back(size_);
     size_ += size;
   }
 }
 
-std::unique_ptr<AttributeForkReader> AttributeForkReader::open(const FileRef& file,
+std::unique_ptr<AttributeForkReader> AttributeForkReader::open(Env& env, const FileRef& file,
                                                                Error* error) {
-  Env& env = Env::shared();
   std::vector<size_t> sizes;
   for (size_t index = 0;; ++index) {
     ssize_t size = env.getxattr(file, AttributeFork::pieceName(index), nullptr, 0);
@@ -340,7 +338,7 @@ std::unique_ptr<AttributeForkReader> AttributeForkReader::open(const FileRef& fi
       return nullptr;
     }
   }
-  return std::unique_ptr<AttributeForkReader>(new AttributeForkReader(file, std::move(sizes)));
+  return std::unique_ptr<AttributeForkReader>(new AttributeForkReader(env, file, std::move(sizes)));
 }
 
 bool AttributeForkReader::readAt(uint64_t offset, void* buf, size_t n, Error* error) {
@@ -379,7 +377,7 @@ const uint8_t* AttributeForkReader::load(size_t index, Error* error) {
   cached_[slot] = SIZE_MAX;
   std::vector<uint8_t>& bytes = cache_[slot];
   bytes.resize(sizes_[index]);
-  ssize_t got = Env::shared().getxattr(file_, AttributeFork::pieceName(index), bytes.data(), bytes.size());
+  ssize_t got = env_.getxattr(file_, AttributeFork::pieceName(index), bytes.data(), bytes.size());
   if (got < 0 && errno != ERANGE) {
     failWithErrno(error, errno, "cannot read the resource fork of " + file_.describe());
     return nullptr;

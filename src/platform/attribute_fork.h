@@ -33,7 +33,7 @@ class AttributeFork {
   static std::optional<size_t> pieceIndex(const std::string& name);
 
   // "com.apple.ResourceFork" is present.
-  static bool isPresent(const FileRef& file);
+  static bool isPresent(Env& env, const FileRef& file);
 
   // Replaces the file's fork with `size` bytes, from memory or read with
   // pread from `sourceFd` at offset 0. Higher pieces left by an earlier,
@@ -41,15 +41,15 @@ class AttributeFork {
   // no fork then, never a mix of old and new pieces), and the error says
   // why: the volume taking no user attributes (ENOTSUP), a fork too large for
   // the name list (EFBIG) or for the volume (ENOSPC, E2BIG), a short source.
-  static bool write(const FileRef& file, const void* data, size_t size, Error* error);
-  static bool writeFromFd(const FileRef& file, int sourceFd, uint64_t size, Error* error);
+  static bool write(Env& env, const FileRef& file, const void* data, size_t size, Error* error);
+  static bool writeFromFd(Env& env, const FileRef& file, int sourceFd, uint64_t size, Error* error);
   // The same with the bytes from `read` (offset, buffer, count; false with
   // errno set when they cannot be had); `verify` reads every piece back.
   using ReadBytes = std::function<bool(uint64_t offset, void* buf, size_t n)>;
-  static bool writeFrom(const FileRef& file, uint64_t size, const ReadBytes& read, bool verify, Error* error);
+  static bool writeFrom(Env& env, const FileRef& file, uint64_t size, const ReadBytes& read, bool verify, Error* error);
 
   // Removes the fork and every piece. True when none remains.
-  static bool remove(const FileRef& file, Error* error);
+  static bool remove(Env& env, const FileRef& file, Error* error);
 
   // Pieces a fork of `size` bytes takes in `pieceSize`-byte values (at least
   // one), and whether their names fit beside names taking `otherListBytes`.
@@ -75,7 +75,7 @@ class AttributeForkWriter {
   // changes nothing. `verify` reads every stored piece back and compares it.
   // `namesToCome` keeps that many bytes of the list free for attributes the
   // file gets after its fork, so that it stays listable.
-  static std::unique_ptr<AttributeForkWriter> open(const FileRef& file, bool verify, Error* error,
+  static std::unique_ptr<AttributeForkWriter> open(Env& env, const FileRef& file, bool verify, Error* error,
                                                    uint64_t namesToCome = 0);
   ~AttributeForkWriter();
   AttributeForkWriter(const AttributeForkWriter&) = delete;
@@ -102,12 +102,13 @@ class AttributeForkWriter {
     std::vector<uint8_t> bytes;
     size_t filled = 0;
   };
-  AttributeForkWriter(FileRef file, size_t pieceSize, uint64_t otherListBytes, bool hadFork, bool verify);
+  AttributeForkWriter(Env& env, FileRef file, size_t pieceSize, uint64_t otherListBytes, bool hadFork, bool verify);
   bool store(uint64_t index, const uint8_t* data, size_t n, Error* error);
   bool fail(int err, const std::string& why, Error* error);
   bool tooManyPieces(uint64_t size, Error* error);
   void abandon();  // removes what was stored; the writer is closed from then on
 
+  Env& env_;
   FileRef file_;
   size_t pieceSize_;
   uint64_t mostPieces_;
@@ -132,7 +133,7 @@ class AttributeForkReader {
  public:
   // None, with the error, when the file has no fork (ENODATA) or its pieces
   // cannot be read.
-  static std::unique_ptr<AttributeForkReader> open(const FileRef& file, Error* error);
+  static std::unique_ptr<AttributeForkReader> open(Env& env, const FileRef& file, Error* error);
 
   uint64_t size() const { return size_; }
   size_t pieceCount() const { return sizes_.size(); }
@@ -141,10 +142,11 @@ class AttributeForkReader {
   bool readAt(uint64_t offset, void* buf, size_t n, Error* error);
 
  private:
-  AttributeForkReader(FileRef file, std::vector<size_t> sizes);
+  AttributeForkReader(Env& env, FileRef file, std::vector<size_t> sizes);
   // The bytes of piece `index`, read unless kept; null on failure.
   const uint8_t* load(size_t index, Error* error);
 
+  Env& env_;
   FileRef file_;
   std::vector<size_t> sizes_;
   std::vector<uint64_t> starts_;

@@ -55,10 +55,10 @@ TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
     SCOPED_TRACE(size);
     const std::vector<uint8_t> fork = noise(size, static_cast<uint32_t>(size));
     Error error;
-    ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error)) << error.message;
-    EXPECT_TRUE(AttributeFork::isPresent(file));
+    ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error)) << error.message;
+    EXPECT_TRUE(AttributeFork::isPresent(Env::shared(), file));
 
-    auto reader = AttributeForkReader::open(file, &error);
+    auto reader = AttributeForkReader::open(Env::shared(), file, &error);
     ASSERT_TRUE(reader) << error.message;
     EXPECT_EQ(reader->size(), size);
     EXPECT_EQ(reader->pieceCount(), AttributeFork::piecesFor(size, 65536));
@@ -78,10 +78,10 @@ TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
   UniqueFd source(::open((dir / "image").c_str(), O_RDONLY));
   UniqueFd target(::open(path.c_str(), O_RDONLY));
   Error error;
-  ASSERT_TRUE(AttributeFork::writeFromFd(FileRef::descriptor(target.get()), source.get(),
+  ASSERT_TRUE(AttributeFork::writeFromFd(Env::shared(), FileRef::descriptor(target.get()), source.get(),
                                          image.size(), &error))
       << error.message;
-  auto reader = AttributeForkReader::open(FileRef::descriptor(target.get()), &error);
+  auto reader = AttributeForkReader::open(Env::shared(), FileRef::descriptor(target.get()), &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), image);
 }
@@ -94,25 +94,25 @@ TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
   Env& env = Env::shared();
   const std::vector<uint8_t> big = noise(3 * 65536 + 7, 1);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(file, big.data(), big.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, big.data(), big.size(), &error));
   // A piece far beyond the fork, as an interrupted older write could leave.
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.9", "x", 1, 0), 0);
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.09", "not ours", 8, 0), 0);
   ASSERT_EQ(env.setxattr(file, "other", "kept", 4, 0), 0);
 
-  ASSERT_TRUE(AttributeFork::write(file, "tiny", 4, &error)) << error.message;
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "tiny", 4, &error)) << error.message;
   EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork",
                                                          "com.apple.ResourceFork.09", "other"}));
-  auto reader = AttributeForkReader::open(file, &error);
+  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'t', 'i', 'n', 'y'}));
 
-  ASSERT_TRUE(AttributeFork::write(file, big.data(), big.size(), &error));
-  ASSERT_TRUE(AttributeFork::remove(file, &error)) << error.message;
-  EXPECT_FALSE(AttributeFork::isPresent(file));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, big.data(), big.size(), &error));
+  ASSERT_TRUE(AttributeFork::remove(Env::shared(), file, &error)) << error.message;
+  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
   EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork.09", "other"}));
-  EXPECT_TRUE(AttributeFork::remove(file, &error));  // nothing left to remove is no failure
-  EXPECT_FALSE(AttributeForkReader::open(file, &error));
+  EXPECT_TRUE(AttributeFork::remove(Env::shared(), file, &error));  // nothing left to remove is no failure
+  EXPECT_FALSE(AttributeForkReader::open(Env::shared(), file, &error));
   EXPECT_EQ(error.code, ENODATA);
 
   EXPECT_EQ(AttributeFork::pieceIndex("com.apple.ResourceFork"), 0u);
@@ -128,7 +128,7 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(file, "old fork", 8, &error));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, &error));
 
   // About 2200 names of 30 bytes pass the 64 KiB list: a sparse source of
   // that many 64 KiB pieces costs no memory, and is never read.
@@ -137,12 +137,12 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   writeFile(image, "");
   ASSERT_EQ(truncate(image.c_str(), static_cast<off_t>(size)), 0);
   UniqueFd source(::open(image.c_str(), O_RDONLY));
-  EXPECT_FALSE(AttributeFork::writeFromFd(file, source.get(), size, &error));
+  EXPECT_FALSE(AttributeFork::writeFromFd(Env::shared(), file, source.get(), size, &error));
   EXPECT_EQ(error.code, EFBIG);
   EXPECT_NE(error.message.find("attribute list"), std::string::npos) << error.message;
 
   EXPECT_EQ(sortedNames(file), std::vector<std::string>{"com.apple.ResourceFork"});
-  auto reader = AttributeForkReader::open(file, &error);
+  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'o', 'l', 'd', ' ', 'f', 'o', 'r', 'k'}));
 
@@ -157,24 +157,24 @@ TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
   const FileRef file = FileRef::atPath(path);
   const std::vector<uint8_t> fork = noise(3 * 65536 + 7, 2);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
 
   // The volume filling up on the third piece cannot be made to happen on
   // demand on tmpfs: injected.
   FaultInjectingEnv faults;
   ScopedSharedEnv use(&faults);
   faults.inject({.op = "setxattr", .error = ENOSPC, .nth = 3, .match = "ResourceFork"});
-  EXPECT_FALSE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  EXPECT_FALSE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
   EXPECT_EQ(error.code, ENOSPC);
   EXPECT_NE(error.message.find("piece 2"), std::string::npos) << error.message;
   EXPECT_EQ(faults.fired(), 1);
-  EXPECT_FALSE(AttributeFork::isPresent(file));
+  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
   EXPECT_TRUE(sortedNames(file).empty());
 
   // A source shorter than promised.
   writeFile(dir / "short", "only this");
   UniqueFd source(::open((dir / "short").c_str(), O_RDONLY));
-  EXPECT_FALSE(AttributeFork::writeFromFd(file, source.get(), 70000, &error));
+  EXPECT_FALSE(AttributeFork::writeFromFd(Env::shared(), file, source.get(), 70000, &error));
   EXPECT_EQ(error.code, EIO);
   EXPECT_TRUE(sortedNames(file).empty());
 }
@@ -186,10 +186,10 @@ TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
-  ASSERT_TRUE(AttributeFork::write(file, "old fork", 8, nullptr));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, nullptr));
   const std::vector<uint8_t> fork = noise(4 * 65536 + 300, 5);
   Error error;
-  auto writer = AttributeForkWriter::open(file, true, &error);
+  auto writer = AttributeForkWriter::open(Env::shared(), file, true, &error);
   ASSERT_TRUE(writer) << error.message;
   const size_t front = 70000;
   for (size_t offset = front; offset < 3 * 65536;) {
@@ -204,25 +204,25 @@ TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
   EXPECT_EQ(error.code, EINVAL);
   EXPECT_TRUE(sortedNames(file).empty());  // and a failure takes every piece away
 
-  writer = AttributeForkWriter::open(file, true, &error);
+  writer = AttributeForkWriter::open(Env::shared(), file, true, &error);
   ASSERT_TRUE(writer);
   ASSERT_TRUE(writer->write(front, fork.data() + front, fork.size() - front, &error));
   // Bytes missing at the front.
-  EXPECT_FALSE(AttributeForkWriter::open(file, true, &error)->finish(fork.size(), &error));
+  EXPECT_FALSE(AttributeForkWriter::open(Env::shared(), file, true, &error)->finish(fork.size(), &error));
   ASSERT_TRUE(writer->write(0, fork.data(), front, &error));
   ASSERT_TRUE(writer->finish(fork.size(), &error)) << error.message;
   writer.reset();
-  auto reader = AttributeForkReader::open(file, &error);
+  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), fork);
 
   // A writer dropped before finishing takes its pieces away; one that would
   // need more pieces than the name list holds fails on the first of them.
-  writer = AttributeForkWriter::open(file, false, &error);
+  writer = AttributeForkWriter::open(Env::shared(), file, false, &error);
   ASSERT_TRUE(writer->write(0, fork.data(), 2 * 65536, &error));
   writer.reset();
-  EXPECT_FALSE(AttributeFork::isPresent(file));
-  writer = AttributeForkWriter::open(file, false, &error);
+  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
+  writer = AttributeForkWriter::open(Env::shared(), file, false, &error);
   EXPECT_FALSE(writer->write(2300ull * 65536, fork.data(), 65536, &error));
   EXPECT_EQ(error.code, EFBIG);
   // The count, from the names themselves ("user." + name + NUL each).
@@ -243,14 +243,14 @@ TEST(AttributeFork, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
   Env& env = Env::shared();
   const std::vector<uint8_t> fork = noise(3 * 65536, 3);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
   ASSERT_EQ(env.removexattr(file, "com.apple.ResourceFork.1"), 0);
-  auto reader = AttributeForkReader::open(file, &error);
+  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(reader->size(), 65536u);
 
-  ASSERT_TRUE(AttributeFork::write(file, fork.data(), fork.size(), &error));
-  reader = AttributeForkReader::open(file, &error);
+  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
+  reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.2", "short", 5, 0), 0);
   std::vector<uint8_t> buf(100);

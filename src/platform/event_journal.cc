@@ -66,11 +66,12 @@ bool isUnder(const std::string& path, const std::string& root) {
 
 }  // namespace
 
-EventJournal::EventJournal(std::string path, size_t capacity) : path_(std::move(path)), capacity_(capacity) {
+EventJournal::EventJournal(Env& env, std::string path, size_t capacity)
+    : path_(std::move(path)), capacity_(capacity) {
   // A link the user made to a regular file is kept: the journal is written
   // (and renamed over) where it leads.
   std::string refusal;
-  std::optional<std::string> target = configWriteTarget(Env::shared(), path_, &refusal);
+  std::optional<std::string> target = configWriteTarget(env, path_, &refusal);
   if (!target) {
     KRLog("The event journal %s is %s; left alone, event ids will not survive a restart", path_.c_str(),
           refusal.c_str());

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
 #include "platform/file_event.h"
 
 namespace zephlore {
@@ -35,7 +36,7 @@ class EventJournal {
 
   // Opens (or creates) the journal at `path`. An unreadable or unwritable
   // file leaves a journal that lives in memory only (one log line).
-  explicit EventJournal(std::string path, size_t capacity = kDefaultCapacity);
+  EventJournal(Env& env, std::string path, size_t capacity = kDefaultCapacity);
   ~EventJournal();
   EventJournal(const EventJournal&) = delete;
   EventJournal& operator=(const EventJournal&) = delete;

@@ -6,9 +6,9 @@
 
 namespace zephlore {
 
-std::optional<uint32_t> FileFlags::get(const FileRef& file) {
+std::optional<uint32_t> FileFlags::get(Env& env, const FileRef& file) {
   uint8_t word[4];
-  ssize_t got = Env::shared().getxattr(file, attr::kFlags, word, sizeof word);
+  ssize_t got = env.getxattr(file, attr::kFlags, word, sizeof word);
   if (got < 0) {
     if (errno == ENODATA) return 0u;
     if (errno == ERANGE) errno = EINVAL;  // longer than a flags word
@@ -22,8 +22,7 @@ std::optional<uint32_t> FileFlags::get(const FileRef& file) {
          static_cast<uint32_t>(word[2]) << 16 | static_cast<uint32_t>(word[3]) << 24;
 }
 
-bool FileFlags::set(const FileRef& file, uint32_t flags) {
-  Env& env = Env::shared();
+bool FileFlags::set(Env& env, const FileRef& file, uint32_t flags) {
   if (flags == 0) return env.removexattr(file, attr::kFlags) == 0 || errno == ENODATA;
   const uint8_t word[4] = {static_cast<uint8_t>(flags), static_cast<uint8_t>(flags >> 8),
                            static_cast<uint8_t>(flags >> 16), static_cast<uint8_t>(flags >> 24)};

@@ -18,9 +18,9 @@ class FileFlags {
 
   // The flags; 0 when absent. None with errno set when the attribute cannot
   // be read or is not 4 bytes long (EINVAL).
-  static std::optional<uint32_t> get(const FileRef& file);
+  static std::optional<uint32_t> get(Env& env, const FileRef& file);
   // Stores `flags`; 0 removes the attribute. False with errno set.
-  static bool set(const FileRef& file, uint32_t flags);
+  static bool set(Env& env, const FileRef& file, uint32_t flags);
 };
 
 }  // namespace zephlore

@@ -10,8 +10,7 @@
 
 namespace zephlore {
 
-std::optional<MetadataSnapshot> MetadataCopy::capture(int fd, Error* error) {
-  Env& env = Env::shared();
+std::optional<MetadataSnapshot> MetadataCopy::capture(Env& env, int fd, Error* error) {
   MetadataSnapshot snapshot;
   if (env.fstat(fd, &snapshot.st) != 0) {
     failWithErrno(error, errno, "cannot read the status of the file");
@@ -26,17 +25,16 @@ std::optional<MetadataSnapshot> MetadataCopy::capture(int fd, Error* error) {
   return snapshot;
 }
 
-bool MetadataCopy::apply(const MetadataSnapshot& snapshot, int fd, Error* error) {
-  if (!applyAccess(snapshot, fd, error)) return false;
+bool MetadataCopy::apply(Env& env, const MetadataSnapshot& snapshot, int fd, Error* error) {
+  if (!applyAccess(env, snapshot, fd, error)) return false;
   const struct timespec times[2] = {snapshot.st.st_atim, snapshot.st.st_mtim};
-  if (Env::shared().futimens(fd, times) != 0) {
+  if (env.futimens(fd, times) != 0) {
     return failWithErrno(error, errno, "cannot give the new file its times");
   }
   return true;
 }
 
-bool MetadataCopy::applyAccess(const MetadataSnapshot& snapshot, int fd, Error* error) {
-  Env& env = Env::shared();
+bool MetadataCopy::applyAccess(Env& env, const MetadataSnapshot& snapshot, int fd, Error* error) {
   const struct stat& want = snapshot.st;
   struct stat have;
   if (env.fstat(fd, &have) != 0) return failWithErrno(error, errno, "cannot read the new file");
@@ -65,9 +63,8 @@ bool MetadataCopy::isSkipped(const std::string& name, const std::vector<std::str
   return false;
 }
 
-bool MetadataCopy::copyUserAttributes(const FileRef& from, const FileRef& to,
+bool MetadataCopy::copyUserAttributes(Env& env, const FileRef& from, const FileRef& to,
                                       const std::vector<std::string>& skipping, Error* error) {
-  Env& env = Env::shared();
   std::optional<std::vector<std::string>> names = env.listxattr(from);
   if (!names) {
     return failWithErrno(error, errno, "cannot list the attributes of " + from.describe());

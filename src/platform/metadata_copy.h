@@ -25,19 +25,19 @@ class MetadataCopy {
   MetadataCopy() = delete;
 
   // The metadata of an open file, taken before it is rewritten.
-  static std::optional<MetadataSnapshot> capture(int fd, Error* error);
+  static std::optional<MetadataSnapshot> capture(Env& env, int fd, Error* error);
   // Gives an open file the captured owner and group (only when they differ:
   // a change needs privileges), ACL, mode and, last, times.
-  static bool apply(const MetadataSnapshot& snapshot, int fd, Error* error);
+  static bool apply(Env& env, const MetadataSnapshot& snapshot, int fd, Error* error);
   // The same without the times: for a new file made from another (a
   // recovered or expanded copy), which may be read by whom the original may.
-  static bool applyAccess(const MetadataSnapshot& snapshot, int fd, Error* error);
+  static bool applyAccess(Env& env, const MetadataSnapshot& snapshot, int fd, Error* error);
 
   // Copies the user attributes of `from` onto `to`, except the names in
   // `skipping` (compared without regard to case; skipping
   // "com.apple.ResourceFork" skips its further pieces too). Every attribute
   // is tried; false, with the first failure, if any could not be copied.
-  static bool copyUserAttributes(const FileRef& from, const FileRef& to,
+  static bool copyUserAttributes(Env& env, const FileRef& from, const FileRef& to,
                                  const std::vector<std::string>& skipping, Error* error);
 
   // Whether `name` is one of `skipping` by the rule above.

@@ -67,10 +67,10 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   UniqueFd fromFd(::open(from.c_str(), O_RDONLY));
   UniqueFd toFd(::open(to.c_str(), O_RDONLY));
   Error error;
-  auto snapshot = MetadataCopy::capture(fromFd.get(), &error);
+  auto snapshot = MetadataCopy::capture(Env::shared(), fromFd.get(), &error);
   ASSERT_TRUE(snapshot) << error.message;
-  ASSERT_TRUE(MetadataCopy::apply(*snapshot, toFd.get(), &error)) << error.message;
-  ASSERT_TRUE(MetadataCopy::copyUserAttributes(
+  ASSERT_TRUE(MetadataCopy::apply(Env::shared(), *snapshot, toFd.get(), &error)) << error.message;
+  ASSERT_TRUE(MetadataCopy::copyUserAttributes(Env::shared(),
       fromRef, FileRef::descriptor(toFd.get()),
       {"com.quorvane.zephlore.signature", "COM.APPLE.RESOURCEFORK"}, &error))
       << error.message;
@@ -101,10 +101,10 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   EXPECT_NE(aclText(to2).find("65533"), std::string::npos);
   UniqueFd plainFd(::open(plain.c_str(), O_RDONLY));
   UniqueFd to2Fd(::open(to2.c_str(), O_RDONLY));
-  snapshot = MetadataCopy::capture(plainFd.get(), &error);
+  snapshot = MetadataCopy::capture(Env::shared(), plainFd.get(), &error);
   ASSERT_TRUE(snapshot);
   EXPECT_TRUE(snapshot->acl.empty());
-  ASSERT_TRUE(MetadataCopy::apply(*snapshot, to2Fd.get(), &error)) << error.message;
+  ASSERT_TRUE(MetadataCopy::apply(Env::shared(), *snapshot, to2Fd.get(), &error)) << error.message;
   EXPECT_EQ(aclText(to2), "u::rw-,g::---,o::r--");
 }
 
@@ -123,7 +123,7 @@ TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
   faults.inject({.op = "setxattr", .error = ENOSPC, .match = "x.two"});
   faults.inject({.op = "futimens", .error = EPERM});
   Error error;
-  EXPECT_FALSE(MetadataCopy::copyUserAttributes(FileRef::atPath(dir / "from"),
+  EXPECT_FALSE(MetadataCopy::copyUserAttributes(Env::shared(), FileRef::atPath(dir / "from"),
                                                 FileRef::atPath(dir / "to"), {}, &error));
   EXPECT_EQ(error.code, ENOSPC);
   EXPECT_NE(error.message.find("attribute x.two"), std::string::npos) << error.message;
@@ -132,9 +132,9 @@ TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
   EXPECT_EQ(*names, (std::vector<std::string>{"x.one", "x.three"}));
 
   UniqueFd fd(::open((dir / "to").c_str(), O_RDONLY));
-  auto snapshot = MetadataCopy::capture(fd.get(), &error);
+  auto snapshot = MetadataCopy::capture(Env::shared(), fd.get(), &error);
   ASSERT_TRUE(snapshot);
-  EXPECT_FALSE(MetadataCopy::apply(*snapshot, fd.get(), &error));
+  EXPECT_FALSE(MetadataCopy::apply(Env::shared(), *snapshot, fd.get(), &error));
   EXPECT_EQ(error.code, EPERM);
   EXPECT_NE(error.message.find("times"), std::string::npos);
 }

@@ -21,7 +21,7 @@ std::optional<std::string> TemporaryFiles::privateDirectory(Error* error) {
   return makePrivateDirectory(*data + "/tmp", error);
 }
 
-std::optional<TemporaryFiles::Created> TemporaryFiles::create(const std::string& prefix,
+std::optional<TemporaryFiles::Created> TemporaryFiles::create(Env& env, const std::string& prefix,
                                                               Error* error,
                                                               const std::string& dir) {
   std::string folder = dir;
@@ -30,7 +30,6 @@ std::optional<TemporaryFiles::Created> TemporaryFiles::create(const std::string&
     if (!own) return std::nullopt;
     folder = *own;
   }
-  Env& env = Env::shared();
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string path = folder + "/" + prefix + randomSuffix(6);
     int fd = env.open(path, O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -44,9 +43,8 @@ std::optional<TemporaryFiles::Created> TemporaryFiles::create(const std::string&
   return std::nullopt;
 }
 
-int TemporaryFiles::createReplacingOwnLeftover(const std::string& path, int flags, mode_t mode,
+int TemporaryFiles::createReplacingOwnLeftover(Env& env, const std::string& path, int flags, mode_t mode,
                                                bool lock, Error* error) {
-  Env& env = Env::shared();
   struct stat st;
   if (env.lstat(path, &st) == 0) {
     const char* problem = nullptr;

@@ -30,7 +30,7 @@ class TemporaryFiles {
   };
   // A new file `dir`/`prefix` + 6 random characters (mode 0600), like
   // mkstemp. `dir` defaults to the private directory.
-  static std::optional<Created> create(const std::string& prefix, Error* error,
+  static std::optional<Created> create(Env& env, const std::string& prefix, Error* error,
                                        const std::string& dir = "");
 
   // Creates `path` afresh and opens it with `flags` (O_CREAT | O_EXCL are
@@ -38,7 +38,7 @@ class TemporaryFiles {
   // `lock` is set. A regular file of this user with a single link already
   // there is a leftover of ours and is removed first; anything else is
   // refused with EEXIST and left alone. Returns the descriptor or -1.
-  static int createReplacingOwnLeftover(const std::string& path, int flags, mode_t mode,
+  static int createReplacingOwnLeftover(Env& env, const std::string& path, int flags, mode_t mode,
                                         bool lock, Error* error);
 
   // `length` random characters from [A-Za-z0-9].

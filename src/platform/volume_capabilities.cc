@@ -70,8 +70,7 @@ void forgetPieceSize(const VolumeKey& key) {
   if (it != facts().end()) it->second.pieceSize.reset();
 }
 
-std::optional<VolumeKey> keyOf(const FileRef& file) {
-  Env& env = Env::shared();
+std::optional<VolumeKey> keyOf(Env& env, const FileRef& file) {
   struct stat st;
   struct statfs fs;
   if (file.isDescriptor()) {
@@ -88,8 +87,7 @@ std::optional<VolumeKey> keyOf(const FileRef& file) {
 
 enum class Put { kOk, kTooBig, kUnsupported, kFailed };
 
-Put tryPut(const FileRef& file, const std::vector<uint8_t>& buf, size_t n) {
-  Env& env = Env::shared();
+Put tryPut(Env& env, const FileRef& file, const std::vector<uint8_t>& buf, size_t n) {
   if (env.setxattr(file, attr::kProbe, buf.data(), n, 0) == 0) {
     // Removed at once: on volumes where a file's attributes share one block
     // the previous probe value must not crowd the next.
@@ -111,7 +109,7 @@ Put tryPut(const FileRef& file, const std::vector<uint8_t>& buf, size_t n) {
 
 // The largest value the probe attribute takes on `file`: halving from 64 KiB
 // until one fits, then bisecting up to the exact limit.
-std::optional<size_t> measurePieceSize(const FileRef& file, Error* error) {
+std::optional<size_t> measurePieceSize(Env& env, const FileRef& file, Error* error) {
   const std::vector<uint8_t> buf(kLargestPiece, 0x5A);
   auto failed = [&] {
     failWithErrno(error, errno, "cannot measure the attribute space of " + file.describe());
@@ -119,7 +117,7 @@ std::optional<size_t> measurePieceSize(const FileRef& file, Error* error) {
   };
   size_t fits = 0, refused = kLargestPiece + 1;
   for (size_t size = kLargestPiece; size >= kSmallestPiece; size /= 2) {
-    Put put = tryPut(file, buf, size);
+    Put put = tryPut(env, file, buf, size);
     if (put == Put::kOk) {
       fits = size;
       break;
@@ -131,41 +129,40 @@ std::optional<size_t> measurePieceSize(const FileRef& file, Error* error) {
   if (fits == 0) return size_t{0};
   while (refused - fits > 1) {
     size_t mid = fits + (refused - fits) / 2;
-    Put put = tryPut(file, buf, mid);
+    Put put = tryPut(env, file, buf, mid);
     if (put == Put::kFailed || put == Put::kUnsupported) return failed();
     (put == Put::kOk ? fits : refused) = mid;
   }
   return fits;
 }
 
-std::string directoryOf(const std::string& path) {
+std::string directoryOf(Env& env, const std::string& path) {
   struct stat st;
-  if (Env::shared().stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return path;
+  if (env.stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return path;
   return parentDirectory(path);
 }
 
 // Places on `device` where scratch files may be made: the private temporary
 // directory when it is there, and `dir`.
-std::vector<std::string> scratchPlaces(const std::string& dir, dev_t device, bool privateFirst) {
+std::vector<std::string> scratchPlaces(Env& env, const std::string& dir, dev_t device, bool privateFirst) {
   std::vector<std::string> places{dir};
   struct stat st;
   std::optional<std::string> own = TemporaryFiles::privateDirectory();
-  if (own && Env::shared().stat(*own, &st) == 0 && st.st_dev == device) {
+  if (own && env.stat(*own, &st) == 0 && st.st_dev == device) {
     places.insert(privateFirst ? places.begin() : places.end(), *own);
   }
   return places;
 }
 
-bool onDevice(int fd, dev_t device) {
+bool onDevice(Env& env, int fd, dev_t device) {
   struct stat st;
-  return Env::shared().fstat(fd, &st) == 0 && st.st_dev == device;
+  return env.fstat(fd, &st) == 0 && st.st_dev == device;
 }
 
 // Removes the probes that runs killed while probing left in `place`: empty
 // regular files of this user with a single link that no live run holds
 // locked (a live run locks each of its probes before it names it).
-void removeProbeLeftovers(const std::string& place) {
-  Env& env = Env::shared();
+void removeProbeLeftovers(Env& env, const std::string& place) {
   std::optional<std::vector<std::string>> names = env.listDirectory(place);
   if (!names) return;
   for (const std::string& name : *names) {
@@ -184,11 +181,10 @@ void removeProbeLeftovers(const std::string& place) {
 // A named probe file in `place`, locked before it has its name where the
 // file system has unnamed files, so that no other run removes it while it
 // is in use; a kill leaves it for removeProbeLeftovers().
-std::optional<TemporaryFiles::Created> namedProbe(const std::string& place) {
-  Env& env = Env::shared();
+std::optional<TemporaryFiles::Created> namedProbe(Env& env, const std::string& place) {
   UniqueFd fd(env.openTmpFile(place, 0600));
   if (!fd) {
-    std::optional<TemporaryFiles::Created> made = TemporaryFiles::create(std::string(kExchangeProbe), nullptr, place);
+    std::optional<TemporaryFiles::Created> made = TemporaryFiles::create(env, std::string(kExchangeProbe), nullptr, place);
     if (made) env.lockDescriptor(made->fd.get());
     return made;
   }
@@ -203,53 +199,52 @@ std::optional<TemporaryFiles::Created> namedProbe(const std::string& place) {
 
 // An unnamed scratch file on `device`: O_TMPFILE where the file system has
 // it, else a file unlinked right after it is made.
-UniqueFd scratchFile(const std::string& dir, dev_t device) {
-  Env& env = Env::shared();
-  for (const std::string& place : scratchPlaces(dir, device, false)) {
+UniqueFd scratchFile(Env& env, const std::string& dir, dev_t device) {
+  for (const std::string& place : scratchPlaces(env, dir, device, false)) {
     UniqueFd fd(env.openTmpFile(place, 0600));
     if (!fd) {
-      removeProbeLeftovers(place);
-      if (auto made = TemporaryFiles::create(std::string(kScratchProbe), nullptr, place)) {
+      removeProbeLeftovers(env, place);
+      if (auto made = TemporaryFiles::create(env, std::string(kScratchProbe), nullptr, place)) {
         env.unlink(made->path);
         fd = std::move(made->fd);
       }
     }
-    if (fd && onDevice(fd.get(), device)) return fd;
+    if (fd && onDevice(env, fd.get(), device)) return fd;
   }
   return UniqueFd();
 }
 
 }  // namespace
 
-std::optional<size_t> VolumeCapabilities::attributePieceSize(const FileRef& file, Error* error) {
-  std::optional<VolumeKey> key = keyOf(file);
+std::optional<size_t> VolumeCapabilities::attributePieceSize(Env& env, const FileRef& file, Error* error) {
+  std::optional<VolumeKey> key = keyOf(env, file);
   if (!key) {
     failWithErrno(error, errno, "cannot find the volume of " + file.describe());
     return std::nullopt;
   }
   if (auto size = known(*key, &Facts::pieceSize)) return size;
-  std::optional<size_t> size = measurePieceSize(file, error);
+  std::optional<size_t> size = measurePieceSize(env, file, error);
   if (size) learn(*key, &Facts::pieceSize, *size);
   return size;
 }
 
-bool VolumeCapabilities::canHoldCompressedForm(const std::string& path) {
-  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+bool VolumeCapabilities::canHoldCompressedForm(Env& env, const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(env, FileRef::atPath(path, true));
   if (!key) return false;
   if (known(*key, &Facts::canHold).value_or(false)) return true;
   // A volume that could not hold the form is measured afresh each time:
   // `tune2fs -O ea_inode` changes that on the mounted volume at once.
   forgetPieceSize(*key);
-  UniqueFd scratch = scratchFile(directoryOf(path), key->device);
+  UniqueFd scratch = scratchFile(env, directoryOf(env, path), key->device);
   if (!scratch) return false;
   const FileRef file = FileRef::descriptor(scratch.get());
-  std::optional<size_t> pieceSize = attributePieceSize(file, nullptr);
+  std::optional<size_t> pieceSize = attributePieceSize(env, file, nullptr);
   if (!pieceSize) return false;
   bool can = false;
   if (*pieceSize > 0) {
     const std::vector<uint8_t> fork(kProbeForkSize, 0xA5);
     Error error;
-    can = AttributeFork::write(file, fork.data(), fork.size(), &error);
+    can = AttributeFork::write(env, file, fork.data(), fork.size(), &error);
     // A volume that is merely out of space says nothing about what it can hold.
     if (!can && error.code != ENOSPC && error.code != E2BIG && error.code != ERANGE &&
         error.code != EDQUOT) {
@@ -260,24 +255,23 @@ bool VolumeCapabilities::canHoldCompressedForm(const std::string& path) {
   return can;
 }
 
-std::optional<size_t> VolumeCapabilities::measuredPieceSize(const std::string& path) {
-  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+std::optional<size_t> VolumeCapabilities::measuredPieceSize(Env& env, const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(env, FileRef::atPath(path, true));
   if (!key) return std::nullopt;
   return known(*key, &Facts::pieceSize);
 }
 
-bool VolumeCapabilities::supportsExchange(const std::string& path) {
-  std::optional<VolumeKey> key = keyOf(FileRef::atPath(path, true));
+bool VolumeCapabilities::supportsExchange(Env& env, const std::string& path) {
+  std::optional<VolumeKey> key = keyOf(env, FileRef::atPath(path, true));
   if (!key) return false;
   if (auto can = known(*key, &Facts::exchange)) return *can;
-  Env& env = Env::shared();
-  for (const std::string& place : scratchPlaces(directoryOf(path), key->device, true)) {
+  for (const std::string& place : scratchPlaces(env, directoryOf(env, path), key->device, true)) {
     // What runs killed in the middle of this left behind.
-    removeProbeLeftovers(place);
-    auto a = namedProbe(place);
+    removeProbeLeftovers(env, place);
+    auto a = namedProbe(env, place);
     if (!a) continue;
-    auto b = namedProbe(place);
-    if (!b || !onDevice(a->fd.get(), key->device)) {
+    auto b = namedProbe(env, place);
+    if (!b || !onDevice(env, a->fd.get(), key->device)) {
       env.unlink(a->path);
       if (b) env.unlink(b->path);
       continue;

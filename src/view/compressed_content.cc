@@ -55,9 +55,10 @@ struct CompressedContent::Decoder {
   std::unique_ptr<CompressedForkReader> reader;
 };
 
-CompressedContent::CompressedContent(UniqueFd fd, const struct stat& st, uint64_t size, std::string name,
+CompressedContent::CompressedContent(Env& env, UniqueFd fd, const struct stat& st, uint64_t size, std::string name,
                                      InflatedBlockCache& cache, BlockPrefetcher& prefetcher)
-    : fd_(std::move(fd)),
+    : env_(env),
+      fd_(std::move(fd)),
       size_(size),
       blockCount_((size + kBlock - 1) / kBlock),
       name_(std::move(name)),
@@ -68,7 +69,7 @@ CompressedContent::CompressedContent(UniqueFd fd, const struct stat& st, uint64_
 
 CompressedContent::~CompressedContent() = default;
 
-std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct stat& st, uint64_t size,
+std::shared_ptr<CompressedContent> CompressedContent::open(Env& env, int fd, const struct stat& st, uint64_t size,
                                                            std::string name, InflatedBlockCache& cache,
                                                            BlockPrefetcher& prefetcher, Error* error) {
   UniqueFd own(fcntl(fd, F_DUPFD_CLOEXEC, 0));
@@ -77,7 +78,7 @@ std::shared_ptr<CompressedContent> CompressedContent::open(int fd, const struct 
     return nullptr;
   }
   return std::shared_ptr<CompressedContent>(
-      new CompressedContent(std::move(own), st, size, std::move(name), cache, prefetcher));
+      new CompressedContent(env, std::move(own), st, size, std::move(name), cache, prefetcher));
 }
 
 std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error* error) {
@@ -86,7 +87,7 @@ std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error
     std::lock_guard lock(mutex_);
     if (!fork_) {
       auto opened = std::make_shared<SharedFork>();
-      opened->source = AttributeForkSource::open(FileRef::descriptor(fd_.get()), name_, error);
+      opened->source = AttributeForkSource::open(env_, FileRef::descriptor(fd_.get()), name_, error);
       if (!opened->source) return nullptr;
       fork_ = std::move(opened);
     }
@@ -94,7 +95,7 @@ std::unique_ptr<CompressedContent::Decoder> CompressedContent::makeDecoder(Error
   }
   auto decoder = std::make_unique<Decoder>();
   decoder->fork = std::make_unique<SharedForkSource>(std::move(fork));
-  decoder->reader = CompressedForkReader::open(*decoder->fork, size_, error);
+  decoder->reader = CompressedForkReader::open(env_, *decoder->fork, size_, error);
   if (!decoder->reader) return nullptr;
   return decoder;
 }

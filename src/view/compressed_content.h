@@ -38,7 +38,7 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
   // `name` is for log lines. The fork is opened and checked at the first
   // block not in the cache: a file whose pages the kernel kept is opened
   // without reading its fork at all.
-  static std::shared_ptr<CompressedContent> open(int fd, const struct stat& st, uint64_t size, std::string name,
+  static std::shared_ptr<CompressedContent> open(Env& env, int fd, const struct stat& st, uint64_t size, std::string name,
                                                  InflatedBlockCache& cache, BlockPrefetcher& prefetcher,
                                                  Error* error);
   ~CompressedContent();
@@ -61,13 +61,14 @@ class CompressedContent : public std::enable_shared_from_this<CompressedContent>
 
  private:
   struct Decoder;
-  CompressedContent(UniqueFd fd, const struct stat& st, uint64_t size, std::string name, InflatedBlockCache& cache,
+  CompressedContent(Env& env, UniqueFd fd, const struct stat& st, uint64_t size, std::string name, InflatedBlockCache& cache,
                     BlockPrefetcher& prefetcher);
   std::unique_ptr<Decoder> makeDecoder(Error* error);
   InflatedBlockCache::Block block(uint64_t index);
   void prefetchFrom(uint64_t index);
   void prefetch(uint64_t index);
 
+  Env& env_;
   const UniqueFd fd_;
   const uint64_t size_;
   const uint64_t blockCount_;

@@ -99,12 +99,12 @@ std::string proc(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 // The content size a compressed file's header gives; none for a file that
 // is not in the compressed state (a file without the flag was left half
 // converted and is shown as it is).
-std::optional<uint64_t> compressedSizeOf(const FileRef& file) {
+std::optional<uint64_t> compressedSizeOf(Env& env, const FileRef& file) {
   uint8_t value[kDecmpfsValueSize + 1];
-  const ssize_t n = Env::shared().getxattr(file, attr::kDecmpfs, value, sizeof value);
+  const ssize_t n = env.getxattr(file, attr::kDecmpfs, value, sizeof value);
   uint64_t size = 0;
   if (n < 0 || !parseDecmpfsValue(value, static_cast<size_t>(n), &size, nullptr)) return std::nullopt;
-  std::optional<uint32_t> flags = FileFlags::get(file);
+  std::optional<uint32_t> flags = FileFlags::get(env, file);
   if (!flags || !(*flags & FileFlags::kUFCompressed)) return std::nullopt;
   return size;
 }
@@ -134,7 +134,7 @@ void OpenFile::follow(ViewFileSystem& view) {
   std::shared_ptr<CompressedContent> content;
   if (std::optional<uint64_t> size = view.compressedSize(FileRef::descriptor(next.get()), st)) {
     Error error;
-    content = CompressedContent::open(next.get(), st, *size, view.shownPath(path->c_str()), view.cache(),
+    content = CompressedContent::open(view.env(), next.get(), st, *size, view.shownPath(path->c_str()), view.cache(),
                                       view.prefetcher(), &error);
     if (!content) return;
   }
@@ -280,7 +280,7 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (size) {
         Error error;
         compressed =
-            CompressedContent::open(fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
+            CompressedContent::open(view.env(), fd.get(), st, *size, view.shownPath(path), view.cache(), view.prefetcher(), &error);
         if (!compressed) {
           KRLog("Cannot read %s: %s", view.shownPath(path).c_str(), error.describe().c_str());
           return -EIO;
@@ -547,8 +547,9 @@ void showContentSize(struct stat* st, uint64_t size) {
   st->st_blocks = static_cast<blkcnt_t>((size + 4095) / 4096 * 8);
 }
 
-ViewFileSystem::ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes)
-    : root_(std::move(root)),
+ViewFileSystem::ViewFileSystem(Env& env, UniqueFd root, std::string shownAs, size_t cacheBytes)
+    : env_(env),
+      root_(std::move(root)),
       base_(proc(root_.get())),
       shownAs_(std::move(shownAs)),
       cache_(cacheBytes),
@@ -575,8 +576,8 @@ int64_t ViewFileSystem::layoutOf(const FileRef& file, const struct stat& st) {
   }
   int64_t layout = kPlain;
   if (isCandidate(st)) {
-    if (std::optional<uint64_t> size = compressedSizeOf(file)) layout = static_cast<int64_t>(*size);
-  } else if (Env::shared().getxattr(file, attr::kDecmpfs, nullptr, 0) >= 0) {
+    if (std::optional<uint64_t> size = compressedSizeOf(env_, file)) layout = static_cast<int64_t>(*size);
+  } else if (env_.getxattr(file, attr::kDecmpfs, nullptr, 0) >= 0) {
     layout = kMixed;
   }
   constexpr size_t kMostSizes = 1 << 18;
@@ -618,7 +619,7 @@ int ViewFileSystem::expandBeforeWriting(const char* path) {
     if (fstatat(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
     if (!compressedSize(path, st)) return 0;
     error = Error();
-    if (QVHFSUncompressor::expandInPlacePath(underlyingPath(path), &error)) return 0;
+    if (QVHFSUncompressor::expandInPlacePath(env_, underlyingPath(path), &error)) return 0;
     if (error.code != kHFSErrorOpenedDuringSwap) break;
   }
   KRLog("Could not expand %s before writing to it: %s", shownPath(path).c_str(), error.describe().c_str());

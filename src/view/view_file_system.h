@@ -29,7 +29,7 @@ namespace zephlore::view {
 class ViewFileSystem {
  public:
   // `root` is the tree shown; `shownAs` names the mount point in log lines.
-  ViewFileSystem(UniqueFd root, std::string shownAs, size_t cacheBytes);
+  ViewFileSystem(Env& env, UniqueFd root, std::string shownAs, size_t cacheBytes);
 
   // The operations table for fuse_new(); the private data is the ViewFileSystem.
   static const fuse_operations& operations();
@@ -60,10 +60,12 @@ class ViewFileSystem {
   void setSplicing(bool on) { splicing_ = on; }
 
   InflatedBlockCache& cache() { return cache_; }
+  Env& env() { return env_; }
   BlockPrefetcher& prefetcher() { return prefetcher_; }
   KeptPages& keptPages() { return keptPages_; }
 
  private:
+  Env& env_;
   UniqueFd root_;
   const std::string base_;  // "/proc/self/fd/N", the root by descriptor
   const std::string shownAs_;

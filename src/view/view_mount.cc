@@ -41,7 +41,7 @@ struct FuseDeleter {
 
 }  // namespace
 
-int runView(const ViewMountOptions& options) {
+int runView(Env& env, const ViewMountOptions& options) {
   const std::string source = absolutePath(options.source);
   const std::string mountPoint = absolutePath(options.over ? options.source : options.mountPoint);
 
@@ -60,7 +60,7 @@ int runView(const ViewMountOptions& options) {
 
   // Modes reach us with the caller's umask already applied.
   umask(0);
-  ViewFileSystem view(std::move(root), mountPoint, options.cacheBytes);
+  ViewFileSystem view(env, std::move(root), mountPoint, options.cacheBytes);
 
   std::string mountOptions = "fsname=" + escapeOption(source) + ",subtype=zephlore,default_permissions";
   for (const std::string& extra : options.fuseOptions) mountOptions += "," + extra;

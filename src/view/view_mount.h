@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
+
 namespace zephlore::view {
 
 struct ViewMountOptions {
@@ -22,6 +24,6 @@ struct ViewMountOptions {
 // `foreground` the process goes into the background once the view is
 // mounted, and the caller's process returns 0 then. A view left
 // disconnected on the mount point by a killed process is unmounted first.
-int runView(const ViewMountOptions& options);
+int runView(Env& env, const ViewMountOptions& options);
 
 }  // namespace zephlore::view

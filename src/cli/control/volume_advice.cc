@@ -33,8 +33,8 @@ std::optional<std::string> volumeCannotHoldReason(const std::string& folder) {
   const std::string beneath = view::pathBeneathViews(folder);
   struct stat st;
   if (stat(beneath.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::nullopt;
-  if (VolumeCapabilities::canHoldCompressedForm(beneath)) return std::nullopt;
-  std::optional<size_t> most = VolumeCapabilities::measuredPieceSize(beneath);
+  if (VolumeCapabilities::canHoldCompressedForm(Env::shared(), beneath)) return std::nullopt;
+  std::optional<size_t> most = VolumeCapabilities::measuredPieceSize(Env::shared(), beneath);
   if (!most) return "no scratch file could be made there to measure what its attributes hold";
   if (*most == 0) return "its file system takes no user attributes";
   std::string why = "its file system accepts at most " + std::to_string(*most) + " bytes of attributes per file";

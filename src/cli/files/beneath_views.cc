@@ -24,26 +24,27 @@ bool reportDeadViews(const std::vector<std::string>& paths, const char* command)
   return !told.empty();
 }
 
-std::vector<std::string> workBeneathViews(const std::vector<std::string>& paths, const char* command, bool quiet) {
+WorkBeneathViews::WorkBeneathViews(Env& env, const std::vector<std::string>& paths, const char* command, bool quiet)
+    : env_(env) {
   std::map<std::string, std::string> views = view::liveViews();
-  if (views.empty()) return paths;
+  if (views.empty()) {
+    paths_ = paths;
+    return;
+  }
   PathMap::shared().replaceAll(std::move(views));
-  static PathMappingEnv beneath(Env::shared(), PathMap::shared());
-  Env::setShared(&beneath);
-  std::vector<std::string> out;
+  mapping_ = std::make_unique<PathMappingEnv>(env, PathMap::shared());
   for (const std::string& path : paths) {
     const std::string absolute = view::absolutePath(path);
     if (PathMap::shared().toAccess(absolute) == absolute) {
-      out.push_back(path);
+      paths_.push_back(path);
       continue;
     }
-    out.push_back(absolute);
+    paths_.push_back(absolute);
     if (!quiet) {
       fprintf(stderr, "zephlore %s: %s is covered by a view; looking at the files stored beneath it\n", command,
               escapeForTerminal(path).c_str());
     }
   }
-  return out;
 }
 
 }  // namespace zephlore::cli

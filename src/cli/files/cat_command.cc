@@ -47,15 +47,17 @@ bool catRange(FileContentReader& reader, uint64_t offset, uint64_t length, Error
   return true;
 }
 
-int runCat(const CatOptions& options) {
+int runCat(Env& env, const CatOptions& options) {
   const bool whole = options.offset == 0 && options.length == std::numeric_limits<uint64_t>::max();
   const int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
   int status = 0;
   if (reportDeadViews(options.files, "cat")) return 1;
   // Inflated here rather than read back through a view.
-  for (const std::string& path : workBeneathViews(options.files, "cat", true)) {
+  WorkBeneathViews beneath(env, options.files, "cat", true);
+  for (const std::string& path : beneath.paths()) {
     Error error;
-    std::unique_ptr<FileContentReader> reader = FileContentReader::open(followNamedLink(path), &error);
+    std::unique_ptr<FileContentReader> reader =
+        FileContentReader::open(beneath.env(), followNamedLink(beneath.env(), path), &error);
     const bool ok = reader && (whole ? reader->copyTo(STDOUT_FILENO, jobs, &error)
                                      : catRange(*reader, options.offset, options.length, &error));
     if (!ok) {
@@ -69,7 +71,7 @@ int runCat(const CatOptions& options) {
 
 }  // namespace
 
-void addCatCommand(CLI::App& app, int* exit_code) {
+void addCatCommand(CLI::App& app, Env& env, int* exit_code) {
   auto options = std::make_shared<CatOptions>();
   CLI::App* cat = app.add_subcommand("cat", "Write the uncompressed content of files to standard output");
   cat->footer(
@@ -81,7 +83,7 @@ void addCatCommand(CLI::App& app, int* exit_code) {
   cat->add_option("--length", options->length, "Write at most this many bytes of each file");
   cat->add_option("-j,--jobs", options->jobs, "Threads that inflate one file (default: the number of cores)")
       ->check(CLI::Range(1, 1024));
-  cat->callback([options, exit_code] { *exit_code = runCat(*options); });
+  cat->callback([&env, options, exit_code] { *exit_code = runCat(env, *options); });
 }
 
 }  // namespace zephlore::cli

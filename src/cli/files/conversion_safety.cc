@@ -7,7 +7,7 @@
 
 namespace zephlore::cli {
 
-ConversionSafety::ConversionSafety() {
+ConversionSafety::ConversionSafety(Env& env) : env_(env) {
   Error error;
   std::optional<std::string> folder = KRUtil::applicationSupportFolder(&error);
   if (!folder) {
@@ -16,15 +16,15 @@ ConversionSafety::ConversionSafety() {
           error.message.c_str());
     return;
   }
-  ProcessInProcessRecord::repairRecordsOfGoneProcesses(*folder);
-  record_ = std::make_unique<ProcessInProcessRecord>(*folder);
+  ProcessInProcessRecord::repairRecordsOfGoneProcesses(env, *folder);
+  record_ = std::make_unique<ProcessInProcessRecord>(env, *folder);
 }
 
 void ConversionSafety::cleanFolderOf(const std::string& path) {
   const std::string dir = parentDirectory(path);
   std::lock_guard lock(mutex_);
   if (!cleaned_.insert(dir).second) return;
-  EngineTemporaries::cleanFolder(dir);
+  EngineTemporaries::cleanFolder(env_, dir);
 }
 
 }  // namespace zephlore::cli

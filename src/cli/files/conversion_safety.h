@@ -16,7 +16,7 @@ namespace zephlore::cli {
 class ConversionSafety {
  public:
   // Without a data folder the run goes on unrecorded (a line says so).
-  ConversionSafety();
+  explicit ConversionSafety(Env& env);
   ConversionSafety(const ConversionSafety&) = delete;
   ConversionSafety& operator=(const ConversionSafety&) = delete;
 
@@ -27,6 +27,7 @@ class ConversionSafety {
   void cleanFolderOf(const std::string& path);
 
  private:
+  Env& env_;
   std::unique_ptr<ProcessInProcessRecord> record_;
   std::mutex mutex_;
   std::set<std::string> cleaned_;

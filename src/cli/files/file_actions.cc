@@ -31,9 +31,9 @@ FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
 // A compression failure; a file too large for the form is marked as one that
 // does not shrink is, so that neither we nor the helper try it again until it
 // changes.
-FileResult compressionFailed(const FilePipeline::Job& job, const Error& error) {
+FileResult compressionFailed(Env& env, const FilePipeline::Job& job, const Error& error) {
   if (error.domain == kHFSErrorDomain && error.code == kHFSErrorTooLargeForForm) {
-    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(env, job.path);
   }
   // The helper working in the same folder holds the file it converts, or
   // has just converted it: its work, not a failure of ours.
@@ -73,11 +73,11 @@ class CrashRecordKeeper : public QVHFSCompressedFileRepresentationDelegate {
 
 class CompressAction : public FileAction {
  public:
-  CompressAction(bool verify, ConversionSafety* safety) : verify_(verify), safety_(safety) {}
+  CompressAction(Env& env, bool verify, ConversionSafety* safety) : env_(env), verify_(verify), safety_(safety) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
     Error error;
-    return resultFor(entry, checkCompressCandidate(Env::shared(), entry, !dry_run, &error), error);
+    return resultFor(entry, checkCompressCandidate(env_, entry, !dry_run, &error), error);
   }
 
   void temporarySeen(const WalkEntry& entry) override {
@@ -96,7 +96,7 @@ class CompressAction : public FileAction {
       std::optional<FileResult> result = compressOnce(job, options, &error);
       if (result) return *result;
       if (error.domain != kHFSErrorDomain || error.code != kHFSErrorOpenedDuringSwap || attempt == kSwapAttempts) {
-        return compressionFailed(job, error);
+        return compressionFailed(env_, job, error);
       }
     }
   }
@@ -110,7 +110,7 @@ class CompressAction : public FileAction {
     Error& error = *errorOut;
     CrashRecordKeeper guard(safety_ ? safety_->record() : nullptr);
     std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-        QVHFSCompressedFileRepresentation::createFromContentsOfFile(job.path, &error, &guard, options);
+        QVHFSCompressedFileRepresentation::createFromContentsOfFile(env_, job.path, &error, &guard, options);
     if (!representation) {
       if (error.domain == kHFSErrorDomain && error.code == kHFSErrorNotCompressible) return notCompressible(job);
       return std::nullopt;
@@ -124,7 +124,7 @@ class CompressAction : public FileAction {
     int64_t uncompressed = 0;
     if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) return std::nullopt;
     KRExtendedAttributesHelper::setCompressionSignature(
-        KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
+        env_, KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
     FileResult r;
     r.path = job.path;
     r.outcome = Outcome::kConverted;
@@ -135,17 +135,18 @@ class CompressAction : public FileAction {
   }
 
   FileResult notCompressible(const FilePipeline::Job& job) {
-    KRExtendedAttributesHelper::setUncompressableAttributeAt(job.path);
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, job.path);
     return skipped(job.path, SkipReason::kNotCompressible, job.size, job.named);
   }
 
+  Env& env_;
   bool verify_;
   ConversionSafety* safety_;
 };
 
 class DecompressAction : public FileAction {
  public:
-  explicit DecompressAction(ConversionSafety* safety) : safety_(safety) {}
+  DecompressAction(Env& env, ConversionSafety* safety) : env_(env), safety_(safety) {}
 
   void temporarySeen(const WalkEntry& entry) override {
     if (safety_) safety_->cleanFolderOf(std::string(entry.path));
@@ -156,13 +157,13 @@ class DecompressAction : public FileAction {
     if (entry.st->st_size != 0) return static_cast<uint64_t>(entry.st->st_size);
     CompressedFileInfo info;
     // The fork's table is read too: a damaged header's size must not count.
-    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, nullptr)) return 0;
+    if (!CompressedFileInfo::inspect(env_, std::string(entry.path), &info, nullptr)) return 0;
     return info.uncompressedSize;
   }
 
   std::optional<FileResult> check(const WalkEntry& entry, bool) override {
     Error error;
-    return resultFor(entry, checkDecompressCandidate(Env::shared(), entry, &error), error);
+    return resultFor(entry, checkDecompressCandidate(env_, entry, &error), error);
   }
 
   FileResult run(const FilePipeline::Job& job, int workers) override {
@@ -173,7 +174,7 @@ class DecompressAction : public FileAction {
     HFSExpandOptions options;
     options.workers = workers;
     options.record = safety_ ? safety_->record() : nullptr;
-    if (!QVHFSUncompressor::expandInPlacePath(job.path, &error, &compressed, &uncompressed, false, options)) {
+    if (!QVHFSUncompressor::expandInPlacePath(env_, job.path, &error, &compressed, &uncompressed, false, options)) {
       return failedOrVanished(job, error);
     }
     FileResult r;
@@ -185,16 +186,17 @@ class DecompressAction : public FileAction {
   }
 
  private:
+  Env& env_;
   ConversionSafety* safety_;
 };
 
 }  // namespace
 
-std::unique_ptr<FileAction> makeCompressAction(bool verify, ConversionSafety* safety) {
-  return std::make_unique<CompressAction>(verify, safety);
+std::unique_ptr<FileAction> makeCompressAction(Env& env, bool verify, ConversionSafety* safety) {
+  return std::make_unique<CompressAction>(env, verify, safety);
 }
-std::unique_ptr<FileAction> makeDecompressAction(ConversionSafety* safety) {
-  return std::make_unique<DecompressAction>(safety);
+std::unique_ptr<FileAction> makeDecompressAction(Env& env, ConversionSafety* safety) {
+  return std::make_unique<DecompressAction>(env, safety);
 }
 
 }  // namespace zephlore::cli

@@ -3,12 +3,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
-void addCompressCommands(CLI::App& app, int* exit_code);  // compress, decompress
-void addRepairCommand(CLI::App& app, int* exit_code);
-void addInfoCommand(CLI::App& app, int* exit_code);
-void addCatCommand(CLI::App& app, int* exit_code);
+void addCompressCommands(CLI::App& app, Env& env, int* exit_code);  // compress, decompress
+void addRepairCommand(CLI::App& app, Env& env, int* exit_code);
+void addInfoCommand(CLI::App& app, Env& env, int* exit_code);
+void addCatCommand(CLI::App& app, Env& env, int* exit_code);
 
 // The default for -j: the number of cores this process may run on.
 int defaultJobs();

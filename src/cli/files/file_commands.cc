@@ -4,11 +4,11 @@
 
 namespace zephlore::cli {
 
-void addFileCommands(CLI::App& app, int* exit_code) {
-  addCompressCommands(app, exit_code);
-  addRepairCommand(app, exit_code);
-  addInfoCommand(app, exit_code);
-  addCatCommand(app, exit_code);
+void addFileCommands(CLI::App& app, Env& env, int* exit_code) {
+  addCompressCommands(app, env, exit_code);
+  addRepairCommand(app, env, exit_code);
+  addInfoCommand(app, env, exit_code);
+  addCatCommand(app, env, exit_code);
 }
 
 }  // namespace zephlore::cli

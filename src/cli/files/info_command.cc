@@ -185,7 +185,7 @@ struct TreeSums {
 
 class InfoVisitor : public WalkVisitor {
  public:
-  explicit InfoVisitor(const InfoOptions& options) : options_(options) {}
+  InfoVisitor(Env& env, const InfoOptions& options) : env_(env), options_(options) {}
 
   void visit(const WalkEntry& entry, WalkSkip skip) override {
     const std::string path(entry.path);
@@ -206,7 +206,7 @@ class InfoVisitor : public WalkVisitor {
     }
     CompressedFileInfo info;
     Error e;
-    if (!CompressedFileInfo::inspect(path, &info, &e)) {
+    if (!CompressedFileInfo::inspect(env_, path, &info, &e)) {
       error(path, e);
       return;
     }
@@ -244,18 +244,20 @@ class InfoVisitor : public WalkVisitor {
     }
   }
 
+  Env& env_;
   const InfoOptions& options_;
   TreeSums sums_;
   bool failed_ = false;
   bool needsRepair_ = false;
 };
 
-int runInfo(const InfoOptions& options) {
+int runInfo(Env& env, const InfoOptions& options) {
   if (reportDeadViews(options.paths, "info")) return 1;
-  InfoVisitor visitor(options);
-  TreeWalker walker(Env::shared(), {options.recursive, options.cross_volumes});
-  for (const std::string& path : workBeneathViews(options.paths, "info", options.json)) {
-    walker.walk(followNamedLink(path), visitor);
+  WorkBeneathViews beneath(env, options.paths, "info", options.json);
+  InfoVisitor visitor(beneath.env(), options);
+  TreeWalker walker(beneath.env(), {options.recursive, options.cross_volumes});
+  for (const std::string& path : beneath.paths()) {
+    walker.walk(followNamedLink(beneath.env(), path), visitor);
   }
   if (options.recursive) {
     if (options.json) {
@@ -278,7 +280,7 @@ int runInfo(const InfoOptions& options) {
 
 }  // namespace
 
-void addInfoCommand(CLI::App& app, int* exit_code) {
+void addInfoCommand(CLI::App& app, Env& env, int* exit_code) {
   auto options = std::make_shared<InfoOptions>();
   CLI::App* info = app.add_subcommand(
       "info", "Show whether files are compressed, their sizes, blocks, ratio and attributes; with -r, a tree's sums");
@@ -295,7 +297,7 @@ void addInfoCommand(CLI::App& app, int* exit_code) {
   info->add_flag("--json", options->json, "One JSON object per line (per file, then the sums with -r)");
   info->add_flag("-v,--verbose", options->verbose, "With -r, also one line per file");
   info->add_flag("--cross-volumes", options->cross_volumes, "Descend into directories on other volumes");
-  info->callback([options, exit_code] { *exit_code = runInfo(*options); });
+  info->callback([&env, options, exit_code] { *exit_code = runInfo(env, *options); });
 }
 
 }  // namespace zephlore::cli

@@ -30,7 +30,7 @@ struct MountOptions {
   std::vector<std::string> fuseOptions;
 };
 
-int runMount(const MountOptions& options) {
+int runMount(Env& env, const MountOptions& options) {
   if (options.over != (options.paths.size() == 1)) {
     fprintf(stderr, "zephlore mount: give SOURCE MOUNTPOINT, or --over FOLDER\n");
     return 2;
@@ -42,7 +42,7 @@ int runMount(const MountOptions& options) {
   view.foreground = options.foreground;
   view.cacheBytes = options.cacheMiB << 20;
   view.fuseOptions = options.fuseOptions;
-  return view::runView(view);
+  return view::runView(env, view);
 }
 
 struct UnmountOptions {
@@ -67,18 +67,18 @@ std::string filesCount(size_t n) { return std::to_string(n) + (n == 1 ? " compre
 
 // Expands the compressed files stored in `beneath`, as zephlore
 // decompress -r does; how many are left.
-size_t expandBeneath(const std::string& beneath) {
+size_t expandBeneath(Env& env, const std::string& beneath) {
   RunOptions run;
   run.op = Operation::kDecompress;
   run.recursive = true;
   run.progress = isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
-  ConversionSafety safety;
-  std::unique_ptr<FileAction> action = makeDecompressAction(&safety);
-  runFiles({beneath}, run, *action);
+  ConversionSafety safety(env);
+  std::unique_ptr<FileAction> action = makeDecompressAction(env, &safety);
+  runFiles(env, {beneath}, run, *action);
   return view::compressedFilesIn(beneath).count;
 }
 
-int runUnmount(const UnmountOptions& options) {
+int runUnmount(Env& env, const UnmountOptions& options) {
   const std::string folder = view::absolutePath(options.mountPoint);
   std::optional<view::ViewMountEntry> mounted;
   for (view::ViewMountEntry& entry : view::viewMounts()) {
@@ -118,7 +118,7 @@ int runUnmount(const UnmountOptions& options) {
                          " (or zephlore decompress -r " + folder + ", then zephlore unmount " + folder +
                          "); --force unmounts anyway");
   }
-  if (left > 0) left = expandBeneath(beneath);
+  if (left > 0) left = expandBeneath(env, beneath);
   if (left > 0) {
     return unmountFailed(filesCount(left) + " in " + folder + " could not be expanded; the view stays");
   }
@@ -127,7 +127,7 @@ int runUnmount(const UnmountOptions& options) {
 
 }  // namespace
 
-void addMountCommands(CLI::App& app, int* exit_code) {
+void addMountCommands(CLI::App& app, Env& env, int* exit_code) {
   auto options = std::make_shared<MountOptions>();
   CLI::App* mount = app.add_subcommand("mount", "Show a folder with every compressed file at its full content");
   mount->footer(
@@ -150,7 +150,7 @@ void addMountCommands(CLI::App& app, int* exit_code) {
   mount->add_option("--cache-size", options->cacheMiB, "MiB of inflated blocks kept for all open files (default 64)")
       ->check(CLI::Range(1, 65536));
   mount->add_option("-o", options->fuseOptions, "Further FUSE mount options (allow_other, ...)");
-  mount->callback([options, exit_code] { *exit_code = runMount(*options); });
+  mount->callback([&env, options, exit_code] { *exit_code = runMount(env, *options); });
 
   auto unmountOptions = std::make_shared<UnmountOptions>();
   CLI::App* unmount = app.add_subcommand("unmount", "Unmount a view mounted by zephlore mount");
@@ -174,7 +174,7 @@ void addMountCommands(CLI::App& app, int* exit_code) {
   unmount->add_flag("--force", unmountOptions->force,
                     "Unmount even though programs would then read the folder's compressed files as empty")
       ->excludes(expand);
-  unmount->callback([unmountOptions, exit_code] { *exit_code = runUnmount(*unmountOptions); });
+  unmount->callback([&env, unmountOptions, exit_code] { *exit_code = runUnmount(env, *unmountOptions); });
 }
 
 }  // namespace zephlore::cli

@@ -8,8 +8,7 @@
 
 namespace zephlore::cli {
 
-std::string followNamedLink(const std::string& path) {
-  Env& env = Env::shared();
+std::string followNamedLink(Env& env, const std::string& path) {
   struct stat st;
   if (env.lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return path;
   if (env.stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return path;

@@ -5,10 +5,12 @@
 
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
 // The file a symbolic link named on the command line leads to (when it leads
 // to a regular file); any other path as it is.
-std::string followNamedLink(const std::string& path);
+std::string followNamedLink(Env& env, const std::string& path);
 
 }  // namespace zephlore::cli

@@ -18,7 +18,7 @@ namespace {
 
 class RepairAction : public FileAction {
  public:
-  explicit RepairAction(ConversionSafety* safety) : safety_(safety) {}
+  RepairAction(Env& env, ConversionSafety* safety) : env_(env), safety_(safety) {}
 
   void temporarySeen(const WalkEntry& entry) override {
     if (safety_) safety_->cleanFolderOf(std::string(entry.path));
@@ -29,7 +29,7 @@ class RepairAction : public FileAction {
     if (!S_ISREG(entry.st->st_mode)) return skipped(std::string(entry.path), SkipReason::kNotRegular, size, entry.named);
     CompressedFileInfo info;
     Error error;
-    if (!CompressedFileInfo::inspect(std::string(entry.path), &info, &error, false)) {
+    if (!CompressedFileInfo::inspect(env_, std::string(entry.path), &info, &error, false)) {
       return failed(std::string(entry.path), error, size, entry.named);
     }
     if (info.state == CompressionState::kPlain || info.state == CompressionState::kCompressed) {
@@ -41,7 +41,7 @@ class RepairAction : public FileAction {
   FileResult run(const FilePipeline::Job& job, int) override {
     if (safety_) safety_->cleanFolderOf(job.path);
     Error error;
-    switch (QVFileRepair::repairFile(job.path, &error)) {
+    switch (QVFileRepair::repairFile(env_, job.path, &error)) {
       case QVFileRepair::Outcome::kWhole:
         return skipped(job.path, SkipReason::kWhole, job.size, job.named);
       case QVFileRepair::Outcome::kFailed:
@@ -54,11 +54,12 @@ class RepairAction : public FileAction {
     r.outcome = Outcome::kConverted;
     r.size_before = job.size;
     struct stat st;
-    r.size_after = Env::shared().lstat(job.path, &st) == 0 ? static_cast<uint64_t>(st.st_size) : job.size;
+    r.size_after = env_.lstat(job.path, &st) == 0 ? static_cast<uint64_t>(st.st_size) : job.size;
     return r;
   }
 
  private:
+  Env& env_;
   ConversionSafety* safety_;
 };
 
@@ -69,7 +70,7 @@ struct RepairCliOptions {
 
 }  // namespace
 
-void addRepairCommand(CLI::App& app, int* exit_code) {
+void addRepairCommand(CLI::App& app, Env& env, int* exit_code) {
   auto options = std::make_shared<RepairCliOptions>();
   options->run.op = Operation::kRepair;
   CLI::App* cmd = app.add_subcommand("repair", "Repair files written after compression or cut short");
@@ -88,17 +89,19 @@ void addRepairCommand(CLI::App& app, int* exit_code) {
       "and left as it is. Temporary files that stopped runs left in the folders are settled too.\n"
       "Exit status: 0 when every file is whole or was repaired, 1 when any could not be, 2 on usage "
       "errors, 130 when interrupted, 143 on SIGTERM.\n");
-  cmd->callback([options, exit_code] {
+  cmd->callback([&env, options, exit_code] {
     RunOptions run = options->run;
     run.jobs = 1;
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
-    std::unique_ptr<ConversionSafety> safety = run.dry_run ? nullptr : std::make_unique<ConversionSafety>();
-    RepairAction action(safety.get());
     if (reportDeadViews(options->paths, "repair")) {
       *exit_code = 1;
       return;
     }
-    *exit_code = runFiles(workBeneathViews(options->paths, "repair", run.quiet || run.json), run, action);
+    WorkBeneathViews beneath(env, options->paths, "repair", run.quiet || run.json);
+    std::unique_ptr<ConversionSafety> safety =
+        run.dry_run ? nullptr : std::make_unique<ConversionSafety>(beneath.env());
+    RepairAction action(beneath.env(), safety.get());
+    *exit_code = runFiles(beneath.env(), beneath.paths(), run, action);
   });
 }
 

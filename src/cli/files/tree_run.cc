@@ -119,7 +119,7 @@ std::string resultLine(const FileResult& r, Operation op) {
   return line + "\n";
 }
 
-int runFiles(const std::vector<std::string>& paths, const RunOptions& given, FileAction& action,
+int runFiles(Env& env, const std::vector<std::string>& paths, const RunOptions& given, FileAction& action,
              RunStreams streams) {
   RunOptions options = given;
   if (options.jobs <= 0) options.jobs = defaultJobs();
@@ -139,7 +139,7 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     progress->start();
     counter = std::thread([&] {
       CountingVisitor visitor(*progress, action);
-      TreeWalker walker(Env::shared(), walk_options, &counter_stop);
+      TreeWalker walker(env, walk_options, &counter_stop);
       for (const std::string& path : paths) walker.walk(path, visitor);
       progress->setTotalsFinal();
     });
@@ -181,7 +181,7 @@ int runFiles(const std::vector<std::string>& paths, const RunOptions& given, Fil
     };
     FilePipeline pipeline(options.jobs, work, sink);
     RunVisitor visitor(options, action, &pipeline);
-    TreeWalker walker(Env::shared(), walk_options, &stop);
+    TreeWalker walker(env, walk_options, &stop);
     for (const std::string& path : paths) {
       if (stop.load()) break;
       walker.walk(path, visitor);

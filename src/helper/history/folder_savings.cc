@@ -20,7 +20,7 @@ class SavingsVisitor : public WalkVisitor {
     if (fd < 0) return;
     CompressedFileInfo info;
     Error error;
-    if (CompressedFileInfo::inspect(fd, *entry.st, &info, &error, /*checkFork=*/false)) saved += info.savedBytes();
+    if (CompressedFileInfo::inspect(env_, fd, *entry.st, &info, &error, /*checkFork=*/false)) saved += info.savedBytes();
     env_.close(fd);
   }
   void walkError(std::string_view, int, const char*, bool) override {}

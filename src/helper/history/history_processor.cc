@@ -50,7 +50,7 @@ bool isOnRemovableRoot(const std::string& path) {
   return false;
 }
 
-bool isDirectoryPath(const std::string& path) { return QVPathString::isDirectory(path); }
+bool isDirectoryPath(Env& env, const std::string& path) { return QVPathString::isDirectory(env, path); }
 
 }  // namespace
 
@@ -120,8 +120,8 @@ std::optional<FolderList> KRHistoryProcessor::folders() {
   for (HistoryContext::Object* object : *enabled) {
     HTAlias alias(object->record().folderAlias);
     std::optional<std::string> resolved = alias.fullPath(env_);
-    if (resolved && !resolved->empty() && isDirectoryPath(*resolved)) {
-      list.push_back(QVPathString::stringByCanonicalizingPath(*resolved));
+    if (resolved && !resolved->empty() && isDirectoryPath(env_, *resolved)) {
+      list.push_back(QVPathString::stringByCanonicalizingPath(env_, *resolved));
     } else if (alias.originalAliasInfo()) {
       // Gone or on an unmounted volume: it stays watched under its old path.
       list.push_back(alias.originalAliasInfo()->pathString);
@@ -199,12 +199,12 @@ bool KRHistoryProcessor::shouldAllowFolder(const std::string& path) {
     // The new, outer folder takes over a watched folder inside it.
     if (parts.size() >= newParts.size() &&
         std::equal(newParts.begin(), newParts.end(), parts.begin()) &&
-        QVVolume::areInSameVolumePath(path, folder)) {
+        QVVolume::areInSameVolumePath(env_, path, folder)) {
       object->setEnabled(false);
     }
     // Inside a watched folder (a string test: /a/bc/d is inside /a/b).
     if (folder.size() < path.size() && startsWith(path, folder) &&
-        parts.size() != newParts.size() && QVVolume::areInSameVolumePath(path, folder)) {
+        parts.size() != newParts.size() && QVVolume::areInSameVolumePath(env_, path, folder)) {
       return false;
     }
   }
@@ -401,10 +401,10 @@ void KRHistoryProcessor::resolveAliases() {
     HTAlias alias(object->record().folderAlias);
     std::optional<std::string> resolved = alias.fullPath(env_);
     if (resolved && !resolved->empty()) {
-      std::string path = QVPathString::stringByCanonicalizingPath(*resolved);
+      std::string path = QVPathString::stringByCanonicalizingPath(env_, *resolved);
       const std::string& folder = object->record().folder;
       if (path == folder || isOnRemovableRoot(path) || isOnRemovableRoot(folder) ||
-          !isDirectoryPath(path)) {
+          !isDirectoryPath(env_, path)) {
         continue;
       }
       object->setFolder(path);

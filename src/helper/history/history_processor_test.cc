@@ -127,17 +127,17 @@ TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRun
     testkit::writeFile(path, text);
     Error error;
     int64_t saved = 0;
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(path, &error, &saved)) << error.describe();
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error, &saved)) << error.describe();
     processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
     processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
   }
   testkit::writeFile(folder + "/plain", text);
-  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(folder + "/expanded"));
+  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), folder + "/expanded"));
   ASSERT_EQ(unlink((folder + "/deleted").c_str()), 0);
 
   CompressedFileInfo kept;
   Error error;
-  ASSERT_TRUE(CompressedFileInfo::inspect(folder + "/kept", &kept, &error)) << error.describe();
+  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), folder + "/kept", &kept, &error)) << error.describe();
   const std::optional<uint64_t> measured = measureFolderSavings(Env::shared(), folder);
   ASSERT_TRUE(measured.has_value());
   EXPECT_EQ(*measured, kept.savedBytes());

@@ -243,7 +243,6 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
   yieldToEverythingElse();
   HFSCompressionOptions options;
   options.workers = 1;
-  options.env = &env_;
   options.useExchange = KRHelperDefaults::sharedHelperDefaults().useSeamlessFileSwitch();
   for (const std::string& path : batch) {
     if (paused_) return;
@@ -273,6 +272,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       const bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
       if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
+            env_,
             KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
             path);
         SavingsRecorder recorder;
@@ -288,11 +288,11 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
         // Only the code is compared: the data does not shrink, so later
         // analyses pass the file over until it changes.
         if (error.code == kHFSErrorNotCompressible) {
-          KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
+          KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
         } else {
           KRLogInfo("Not compressed %s: %s", path.c_str(), error.message.c_str());
           // Too large for the form: not tried again until it changes either.
-          if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(path);
+          if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
         }
       }
       OwnRewrites::shared().end(path);
@@ -307,7 +307,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
 bool KRCompressor::compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error,
                                    int64_t* saved, int64_t* uncompressedSize) {
   std::unique_ptr<QVHFSCompressedFileRepresentation> representation =
-      QVHFSCompressedFileRepresentation::createFromContentsOfFile(path, error, this, options);
+      QVHFSCompressedFileRepresentation::createFromContentsOfFile(env_, path, error, this, options);
   if (!representation) return false;
   // A block can shrink while the whole does not (a small file of noise: one
   // block, plus the fork's own tables): such a file stays as it is.

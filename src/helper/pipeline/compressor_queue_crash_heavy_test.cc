@@ -72,7 +72,7 @@ TEST(CompressorQueueCrashHeavy, Child) {
   ScopedSystemLoadHandler useLoad(&quiet);
   RunLoop loop(*clock);
   OperationQueue queue(1);
-  KRCompressor compressor(loop, &queue);
+  KRCompressor compressor(loop, &queue, env);
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);
@@ -153,7 +153,7 @@ class ChildProcess {
 
 std::string readContent(const std::string& path) {
   Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(path, &error);
+  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
   if (!reader) return "unreadable: " + error.describe();
   std::string content(reader->size(), '\0');
   size_t got = 0;

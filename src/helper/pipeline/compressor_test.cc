@@ -136,9 +136,9 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   }
   for (const std::string& file : files) {
     Error error;
-    auto reader = FileContentReader::open(file, &error);
+    auto reader = FileContentReader::open(Env::shared(), file, &error);
     ASSERT_TRUE(reader && reader->isCompressed()) << file;
-    EXPECT_TRUE(KRExtendedAttributesHelper::compressionSignatureAtPath(file)) << file;
+    EXPECT_TRUE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), file)) << file;
   }
   EXPECT_GT(savings.load(), 0u);
   EXPECT_EQ(nice, KRCompressor::kCompressionThreadNice);
@@ -268,15 +268,15 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(done.size(), 7u);
   EXPECT_EQ(done[0].errorCode, 704);
-  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(noise));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), noise));
   EXPECT_EQ(done[1].errorCode, 704);
-  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(smallNoise));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), smallNoise));
   EXPECT_EQ(testkit::readFile(smallNoise), testkit::randomData(20000, 8)) << "left plain";
   for (size_t i = 2; i < done.size(); ++i) {
     EXPECT_NE(done[i].errorCode, 0) << done[i].path;
     EXPECT_NE(done[i].errorCode, 704) << done[i].path;
   }
-  EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(linked));
+  EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), linked));
   EXPECT_EQ(testkit::readFile(linked), testkit::compressibleData(20000));
   EXPECT_EQ(testkit::readFile(beingWritten), testkit::compressibleData(20000));
   EXPECT_EQ(savings.load(), 0u);
@@ -364,13 +364,13 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
 
   busy.addFiles({growing, noise});
   runBatch();
-  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(growing)) << "refused while it grew";
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing)) << "refused while it grew";
   advance(KRCompressor::kBusyRetryDelay - 0.1);
   EXPECT_TRUE(handedBack.empty());
   advance(0.2);
   EXPECT_EQ(handedBack, std::vector<std::string>{growing}) << "the noise is not tried again";
   runBatch();
-  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(growing));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
   EXPECT_EQ(testkit::readFile(growing), "") << "its data is in the compressed form now";
 
   // A file that changes at every attempt is given up after a few.
@@ -395,7 +395,7 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     advance(KRCompressor::kBusyRetryDelay);
   }
   EXPECT_EQ(handedBack.size(), static_cast<size_t>(KRCompressor::kMaxBusyRetries));
-  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(endless));
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), endless));
   readsThrough.reset();
 }
 

@@ -436,7 +436,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   // Type, size, flag and attributes, the marker, owner, links, execute bits
   // and writability: the command's test, so that the two never disagree.
   if (checkCompressCandidate(env_, entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
-  if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(path)) {
+  if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(env_, path)) {
     // Rewritten since we compressed it: not again too soon.
     const double age = signature->age();
     if (age < kRecentSignature) return 0;
@@ -456,7 +456,7 @@ int KRPathAnalyzer::checkDirectory(const WalkEntry& entry) {
   if (isCancelled()) return 2;
   const std::string path(entry.path);
   if (!recursive_ && path != path_) return 2;
-  if (KRExtendedAttributesHelper::isAttributeSetAt(kXcodeGenerated, path)) return 2;
+  if (KRExtendedAttributesHelper::isAttributeSetAt(env_, kXcodeGenerated, path)) return 2;
   if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 2;
   if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 2;
   // Every directory under the analyzer's path lies in its watched folder.
@@ -471,7 +471,7 @@ int KRPathAnalyzer::checkDirectory(const WalkEntry& entry) {
 bool KRPathAnalyzer::isHFSPlusVolume(dev_t device, const std::string& path) {
   auto it = hfs_volumes_.find(device);
   if (it != hfs_volumes_.end()) return it->second;
-  const bool hfs = QVVolume::isHFSPlusFileSystemForPath(path);
+  const bool hfs = QVVolume::isHFSPlusFileSystemForPath(env_, path);
   hfs_volumes_[device] = hfs;
   return hfs;
 }

@@ -28,7 +28,7 @@ KRPathWatcherEvents::KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcher
       options_(std::move(options)),
       loop_(RunLoop::main()) {
   const std::string journal = options_.journal_path.empty() ? defaultJournalPath() : options_.journal_path;
-  journal_ = std::make_unique<EventJournal>(journal.empty() ? std::string("/dev/null") : journal);
+  journal_ = std::make_unique<EventJournal>(env(), journal.empty() ? std::string("/dev/null") : journal);
   last_event_received_ = lastEventProcessed();
   pending_events_.reserve(600);
   count_observer_ = KRPathAnalyzer::addAnalyzersCountObserver([this] { throttle(); });

@@ -22,7 +22,7 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
   std::optional<std::vector<std::string>> canonical;
   if (paths) {
     canonical.emplace();
-    for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(path));
+    for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(Env::shared(), path));
   }
   std::set<std::string> removed;
   std::vector<std::string> added;
