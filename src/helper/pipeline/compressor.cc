@@ -120,14 +120,20 @@ void KRCompressor::setRetryHandler(RetryHandler handler) {
   retryHandler_ = std::move(handler);
 }
 
+double KRCompressor::busyRetryDelay(int refusals) {
+  double delay = kBusyRetryDelay;
+  for (int i = 1; i < refusals && delay < kMaxBusyRetryDelay; ++i) delay *= 2;
+  return std::min(delay, kMaxBusyRetryDelay);
+}
+
 void KRCompressor::noteOutcome(const std::string& path, bool busy) {
   if (!busy) {
     busyRefusals_.erase(path);
     return;
   }
-  // A file written without end (a log) is not read again and again.
-  if (++busyRefusals_[path] > kMaxBusyRetries || !retriesPending_.insert(path).second) return;
-  mainLoop_.performAfterDelay(this, retryKey(path), seconds(kBusyRetryDelay), [this, path] {
+  const int refusals = ++busyRefusals_[path];
+  if (!retriesPending_.insert(path).second) return;
+  mainLoop_.performAfterDelay(this, retryKey(path), seconds(busyRetryDelay(refusals)), [this, path] {
     retriesPending_.erase(path);
     RetryHandler handler;
     {

@@ -42,9 +42,13 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   static constexpr float kMaxDiskLoad = 0.85f;
   static constexpr int kCompressionThreadNice = 10;
   // A file caught while being written is tried again once it has been left
-  // alone this long (the analyzer's file settle time), a few times in a row.
+  // alone this long (the analyzer's file settle time); each refusal in a
+  // row doubles the wait, up to an hour, so a log kept open for days costs
+  // a try an hour and is compressed soon after its writer lets go.
   static constexpr double kBusyRetryDelay = 15.0;
-  static constexpr int kMaxBusyRetries = 3;
+  static constexpr double kMaxBusyRetryDelay = 3600.0;
+  // The wait before the try after `refusals` refusals in a row.
+  static double busyRetryDelay(int refusals);
 
   // Whether the watcher still watches a folder holding the path.
   using FolderWatchTest = std::function<bool(const std::string& path)>;

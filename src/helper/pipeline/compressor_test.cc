@@ -373,7 +373,8 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
   EXPECT_EQ(testkit::readFile(growing), "") << "its data is in the compressed form now";
 
-  // A file that changes at every attempt is given up after a few.
+  // A file that changes at every attempt is tried less and less often, but
+  // never given up: an hour apart at the most.
   handedBack.clear();
   testkit::HookedEnv alwaysGrowing([&](const char* op) {
     if (std::string_view(op) != "pread") return;
@@ -390,11 +391,16 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     writtenForever.addFiles({path});
   });
   writtenForever.addFiles({endless});
-  for (int attempt = 0; attempt <= KRCompressor::kMaxBusyRetries + 1; ++attempt) {
+  for (int refusals = 1; refusals <= 4; ++refusals) {
     runBatch();
-    advance(KRCompressor::kBusyRetryDelay);
+    const double wait = KRCompressor::busyRetryDelay(refusals);
+    EXPECT_EQ(wait, KRCompressor::kBusyRetryDelay * (1 << (refusals - 1)));
+    advance(wait - 0.1);
+    EXPECT_EQ(handedBack.size(), static_cast<size_t>(refusals - 1)) << "not before its wait";
+    advance(0.2);
+    EXPECT_EQ(handedBack.size(), static_cast<size_t>(refusals));
   }
-  EXPECT_EQ(handedBack.size(), static_cast<size_t>(KRCompressor::kMaxBusyRetries));
+  EXPECT_EQ(KRCompressor::busyRetryDelay(100), KRCompressor::kMaxBusyRetryDelay);
   EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), endless));
   readsThrough.reset();
 }
