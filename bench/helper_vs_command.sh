@@ -82,7 +82,7 @@ deadline=$((start + 1800000))
 while (($(grep -c '^Compressed ' "$log" || true) < converted && $(now_ms) < deadline)); do
   sleep 0.2
 done
-helper_ms=$(($(stat -c %Y%N "$log" >/dev/null 2>&1; now_ms) - start))
+helper_ms=$(($(now_ms) - start))
 done_count=$(grep -c '^Compressed ' "$log" || true)
 "$zephlore" quit >/dev/null || kill "$helper_pid"
 wait "$helper_pid" || true
