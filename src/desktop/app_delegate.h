@@ -10,9 +10,9 @@
 #include <memory>
 #include <string>
 
-#include "desktop/folder_views.h"
 #include "base/notification_center.h"
-#include "helper/crash_controller.h"
+#include "desktop/folder_views.h"
+#include "helper/lifecycle/crash_controller.h"
 
 namespace zephlore {
 
