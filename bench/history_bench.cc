@@ -16,7 +16,7 @@
 #include "base/clock.h"
 #include "base/run_loop.h"
 #include "base/util.h"
-#include "helper/history/helper_util.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
 
 namespace {

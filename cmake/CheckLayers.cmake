@@ -3,7 +3,8 @@
 # Layers, lowest first; a folder's own subfolders are layers of their own.
 # src/testing serves tests only: any test may include it, nothing else may,
 # and it builds on base alone.
-set(layers base protocol platform engine view helper helper/history helper/pipeline helper/watching
+set(layers base protocol platform engine view
+    helper helper/bus helper/settings helper/notices helper/lifecycle helper/history helper/pipeline helper/watching
     desktop cli/files cli/control cli)
 # Siblings in that order that must not use each other either (a layer stands
 # for its subfolders too): the view and the helper both build on the engine;

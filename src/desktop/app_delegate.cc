@@ -4,31 +4,25 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "desktop/desktop_wiring.h"
+#include "desktop/control_surface.h"
 #include "desktop/helper_status_service.h"
 #include "desktop/libnotify_sender.h"
 #include "desktop/menu_bar_controller.h"
-#include "helper/defaults_controller.h"
-#include "helper/distributed_notification_center.h"
-#include "helper/exclusions_processor.h"
-#include "helper/file_in_process_watchdog.h"
-#include "helper/growl_bridge.h"
-#include "helper/helper_defaults.h"
-#include "helper/history/folder_savings.h"
-#include "helper/history/helper_util.h"
+#include "desktop/status_notifier_item.h"
+#include "helper/bus/distributed_notification_center.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
-#include "helper/pipeline/compressor.h"
+#include "helper/lifecycle/single_copy.h"
+#include "helper/lifecycle/updater.h"
+#include "helper/notices/notice_bridge.h"
 #include "helper/pipeline/power_manager.h"
-#include "helper/previous_run_recovery.h"
-#include "helper/scheduler.h"
-#include "helper/single_copy.h"
-#include "helper/updater.h"
-#include "helper/watching/path_analyzer.h"
-#include "helper/watching/path_watcher.h"
+#include "helper/settings/defaults_controller.h"
+#include "helper/settings/exclusions_processor.h"
+#include "helper/settings/helper_defaults.h"
 #include "platform/mount_watcher.h"
+#include "platform/path_map.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
-#include "platform/path_map.h"
 
 namespace zephlore {
 namespace {
@@ -45,14 +39,6 @@ void saveHistoryContext() {
   if (!context || !context->hasChanges()) return;
   Error error;
   if (!context->save(&error)) KRLog("ZephloreHelper: could not save the history: %s", error.message.c_str());
-}
-
-// After a full sweep the folder's savings are measured from its files, off
-// the main thread, and replace the running sum: nothing gone stays counted.
-void recordMeasuredSavings(KRHistoryProcessor& history, const std::string& folder) {
-  KRScheduler::addAnalysisOperation(Operation{[&history, folder] {
-    if (std::optional<uint64_t> saved = measureFolderSavings(Env::shared(), folder)) history.setSavingsForFolder(*saved, folder);
-  }, {}});
 }
 
 }  // namespace
@@ -73,6 +59,7 @@ bool KRAppDelegate::awakeFromNib() {
     KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
     return false;
   }
+  helper_ = std::make_unique<Helper>(Env::shared(), RunLoop::main(), PathMap::shared(), *this);
   // The user's exclusion lists are followed from here on.
   KRExclusionsProcessor::sharedExclusionsProcessor();
 
@@ -88,7 +75,8 @@ bool KRAppDelegate::awakeFromNib() {
   // 4.
   listenToPrefPane();
   // 5. and 6. (updateActiveStatus ends with updateVisibility).
-  connectParts();
+  connectDesktop();
+  helper_->start();
   updateActiveStatus();
   // 7.
   ownVersion_ = KRUpdater::ownVersion();
@@ -103,12 +91,7 @@ bool KRAppDelegate::awakeFromNib() {
   return true;
 }
 
-void KRAppDelegate::checkIntegrityOfPreviousRun() {
-  // A file left half converted under a view is repaired beneath it: the
-  // view hides the layout that recovery must see.
-  folderViews_.refreshMap();
-  zephlore::checkIntegrityOfPreviousRun();
-}
+void KRAppDelegate::checkIntegrityOfPreviousRun() { helper_->recoverPreviousRun(); }
 
 void KRAppDelegate::listenToPrefPane() {
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
@@ -126,79 +109,18 @@ void KRAppDelegate::listenToPrefPane() {
   });
 }
 
-void KRAppDelegate::connectParts() {
+void KRAppDelegate::connectDesktop() {
   RunLoop& loop = RunLoop::main();
   noticeSender() = std::make_shared<LibnotifySender>();
   KRGrowlBridge::sharedGrowlBridge().setSender(noticeSender());
 
-  KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
-  history.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
-  // Views mounted or lost meanwhile (a view the user mounted, a view
-  // unmounted) change where the stored files are reached; a watched folder's
-  // view that is gone is mounted again.
-  for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
-    NotificationCenter::defaultCenter().addObserver(name, nullptr, [this](const Notification&) {
-      folderViews_.mountTableChanged();
-    });
-  }
-  KRFolderViews::Hooks viewHooks;
-  // Files passed over while the view was down are found again.
-  viewHooks.viewRestored = [](const std::string& folder) {
-    if (KRPathWatcherEvents* events = KRPathWatcher::sharedWatcher().events()) events->analyzePath(folder, true);
-  };
-  viewHooks.changed = [this] { publishStatus(); };
-  folderViews_.setHooks(std::move(viewHooks));
-  // Programs would read a file compressed while its folder's view is down
-  // as empty; and a copy whose swaps no record traces must not make any.
-  KRCompressor::sharedCompressor().setCompressionHold([this](const std::string& path) -> std::string {
-    if (KRFileInProcessWatchdog::sharedWatchdog().recordHeldByAnotherCopy()) {
-      return "another running helper holds the record of the file in process";
-    }
-    return folderViews_.holdReason(path);
-  });
-
-  KRDesktopWiring wiring;
-  wiring.totalSavings = [&history] { return history.totalSavings(); };
-  wiring.addSavingsForPath = [&history](uint64_t bytes, const std::string& path) {
-    history.addSavingsForPath(bytes, path);
-  };
-  wireDesktopParts(wiring);
-
-  KRWatcherHistoryLinks links;
-  links.resolveAliases = [&history] { history.resolveAliases(); };
-  links.folders = [&history] { return history.folders().value_or(FolderList{}); };
-  links.folderSweepDate = [&history](const std::string& folder) { return history.folderSweepDate(folder); };
-  links.progressForFolder = [&history](const std::string& folder) {
-    return static_cast<int>(history.progressForFolder(folder));
-  };
-  links.setProgressForFolder = [&history](int percent, const std::string& folder) {
-    history.setProgressForFolder_main(static_cast<uint32_t>(std::max(percent, 0)), folder);
-  };
-  links.justSweptFolder = [&history](const std::string& folder) {
-    history.justSweptFolder_main(folder);
-    recordMeasuredSavings(history, folder);
-  };
-  links.mountStatusDidChangeForPath = [&history](const std::string& path) { history.mountStatusDidChangeForPath(path); };
-  KRPathWatcher& watcher = KRPathWatcher::sharedWatcher();
-  KRPathWatcherEvents::Options eventOptions;
-  // The process's Env reaches the files beneath the views (helper_main).
-  eventOptions.env = &Env::shared();
-  eventOptions.map = &PathMap::shared();
-  watcher.startEvents(std::move(links), eventOptions);
-
-  KRPathAnalyzerLinks analyzerLinks;
-  analyzerLinks.watchedPathForPath = [&watcher](const std::string& path) { return watcher.watchedPathForPath(path); };
-  analyzerLinks.addFilesToCompress = [](const std::vector<std::string>& files) {
-    return static_cast<size_t>(KRCompressor::addFilesToCompress(files));
-  };
-  analyzerLinks.isFileInProcess = [](const std::string& path) { return KRCompressor::isFileInProcess(path); };
-  analyzerLinks.closeDatabase = [] { KRHelperUtil::closeDatabase(); };
-  analyzerLinks.addAnalysisOperation = [](Operation operation) {
-    KRScheduler::addAnalysisOperation(std::move(operation));
-  };
-  analyzerLinks.compressor = &KRCompressor::sharedCompressor();
-  analyzerLinks.env = eventOptions.env;
-  KRPathAnalyzer::setLinks(std::move(analyzerLinks));
+  KRMenuBarController& controller = KRMenuBarController::sharedMenuBarController();
+  controller.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });
+  controller.setTotalSavingsSource([this] { return helper_->totalSavings(); });
+  static KRStatusNotifierItem* item = new KRStatusNotifierItem(
+      loop, [] { KRMenuBarController::sharedMenuBarController().togglePause(); },
+      [] { KRMenuBarController::sharedMenuBarController().showHistory(); });  // never destroyed
+  controller.setView(item);
 
   // The live status for desktops without a tray and for scripts.
   statusService_ = std::make_unique<KRHelperStatusService>(DistributedNotificationCenter::defaultCenter().connection(), loop);
@@ -217,12 +139,6 @@ void KRAppDelegate::connectParts() {
     }
   });
   KRMenuBarController::sharedMenuBarController().setChangeObserver([this] { publishStatus(); });
-  history.addTotalSavingsObserver([&loop](uint64_t) {
-    loop.post([] {
-      KRMenuBarController::sharedMenuBarController().updateSavings();
-      sharedAppDelegate().publishStatus();
-    });
-  });
   // The session bus ends with the session. A helper left without it could no
   // longer be told anything, and as a copy still running it would make the
   // helper of the user's next session quit: it ends in order instead.
@@ -233,12 +149,6 @@ void KRAppDelegate::connectParts() {
           terminate();
         });
       });
-  // Posted on the compression thread; the figures are read on the main one.
-  for (const char* name : {kFileWillCompressNotification, kFileCompressedNotification}) {
-    NotificationCenter::defaultCenter().addObserver(name, nullptr, [this, &loop](const Notification&) {
-      loop.post([this] { publishStatus(); });
-    });
-  }
 }
 
 void KRAppDelegate::publishStatus() {
@@ -247,26 +157,29 @@ void KRAppDelegate::publishStatus() {
   statusService_->setStatus(menu.appStatus(), KRMenuBarController::statusText(menu.appStatus()));
   statusService_->setPaused(menu.paused());
   statusService_->setActive(KRDefaultsController::sharedDefaultsController().helperActive());
-  statusService_->setTotalSavings(KRHistoryProcessor::sharedHistoryProcessor().totalSavings());
-  statusService_->setQueuedFiles(KRCompressor::sharedCompressor().queuedFiles().size());
-  statusService_->setFileInProcess(KRCompressor::sharedCompressor().fileInHand());
+  const Helper::Figures figures = helper_->figures();
+  statusService_->setTotalSavings(figures.totalSavings);
+  statusService_->setQueuedFiles(figures.queuedFiles);
+  statusService_->setFileInProcess(figures.fileInProcess);
   std::string views;
-  for (const std::string& line : folderViews_.describe()) views += line + "\n";
+  for (const std::string& line : figures.views) views += line + "\n";
   statusService_->setViews(views);
 }
 
-void KRAppDelegate::watchPaths() {
-  KRHistoryProcessor& history = KRHistoryProcessor::sharedHistoryProcessor();
-  history.resolveAliases();
-  applyWatchPaths(history.folders());
-}
+void KRAppDelegate::watchPaths() { helper_->watchFolders(); }
 
-void KRAppDelegate::applyWatchPaths(const std::optional<std::vector<std::string>>& folders) {
-  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
-  folderViews_.foldersChanged(folders, defaults.transparentView() && view::ViewMounter::fuseUsable());
-  KRPathWatcher::sharedWatcher().setWatchPaths(folders);
+void KRAppDelegate::helperSavingsChanged() {
+  KRMenuBarController::sharedMenuBarController().updateSavings();
   publishStatus();
 }
+
+bool KRAppDelegate::pausedByUser() {
+  return KRMenuBarController::sharedMenuBarController().appStatus() == kStatusPaused;
+}
+
+void KRAppDelegate::pauseForPower() { KRMenuBarController::sharedMenuBarController().pause(); }
+
+void KRAppDelegate::resumeForPower() { KRMenuBarController::sharedMenuBarController().resume(); }
 
 void KRAppDelegate::checkOwnVersion(const Notification& notification) {
   const std::string* version = userInfoString(notification.userInfo, kVersionKey);
@@ -287,15 +200,11 @@ void KRAppDelegate::getReadyToQuit(const Notification&) {
 
 void KRAppDelegate::checkForUpdates(const Notification&) { KRUpdater::sharedUpdater().checkForUpdates(); }
 
-void KRAppDelegate::pauseApp() {
-  KRPathWatcher::sharedWatcher().setPaused(true);
-  KRCompressor::sharedCompressor().pauseCompression();
-}
+// The tray's controller also runs without a Helper (its own tests): it
+// pauses the process-wide parts, which are the Helper's.
+void KRAppDelegate::pauseApp() { Helper::pauseWork(); }
 
-void KRAppDelegate::resumeApp() {
-  KRPathWatcher::sharedWatcher().setPaused(false);
-  KRCompressor::sharedCompressor().resumeCompression();
-}
+void KRAppDelegate::resumeApp() { Helper::resumeWork(); }
 
 void KRAppDelegate::updateActiveStatus() {
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
@@ -303,7 +212,7 @@ void KRAppDelegate::updateActiveStatus() {
   if (defaults.helperActive()) {
     watchPaths();
   } else {
-    KRPathWatcher::sharedWatcher().setWatchPaths(std::nullopt);
+    helper_->stopWatching();
   }
   updateVisibility();
   publishStatus();
@@ -348,16 +257,11 @@ void KRAppDelegate::applicationWillTerminate() {
 void KRAppDelegate::terminateActivity() {
   if (activityTerminated_) return;
   activityTerminated_ = true;
-  KRPathWatcher::sharedWatcher().setWatchPaths(std::nullopt);
-  KRCompressor& compressor = KRCompressor::sharedCompressor();
-  compressor.pauseCompression();
-  std::mutex& lock = compressor.compressorCriticalSectionLock();
-  if (!lock.try_lock()) {
+  if (!helper_) return;
+  helper_->stopWork([] {
     KRGrowlBridge::sharedGrowlBridge().notifyTerminationRequested();
     KRLog("ZephloreHelper: finishing the file being compressed before quitting");
-    lock.lock();
-  }
-  // Never unlocked: no swap may begin before the process ends.
+  });
 }
 
 void KRAppDelegate::crashControllerDidReceiveSignal(KRCrashController* controller, int32_t signal) {

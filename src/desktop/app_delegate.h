@@ -10,15 +10,15 @@
 #include <memory>
 #include <string>
 
-#include "desktop/folder_views.h"
 #include "base/notification_center.h"
-#include "helper/crash_controller.h"
+#include "desktop/helper.h"
+#include "helper/lifecycle/crash_controller.h"
 
 namespace zephlore {
 
 class KRHelperStatusService;
 
-class KRAppDelegate : public KRCrashControllerDelegate {
+class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
  public:
   static KRAppDelegate& sharedAppDelegate();
 
@@ -54,6 +54,13 @@ class KRAppDelegate : public KRCrashControllerDelegate {
   // KRCrashControllerDelegate
   void crashControllerDidReceiveSignal(KRCrashController* controller, int32_t signal) override;
 
+  // HelperObserver
+  void helperChanged() override { publishStatus(); }
+  void helperSavingsChanged() override;
+  bool pausedByUser() override;
+  void pauseForPower() override;
+  void resumeForPower() override;
+
   bool shouldQuit() const { return shouldQuit_; }
   const std::string& ownVersion() const { return ownVersion_; }
 
@@ -63,19 +70,18 @@ class KRAppDelegate : public KRCrashControllerDelegate {
  private:
   KRAppDelegate();
 
-  // What Linux adds around the steps: desktop notices, the links between
-  // the pipeline's parts, the live status on the bus.
-  void connectParts();
+  // What Linux adds around the steps: desktop notices, the tray item, the
+  // live status on the bus.
+  void connectDesktop();
   void publishStatus();
-  // A new list of watched folders: their views first, then the watcher.
-  void applyWatchPaths(const std::optional<std::vector<std::string>>& folders);
 
   bool shouldQuit_ = false;
   bool terminating_ = false;
   bool activityTerminated_ = false;
   std::string ownVersion_;
   std::unique_ptr<KRHelperStatusService> statusService_;
-  KRFolderViews folderViews_;
+  // Built once this copy knows it is the only one.
+  std::unique_ptr<Helper> helper_;
 };
 
 }  // namespace zephlore

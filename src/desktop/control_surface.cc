@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "base/log.h"
-#include "helper/distributed_notification_center.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {

@@ -8,7 +8,7 @@
 // that hangs must not freeze the tray's menu or the status object.
 #pragma once
 
-#include "helper/glib_thread.h"
+#include "helper/bus/glib_thread.h"
 
 namespace zephlore {
 

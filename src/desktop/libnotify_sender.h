@@ -8,8 +8,8 @@
 
 #include <memory>
 
-#include "helper/glib_thread.h"
-#include "helper/growl_bridge.h"
+#include "helper/bus/glib_thread.h"
+#include "helper/notices/notice_bridge.h"
 
 namespace zephlore {
 

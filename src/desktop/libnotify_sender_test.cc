@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "base/util.h"
-#include "helper/history/helper_util.h"
+#include "helper/history/history_database.h"
 #include "testing/files.h"
 #include "testing/notification_server.h"
 #include "testing/session_bus.h"

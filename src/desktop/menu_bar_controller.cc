@@ -2,7 +2,7 @@
 
 #include "base/util.h"
 #include "desktop/app_delegate.h"
-#include "helper/growl_bridge.h"
+#include "helper/notices/notice_bridge.h"
 #include "helper/pipeline/compressor.h"
 
 namespace zephlore {

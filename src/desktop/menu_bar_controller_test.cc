@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "helper/growl_bridge.h"
+#include "helper/notices/notice_bridge.h"
 #include "helper/pipeline/compressor.h"
 
 namespace zephlore {

@@ -8,7 +8,7 @@
 #include <filesystem>
 
 #include "base/log.h"
-#include "helper/resources.h"
+#include "helper/settings/resources.h"
 
 namespace zephlore {
 namespace {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "desktop/control_surface.h"
-#include "helper/distributed_notification_center.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "helper/pipeline/compressor.h"
 #include "protocol/notification_names.h"
 #include "testing/child.h"

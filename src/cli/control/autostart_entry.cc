@@ -9,8 +9,8 @@
 #include <sstream>
 
 #include "base/xdg.h"
-#include "helper/plist_file.h"
-#include "helper/resources.h"
+#include "helper/settings/plist_file.h"
+#include "helper/settings/resources.h"
 #include "platform/config_file.h"
 
 namespace zephlore::cli {

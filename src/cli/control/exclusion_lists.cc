@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "helper/exclusions_processor.h"
-#include "helper/plist_file.h"
+#include "helper/settings/exclusions_processor.h"
+#include "helper/settings/plist_file.h"
 #include "platform/normal_path.h"
 
 namespace zephlore::cli {

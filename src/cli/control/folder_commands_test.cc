@@ -12,9 +12,8 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "testing/zephlore_command.h"
 #include "base/shared_instance.h"
-#include "helper/distributed_notification_center.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
@@ -23,6 +22,7 @@
 #include "testing/loop_mount.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
+#include "testing/zephlore_command.h"
 
 namespace zephlore {
 namespace {

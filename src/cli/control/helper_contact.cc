@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/clock.h"
-#include "helper/distributed_notification_center.h"
-#include "helper/updater.h"
+#include "helper/bus/distributed_notification_center.h"
+#include "helper/lifecycle/updater.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
 

@@ -6,19 +6,19 @@
 #include <future>
 #include <thread>
 
-#include "testing/zephlore_command.h"
 #include "cli/control/autostart_entry.h"
 #include "cli/control/exclusion_lists.h"
 #include "desktop/helper_status_service.h"
-#include "helper/distributed_notification_center.h"
-#include "helper/exclusions_processor.h"
-#include "helper/plist_file.h"
+#include "helper/bus/distributed_notification_center.h"
+#include "helper/settings/exclusions_processor.h"
+#include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
+#include "testing/zephlore_command.h"
 
 namespace zephlore {
 namespace {

@@ -12,7 +12,7 @@
 #include "cli/control/commands.h"
 #include "cli/control/helper_contact.h"
 #include "cli/control/status_folders.h"
-#include "helper/distributed_notification_center.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "protocol/bus_names.h"
 #include "view/mount_table.h"
 

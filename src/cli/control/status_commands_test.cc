@@ -6,15 +6,15 @@
 #include <thread>
 #include <nlohmann/json.hpp>
 
-#include "testing/zephlore_command.h"
 #include "base/shared_instance.h"
 #include "desktop/helper_status_service.h"
-#include "helper/distributed_notification_center.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "protocol/bus_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
+#include "testing/zephlore_command.h"
 
 namespace zephlore {
 namespace {

@@ -1,7 +1,7 @@
 #include "cli/control/status_folders.h"
 
 #include "cli/control/volume_advice.h"
-#include "helper/history/helper_util.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_store.h"
 
 namespace zephlore::cli {

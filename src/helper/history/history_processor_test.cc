@@ -11,7 +11,7 @@
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_uncompressor.h"
 #include "helper/history/folder_savings.h"
-#include "helper/history/helper_util.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_test_support.h"
 #include "protocol/notification_names.h"
 #include "testing/child.h"

@@ -7,7 +7,7 @@
 
 
 #include "base/log.h"
-#include "helper/resources.h"
+#include "helper/settings/resources.h"
 #include "platform/config_file.h"
 
 namespace zephlore {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "helper/growl_bridge.h"
+#include "helper/notices/notice_bridge.h"
 
 namespace zephlore::testkit {
 

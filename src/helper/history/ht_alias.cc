@@ -14,7 +14,7 @@
 #include <mutex>
 
 #include "base/clock.h"
-#include "helper/plist_file.h"
+#include "helper/settings/plist_file.h"
 #include "platform/volume_description.h"
 
 namespace zephlore {

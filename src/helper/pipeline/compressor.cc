@@ -13,10 +13,10 @@
 #include "engine/extended_attributes_helper.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
-#include "helper/file_in_process_watchdog.h"
-#include "helper/helper_defaults.h"
+#include "helper/lifecycle/file_in_process_watchdog.h"
+#include "helper/lifecycle/scheduler.h"
 #include "helper/pipeline/system_load_handler.h"
-#include "helper/scheduler.h"
+#include "helper/settings/helper_defaults.h"
 #include "platform/thread_priority.h"
 
 namespace zephlore {

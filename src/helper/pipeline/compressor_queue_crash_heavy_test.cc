@@ -22,13 +22,13 @@
 #include "engine/file_content_reader.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hooked_env_for_tests.h"
+#include "helper/lifecycle/file_in_process_watchdog.h"
+#include "helper/lifecycle/previous_run_recovery.h"
+#include "helper/pipeline/compressor.h"
+#include "helper/pipeline/pipeline_test_support.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
-#include "helper/file_in_process_watchdog.h"
-#include "helper/pipeline/compressor.h"
-#include "helper/pipeline/pipeline_test_support.h"
-#include "helper/previous_run_recovery.h"
 
 namespace zephlore {
 namespace {

@@ -16,13 +16,13 @@
 
 #include "engine/extended_attributes_helper.h"
 #include "engine/file_content_reader.h"
+#include "engine/hooked_env_for_tests.h"
+#include "helper/lifecycle/file_in_process_watchdog.h"
+#include "helper/pipeline/pipeline_test_support.h"
+#include "platform/thread_priority.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
-#include "helper/file_in_process_watchdog.h"
-#include "engine/hooked_env_for_tests.h"
-#include "helper/pipeline/pipeline_test_support.h"
-#include "platform/thread_priority.h"
 
 namespace zephlore {
 namespace {

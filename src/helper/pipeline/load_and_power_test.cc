@@ -7,12 +7,12 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
+#include "helper/notices/notice_bridge.h"
+#include "helper/pipeline/power_manager.h"
+#include "helper/pipeline/system_load_handler.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
-#include "helper/growl_bridge.h"
-#include "helper/pipeline/power_manager.h"
-#include "helper/pipeline/system_load_handler.h"
 
 namespace zephlore {
 namespace {

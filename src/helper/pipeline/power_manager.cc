@@ -2,8 +2,8 @@
 
 #include <atomic>
 
-#include "helper/defaults_controller.h"
-#include "helper/growl_bridge.h"
+#include "helper/notices/notice_bridge.h"
+#include "helper/settings/defaults_controller.h"
 
 namespace zephlore {
 namespace {

@@ -15,9 +15,9 @@
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
 #include "engine/volume.h"
-#include "helper/exclusion_rules.h"
-#include "helper/exclusions_processor.h"
-#include "helper/scheduler.h"
+#include "helper/lifecycle/scheduler.h"
+#include "helper/settings/exclusion_rules.h"
+#include "helper/settings/exclusions_processor.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {

@@ -7,7 +7,7 @@
 
 #include "base/log.h"
 #include "base/util.h"
-#include "helper/helper_defaults.h"
+#include "helper/settings/helper_defaults.h"
 
 namespace zephlore {
 namespace {

@@ -12,11 +12,11 @@
 #include <set>
 
 #include "base/shared_instance.h"
-#include "helper/helper_defaults.h"
+#include "helper/settings/helper_defaults.h"
 #include "protocol/notification_names.h"
-#include "testing/private_tmpfs.h"
 #include "testing/child.h"
 #include "testing/files.h"
+#include "testing/private_tmpfs.h"
 #include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"

@@ -1,0 +1,202 @@
+#include "helper/bus/distributed_notification_center.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+
+#include "base/log.h"
+#include "protocol/bus_names.h"
+#include "protocol/notification_names.h"
+#include "testing/child.h"
+#include "testing/session_bus.h"
+#include "testing/test_home.h"
+
+namespace zephlore {
+namespace {
+
+using testkit::runProcess;
+using testkit::TestHome;
+using testkit::TestSessionBus;
+
+// Log lines may come from the GLib thread.
+struct LogLines {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  ScopedLogCapture capture{[this](const std::string& line) {
+    std::lock_guard lock(mutex);
+    lines.push_back(line);
+  }};
+  std::vector<std::string> get() {
+    std::lock_guard lock(mutex);
+    return lines;
+  }
+};
+
+// Emits a Notification from a separate gdbus process, as any script could.
+void emitFromAnotherProcess(const std::string& name, const std::string& userInfo = "@a{sv} {}",
+                            const char* immediate = "false") {
+  std::vector<std::string> argv = {"gdbus", "emit", "--session", "--object-path",
+                                   DistributedNotificationCenter::kObjectPath, "--signal",
+                                   std::string(DistributedNotificationCenter::kInterface) +
+                                       ".Notification",
+                                   "'" + name + "'"};
+  if (!userInfo.empty()) argv.push_back(userInfo);
+  if (immediate) argv.push_back(immediate);
+  testkit::ProcessResult result = runProcess(argv);
+  ASSERT_EQ(result.status, 0) << result.err;
+}
+
+class DistributedNotificationCenterTest : public ::testing::Test {
+ protected:
+  TestHome home;
+  TestSessionBus bus{home.root()};
+  ScopedShared<DistributedNotificationCenter> fresh_center;
+  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+};
+
+TEST_F(DistributedNotificationCenterTest, NoticeFromAnotherProcessReachesTheMainThreadIntact) {
+  ASSERT_TRUE(center.isConnected());
+  LogLines log;
+  std::vector<Notification> received;
+  std::thread::id handler_thread;
+  center.addObserver(kFoldersNotification, [&](const Notification& note) {
+    handler_thread = std::this_thread::get_id();
+    received.push_back(note);
+  });
+  // Strings, arrays of strings (also empty ones and non-ASCII text) arrive
+  // as they were sent; a number is not part of the wire format and is left
+  // out with one logged line.
+  emitFromAnotherProcess(kFoldersNotification,
+                         "{'foldersToAdd': <['/home/a b', '/Mus\u00e9e']>, 'foldersToRemove': "
+                         "<@as []>, 'note': <'x'>, 'count': <int32 5>}");
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !received.empty(); }));
+
+  EXPECT_EQ(handler_thread, std::this_thread::get_id());
+  ASSERT_EQ(received.size(), 1u);
+  const Notification& note = received[0];
+  EXPECT_EQ(note.name, kFoldersNotification);
+  ASSERT_NE(userInfoStrings(note.userInfo, kFoldersToAddKey), nullptr);
+  EXPECT_EQ(*userInfoStrings(note.userInfo, kFoldersToAddKey),
+            (std::vector<std::string>{"/home/a b", "/Mus\u00e9e"}));
+  ASSERT_NE(userInfoStrings(note.userInfo, kFoldersToRemoveKey), nullptr);
+  EXPECT_TRUE(userInfoStrings(note.userInfo, kFoldersToRemoveKey)->empty());
+  ASSERT_NE(userInfoString(note.userInfo, "note"), nullptr);
+  EXPECT_EQ(*userInfoString(note.userInfo, "note"), "x");
+  EXPECT_EQ(note.userInfo.count("count"), 0u);
+  std::vector<std::string> lines = log.get();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("count"), std::string::npos);
+}
+
+TEST_F(DistributedNotificationCenterTest, ObserversSeeOnlyTheirOwnNames) {
+  std::vector<std::string> quit_seen;
+  std::vector<std::string> version_seen;
+  std::vector<std::string> version_values;
+  center.addObserver(kHelperShouldQuitNotification,
+                     [&](const Notification& note) { quit_seen.push_back(note.name); });
+  center.addObserver(kVersionNotification, [&](const Notification& note) {
+    version_seen.push_back(note.name);
+    const std::string* version = userInfoString(note.userInfo, kVersionKey);
+    version_values.push_back(version ? *version : "(none)");
+  });
+  // A name nobody observes, a prefix of an observed one, then both observed
+  // names. The last one arriving means the earlier ones have been delivered
+  // (one sender after another, in order).
+  emitFromAnotherProcess("com.quorvane.zephlore");
+  emitFromAnotherProcess(kVersionNotification, "{'version': <'1.2 '>}");
+  emitFromAnotherProcess(kVersionNotification);  // no "version": the handler decides
+  emitFromAnotherProcess(kHelperShouldQuitNotification);
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !quit_seen.empty(); }));
+
+  EXPECT_EQ(quit_seen, std::vector<std::string>{kHelperShouldQuitNotification});
+  EXPECT_EQ(version_seen,
+            (std::vector<std::string>{kVersionNotification, kVersionNotification}));
+  EXPECT_EQ(version_values, (std::vector<std::string>{"1.2 ", "(none)"}));
+}
+
+TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadAndRemovedObserversStayQuiet) {
+  std::vector<Notification> kept;
+  int removed_calls = 0;
+  auto removed = center.addObserver(kSavingsChangedNotification,
+                                    [&](const Notification&) { ++removed_calls; });
+  center.addObserver(kSavingsChangedNotification,
+                     [&](const Notification& note) { kept.push_back(note); });
+  center.removeObserver(removed);
+
+  std::thread poster([&] {
+    UserInfo info{{"path", std::string("/a")},
+                  {"list", std::vector<std::string>{"x", "y"}},
+                  {"bad", std::string("\xff\xfe")}};
+    center.postNotificationName(kSavingsChangedNotification, info, true);
+    center.flush();
+  });
+  poster.join();
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !kept.empty(); }));
+
+  EXPECT_EQ(removed_calls, 0);
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(*userInfoString(kept[0].userInfo, "path"), "/a");
+  EXPECT_EQ(*userInfoStrings(kept[0].userInfo, "list"), (std::vector<std::string>{"x", "y"}));
+  EXPECT_EQ(kept[0].userInfo.count("bad"), 0u);  // not UTF-8: left out, not a crash
+}
+
+TEST_F(DistributedNotificationCenterTest, HandMadeSignalsAreReadLeniently) {
+  LogLines log;
+  std::vector<Notification> received;
+  center.addObserver(kActiveStatusNotification,
+                     [&](const Notification& note) { received.push_back(note); });
+  // Only a name; then a list where the dictionary belongs.
+  emitFromAnotherProcess(kActiveStatusNotification, "", nullptr);
+  emitFromAnotherProcess(kActiveStatusNotification, "['x']", "true");
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return received.size() == 2; }));
+
+  for (const Notification& note : received) {
+    EXPECT_EQ(note.name, kActiveStatusNotification);
+    EXPECT_TRUE(note.userInfo.empty());
+  }
+  EXPECT_EQ(log.get().size(), 2u);
+}
+
+TEST_F(DistributedNotificationCenterTest, CountsTheCopiesThatOwnTheHelperName) {
+  EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
+  EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 0);
+  center.ownName(kHelperBusName);
+  EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 1);
+  EXPECT_TRUE(center.nameHasOwner(kHelperBusName));
+
+  DistributedNotificationCenter second_copy(bus.address());
+  second_copy.ownName(kHelperBusName);
+  EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 2);
+}
+
+TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
+  TestHome home;  // no bus address, no $XDG_RUNTIME_DIR/bus
+  LogLines log;
+  ScopedShared<DistributedNotificationCenter> fresh_center;
+  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  EXPECT_FALSE(center.isConnected());
+  int calls = 0;
+  center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; });
+  center.postNotificationName(kHelperShouldQuitNotification);
+  EXPECT_FALSE(center.flush());
+  EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), -1);
+  EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(calls, 0);
+  std::vector<std::string> lines = log.get();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("No D-Bus session bus"), std::string::npos);
+}
+
+TEST(DistributedNotificationCenterWithoutBusTest, AnAddressWithNoDaemonIsNoBus) {
+  TestHome home;
+  LogLines log;
+  DistributedNotificationCenter center("unix:path=" + home.root() + "/no-such-socket");
+  EXPECT_FALSE(center.isConnected());
+  center.postNotificationName(kHelperShouldQuitNotification);
+  EXPECT_EQ(log.get().size(), 1u);
+}
+
+}  // namespace
+}  // namespace zephlore
