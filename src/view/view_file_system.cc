@@ -19,6 +19,7 @@
 
 #include "base/log.h"
 #include "engine/decmpfs_header.h"
+#include "engine/engine_temporaries.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
 #include "platform/attribute_names.h"
@@ -443,6 +444,15 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     if (!d.entry) {
       d.entry = readdir(d.dir);
       if (!d.entry) break;
+    }
+    // The copy a conversion builds beside a file lives for moments: a
+    // program listing the folder (git add -A, a backup) would find it gone
+    // when it opens it. Left over after a crash it is still reached by its
+    // name, and zephlore repair and info -r show it.
+    if (EngineTemporaries::isTemporaryName(d.entry->d_name)) {
+      d.entry = nullptr;
+      d.offset = telldir(d.dir);
+      continue;
     }
     struct stat st{};
     fuse_fill_dir_flags fill = static_cast<fuse_fill_dir_flags>(0);
