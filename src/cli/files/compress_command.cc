@@ -26,6 +26,48 @@ struct ConvertCliOptions {
   bool no_verify = false;
 };
 
+// "/proc/PID/fd/N/..." means nothing to the user: every line names the path
+// as given. `shown` pairs each path beneath a view with the path given.
+std::string asGiven(const std::vector<std::pair<std::string, std::string>>& shown, const std::string& text) {
+  std::string out = text;
+  for (const auto& [beneath, given] : shown) {
+    // "/proc/PID/fd/3" must not match in "/proc/PID/fd/31".
+    size_t at = 0;
+    while ((at = out.find(beneath, at)) != std::string::npos) {
+      const size_t end = at + beneath.size();
+      if (end < out.size() && isdigit(static_cast<unsigned char>(out[end]))) {
+        at = end;
+        continue;
+      }
+      out.replace(at, beneath.size(), given);
+      at += given.size();
+    }
+  }
+  return out;
+}
+
+// Under a view the stored files are reached beneath it: through the view
+// they look plain and their layout cannot be written. The paths to work on;
+// `run` learns to print them as given.
+std::vector<std::string> beneathViews(const std::vector<std::string>& given, RunOptions* run) {
+  std::vector<std::string> paths;
+  auto shown = std::make_shared<std::vector<std::pair<std::string, std::string>>>();  // beneath, given
+  for (const std::string& path : given) {
+    const std::string beneath = view::pathBeneathViews(path);
+    if (beneath == view::absolutePath(path)) {
+      paths.push_back(path);
+      continue;
+    }
+    paths.push_back(beneath);
+    shown->emplace_back(beneath, path);
+    if (!run->quiet && !run->json) {
+      fprintf(stderr, "zephlore: %s is covered by a view; working on the files stored beneath it\n", path.c_str());
+    }
+  }
+  if (!shown->empty()) run->shownAs = [shown](const std::string& text) { return asGiven(*shown, text); };
+  return paths;
+}
+
 CLI::App* addConvertCommand(CLI::App& app, Env& env, Operation op, const char* description, int* exit_code) {
   auto options = std::make_shared<ConvertCliOptions>();
   options->run.op = op;
@@ -80,43 +122,7 @@ CLI::App* addConvertCommand(CLI::App& app, Env& env, Operation op, const char* d
       *exit_code = 1;
       return;
     }
-    // Under a view the stored files are reached beneath it: through the
-    // view they look plain and their layout cannot be written.
-    std::vector<std::string> paths;
-    auto shown = std::make_shared<std::vector<std::pair<std::string, std::string>>>();  // beneath, given
-    for (const std::string& path : options->paths) {
-      const std::string beneath = view::pathBeneathViews(path);
-      if (beneath == view::absolutePath(path)) {
-        paths.push_back(path);
-        continue;
-      }
-      paths.push_back(beneath);
-      shown->emplace_back(beneath, path);
-      if (!run.quiet && !run.json) {
-        fprintf(stderr, "zephlore: %s is covered by a view; working on the files stored beneath it\n", path.c_str());
-      }
-    }
-    // "/proc/PID/fd/N/..." means nothing to the user: every line names the
-    // path as given.
-    if (!shown->empty()) {
-      run.shownAs = [shown](const std::string& text) {
-        std::string out = text;
-        for (const auto& [beneath, given] : *shown) {
-          // "/proc/PID/fd/3" must not match in "/proc/PID/fd/31".
-          size_t at = 0;
-          while ((at = out.find(beneath, at)) != std::string::npos) {
-            const size_t end = at + beneath.size();
-            if (end < out.size() && isdigit(static_cast<unsigned char>(out[end]))) {
-              at = end;
-              continue;
-            }
-            out.replace(at, beneath.size(), given);
-            at += given.size();
-          }
-        }
-        return out;
-      };
-    }
+    const std::vector<std::string> paths = beneathViews(options->paths, &run);
     *exit_code = runFiles(env, paths, run, *action);
   });
   return cmd;
