@@ -40,8 +40,8 @@ std::string viewDownWords(const std::string& folder) {
 
 }  // namespace
 
-KRFolderViews::KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop)
-    : mounter_(std::move(mounter)), loop_(loop) {}
+KRFolderViews::KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map)
+    : mounter_(std::move(mounter)), loop_(loop), map_(map) {}
 
 KRFolderViews::~KRFolderViews() {
   loop_.cancelPerform(this, kRetryKey);
@@ -225,7 +225,7 @@ void KRFolderViews::refreshMap() {
   for (const auto& [folder, entry] : views_) {
     if (entry.beneath) map[view::absolutePath(folder)] = "/proc/self/fd/" + std::to_string(entry.beneath.get());
   }
-  PathMap::shared().replaceAll(std::move(map));
+  map_.replaceAll(std::move(map));
 }
 
 std::string KRFolderViews::holdReason(const std::string& path) const {

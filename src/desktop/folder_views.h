@@ -22,6 +22,7 @@
 
 #include "base/run_loop.h"
 #include "base/unique_fd.h"
+#include "platform/path_map.h"
 #include "view/view_mounter.h"
 
 namespace zephlore {
@@ -39,8 +40,8 @@ class KRFolderViews {
     std::function<void()> changed;
   };
 
-  explicit KRFolderViews(std::unique_ptr<view::ViewMounter> mounter = std::make_unique<view::ViewMounter>(),
-                         RunLoop& loop = RunLoop::main());
+  // `map` is where the helper's Env looks up the trees beneath the views.
+  KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map);
   ~KRFolderViews();
   KRFolderViews(const KRFolderViews&) = delete;
   KRFolderViews& operator=(const KRFolderViews&) = delete;
@@ -95,6 +96,7 @@ class KRFolderViews {
 
   std::unique_ptr<view::ViewMounter> mounter_;
   RunLoop& loop_;
+  PathMap& map_;
   Hooks hooks_;
   std::map<std::string, Supervised> views_;  // watched folders that want a view
   std::map<std::string, std::string> kept_;  // former folders whose view stays -> why

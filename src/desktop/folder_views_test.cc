@@ -80,7 +80,8 @@ class FolderViewsTest : public ::testing::Test {
   OperationQueue queue{1};
   KRCompressor compressor{loop, &queue};
   ProcessViews* mounter = new ProcessViews();
-  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop};
+  PathMap map;
+  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map};
   std::vector<std::string> restored;
 };
 

@@ -29,7 +29,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer)
       compressor_(KRCompressor::sharedCompressor()),
       watcher_(KRPathWatcher::sharedWatcher()),
       history_(KRHistoryProcessor::sharedHistoryProcessor()),
-      views_(std::make_unique<view::ViewMounter>(), loop) {
+      views_(std::make_unique<view::ViewMounter>(), loop, map) {
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
   KRFolderViews::Hooks viewHooks;

@@ -31,11 +31,11 @@ WorkBeneathViews::WorkBeneathViews(Env& env, const std::vector<std::string>& pat
     paths_ = paths;
     return;
   }
-  PathMap::shared().replaceAll(std::move(views));
-  mapping_ = std::make_unique<PathMappingEnv>(env, PathMap::shared());
+  map_.replaceAll(std::move(views));
+  mapping_ = std::make_unique<PathMappingEnv>(env, map_);
   for (const std::string& path : paths) {
     const std::string absolute = view::absolutePath(path);
-    if (PathMap::shared().toAccess(absolute) == absolute) {
+    if (map_.toAccess(absolute) == absolute) {
       paths_.push_back(path);
       continue;
     }

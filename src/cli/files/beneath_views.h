@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/env.h"
+#include "platform/path_map.h"
 
 namespace zephlore::cli {
 
@@ -32,6 +33,7 @@ class WorkBeneathViews {
 
  private:
   Env& env_;
+  PathMap map_;
   std::unique_ptr<Env> mapping_;
   std::vector<std::string> paths_;
 };
