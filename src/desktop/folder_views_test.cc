@@ -94,7 +94,7 @@ TEST_F(FolderViewsTest, AViewThatEndsIsMountedAgainAndNothingIsCompressedInItsFo
   EXPECT_EQ(views.describe(), std::vector<std::string>{folder + ": full content through its view"});
   EXPECT_EQ(views.holdReason(first), "");
   // The helper reaches the stored folder through a descriptor of its own.
-  const std::string mapped = PathMap::shared().toAccess(first);
+  const std::string mapped = map.toAccess(first);
   EXPECT_EQ(mapped.rfind("/proc/self/fd/", 0), 0u) << mapped;
   EXPECT_EQ(testkit::readFile(mapped), testkit::readFile(first));
   ASSERT_EQ(compressor.addFiles({first}), 1u);
@@ -121,7 +121,7 @@ TEST_F(FolderViewsTest, AViewThatEndsIsMountedAgainAndNothingIsCompressedInItsFo
   EXPECT_EQ(done[0].errorCode, kFolderHeldErrorCode);
   EXPECT_FALSE(compressed(first));
   EXPECT_EQ(compressor.addFiles({second}), 0u);
-  EXPECT_TRUE(mapped == PathMap::shared().toAccess(first)) << "still reached while the view is down";
+  EXPECT_TRUE(mapped == map.toAccess(first)) << "still reached while the view is down";
 
   // Tried again until it works; then the folder is looked at again.
   advance(KRFolderViews::kRetryInterval - 1);
