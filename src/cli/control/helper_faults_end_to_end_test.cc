@@ -175,6 +175,9 @@ TEST_F(HelperFaults, HistoryDeletedUnderTheRunningHelper) {
   saveInto(watched, "second.txt", files[watched + "/second.txt"]);
   EXPECT_TRUE(outcomeOf(watched + "/second.txt")) << "the folder is still watched; log:\n" << helper_->err();
   expectNoSpin("history deleted");
+  // Saved a moment after the savings changed: heard, not assumed.
+  helper_->waitForErrorOutput(
+      [](const std::string& log) { return log.find("was deleted; written anew") != std::string::npos; }, 10'000);
   EXPECT_NE(helper_->err().find("was deleted; written anew"), std::string::npos) << helper_->err();
   EXPECT_EQ(quitHelper(), 0) << helper_->err();
   expectContents(files);
