@@ -543,7 +543,7 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
   const long leftByHeldWriter = left.end() - heldOpen;
   left.erase(heldOpen, left.end());
   std::string stories;
-  for (const std::string& name : left) stories += name + ":\n" + storyOf(name);
+  for (size_t i = 0; i < std::min<size_t>(left.size(), 5); ++i) stories += left[i] + ":\n" + storyOf(left[i]);
   EXPECT_TRUE(left.empty()) << left.size() << " files left plain, the first: " << left.front() << "\n" << stories;
   EXPECT_EQ(summary.value("engine_temporaries", -1), 0) << summary.dump();
   EXPECT_EQ(summary.value("errors", -1), 0) << summary.dump();
