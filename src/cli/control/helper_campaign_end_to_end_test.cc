@@ -186,6 +186,8 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     const LastChange& change = lastChange_[relative];
     std::string all = log(), story;
     bool marked = false;
+    std::string lastTold;
+    int repeats = 0;
     size_t start = 0;
     while (start < all.size()) {
       size_t end = all.find('\n', start);
@@ -205,11 +207,18 @@ class HelperCampaignHeavy : public HelperEndToEnd {
         aboutFolder = line == "Analysing " + name + (own ? "" : " and its subfolders") ||
                       line.rfind("Analysed " + name + ":", 0) == 0 || line.rfind("Analysis of " + name + " ", 0) == 0;
       }
-      if (line.find(path) != std::string::npos || aboutFolder || line.rfind("--- test:", 0) == 0) {
+      // A run of the same line (the file's own retries) is told once.
+      if (line == lastTold) {
+        ++repeats;
+      } else if (line.find(path) != std::string::npos || aboutFolder || line.rfind("--- test:", 0) == 0) {
+        if (repeats > 0) story += "  (the line above " + std::to_string(repeats) + " times more)\n";
+        repeats = 0;
+        lastTold = line;
         story += "  " + line + "\n";
       }
       start = end + 1;
     }
+    if (repeats > 0) story += "  (the line above " + std::to_string(repeats) + " times more)\n";
     if (!marked) story += "  >>> last change: step " + std::to_string(change.step) + " " + change.what + "\n";
     std::string kills = "  view kills before steps:";
     for (int s : viewKillSteps_) kills += " " + std::to_string(s);

@@ -281,7 +281,14 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
       // Where the event source cannot tell our writes by process, it tells
       // them by path (the signature below included).
       OwnRewrites::shared().begin(path);
-      const bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
+      bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
+      // A save renamed over the name just after the swap leaves a plain file
+      // there: marked as ours, later analyses would pass it over for days.
+      // It is tried again like a file caught being written.
+      if (compressed && !KRExtendedAttributesHelper::isCompressionAttributeSetAt(env_, path)) {
+        compressed = false;
+        error = Error{kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was replaced while compressing"};
+      }
       if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
             env_,

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -468,6 +469,45 @@ TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
   advance(KRCompressor::kTickDelay);
   finishBatches();
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
+  readsThrough.reset();
+}
+
+// An editor's save renamed over the name right after the swap: the plain
+// file now there is neither taken for compressed nor marked as ours (later
+// analyses would pass it over), and it is tried again.
+TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
+  const std::string note = dir / "note.txt";
+  const std::string saving = dir / "note.txt.saving";
+  testkit::writeFile(note, testkit::compressibleData(100000, 8));
+  testkit::writeFile(saving, testkit::compressibleData(90000, 9));
+  std::atomic<bool> saved{false};
+  testkit::HookedEnv env([&](const char* op) {
+    if (std::string_view(op) != "fsyncDirectory" || saved) return;
+    // Only once the compressed file is at the name.
+    if (::getxattr(note.c_str(), "user.com.apple.decmpfs", nullptr, 0) < 0) return;
+    saved = ::rename(saving.c_str(), note.c_str()) == 0;
+  });
+  KRCompressor racing(loop, &queue, env);
+  std::optional<ScopedSharedEnv> readsThrough(&env);
+  racing.setFolderWatchTest([](const std::string&) { return true; });
+  std::vector<std::string> retried;
+  racing.setRetryHandler([&](const std::string& path) {
+    retried.push_back(path);
+    racing.addFiles({path});
+  });
+  racing.addFiles({note});
+  loop.runUntilIdle();
+  advance(KRCompressor::kTickDelay);
+  finishBatches();
+  ASSERT_TRUE(saved.load()) << "the save did not land after the swap";
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
+  EXPECT_FALSE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), note)) << "not marked as ours";
+  EXPECT_EQ(testkit::readFile(note), testkit::compressibleData(90000, 9));
+  advance(KRCompressor::kBusyRetryDelay + 0.1);
+  EXPECT_EQ(retried, std::vector<std::string>{note});
+  advance(KRCompressor::kTickDelay);
+  finishBatches();
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
   readsThrough.reset();
 }
 
