@@ -79,8 +79,12 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
     }
   }
   for (const std::string& folder : wanted) {
-    // Nothing there is ever compressed: a view would only slow it down.
-    if (!VolumeCapabilities::canHoldCompressedForm(Env::shared(), folder)) continue;
+    // Nothing there is ever compressed: a view would only slow it down. A
+    // view already there was given for a reason, and a dead one (its
+    // process killed with the previous helper) answers every look with
+    // ENOTCONN: asked through it, the volume would seem unfit and the folder
+    // would stay behind the dead view for good.
+    if (!mounter_->covered(folder) && !VolumeCapabilities::canHoldCompressedForm(Env::shared(), folder)) continue;
     Supervised& entry = views_[folder];
     if (entry.up || supervise(folder, entry)) {
       setDown(folder, false);

@@ -26,6 +26,9 @@ class ProcessViews final : public view::ViewMounter {
   bool mountOver(const std::string& folder, Error* error) override {
     ++mounts;
     if (!mountWorks) return fail(error, "posix", EIO, "cannot mount a view over " + folder + ": refused");
+    // Detached, a dead view shows the stored folder again.
+    if (deadViewLeft) mkdir(folder.c_str(), 0755);
+    deadViewLeft = false;
     server = std::make_unique<testkit::Child>(std::vector<std::string>{"sleep", "600"});
     folder_ = folder;
     return true;
@@ -35,11 +38,15 @@ class ProcessViews final : public view::ViewMounter {
     return view::ServingView{server->pid(), folder_};
   }
   bool unmountIfUnused(const std::string&, std::string*) override { return true; }
+  bool covered(const std::string&) const override { return server || deadViewLeft; }
   void endView() {
     server.reset();  // kills and reaps it
   }
 
   bool mountWorks = true;
+  // A view whose process died with the previous helper: its folder cannot
+  // be looked at until it is detached.
+  bool deadViewLeft = false;
   int mounts = 0;
   std::unique_ptr<testkit::Child> server;
 
@@ -160,6 +167,16 @@ TEST_F(FolderViewsTest, AViewFoundAtTheStartIsAdopted) {
   mounter->endView();
   loop.runUntilIdle();
   EXPECT_EQ(mounter->mounts, 2) << "the adopted view is watched as well";
+}
+
+// The helper and its view killed together: the new helper finds the dead
+// view, whose folder answers nothing, and mounts a new one.
+TEST_F(FolderViewsTest, ADeadViewFoundAtTheStartIsReplaced) {
+  const std::string behindDeadView = folder + "/Documents";
+  mounter->deadViewLeft = true;
+  views.foldersChanged(std::vector<std::string>{behindDeadView}, true);
+  EXPECT_EQ(mounter->mounts, 1);
+  EXPECT_EQ(views.describe(), std::vector<std::string>{behindDeadView + ": full content through its view"});
 }
 
 }  // namespace

@@ -105,6 +105,8 @@ bool ViewMounter::mountOver(const std::string& folder, Error* error) {
               "cannot mount a view over " + absolute + (errors.empty() ? "" : ": " + errors));
 }
 
+bool ViewMounter::covered(const std::string& folder) const { return isViewMounted(absolutePath(folder)); }
+
 std::optional<ServingView> ViewMounter::servingView(const std::string& folder) const {
   const std::string absolute = absolutePath(folder);
   std::optional<ViewCover> cover = viewCovering(absolute);

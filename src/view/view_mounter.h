@@ -43,6 +43,9 @@ class ViewMounter {
   // its process is gone.
   virtual std::optional<ServingView> servingView(const std::string& folder) const;
 
+  // Whether a view is mounted exactly on `folder`, live or dead.
+  virtual bool covered(const std::string& folder) const;
+
   // The path through which `folder`'s stored files are reached: beneath its
   // view, or `folder` itself without one.
   std::string beneath(const std::string& folder) const;

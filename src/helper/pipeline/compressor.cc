@@ -219,14 +219,20 @@ void KRCompressor::compressionTick() {
   }
   // Even an empty batch goes through the queue: its completion is what
   // reports the end of compression.
-  compressionQueue_->addOperation([this, batch] { compressFiles(batch); },
-                                  [this, batch] {
+  // Each file leaves the in-flight set as soon as it is done with, so the
+  // completion lets go only of those the batch did not reach: one of the
+  // others may be queued, or in a later batch, again by then.
+  auto reached = std::make_shared<std::atomic<size_t>>(0);
+  compressionQueue_->addOperation([this, batch, reached] { compressFiles(batch, *reached); },
+                                  [this, batch, reached] {
                                     // A paused batch stays counted until
                                     // pauseCompression moves it back.
                                     if (paused_) return;
                                     {
                                       std::lock_guard lock(filesBeingCompressedLock_);
-                                      for (const std::string& path : batch) filesBeingCompressed_.erase(path);
+                                      for (size_t i = reached->load(); i < batch.size(); ++i) {
+                                        filesBeingCompressed_.erase(batch[i]);
+                                      }
                                     }
                                     mainLoop_.post([this] { scheduleTick(); });
                                   });
@@ -245,7 +251,7 @@ bool KRCompressor::waitForQuietSystem() {
   }
 }
 
-void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
+void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::atomic<size_t>& reached) {
   yieldToEverythingElse();
   HFSCompressionOptions options;
   options.workers = 1;
@@ -275,7 +281,14 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       // Where the event source cannot tell our writes by process, it tells
       // them by path (the signature below included).
       OwnRewrites::shared().begin(path);
-      const bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
+      bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
+      // A save renamed over the name just after the swap leaves a plain file
+      // there: marked as ours, later analyses would pass it over for days.
+      // It is tried again like a file caught being written.
+      if (compressed && !KRExtendedAttributesHelper::isCompressionAttributeSetAt(env_, path)) {
+        compressed = false;
+        error = Error{kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was replaced while compressing"};
+      }
       if (compressed) {
         KRExtendedAttributesHelper::setCompressionSignature(
             env_,
@@ -306,6 +319,13 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch) {
       const bool busy = !compressed && refusedWhileBeingWritten(error);
       mainLoop_.post([this, path, busy] { noteOutcome(path, busy); });
     }
+    // Done with: a change from now on (or the retry of a refusal) must find
+    // the file free to be queued again, though the batch goes on.
+    {
+      std::lock_guard lock(filesBeingCompressedLock_);
+      filesBeingCompressed_.erase(path);
+    }
+    reached.fetch_add(1);
     postFileCompressed(path, failed ? &error : nullptr);
   }
 }

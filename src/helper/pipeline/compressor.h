@@ -119,7 +119,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
                                                const std::string& path) override;
 
  private:
-  void compressFiles(const std::vector<std::string>& batch);
+  // `reached` counts the files of the batch it is done with.
+  void compressFiles(const std::vector<std::string>& batch, std::atomic<size_t>& reached);
   // Waits while the machine is busy; false when a pause came meanwhile.
   bool waitForQuietSystem();
   bool isWatched(const std::string& path);

@@ -7,9 +7,11 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -188,11 +190,12 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
   queue.waitUntilAllOperationsAreFinished();
   loop.runUntilIdle();
   EXPECT_EQ(recorder.named(kFileCompressedNotification).size(), 2u);
+  // The two it was done with are not put back.
   std::vector<std::string> queued = compressor.queuedFiles();
-  ASSERT_EQ(queued.size(), 60u);
-  EXPECT_EQ(std::set<std::string>(queued.begin(), queued.begin() + 50),
-            std::set<std::string>(files.begin(), files.begin() + 50));
-  EXPECT_EQ(std::vector<std::string>(queued.begin() + 50, queued.end()),
+  ASSERT_EQ(queued.size(), 58u);
+  EXPECT_EQ(std::set<std::string>(queued.begin(), queued.begin() + 48),
+            std::set<std::string>(files.begin() + 2, files.begin() + 50));
+  EXPECT_EQ(std::vector<std::string>(queued.begin() + 48, queued.end()),
             std::vector<std::string>(files.begin() + 50, files.end()));
   EXPECT_EQ(compressor.filesBeingCompressedCount(), 0u);
 
@@ -205,7 +208,7 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
   EXPECT_EQ(compressor.filesBeingCompressedCount(), 50u);
   EXPECT_EQ(recorder.named(kFileCompressedNotification).size(), 2u);
   compressor.pauseCompression();
-  EXPECT_EQ(compressor.queuedFiles().size(), 61u);
+  EXPECT_EQ(compressor.queuedFiles().size(), 59u);
 
   load.setCPULoad(0.0f);
   recorder.clear();
@@ -216,7 +219,7 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
   ASSERT_EQ(done.size(), 50u);
   std::set<std::string> firstAgain;
   for (const PostedNotification& n : done) firstAgain.insert(n.path);
-  EXPECT_EQ(firstAgain, std::set<std::string>(files.begin(), files.begin() + 50));
+  EXPECT_EQ(firstAgain, std::set<std::string>(files.begin() + 2, files.begin() + 52));
 }
 
 TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
@@ -402,6 +405,109 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
   }
   EXPECT_EQ(KRCompressor::busyRetryDelay(100), KRCompressor::kMaxBusyRetryDelay);
   EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), endless));
+  readsThrough.reset();
+}
+
+// A file the batch is done with is no longer in process though the batch
+// goes on: the retry of a refusal, or a change the watcher reports, due
+// while later files of the batch are still being compressed, queues it again
+// rather than finding it "in process" and dropping it for good.
+TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
+  const std::string growing = dir / "growing.log";
+  const std::string slow = dir / "slow.txt";
+  testkit::writeFile(growing, testkit::compressibleData(100000, 6));
+  testkit::writeFile(slow, testkit::compressibleData(100000, 7));
+  std::atomic<bool> growNextRead{true};
+  std::mutex gateLock;
+  std::condition_variable gateChanged;
+  bool inSlow = false, released = false;
+  KRCompressor* compressorOf = nullptr;
+  testkit::HookedEnv env([&](const char* op) {
+    if (std::string_view(op) != "pread") return;
+    if (growNextRead.exchange(false)) {
+      const int fd = ::open(growing.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+      (void)!::write(fd, "more lines\n", 11);
+      ::close(fd);
+      return;
+    }
+    // The batch's next file takes as long as the test wants.
+    if (compressorOf->fileInHand() != slow) return;
+    std::unique_lock lock(gateLock);
+    inSlow = true;
+    gateChanged.notify_all();
+    gateChanged.wait(lock, [&] { return released; });
+  });
+  KRCompressor busy(loop, &queue, env);
+  compressorOf = &busy;
+  std::optional<ScopedSharedEnv> readsThrough(&env);
+  busy.setFolderWatchTest([](const std::string&) { return true; });
+  std::vector<std::pair<std::string, uint64_t>> retried;  // path, files it queued
+  busy.setRetryHandler([&](const std::string& path) { retried.emplace_back(path, busy.addFiles({path})); });
+
+  busy.addFiles({growing, slow});
+  loop.runUntilIdle();
+  advance(KRCompressor::kTickDelay);
+  {
+    std::unique_lock lock(gateLock);
+    ASSERT_TRUE(gateChanged.wait_for(lock, std::chrono::seconds(20), [&] { return inSlow; }));
+  }
+  EXPECT_FALSE(busy.isInProcess(growing)) << "refused and done with";
+  EXPECT_TRUE(busy.isInProcess(slow));
+  loop.runUntilIdle();
+  advance(KRCompressor::kBusyRetryDelay + 0.1);
+  EXPECT_EQ(retried, (std::vector<std::pair<std::string, uint64_t>>{{growing, 1}}));
+  EXPECT_EQ(busy.queuedFiles(), std::vector<std::string>{growing});
+  {
+    std::lock_guard lock(gateLock);
+    released = true;
+  }
+  gateChanged.notify_all();
+  finishBatches();
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), slow));
+  EXPECT_EQ(busy.queuedFiles(), std::vector<std::string>{growing}) << "its batch's end does not take it out";
+  EXPECT_EQ(busy.filesBeingCompressedCount(), 0u);
+  advance(KRCompressor::kTickDelay);
+  finishBatches();
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
+  readsThrough.reset();
+}
+
+// An editor's save renamed over the name right after the swap: the plain
+// file now there is neither taken for compressed nor marked as ours (later
+// analyses would pass it over), and it is tried again.
+TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
+  const std::string note = dir / "note.txt";
+  const std::string saving = dir / "note.txt.saving";
+  testkit::writeFile(note, testkit::compressibleData(100000, 8));
+  testkit::writeFile(saving, testkit::compressibleData(90000, 9));
+  std::atomic<bool> saved{false};
+  testkit::HookedEnv env([&](const char* op) {
+    if (std::string_view(op) != "fsyncDirectory" || saved) return;
+    // Only once the compressed file is at the name.
+    if (::getxattr(note.c_str(), "user.com.apple.decmpfs", nullptr, 0) < 0) return;
+    saved = ::rename(saving.c_str(), note.c_str()) == 0;
+  });
+  KRCompressor racing(loop, &queue, env);
+  std::optional<ScopedSharedEnv> readsThrough(&env);
+  racing.setFolderWatchTest([](const std::string&) { return true; });
+  std::vector<std::string> retried;
+  racing.setRetryHandler([&](const std::string& path) {
+    retried.push_back(path);
+    racing.addFiles({path});
+  });
+  racing.addFiles({note});
+  loop.runUntilIdle();
+  advance(KRCompressor::kTickDelay);
+  finishBatches();
+  ASSERT_TRUE(saved.load()) << "the save did not land after the swap";
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
+  EXPECT_FALSE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), note)) << "not marked as ours";
+  EXPECT_EQ(testkit::readFile(note), testkit::compressibleData(90000, 9));
+  advance(KRCompressor::kBusyRetryDelay + 0.1);
+  EXPECT_EQ(retried, std::vector<std::string>{note});
+  advance(KRCompressor::kTickDelay);
+  finishBatches();
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
   readsThrough.reset();
 }
 
