@@ -14,6 +14,8 @@
 #include <sstream>
 #include <vector>
 
+#include "base/log.h"
+
 extern char** environ;
 
 namespace zephlore::view {
@@ -110,10 +112,26 @@ std::string deadViewAdvice(const ViewMountEntry& view) {
 
 bool detachDeadView(const std::string& mountPoint, Error* error) { return unmountView(mountPoint, true, error); }
 
+static bool runFusermount(const std::string& mountPoint, bool lazy);
+
 bool unmountView(const std::string& mountPoint, bool lazy, Error* error) {
   if (!isViewMounted(mountPoint)) {
     return fail(error, "posix", EINVAL, "no view is mounted on " + mountPoint);
   }
+  // Another program that looks at the views for a moment (a zephlore
+  // command checking for dead views, a file manager) makes the mount busy
+  // for that moment: a plain unmount is tried a few times before it is
+  // called busy.
+  const int attempts = lazy ? 1 : 25;
+  for (int attempt = 1;; ++attempt) {
+    if (runFusermount(mountPoint, lazy)) return true;
+    if (attempt >= attempts || !isViewMounted(mountPoint)) break;
+  }
+  return fail(error, "posix", EBUSY,
+              "fusermount3 could not unmount " + mountPoint + (lazy ? "" : " (is a file in it still open?)"));
+}
+
+static bool runFusermount(const std::string& mountPoint, bool lazy) {
   std::vector<std::string> args = {"fusermount3", lazy ? "-uz" : "-u", "--", mountPoint};
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
@@ -124,15 +142,14 @@ bool unmountView(const std::string& mountPoint, bool lazy, Error* error) {
   pid_t pid = 0;
   int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return fail(error, "posix", spawned, std::string("cannot run fusermount3: ") + strerror(spawned));
+  if (spawned != 0) {
+    KRLog("cannot run fusermount3: %s", strerror(spawned));
+    return false;
+  }
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return fail(error, "posix", EBUSY,
-                "fusermount3 could not unmount " + mountPoint + (lazy ? "" : " (is a file in it still open?)"));
-  }
-  return true;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 std::string unescapeMountField(const std::string& field) {
