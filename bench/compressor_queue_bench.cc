@@ -132,7 +132,7 @@ Timing runCommand(const std::vector<std::string>& argv) {
 // The queue as the helper runs it, with time for the debounce skipped.
 class QueueRun {
  public:
-  QueueRun() : useClock_(), load_(), useLoad_(&load_), loop_(*useClock_), compressor_(loop_, &queue_) {
+  QueueRun() : useClock_(), loop_(*useClock_), compressor_(loop_, &queue_, Env::system()) {
     compressor_.setFolderWatchTest([](const std::string&) { return true; });
   }
   ~QueueRun() {
@@ -154,14 +154,8 @@ class QueueRun {
   }
 
  private:
-  class NoLoad final : public KRSystemLoadHandler {
-   public:
-    float currentCPULoad() const override { return 0.0f; }
-    float currentDiskLoad() const override { return 0.0f; }
-  };
+  // No load gauge: the queue never waits for a quiet machine.
   ScopedManualClock useClock_;
-  NoLoad load_;
-  ScopedSystemLoadHandler useLoad_;
   RunLoop loop_;
   OperationQueue queue_{1};
   KRCompressor compressor_;

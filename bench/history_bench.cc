@@ -56,7 +56,7 @@ KRHistoryProcessor& processor() {
     KRHistoryProcessor::Hooks hooks;
     hooks.postSavingsChanged = [] {};
     hooks.helperActive = [] { return false; };
-    return new KRHistoryProcessor(RunLoop::main(), hooks);
+    return new KRHistoryProcessor(RunLoop::main(), Env::system(), hooks);
   }();
   return *p;
 }

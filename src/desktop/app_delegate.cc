@@ -11,26 +11,16 @@
 #include "desktop/status_notifier_item.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_database.h"
-#include "helper/history/history_processor.h"
-#include "helper/lifecycle/single_copy.h"
 #include "helper/lifecycle/updater.h"
 #include "helper/notices/notice_bridge.h"
-#include "helper/pipeline/power_manager.h"
 #include "helper/settings/defaults_controller.h"
 #include "helper/settings/exclusions_processor.h"
 #include "helper/settings/helper_defaults.h"
-#include "platform/mount_watcher.h"
-#include "platform/path_map.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {
 namespace {
-
-std::shared_ptr<LibnotifySender>& noticeSender() {
-  static auto* sender = new std::shared_ptr<LibnotifySender>();  // never destroyed
-  return *sender;
-}
 
 // Saves what the history holds in memory; a failure is only logged, as
 // nothing better can be done on the way out.
@@ -43,23 +33,18 @@ void saveHistoryContext() {
 
 }  // namespace
 
-KRAppDelegate& KRAppDelegate::sharedAppDelegate() {
-  static KRAppDelegate* delegate = new KRAppDelegate();  // never destroyed
-  return *delegate;
+KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder)
+    : env_(env), loop_(loop), map_(map), dataFolder_(std::move(dataFolder)), menu_(loop) {
+  // The update bridge exists before any notice can reach it.
+  KRUpdater::sharedUpdater();
 }
 
-// The update bridge exists before any notice can reach it.
-KRAppDelegate::KRAppDelegate() { KRUpdater::sharedUpdater(); }
+KRAppDelegate::~KRAppDelegate() = default;
 
-bool KRAppDelegate::awakeFromNib() {
-  // 1. One copy only; a second one touches nothing.
+void KRAppDelegate::awakeFromNib() {
+  // 1. (The one-copy check ran in main, before this object was made.)
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  const SingleCopyVerdict verdict = checkSingleCopy(bus.connection(), kHelperBusName);
-  if (verdict.terminate) {
-    KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
-    return false;
-  }
-  helper_ = std::make_unique<Helper>(Env::shared(), RunLoop::main(), PathMap::shared(), *this);
+  helper_ = std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_);
   // The user's exclusion lists are followed from here on.
   KRExclusionsProcessor::sharedExclusionsProcessor();
 
@@ -83,12 +68,10 @@ bool KRAppDelegate::awakeFromNib() {
   // 8. A crash before this point is not handled.
   KRCrashController::startHandlingCrashesWithDelegate(this);
   // 9.
-  KRPowerManager& power = KRPowerManager::sharedPowerManager();
-  if (power.hasBattery()) power.startMonitoringPowerSource();
+  helper_->startPowerMonitoring();
 
   KRLog("ZephloreHelper: version %s started", ownVersion_.c_str());
   publishStatus();
-  return true;
 }
 
 void KRAppDelegate::checkIntegrityOfPreviousRun() { helper_->recoverPreviousRun(); }
@@ -104,41 +87,36 @@ void KRAppDelegate::listenToPrefPane() {
   bus.addObserver(kVisibilityNotification, [this](const Notification&) { updateVisibility(); });
   bus.addObserver(kActiveStatusNotification, [this](const Notification&) { updateActiveStatus(); });
   bus.addObserver(kVersionNotification, [this](const Notification& n) { checkOwnVersion(n); });
-  bus.addObserver(kFoldersNotification, [](const Notification& n) {
-    KRHistoryProcessor::sharedHistoryProcessor().foldersChanged(n);
-  });
+  bus.addObserver(kFoldersNotification, [this](const Notification& n) { helper_->foldersChanged(n); });
 }
 
 void KRAppDelegate::connectDesktop() {
-  RunLoop& loop = RunLoop::main();
-  noticeSender() = std::make_shared<LibnotifySender>();
-  KRGrowlBridge::sharedGrowlBridge().setSender(noticeSender());
+  RunLoop& loop = loop_;
+  noticeSender_ = std::make_shared<LibnotifySender>();
+  KRGrowlBridge::sharedGrowlBridge().setSender(noticeSender_);
 
-  KRMenuBarController& controller = KRMenuBarController::sharedMenuBarController();
-  controller.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });
-  controller.setTotalSavingsSource([this] { return helper_->totalSavings(); });
-  static KRStatusNotifierItem* item = new KRStatusNotifierItem(
-      loop, [] { KRMenuBarController::sharedMenuBarController().togglePause(); },
-      [] { KRMenuBarController::sharedMenuBarController().showHistory(); });  // never destroyed
-  controller.setView(item);
+  menu_.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });
+  menu_.setTotalSavingsSource([this] { return helper_->totalSavings(); });
+  menu_.setWorkPauser([this](bool paused) { paused ? pauseApp() : resumeApp(); });
+  trayItem_ = std::make_unique<KRStatusNotifierItem>(
+      loop, [this] { menu_.togglePause(); }, [this] { menu_.showHistory(); });
+  menu_.setView(trayItem_.get());
 
   // The live status for desktops without a tray and for scripts.
   statusService_ = std::make_unique<KRHelperStatusService>(DistributedNotificationCenter::defaultCenter().connection(), loop);
-  statusService_->setPauseHandler([] {
-    KRMenuBarController& menu = KRMenuBarController::sharedMenuBarController();
-    if (!menu.paused()) {
-      menu.pause();
+  statusService_->setPauseHandler([this] {
+    if (!menu_.paused()) {
+      menu_.pause();
       KRGrowlBridge::sharedGrowlBridge().notifyPause();
     }
   });
-  statusService_->setResumeHandler([] {
-    KRMenuBarController& menu = KRMenuBarController::sharedMenuBarController();
-    if (menu.paused()) {
-      menu.resume();
+  statusService_->setResumeHandler([this] {
+    if (menu_.paused()) {
+      menu_.resume();
       KRGrowlBridge::sharedGrowlBridge().notifyResume();
     }
   });
-  KRMenuBarController::sharedMenuBarController().setChangeObserver([this] { publishStatus(); });
+  menu_.setChangeObserver([this] { publishStatus(); });
   // The session bus ends with the session. A helper left without it could no
   // longer be told anything, and as a copy still running it would make the
   // helper of the user's next session quit: it ends in order instead.
@@ -153,9 +131,8 @@ void KRAppDelegate::connectDesktop() {
 
 void KRAppDelegate::publishStatus() {
   if (!statusService_) return;
-  const KRMenuBarController& menu = KRMenuBarController::sharedMenuBarController();
-  statusService_->setStatus(menu.appStatus(), KRMenuBarController::statusText(menu.appStatus()));
-  statusService_->setPaused(menu.paused());
+  statusService_->setStatus(menu_.appStatus(), KRMenuBarController::statusText(menu_.appStatus()));
+  statusService_->setPaused(menu_.paused());
   statusService_->setActive(KRDefaultsController::sharedDefaultsController().helperActive());
   const Helper::Figures figures = helper_->figures();
   statusService_->setTotalSavings(figures.totalSavings);
@@ -169,17 +146,17 @@ void KRAppDelegate::publishStatus() {
 void KRAppDelegate::watchPaths() { helper_->watchFolders(); }
 
 void KRAppDelegate::helperSavingsChanged() {
-  KRMenuBarController::sharedMenuBarController().updateSavings();
+  menu_.updateSavings();
   publishStatus();
 }
 
 bool KRAppDelegate::pausedByUser() {
-  return KRMenuBarController::sharedMenuBarController().appStatus() == kStatusPaused;
+  return menu_.appStatus() == kStatusPaused;
 }
 
-void KRAppDelegate::pauseForPower() { KRMenuBarController::sharedMenuBarController().pause(); }
+void KRAppDelegate::pauseForPower() { menu_.pause(); }
 
-void KRAppDelegate::resumeForPower() { KRMenuBarController::sharedMenuBarController().resume(); }
+void KRAppDelegate::resumeForPower() { menu_.resume(); }
 
 void KRAppDelegate::checkOwnVersion(const Notification& notification) {
   const std::string* version = userInfoString(notification.userInfo, kVersionKey);
@@ -200,11 +177,13 @@ void KRAppDelegate::getReadyToQuit(const Notification&) {
 
 void KRAppDelegate::checkForUpdates(const Notification&) { KRUpdater::sharedUpdater().checkForUpdates(); }
 
-// The tray's controller also runs without a Helper (its own tests): it
-// pauses the process-wide parts, which are the Helper's.
-void KRAppDelegate::pauseApp() { Helper::pauseWork(); }
+void KRAppDelegate::pauseApp() {
+  if (helper_) helper_->pauseWork();
+}
 
-void KRAppDelegate::resumeApp() { Helper::resumeWork(); }
+void KRAppDelegate::resumeApp() {
+  if (helper_) helper_->resumeWork();
+}
 
 void KRAppDelegate::updateActiveStatus() {
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
@@ -221,7 +200,7 @@ void KRAppDelegate::updateActiveStatus() {
 void KRAppDelegate::updateVisibility() {
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   defaults.reload();
-  KRMenuBarController::sharedMenuBarController().setVisible(defaults.visible() && defaults.helperActive());
+  menu_.setVisible(defaults.visible() && defaults.helperActive());
 }
 
 void KRAppDelegate::terminate() {
@@ -232,7 +211,7 @@ void KRAppDelegate::terminate() {
     return;
   }
   applicationWillTerminate();
-  RunLoop::main().stop();
+  loop_.stop();
 }
 
 bool KRAppDelegate::applicationShouldTerminate() {
@@ -251,7 +230,7 @@ bool KRAppDelegate::applicationShouldTerminate() {
 void KRAppDelegate::applicationWillTerminate() {
   terminateActivity();
   // The last notices (the termination one above all) leave before the exit.
-  if (noticeSender()) noticeSender()->flush();
+  if (noticeSender_) noticeSender_->flush();
 }
 
 void KRAppDelegate::terminateActivity() {

@@ -1,10 +1,11 @@
-// KRAppDelegate: the helper's application object. It runs the process from
-// start to exit: refuses to run twice, finishes the file the previous run
-// left half converted, connects the command's notices to the watcher, the
-// update bridge and the history, applies "active" and "visible", installs the
-// crash handling and the power monitoring, and at the end stops the work in
-// order, so that no file is left half written. Everything here runs on the
-// main thread.
+// KRAppDelegate: the helper's application object, built by its main once
+// this copy knows it is the only one. It runs the process from start to
+// exit: builds the Helper, finishes the file the previous run left half
+// converted, connects the command's notices to the helper, the update bridge
+// and the history, applies "active" and "visible", owns the tray's
+// controller, installs the crash handling and the power monitoring, and at
+// the end stops the work in order, so that no file is left half written.
+// Everything here runs on the main thread.
 #pragma once
 
 #include <memory>
@@ -12,19 +13,23 @@
 
 #include "base/notification_center.h"
 #include "desktop/helper.h"
+#include "desktop/menu_bar_controller.h"
 #include "helper/lifecycle/crash_controller.h"
 
 namespace zephlore {
 
 class KRHelperStatusService;
+class KRStatusNotifierItem;
+class LibnotifySender;
 
 class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
  public:
-  static KRAppDelegate& sharedAppDelegate();
+  // What the helper works through (see Helper); nothing starts yet.
+  KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder);
+  ~KRAppDelegate() override;
 
-  // The start-up steps in their order. False when another copy runs: this
-  // one has touched nothing and must end now.
-  bool awakeFromNib();
+  // The start-up steps in their order.
+  void awakeFromNib();
 
   void listenToPrefPane();
   void watchPaths();
@@ -68,13 +73,18 @@ class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
   KRAppDelegate& operator=(const KRAppDelegate&) = delete;
 
  private:
-  KRAppDelegate();
-
   // What Linux adds around the steps: desktop notices, the tray item, the
   // live status on the bus.
   void connectDesktop();
   void publishStatus();
 
+  Env& env_;
+  RunLoop& loop_;
+  PathMap& map_;
+  const std::string dataFolder_;
+  KRMenuBarController menu_;
+  std::unique_ptr<KRStatusNotifierItem> trayItem_;
+  std::shared_ptr<LibnotifySender> noticeSender_;
   bool shouldQuit_ = false;
   bool terminating_ = false;
   bool activityTerminated_ = false;

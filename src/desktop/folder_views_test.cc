@@ -81,11 +81,10 @@ class FolderViewsTest : public ::testing::Test {
   const std::string folder = dir.path();
   ScopedManualClock clock;
   testkit::FixedLoad load{*clock};
-  ScopedSystemLoadHandler useLoad{&load};
   RunLoop loop{*clock};
   testkit::NotificationRecorder recorder{*clock};
   OperationQueue queue{1};
-  KRCompressor compressor{loop, &queue};
+  KRCompressor compressor{loop, &queue, Env::shared(), &load};
   ProcessViews* mounter = new ProcessViews();
   PathMap map;
   KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map};

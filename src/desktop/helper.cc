@@ -7,29 +7,41 @@
 #include "helper/history/folder_savings.h"
 #include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
-#include "helper/lifecycle/file_in_process_watchdog.h"
 #include "helper/lifecycle/previous_run_recovery.h"
-#include "helper/lifecycle/scheduler.h"
-#include "helper/pipeline/compressor.h"
-#include "helper/pipeline/power_manager.h"
 #include "helper/settings/defaults_controller.h"
 #include "helper/watching/path_analyzer.h"
-#include "helper/watching/path_watcher.h"
 #include "platform/mount_watcher.h"
 #include "platform/path_map.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {
 
-Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer)
+Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder)
     : env_(env),
       loop_(loop),
       map_(map),
       observer_(observer),
-      compressor_(KRCompressor::sharedCompressor()),
-      watcher_(KRPathWatcher::sharedWatcher()),
-      history_(KRHistoryProcessor::sharedHistoryProcessor()),
+      dataFolder_(dataFolder),
+      record_(env, dataFolder),
+      load_(std::make_unique<KernelLoadCounters>(), loop),
+      power_(std::make_unique<SysfsPowerSupplies>(), loop),
+      history_(loop, env),
+      compressor_(loop, &scheduler_.compressionQueue(), env, &load_, &record_),
+      watcher_(loop, env, &compressor_),
       views_(std::make_unique<view::ViewMounter>(), loop, map) {
+  linkParts();
+}
+
+Helper::~Helper() {
+  for (NotificationCenter::ObserverId id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
+  watcher_.setWatchPaths(std::nullopt);
+  compressor_.pauseCompression();
+  scheduler_.analysisQueue().waitUntilAllOperationsAreFinished();
+  scheduler_.compressionQueue().waitUntilAllOperationsAreFinished();
+  KRPathAnalyzer::setLinks({});
+}
+
+void Helper::linkParts() {
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
   KRFolderViews::Hooks viewHooks;
@@ -49,13 +61,13 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer)
   // Programs would read a file compressed while its folder's view is down
   // as empty; and a copy whose swaps no record traces must not make any.
   compressor_.setCompressionHold([this](const std::string& path) -> std::string {
-    if (KRFileInProcessWatchdog::sharedWatchdog().recordHeldByAnotherCopy()) {
+    if (record_.recordHeldByAnotherCopy()) {
       return "another running helper holds the record of the file in process";
     }
     return views_.holdReason(path);
   });
 
-  KRPowerManager::sharedPowerManager().setHooks({
+  power_.setHooks({
       nullptr,  // the "active" setting
       [this] { return observer_.pausedByUser(); },
       [this] { observer_.pauseForPower(); },
@@ -64,26 +76,22 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer)
 
   KRPathAnalyzerLinks analyzerLinks;
   analyzerLinks.watchedPathForPath = [this](const std::string& path) { return watcher_.watchedPathForPath(path); };
-  analyzerLinks.addFilesToCompress = [](const std::vector<std::string>& files) {
-    return static_cast<size_t>(KRCompressor::addFilesToCompress(files));
+  analyzerLinks.addFilesToCompress = [this](const std::vector<std::string>& files) {
+    return static_cast<size_t>(compressor_.addFiles(files));
   };
   analyzerLinks.isFileInProcess = [this](const std::string& path) { return compressor_.isInProcess(path); };
   analyzerLinks.closeDatabase = [] { KRHelperUtil::closeDatabase(); };
-  analyzerLinks.addAnalysisOperation = [](Operation operation) {
-    KRScheduler::addAnalysisOperation(std::move(operation));
+  analyzerLinks.addAnalysisOperation = [this](Operation operation) {
+    scheduler_.queueAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &compressor_;
   analyzerLinks.env = &env_;
   KRPathAnalyzer::setLinks(std::move(analyzerLinks));
 }
 
-Helper::~Helper() {
-  for (NotificationCenter::ObserverId id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
-}
-
 void Helper::recoverPreviousRun() {
   views_.refreshMap();
-  checkIntegrityOfPreviousRun();
+  checkIntegrityOfPreviousRun(env_, record_, dataFolder_);
 }
 
 void Helper::start() {
@@ -116,7 +124,7 @@ void Helper::start() {
     history_.justSweptFolder_main(folder);
     // The folder's savings are measured from its files, off the main
     // thread, and replace the running sum: nothing gone stays counted.
-    KRScheduler::addAnalysisOperation(Operation{[this, folder] {
+    scheduler_.queueAnalysisOperation(Operation{[this, folder] {
       if (std::optional<uint64_t> saved = measureFolderSavings(env_, folder)) history_.setSavingsForFolder(*saved, folder);
     }, {}});
   };
@@ -142,13 +150,17 @@ void Helper::applyWatchPaths(const std::optional<std::vector<std::string>>& fold
 }
 
 void Helper::pauseWork() {
-  KRPathWatcher::sharedWatcher().setPaused(true);
-  KRCompressor::sharedCompressor().pauseCompression();
+  watcher_.setPaused(true);
+  compressor_.pauseCompression();
 }
 
 void Helper::resumeWork() {
-  KRPathWatcher::sharedWatcher().setPaused(false);
-  KRCompressor::sharedCompressor().resumeCompression();
+  watcher_.setPaused(false);
+  compressor_.resumeCompression();
+}
+
+void Helper::startPowerMonitoring() {
+  if (power_.hasBattery()) power_.startMonitoringPowerSource();
 }
 
 void Helper::stopWork(const std::function<void()>& beforeWaiting) {

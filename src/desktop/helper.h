@@ -1,9 +1,10 @@
-// Helper: the helper's working parts put together in one place. It hands
-// the compressor, the path watcher, the analyzers and the history the links
-// between them, owns the views over the watched folders, and answers the
-// desktop layer (tray, notices, status object), which sees it only through
-// HelperObserver and the calls below and never links the parts itself.
-// Everything here runs on the main run loop's thread.
+// Helper: the helper's working parts, owned in one place. It builds the
+// scheduler, the crash record, the load and power gauges, the history, the
+// compressor, the path watcher and the views over the watched folders, hands
+// each what it needs through its constructor, links the analyzers to them,
+// and answers the desktop layer (tray, notices, status object), which sees
+// it only through HelperObserver and the calls below and never links the
+// parts itself. Everything here runs on the main run loop's thread.
 #pragma once
 
 #include <cstdint>
@@ -14,15 +15,19 @@
 
 #include "base/notification_center.h"
 #include "desktop/folder_views.h"
+#include "helper/history/history_processor.h"
+#include "helper/lifecycle/file_in_process_watchdog.h"
+#include "helper/lifecycle/scheduler.h"
+#include "helper/pipeline/compressor.h"
+#include "helper/pipeline/power_manager.h"
+#include "helper/pipeline/system_load_handler.h"
+#include "helper/watching/path_watcher.h"
 
 namespace zephlore {
 
 class Env;
 class PathMap;
 class RunLoop;
-class KRCompressor;
-class KRHistoryProcessor;
-class KRPathWatcher;
 
 // What the desktop layer hears from the helper, on the main thread.
 class HelperObserver {
@@ -49,10 +54,14 @@ class Helper {
     std::vector<std::string> views;
   };
 
-  // Links the parts; nothing is watched, mounted or started yet. Built
-  // once: the parts it links are still process-wide and keep its links, so
-  // it lives until the process ends.
-  Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer);
+  // Builds and links the parts; nothing is watched, mounted or started
+  // yet. Files are reached through `env` (the helper's maps the watched
+  // folders to the trees beneath their views, which `map` lists); the crash
+  // record lives in `dataFolder`. Built once this copy knows it is the only
+  // one: the record's lock is taken here.
+  Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder);
+  // Stops the work and waits for the queues (tests; the helper's own lives
+  // until the process ends).
   ~Helper();
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
@@ -66,9 +75,13 @@ class Helper {
   // Watches the history's folders (views first, then the watcher), or none.
   void watchFolders();
   void stopWatching();
-  // The watcher's and the compressor's pause (they are process-wide yet).
-  static void pauseWork();
-  static void resumeWork();
+  // The command's "com.quorvane.krimble.folders" notice.
+  void foldersChanged(const Notification& notification) { history_.foldersChanged(notification); }
+  // The watcher's and the compressor's pause.
+  void pauseWork();
+  void resumeWork();
+  // On a machine with a battery, pauses on battery from now on.
+  void startPowerMonitoring();
   // Stops the work for good: `beforeWaiting` runs when a file is being
   // swapped and the end must wait for it. The compressor's critical-section
   // lock is kept, so that no swap begins before the process ends.
@@ -80,13 +93,21 @@ class Helper {
  private:
   void applyWatchPaths(const std::optional<std::vector<std::string>>& folders);
 
+  void linkParts();
+
   Env& env_;
   RunLoop& loop_;
   PathMap& map_;
   HelperObserver& observer_;
-  KRCompressor& compressor_;
-  KRPathWatcher& watcher_;
-  KRHistoryProcessor& history_;
+  const std::string dataFolder_;
+  // In the order they are built: each uses only those above it.
+  KRScheduler scheduler_;
+  KRFileInProcessWatchdog record_;
+  KRSystemLoadHandler load_;
+  KRPowerManager power_;
+  KRHistoryProcessor history_;
+  KRCompressor compressor_;
+  KRPathWatcher watcher_;
   KRFolderViews views_;
   std::vector<NotificationCenter::ObserverId> observers_;
 };

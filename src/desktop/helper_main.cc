@@ -1,7 +1,8 @@
-// zephlore-helper: the background helper's application main. Builds the
-// application delegate, runs its start-up steps and then the main run loop
-// until the delegate ends it; SIGINT, SIGTERM and SIGHUP take the same
-// orderly path as "krimbleHelperShouldQuit".
+// zephlore-helper: the background helper's application main. Makes sure it
+// is the only copy, makes the one Env and the map of the views, builds the
+// application delegate (which builds the Helper), runs its start-up steps
+// and then the main run loop until the delegate ends it; SIGINT, SIGTERM and
+// SIGHUP take the same orderly path as "krimbleHelperShouldQuit".
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -17,8 +18,11 @@
 #include "base/sped_up_clock.h"
 #include "base/util.h"
 #include "desktop/app_delegate.h"
+#include "helper/bus/distributed_notification_center.h"
+#include "helper/lifecycle/single_copy.h"
 #include "platform/path_map.h"
 #include "platform/path_mapping_env.h"
+#include "protocol/bus_names.h"
 
 namespace {
 
@@ -27,7 +31,7 @@ using namespace zephlore;
 // Quit signals arrive as readable data on a signalfd that the run loop
 // watches, so the quit runs on the main thread like any other event. The mask
 // is set before any thread starts, so every thread leaves them to the fd.
-int watchQuitSignals(RunLoop& loop) {
+int watchQuitSignals(RunLoop& loop, KRAppDelegate& delegate) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGINT);
@@ -37,11 +41,11 @@ int watchQuitSignals(RunLoop& loop) {
   if (sigprocmask(SIG_BLOCK, &mask, nullptr) != 0) return -1;
   int fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
   if (fd < 0) return -1;
-  loop.watchFd(fd, POLLIN, [fd](short) {
+  loop.watchFd(fd, POLLIN, [fd, &delegate](short) {
     signalfd_siginfo info;
     while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
       KRLog("ZephloreHelper: %s received, quitting", strsignal(static_cast<int>(info.ssi_signo)));
-      KRAppDelegate::sharedAppDelegate().terminate();
+      delegate.terminate();
     }
   });
   return fd;
@@ -58,11 +62,6 @@ int main() {
 
   RunLoop& loop = RunLoop::main();
   loop.bindThread();  // start-up runs on the loop's own thread
-  const int signal_fd = watchQuitSignals(loop);
-  if (signal_fd < 0) {
-    KRLog("*** ZephloreHelper: cannot watch for quit signals: %s", strerror(errno));
-    return 1;
-  }
 
   // Without a data folder there is nowhere to keep the settings, the history
   // or the record of the file being rewritten, which makes compressing
@@ -75,12 +74,29 @@ int main() {
   }
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
 
+  // One copy only; a second one touches nothing.
+  const SingleCopyVerdict verdict =
+      checkSingleCopy(DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
+  if (verdict.terminate) {
+    KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
+    return 0;
+  }
+
   // The helper's own file work happens beneath the views over its folders
   // (the views hide the layout it converts); paths stay the shown ones.
-  static PathMappingEnv beneathViews(Env::shared(), PathMap::shared());
-  Env::setShared(&beneathViews);
+  // Everything below lives until the process ends: worker threads may
+  // still be finishing a file when main returns.
+  auto* views = new PathMap();
+  auto* beneathViews = new PathMappingEnv(Env::shared(), *views);
+  Env::setShared(beneathViews);
+  auto* delegate = new KRAppDelegate(*beneathViews, loop, *views, *folder);
 
-  if (!KRAppDelegate::sharedAppDelegate().awakeFromNib()) return 0;
+  const int signal_fd = watchQuitSignals(loop, *delegate);
+  if (signal_fd < 0) {
+    KRLog("*** ZephloreHelper: cannot watch for quit signals: %s", strerror(errno));
+    return 1;
+  }
+  delegate->awakeFromNib();
   loop.run();
   // Worker threads still hopping to the main thread get an answer now.
   loop.shutdown();

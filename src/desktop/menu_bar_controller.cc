@@ -1,26 +1,15 @@
 #include "desktop/menu_bar_controller.h"
 
 #include "base/util.h"
-#include "desktop/app_delegate.h"
 #include "helper/notices/notice_bridge.h"
-#include "helper/pipeline/compressor.h"
 
 namespace zephlore {
 namespace {
 
-std::atomic<KRMenuBarController*> installed{nullptr};
 // Every delayed call of the controller is the animation's.
 constexpr const char* kDelayedKey = "animation";
 
 }  // namespace
-
-KRMenuBarController& KRMenuBarController::sharedMenuBarController() {
-  if (KRMenuBarController* controller = installed.load()) return *controller;
-  static KRMenuBarController* own = new KRMenuBarController(RunLoop::main());
-  return *own;
-}
-
-void KRMenuBarController::setShared(KRMenuBarController* controller) { installed.store(controller); }
 
 KRMenuBarController::KRMenuBarController(RunLoop& mainLoop) : mainLoop_(mainLoop) {
   for (const char* name : {kAnalysisStartedNotification, kAnalysisEndedNotification, kCompressionStartedNotification,
@@ -161,7 +150,7 @@ void KRMenuBarController::pause() {
   setIcon(kIconDisabled);
   menu_.pauseTitle = "Resume";
   menuChanged();
-  KRAppDelegate::sharedAppDelegate().pauseApp();
+  if (workPauser_) workPauser_(true);
 }
 
 void KRMenuBarController::resume() {
@@ -170,7 +159,7 @@ void KRMenuBarController::resume() {
   if (appStatus_ != kStatusCompressing) setIcon(kIconNormal);
   menu_.pauseTitle = "Pause";
   menuChanged();
-  KRAppDelegate::sharedAppDelegate().resumeApp();
+  if (workPauser_) workPauser_(false);
 }
 
 void KRMenuBarController::togglePause() {

@@ -51,10 +51,6 @@ class KRStatusItemView {
 
 class KRMenuBarController {
  public:
-  // The installed controller, else the process's own on the main run loop.
-  static KRMenuBarController& sharedMenuBarController();
-  static void setShared(KRMenuBarController* controller);
-
   // Subscribes to the activity notifications; shows nothing yet.
   explicit KRMenuBarController(RunLoop& mainLoop);
   ~KRMenuBarController();
@@ -67,6 +63,8 @@ class KRMenuBarController {
   void setTotalSavingsSource(std::function<uint64_t()> source);
   // What "Open Zephlore" does (the desktop installs the terminal launcher).
   void setShowHistoryAction(std::function<void()> action);
+  // What Pause and Resume do to the helper's work (true: pause).
+  void setWorkPauser(std::function<void(bool paused)> pauser) { workPauser_ = std::move(pauser); }
   // Told after every change of what the item shows (status, pause, savings).
   void setChangeObserver(std::function<void()> observer) { changeObserver_ = std::move(observer); }
 
@@ -103,6 +101,7 @@ class KRMenuBarController {
   std::function<uint64_t()> totalSavings_;
   std::function<void()> showHistoryAction_;
   std::function<void()> changeObserver_;
+  std::function<void(bool)> workPauser_;
   KRStatusMenu menu_;
   std::string iconName_ = kIconNormal;
   int32_t appStatus_ = kStatusIdle;
@@ -110,14 +109,6 @@ class KRMenuBarController {
   bool analyzing_ = false;
   bool paused_ = false;
   bool visible_ = false;
-};
-
-class ScopedMenuBarController {
- public:
-  explicit ScopedMenuBarController(KRMenuBarController* c) { KRMenuBarController::setShared(c); }
-  ~ScopedMenuBarController() { KRMenuBarController::setShared(nullptr); }
-  ScopedMenuBarController(const ScopedMenuBarController&) = delete;
-  ScopedMenuBarController& operator=(const ScopedMenuBarController&) = delete;
 };
 
 }  // namespace zephlore

@@ -13,7 +13,6 @@
 
 #include "desktop/control_surface.h"
 #include "helper/bus/distributed_notification_center.h"
-#include "helper/pipeline/compressor.h"
 #include "protocol/notification_names.h"
 #include "testing/child.h"
 #include "testing/files.h"
@@ -176,10 +175,9 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
   ManualClock clock;
   RunLoop loop(clock);
   loop.runUntilIdle();  // this thread is the main thread
-  OperationQueue queue(1);
-  KRCompressor compressor(loop, &queue);
-  ScopedCompressor useCompressor(&compressor);
   KRMenuBarController controller(loop);
+  bool workPaused = false;
+  controller.setWorkPauser([&](bool paused) { workPaused = paused; });
   {
     // No tray yet: the item is simply not shown anywhere.
     KRStatusNotifierItem item(loop, [&] { controller.togglePause(); }, [&] { KRControlSurface::showHistory(loop); });
@@ -204,7 +202,7 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
     EXPECT_EQ(rows[4].second, "Open Zephlore");
 
     click(tray, service, rows[2].first);
-    loop.runUntil([&] { return compressor.compressorPaused(); });
+    loop.runUntil([&] { return workPaused; });
     item.sync();
     EXPECT_EQ(readMenu(tray, service)[2].second, "Resume");
     EXPECT_EQ(readMenu(tray, service)[1].second, "Status: Paused");
@@ -225,7 +223,6 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
 
     controller.setView(nullptr);
   }
-  queue.waitUntilAllOperationsAreFinished();
 }
 
 }  // namespace

@@ -18,12 +18,6 @@ namespace {
 
 constexpr size_t kMaxFolderPathBytes = 1024;
 
-std::mutex& sharedMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-KRHistoryProcessor* installed = nullptr;
-
 // "/a/b" -> {"/", "a", "b"}.
 std::vector<std::string> pathComponents(const std::string& path) {
   std::vector<std::string> parts;
@@ -54,27 +48,7 @@ bool isDirectoryPath(Env& env, const std::string& path) { return QVPathString::i
 
 }  // namespace
 
-// --- The single instance ------------------------------------------------------
-
-KRHistoryProcessor& KRHistoryProcessor::sharedHistoryProcessor() {
-  std::lock_guard<std::mutex> lock(sharedMutex());
-  if (installed) return *installed;
-  static KRHistoryProcessor* processor = new KRHistoryProcessor();
-  return *processor;
-}
-
-ScopedHistoryProcessor::ScopedHistoryProcessor(KRHistoryProcessor* processor) {
-  std::lock_guard<std::mutex> lock(sharedMutex());
-  previous_ = installed;
-  installed = processor;
-}
-
-ScopedHistoryProcessor::~ScopedHistoryProcessor() {
-  std::lock_guard<std::mutex> lock(sharedMutex());
-  installed = previous_;
-}
-
-KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Hooks hooks, Env& env)
+KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks)
     : loop_(loop), env_(env), hooks_(std::move(hooks)) {
   if (!hooks_.postSavingsChanged) {
     hooks_.postSavingsChanged = [] {
@@ -345,7 +319,7 @@ FolderList KRHistoryProcessor::usableFolders(const Notification& notification, c
       KRLog("%s: folder \"%.100s\" refused: %s", notification.name.c_str(), path.c_str(), problem);
     } else {
       // The rules compare one form: "/a/b/.." is "/a", its links resolved.
-      usable.push_back(resolvedUserPath(Env::shared(), path));
+      usable.push_back(resolvedUserPath(env_, path));
     }
   }
   return usable;

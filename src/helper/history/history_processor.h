@@ -44,13 +44,9 @@ class KRHistoryProcessor {
   static constexpr uint64_t kGigabyte = 1'000'000'000;
   static constexpr double kSaveDelaySeconds = 0.2;
 
-  // The process's processor, created on first use; a ScopedHistoryProcessor
-  // puts another in its place.
-  static KRHistoryProcessor& sharedHistoryProcessor();
-
   // Computes the total at once (a database access on the calling thread).
   // The watched folders are looked at through `env`.
-  explicit KRHistoryProcessor(RunLoop& loop = RunLoop::main(), Hooks hooks = {}, Env& env = Env::shared());
+  KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks = {});
   ~KRHistoryProcessor();
   KRHistoryProcessor(const KRHistoryProcessor&) = delete;
   KRHistoryProcessor& operator=(const KRHistoryProcessor&) = delete;
@@ -122,18 +118,6 @@ class KRHistoryProcessor {
   std::atomic<uint64_t> total_savings_{0};
   std::mutex observers_mutex_;
   std::vector<std::function<void(uint64_t)>> total_observers_;
-};
-
-// Puts `processor` in place of the shared one for the life of the object.
-class ScopedHistoryProcessor {
- public:
-  explicit ScopedHistoryProcessor(KRHistoryProcessor* processor);
-  ~ScopedHistoryProcessor();
-  ScopedHistoryProcessor(const ScopedHistoryProcessor&) = delete;
-  ScopedHistoryProcessor& operator=(const ScopedHistoryProcessor&) = delete;
-
- private:
-  KRHistoryProcessor* previous_;
 };
 
 }  // namespace zephlore

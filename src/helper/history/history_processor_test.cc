@@ -39,8 +39,7 @@ class HistoryProcessorTest : public ::testing::Test {
     hooks.postSavingsChanged = [this] { posts_.push_back(clock_->now()); };
     hooks.setWatchPaths = [this](const std::optional<FolderList>& list) { watched_ = list; };
     hooks.helperActive = [] { return true; };
-    processor_ = std::make_unique<KRHistoryProcessor>(RunLoop::main(), hooks);
-    scoped_ = std::make_unique<ScopedHistoryProcessor>(processor_.get());
+    processor_ = std::make_unique<KRHistoryProcessor>(RunLoop::main(), Env::system(), hooks);
   }
 
   void advance(double s) {
@@ -59,7 +58,6 @@ class HistoryProcessorTest : public ::testing::Test {
   std::vector<TimePoint> posts_;
   std::optional<FolderList> watched_;
   std::unique_ptr<KRHistoryProcessor> processor_;
-  std::unique_ptr<ScopedHistoryProcessor> scoped_;
 };
 
 TEST_F(HistoryProcessorTest, AParentTakesOverItsChildAndAChildOfAWatchedFolderIsRefused) {

@@ -1,20 +1,13 @@
 #include "helper/lifecycle/file_in_process_watchdog.h"
 
-#include "base/util.h"
-
 namespace zephlore {
 
-std::string KRFileInProcessWatchdog::watchdogFilename() {
-  std::optional<std::string> folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/inprocess.kr" : "";
+std::string KRFileInProcessWatchdog::watchdogFilename(const std::string& dataFolder) {
+  return dataFolder + "/inprocess.kr";
 }
 
-SharedInstance<KRFileInProcessWatchdog>& KRFileInProcessWatchdog::sharedInstance() {
-  static SharedInstance<KRFileInProcessWatchdog> instance([] { return new KRFileInProcessWatchdog(); });
-  return instance;
-}
-
-KRFileInProcessWatchdog::KRFileInProcessWatchdog() : record_(watchdogFilename(), Env::shared()) {}
+KRFileInProcessWatchdog::KRFileInProcessWatchdog(Env& env, const std::string& dataFolder)
+    : record_(watchdogFilename(dataFolder), env) {}
 
 bool KRFileInProcessWatchdog::hasInProcessFileFromPreviousSession() const {
   return record_.previous().path.has_value();

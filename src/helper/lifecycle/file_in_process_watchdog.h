@@ -13,21 +13,18 @@
 #include <optional>
 #include <string>
 
-#include "base/shared_instance.h"
 #include "engine/in_process_record.h"
 
 namespace zephlore {
 
 class KRFileInProcessWatchdog {
  public:
-  // The data folder joined with "inprocess.kr" ("" without a data folder).
-  static std::string watchdogFilename();
-  // The single instance, created on first use. It reads the previous run's
-  // record, then opens the record file under an exclusive lock, which a second
-  // running helper therefore fails to take (it logs, and compresses nothing).
-  static KRFileInProcessWatchdog& sharedWatchdog() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRFileInProcessWatchdog>).
-  static SharedInstance<KRFileInProcessWatchdog>& sharedInstance();
+  // `dataFolder` joined with "inprocess.kr".
+  static std::string watchdogFilename(const std::string& dataFolder);
+  // Reads the previous run's record in `dataFolder`, then opens the record
+  // file under an exclusive lock, which a second running helper therefore
+  // fails to take (it logs, and compresses nothing).
+  KRFileInProcessWatchdog(Env& env, const std::string& dataFolder);
 
   KRFileInProcessWatchdog(const KRFileInProcessWatchdog&) = delete;
   KRFileInProcessWatchdog& operator=(const KRFileInProcessWatchdog&) = delete;
@@ -47,9 +44,6 @@ class KRFileInProcessWatchdog {
   void reset();
 
  private:
-  friend class ScopedShared<KRFileInProcessWatchdog>;
-  KRFileInProcessWatchdog();
-
   InProcessRecordFile record_;
 };
 

@@ -4,9 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "base/data_folder.h"
+#include "platform/env.h"
 #include "testing/files.h"
-#include "testing/scoped_env.h"
 #include "testing/scratch_dir.h"
 
 namespace zephlore {
@@ -16,16 +15,10 @@ using namespace testkit;
 
 TEST(KRFileInProcessWatchdogTest, RecoversThePreviousRecordThenTracesEachFile) {
   ScratchDir home;
-  testkit::ScopedEnvVar data_home("XDG_DATA_HOME", home.path());
-  ScopedShared<DataFolder> data_folder;  // looked up afresh in this home
-  ASSERT_EQ(mkdir((home / "Zephlore").c_str(), 0700), 0);
-  const std::string record = home / "Zephlore/inprocess.kr";
+  const std::string record = home / "inprocess.kr";
   writeFile(record, "/a/b\n42");
 
-  EXPECT_EQ(KRFileInProcessWatchdog::watchdogFilename(), record);
-  ScopedShared<KRFileInProcessWatchdog> fresh_watchdog;
-  KRFileInProcessWatchdog& watchdog = KRFileInProcessWatchdog::sharedWatchdog();
-  EXPECT_EQ(&watchdog, &KRFileInProcessWatchdog::sharedWatchdog());
+  KRFileInProcessWatchdog watchdog(Env::system(), home.path());
   EXPECT_TRUE(watchdog.hasInProcessFileFromPreviousSession());
   EXPECT_EQ(watchdog.inProcessFileFromPreviousSession(), "/a/b");
   EXPECT_EQ(watchdog.expectedSizeOfInProcessFile(), 42);

@@ -6,7 +6,6 @@
 #pragma once
 
 #include "base/operation_queue.h"
-#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -15,16 +14,10 @@ class KRScheduler {
   static constexpr int kMaxConcurrentAnalyses = 2;
   static constexpr int kMaxConcurrentCompressions = 1;
 
-  // The single instance: made on first use, never destroyed.
-  static KRScheduler& sharedScheduler() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRScheduler>).
-  static SharedInstance<KRScheduler>& sharedInstance();
+  // The helper owns one; its queues' threads end with it.
+  KRScheduler() = default;
 
-  // Class forms: forward to the single instance. Any thread.
-  static void addAnalysisOperation(Operation operation);
-  static void addCompressionOperation(Operation operation);
-
-  // Instance forms.
+  // Any thread.
   void queueAnalysisOperation(Operation operation) {
     analysisQueue_.addOperation(std::move(operation));
   }
@@ -39,9 +32,6 @@ class KRScheduler {
   KRScheduler& operator=(const KRScheduler&) = delete;
 
  private:
-  friend class ScopedShared<KRScheduler>;
-  KRScheduler() = default;
-
   OperationQueue analysisQueue_{kMaxConcurrentAnalyses};
   OperationQueue compressionQueue_{kMaxConcurrentCompressions};
 };

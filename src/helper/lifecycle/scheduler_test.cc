@@ -64,15 +64,13 @@ TEST(Scheduler, ThreeAnalysesRunTwoAtATimeInSubmissionOrder) {
   Tracker tracker;
   std::vector<std::unique_ptr<testkit::BoundedLatch>> gates;
   // Declared last, so its queues finish before what they use goes away.
-  ScopedShared<KRScheduler> fresh;
-  KRScheduler& scheduler = KRScheduler::sharedScheduler();
-  EXPECT_EQ(&scheduler, &KRScheduler::sharedScheduler());
+  KRScheduler scheduler;
   EXPECT_EQ(scheduler.analysisQueue().maxConcurrentOperationCount(), 2);
   EXPECT_EQ(scheduler.compressionQueue().maxConcurrentOperationCount(), 1);
 
   for (int i = 0; i < 3; ++i) gates.push_back(std::make_unique<testkit::BoundedLatch>(1));
   for (int i = 0; i < 3; ++i) {
-    KRScheduler::addAnalysisOperation({[&, i] {
+    scheduler.queueAnalysisOperation({[&, i] {
       tracker.started(i);
       EXPECT_TRUE(gates[static_cast<size_t>(i)]->wait());
     }, [&, i] { tracker.finished(i); }});
@@ -93,10 +91,9 @@ TEST(Scheduler, ThreeAnalysesRunTwoAtATimeInSubmissionOrder) {
 TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
   Tracker tracker;
   testkit::BoundedLatch hold(1);
-  ScopedShared<KRScheduler> fresh;
+  KRScheduler scheduler;
   for (int i = 0; i < 5; ++i) {
-    // The instance form, through the single instance.
-    KRScheduler::sharedScheduler().queueCompressionOperation({[&, i] {
+    scheduler.queueCompressionOperation({[&, i] {
       tracker.started(i);
       if (i == 0) {
         EXPECT_TRUE(hold.wait());  // everything queues up behind the first
@@ -106,7 +103,7 @@ TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
   }
   ASSERT_TRUE(tracker.waitStarted(1));
   hold.countDown();
-  KRScheduler::sharedScheduler().compressionQueue().waitUntilAllOperationsAreFinished();
+  scheduler.compressionQueue().waitUntilAllOperationsAreFinished();
   EXPECT_EQ(tracker.peak(), 1);
   EXPECT_EQ(tracker.startedOrder(), (std::vector<int>{0, 1, 2, 3, 4}));
   EXPECT_EQ(tracker.finishedOrder(), (std::vector<int>{0, 1, 2, 3, 4}));
@@ -117,10 +114,10 @@ TEST(Scheduler, AnAnalysisAndACompressionRunSideBySide) {
   // at once on their own queues.
   testkit::BoundedLatch both(2);
   testkit::BoundedLatch done(2);
-  ScopedShared<KRScheduler> fresh;
-  KRScheduler::addAnalysisOperation(
+  KRScheduler scheduler;
+  scheduler.queueAnalysisOperation(
       {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
-  KRScheduler::addCompressionOperation(
+  scheduler.queueCompressionOperation(
       {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
   ASSERT_TRUE(done.wait());
 }

@@ -14,7 +14,6 @@
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
 #include "helper/lifecycle/file_in_process_watchdog.h"
-#include "helper/lifecycle/scheduler.h"
 #include "helper/pipeline/system_load_handler.h"
 #include "helper/settings/helper_defaults.h"
 #include "platform/thread_priority.h"
@@ -22,7 +21,6 @@
 namespace zephlore {
 namespace {
 
-std::atomic<KRCompressor*> installed{nullptr};
 constexpr const char* kTickKey = "compressionTick";
 
 std::string retryKey(const std::string& path) { return "retry " + path; }
@@ -64,16 +62,9 @@ void yieldToEverythingElse() {
 
 }  // namespace
 
-KRCompressor& KRCompressor::sharedCompressor() {
-  if (KRCompressor* compressor = installed.load()) return *compressor;
-  static KRCompressor* own = new KRCompressor(RunLoop::main(), &KRScheduler::sharedScheduler().compressionQueue());
-  return *own;
-}
-
-void KRCompressor::setShared(KRCompressor* compressor) { installed.store(compressor); }
-
-KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env)
-    : mainLoop_(mainLoop), env_(env), compressionQueue_(compressionQueue) {
+KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env, KRSystemLoadHandler* load,
+                           KRFileInProcessWatchdog* record)
+    : mainLoop_(mainLoop), env_(env), compressionQueue_(compressionQueue), load_(load), record_(record) {
   if (!compressionQueue_) {
     ownQueue_ = std::make_unique<OperationQueue>(1);
     compressionQueue_ = ownQueue_.get();
@@ -241,8 +232,9 @@ void KRCompressor::compressionTick() {
 bool KRCompressor::waitForQuietSystem() {
   Clock& clock = mainLoop_.clock();
   for (;;) {
-    KRSystemLoadHandler& load = KRSystemLoadHandler::sharedSystemLoadHandler();
-    if (!(load.currentCPULoad() > kMaxCPULoad || load.currentDiskLoad() > kMaxDiskLoad)) return !paused_;
+    if (!load_ || !(load_->currentCPULoad() > kMaxCPULoad || load_->currentDiskLoad() > kMaxDiskLoad)) {
+      return !paused_;
+    }
     std::unique_lock lock(loadWaitLock_);
     if (clock.waitUntil(lock, loadWaitCv_, clock.now() + seconds(kLoadRetestInterval),
                         [this] { return paused_.load(); })) {
@@ -412,12 +404,12 @@ void KRCompressor::compressorWillEnterCriticalSectionForFile(QVHFSCompressedFile
   // Lock first, record second: the record never names a file whose swap
   // another thread could be in.
   criticalSectionLock_.lock();
-  KRFileInProcessWatchdog::sharedWatchdog().willProcessFile(path);
+  if (record_) record_->willProcessFile(path);
 }
 
 void KRCompressor::compressorDidExitCriticalSectionForFile(QVHFSCompressedFileRepresentation*,
                                                            const std::string& path) {
-  KRFileInProcessWatchdog::sharedWatchdog().didProcessFile(path);
+  if (record_) record_->didProcessFile(path);
   criticalSectionLock_.unlock();
 }
 

@@ -30,6 +30,9 @@
 
 namespace zephlore {
 
+class KRFileInProcessWatchdog;
+class KRSystemLoadHandler;
+
 inline constexpr int kFolderNotWatchedErrorCode = 8000;
 inline constexpr int kFolderHeldErrorCode = 8001;  // e.g. its view is down
 
@@ -60,15 +63,12 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Hands a file back for analysis (main thread).
   using RetryHandler = std::function<void(const std::string& path)>;
 
-  // The installed compressor, else the process's own (main run loop, the
-  // scheduler's compression queue), made on first use and never destroyed.
-  static KRCompressor& sharedCompressor();
-  static void setShared(KRCompressor* compressor);
-
   // Ticks on `mainLoop`; batches on `compressionQueue`, or on a one-at-a-time
   // queue of its own when none is given (tests). Files are converted through
-  // `env`.
-  explicit KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue = nullptr, Env& env = Env::shared());
+  // `env`. Before each file it waits while `load` says the machine is busy
+  // (none: never); around each swap it keeps `record` (none: no record).
+  KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env, KRSystemLoadHandler* load = nullptr,
+               KRFileInProcessWatchdog* record = nullptr);
   // Stops the running batch before its next file (and waits for it when
   // the queue is the compressor's own).
   ~KRCompressor() override;
@@ -88,11 +88,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   // Queues the paths not already in process and in a watched folder; returns
   // how many. Any thread.
-  static uint64_t addFilesToCompress(const std::vector<std::string>& paths) {
-    return sharedCompressor().addFiles(paths);
-  }
   uint64_t addFiles(const std::vector<std::string>& paths);
-  static bool isFileInProcess(const std::string& path) { return sharedCompressor().isInProcess(path); }
   bool isInProcess(const std::string& path);
 
   // Main thread.
@@ -139,6 +135,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   RunLoop& mainLoop_;
   Env& env_;
   OperationQueue* compressionQueue_;
+  KRSystemLoadHandler* load_;
+  KRFileInProcessWatchdog* record_;
 
   std::recursive_mutex fileQueueLock_;
   std::deque<std::string> fileQueue_;
@@ -169,12 +167,5 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   std::unique_ptr<OperationQueue> ownQueue_;
 };
 
-class ScopedCompressor {
- public:
-  explicit ScopedCompressor(KRCompressor* compressor) { KRCompressor::setShared(compressor); }
-  ~ScopedCompressor() { KRCompressor::setShared(nullptr); }
-  ScopedCompressor(const ScopedCompressor&) = delete;
-  ScopedCompressor& operator=(const ScopedCompressor&) = delete;
-};
 
 }  // namespace zephlore

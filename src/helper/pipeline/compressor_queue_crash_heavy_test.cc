@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
+#include "base/util.h"
 #include "engine/file_content_reader.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hooked_env_for_tests.h"
@@ -56,11 +57,13 @@ void reportAndWait(const Step& step) {
 TEST(CompressorQueueCrashHeavy, Child) {
   const char* dir = getenv(kDirVariable);
   if (!dir) GTEST_SKIP() << "run by CompressorQueueCrashHeavy.KilledAnywhere";
-  checkIntegrityOfPreviousRun();
+  const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
+  KRFileInProcessWatchdog watchdog(Env::system(), dataFolder);
+  checkIntegrityOfPreviousRun(Env::system(), watchdog, dataFolder);
   reportAndWait(Step{0, 0});
   if (getenv(kRecoverOnlyVariable)) _exit(0);
 
-  const std::string record = KRFileInProcessWatchdog::watchdogFilename();
+  const std::string record = KRFileInProcessWatchdog::watchdogFilename(dataFolder);
   uint32_t index = 0;
   HookedEnv env([&](const char*) {
     struct stat st;
@@ -68,11 +71,9 @@ TEST(CompressorQueueCrashHeavy, Child) {
     reportAndWait(Step{++index, critical});
   });
   ScopedManualClock clock;
-  FixedLoad quiet(*clock);
-  ScopedSystemLoadHandler useLoad(&quiet);
   RunLoop loop(*clock);
   OperationQueue queue(1);
-  KRCompressor compressor(loop, &queue, env);
+  KRCompressor compressor(loop, &queue, env, nullptr, &watchdog);
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);
@@ -166,7 +167,8 @@ TEST(CompressorQueueCrashHeavy, KilledAnywhereEveryFileKeepsItsContent) {
   processTestHome();
   ScopedLogCapture quiet([](const std::string&) {});
   ScratchDir dir;
-  const std::string record = KRFileInProcessWatchdog::watchdogFilename();
+  const std::string record =
+      KRFileInProcessWatchdog::watchdogFilename(KRUtil::applicationSupportFolder().value_or(""));
   std::mt19937 rng(20261123);
   std::vector<std::string> names, originals;
   for (int i = 0; i < kFiles; ++i) {

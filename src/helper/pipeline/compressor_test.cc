@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/util.h"
+
 #include "engine/extended_attributes_helper.h"
 #include "engine/file_content_reader.h"
 #include "engine/hooked_env_for_tests.h"
@@ -71,11 +73,12 @@ class CompressorTest : public ::testing::Test {
   testkit::ScratchDir dir;
   ScopedManualClock clock;
   FixedLoad load{*clock};
-  ScopedSystemLoadHandler useLoad{&load};
   RunLoop loop{*clock};
   NotificationRecorder recorder{*clock};
   OperationQueue queue{1};
-  KRCompressor compressor{loop, &queue};
+  const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
+  KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
+  KRCompressor compressor{loop, &queue, Env::shared(), &load, &watchdog};
   std::mutex watchedLock;
   std::string watched = dir.path() + "/";
   std::atomic<uint64_t> savings{0};
@@ -150,7 +153,7 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   EXPECT_FALSE(compressor.isInProcess(files[0]));
   // The crash record exists and is empty between swaps.
   struct stat record;
-  ASSERT_EQ(stat(KRFileInProcessWatchdog::watchdogFilename().c_str(), &record), 0);
+  ASSERT_EQ(stat(KRFileInProcessWatchdog::watchdogFilename(dataFolder).c_str(), &record), 0);
   EXPECT_EQ(record.st_size, 0);
 }
 
@@ -350,7 +353,7 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     (void)!::write(fd, "more lines\n", 11);
     ::close(fd);
   });
-  KRCompressor busy(loop, &queue, env);
+  KRCompressor busy(loop, &queue, env, &load, &watchdog);
   // The engine reads the source through the process's Env.
   std::optional<ScopedSharedEnv> readsThrough(&env);
   busy.setFolderWatchTest([](const std::string&) { return true; });
@@ -437,7 +440,7 @@ TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
     gateChanged.notify_all();
     gateChanged.wait(lock, [&] { return released; });
   });
-  KRCompressor busy(loop, &queue, env);
+  KRCompressor busy(loop, &queue, env, &load, &watchdog);
   compressorOf = &busy;
   std::optional<ScopedSharedEnv> readsThrough(&env);
   busy.setFolderWatchTest([](const std::string&) { return true; });
@@ -487,7 +490,7 @@ TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
     if (::getxattr(note.c_str(), "user.com.apple.decmpfs", nullptr, 0) < 0) return;
     saved = ::rename(saving.c_str(), note.c_str()) == 0;
   });
-  KRCompressor racing(loop, &queue, env);
+  KRCompressor racing(loop, &queue, env, &load, &watchdog);
   std::optional<ScopedSharedEnv> readsThrough(&env);
   racing.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> retried;

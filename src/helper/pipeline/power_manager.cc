@@ -8,7 +8,6 @@
 namespace zephlore {
 namespace {
 
-std::atomic<KRPowerManager*> installed{nullptr};
 constexpr const char* kPollKey = "monitorPowerSource";
 
 // Supplies of this machine: a mouse's or a headset's battery says nothing
@@ -18,14 +17,6 @@ bool isOwnBattery(const PowerSupply& supply) {
 }
 
 }  // namespace
-
-KRPowerManager& KRPowerManager::sharedPowerManager() {
-  if (KRPowerManager* manager = installed.load()) return *manager;
-  static KRPowerManager* own = new KRPowerManager(std::make_unique<SysfsPowerSupplies>(), RunLoop::main());
-  return *own;
-}
-
-void KRPowerManager::setShared(KRPowerManager* manager) { installed.store(manager); }
 
 KRPowerManager::KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop)
     : supplies_(std::move(supplies)), loop_(loop) {}

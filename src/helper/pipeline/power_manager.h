@@ -26,9 +26,6 @@ class KRPowerManager {
  public:
   static constexpr double kPollingInterval = 10.0;
 
-  static KRPowerManager& sharedPowerManager();
-  static void setShared(KRPowerManager* manager);
-
   KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop);
   ~KRPowerManager();
   KRPowerManager(const KRPowerManager&) = delete;
@@ -51,14 +48,6 @@ class KRPowerManager {
   RunLoop& loop_;
   KRPowerManagerHooks hooks_;
   bool currentlyConnectedToPowerSource_ = true;  // the last state acted upon
-};
-
-class ScopedPowerManager {
- public:
-  explicit ScopedPowerManager(KRPowerManager* manager) { KRPowerManager::setShared(manager); }
-  ~ScopedPowerManager() { KRPowerManager::setShared(nullptr); }
-  ScopedPowerManager(const ScopedPowerManager&) = delete;
-  ScopedPowerManager& operator=(const ScopedPowerManager&) = delete;
 };
 
 }  // namespace zephlore

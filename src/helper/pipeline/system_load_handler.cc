@@ -7,19 +7,10 @@
 namespace zephlore {
 namespace {
 
-std::atomic<KRSystemLoadHandler*> installed{nullptr};
 constexpr const char* kCpuTimerKey = "calculateCurrentCPULoad";
 constexpr const char* kDiskTimerKey = "calculateCurrentDiskLoad";
 
 }  // namespace
-
-KRSystemLoadHandler& KRSystemLoadHandler::sharedSystemLoadHandler() {
-  if (KRSystemLoadHandler* handler = installed.load()) return *handler;
-  static KRSystemLoadHandler* own = new KRSystemLoadHandler(std::make_unique<KernelLoadCounters>(), RunLoop::main());
-  return *own;
-}
-
-void KRSystemLoadHandler::setShared(KRSystemLoadHandler* handler) { installed.store(handler); }
 
 KRSystemLoadHandler::KRSystemLoadHandler() = default;
 

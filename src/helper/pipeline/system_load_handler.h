@@ -24,12 +24,6 @@ class KRSystemLoadHandler {
   static constexpr double kSamplingInterval = 2.0;
   static constexpr uint64_t kMinimumMaxDiskActivity = 10000;
 
-  // The installed handler, else the process's own on the kernel's counters
-  // (created on first use; its first sample is taken on the main loop).
-  static KRSystemLoadHandler& sharedSystemLoadHandler();
-  // Installs `handler` as the shared one (nullptr: back to the process's own).
-  static void setShared(KRSystemLoadHandler* handler);
-
   // Schedules `ready` on `loop` at once and returns.
   KRSystemLoadHandler(std::unique_ptr<LoadCounters> counters, RunLoop& loop);
   virtual ~KRSystemLoadHandler();
@@ -72,15 +66,6 @@ class KRSystemLoadHandler {
   uint64_t previousDiskActivity_ = 0;
   uint64_t maxDiskActivity_ = kMinimumMaxDiskActivity;
   uint64_t currentDiskActivity_ = 0;
-};
-
-// Installs a handler as the shared one for a scope (tests).
-class ScopedSystemLoadHandler {
- public:
-  explicit ScopedSystemLoadHandler(KRSystemLoadHandler* handler) { KRSystemLoadHandler::setShared(handler); }
-  ~ScopedSystemLoadHandler() { KRSystemLoadHandler::setShared(nullptr); }
-  ScopedSystemLoadHandler(const ScopedSystemLoadHandler&) = delete;
-  ScopedSystemLoadHandler& operator=(const ScopedSystemLoadHandler&) = delete;
 };
 
 }  // namespace zephlore

@@ -15,7 +15,6 @@
 #include "engine/compression_signature.h"
 #include "engine/extended_attributes_helper.h"
 #include "engine/volume.h"
-#include "helper/lifecycle/scheduler.h"
 #include "helper/settings/exclusion_rules.h"
 #include "helper/settings/exclusions_processor.h"
 #include "protocol/notification_names.h"
@@ -247,7 +246,9 @@ void KRPathAnalyzer::start() {
   if (state().links.addAnalysisOperation) {
     state().links.addAnalysisOperation(std::move(op));
   } else {
-    KRScheduler::addAnalysisOperation(std::move(op));
+    // Unlinked (a test of the walk alone): on this thread.
+    op.work();
+    if (op.completion) op.completion();
   }
 }
 

@@ -3,6 +3,8 @@
 // as the compressor queue does. Real files on tmpfs; time on a manual clock.
 #include "helper/watching/path_analyzer.h"
 
+#include "helper/lifecycle/scheduler.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -66,6 +68,7 @@ class PathAnalyzerTest : public ::testing::Test {
       return accepted;
     };
     links.closeDatabase = [this] { ++database_closed; };
+    links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
     KRPathAnalyzer::setLinks(links);
   }
   ~PathAnalyzerTest() override { KRPathAnalyzer::resetForTesting(); }
@@ -107,6 +110,8 @@ class PathAnalyzerTest : public ::testing::Test {
   std::set<std::string> queued;
   std::vector<size_t> handed_over;
   int database_closed = 0;
+  // Last: its analyses end before what they use goes away.
+  KRScheduler scheduler;
 };
 
 TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed) {

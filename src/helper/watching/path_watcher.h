@@ -3,7 +3,6 @@
 // list; the compressor asks it before it touches each queued file.
 #pragma once
 
-#include <atomic>
 #include <memory>
 
 #include "helper/watching/path_watcher_events.h"
@@ -17,15 +16,17 @@
 
 namespace zephlore {
 
+class KRCompressor;
+
 class KRPathWatcher {
  public:
   // Delay before queued files of folders no longer watched are dropped.
   static constexpr double kRemovalDelay = 0.1;
 
-  // The process's watcher on the main run loop, made on first use.
-  static KRPathWatcher& sharedWatcher();
-
-  explicit KRPathWatcher(RunLoop& mainLoop);
+  // Paths are looked at through `env`; when folders are removed, their files
+  // queued in `compressor` (if any) are dropped.
+  KRPathWatcher(RunLoop& mainLoop, Env& env, KRCompressor* compressor = nullptr);
+  ~KRPathWatcher();
   KRPathWatcher(const KRPathWatcher&) = delete;
   KRPathWatcher& operator=(const KRPathWatcher&) = delete;
 
@@ -60,8 +61,9 @@ class KRPathWatcher {
   mutable std::mutex mutex_;
   std::optional<std::vector<std::string>> watchPaths_;
   bool haveNewPaths_ = false;
+  Env& env_;
+  KRCompressor* compressor_;
   std::unique_ptr<KRPathWatcherEvents> events_;
-  std::atomic<Env*> env_{nullptr};  // the events' (startEvents); null: the system's
 };
 
 }  // namespace zephlore

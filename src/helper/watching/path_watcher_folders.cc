@@ -10,19 +10,22 @@
 #include "helper/watching/path_watcher.h"
 
 namespace zephlore {
+namespace {
 
-KRPathWatcher& KRPathWatcher::sharedWatcher() {
-  static KRPathWatcher* watcher = new KRPathWatcher(RunLoop::main());  // never destroyed
-  return *watcher;
-}
+constexpr const char* kRemovalKey = "removeFilesNoLongerBeingWatched";
 
-KRPathWatcher::KRPathWatcher(RunLoop& mainLoop) : mainLoop_(mainLoop) {}
+}  // namespace
+
+KRPathWatcher::KRPathWatcher(RunLoop& mainLoop, Env& env, KRCompressor* compressor)
+    : mainLoop_(mainLoop), env_(env), compressor_(compressor) {}
+
+KRPathWatcher::~KRPathWatcher() { mainLoop_.cancelPerform(this, kRemovalKey); }
 
 void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>& paths) {
   std::optional<std::vector<std::string>> canonical;
   if (paths) {
     canonical.emplace();
-    for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(Env::shared(), path));
+    for (const std::string& path : *paths) canonical->push_back(QVPathString::stringByCanonicalizingPath(env_, path));
   }
   std::set<std::string> removed;
   std::vector<std::string> added;
@@ -58,9 +61,9 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
     haveNewPaths_ = true;
     watchPaths_ = std::move(canonical);
   }
-  if (!removed.empty()) {
-    mainLoop_.performAfterDelay(seconds(kRemovalDelay),
-                                [] { KRCompressor::sharedCompressor().removeFilesNoLongerBeingWatched(); });
+  if (!removed.empty() && compressor_) {
+    mainLoop_.performAfterDelay(this, kRemovalKey, seconds(kRemovalDelay),
+                                [this] { compressor_->removeFilesNoLongerBeingWatched(); });
   }
   if (events_) events_->rewatch();
 }
@@ -73,7 +76,7 @@ KRPathWatcherEvents& KRPathWatcher::startEvents(KRWatcherHistoryLinks history, K
   folders.watchedPathForPath = [this](const std::string& path) { return watchedPathForPath(path); };
   folders.haveNewPaths = [this] { return haveNewPaths(); };
   folders.clearHaveNewPaths = [this] { setHaveNewPaths(false); };
-  env_.store(options.env);
+  options.env = &env_;
   events_ = std::make_unique<KRPathWatcherEvents>(std::move(folders), std::move(history), std::move(options));
   return *events_;
 }
@@ -103,8 +106,7 @@ std::string KRPathWatcher::watchedPathForPath(const std::string& path) const {
   if (std::find(watchPaths_->begin(), watchPaths_->end(), path) != watchPaths_->end()) return path;
   std::string probe = path;
   struct stat st;
-  Env* env = env_.load();
-  if ((env ? *env : Env::system()).stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) probe = parentDirectory(path);
+  if (env_.stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) probe = parentDirectory(path);
   std::string best;
   for (const std::string& folder : *watchPaths_) {
     if (folder.size() > best.size() && probe.compare(0, folder.size(), folder) == 0) best = folder;

@@ -20,7 +20,7 @@ TEST(PathWatcherFoldersTest, FindsTheLongestWatchedPrefixOfCanonicalFolders) {
   testkit::writeFile(dir / "a/b/file", "x");
   ManualClock clock;
   RunLoop loop(clock);
-  KRPathWatcher watcher(loop);
+  KRPathWatcher watcher(loop, Env::system());
 
   EXPECT_FALSE(watcher.isWatchingFolderForPath(dir / "a/b/file"));
   watcher.setWatchPaths(std::vector<std::string>{dir / "link", dir / "a/b", "/does/not/exist"});
@@ -45,9 +45,8 @@ TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLate
   testkit::writeFile(dir / "gone/f", testkit::compressibleData(8192));
   ScopedManualClock clock;
   RunLoop loop(*clock);
-  KRPathWatcher watcher(loop);
-  KRCompressor compressor(loop);
-  ScopedCompressor useCompressor(&compressor);
+  KRCompressor compressor(loop, nullptr, Env::system());
+  KRPathWatcher watcher(loop, Env::system(), &compressor);
   compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
   testkit::NotificationRecorder recorder(*clock);
 
