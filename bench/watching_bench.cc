@@ -26,7 +26,9 @@
 
 #include "base/clock.h"
 #include "base/run_loop.h"
+#include "helper/lifecycle/scheduler.h"
 #include "helper/watching/path_analyzer.h"
+#include "helper/watching/path_analyzers.h"
 #include "helper/watching/path_watcher_events.h"
 #include "platform/file_event_stream.h"
 
@@ -95,7 +97,8 @@ struct Bench {
       }
       return files.size();
     };
-    KRPathAnalyzer::setLinks(links);
+    links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
+    analyzers.setLinks(links);
   }
   ~Bench() {
     umount2(base.c_str(), MNT_DETACH);
@@ -104,6 +107,8 @@ struct Bench {
 
   std::atomic<size_t> handed_over{0};
   std::optional<Steady::time_point> first_handover;
+  KRScheduler scheduler;
+  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
 };
 
 Bench& bench() {
@@ -116,8 +121,8 @@ void BM_FullRecheckAgainstFind(benchmark::State& state) {
   double walk_ms = 0, find_ms = 0;
   for (auto _ : state) {
     auto t = Steady::now();
-    KRPathAnalyzer::startAnalyzerWithPath(b.root, true);
-    RunLoop::main().runUntil([] { return KRPathAnalyzer::analyzersCount() == 0; });
+    b.analyzers.startAnalyzerWithPath(b.root, true);
+    RunLoop::main().runUntil([&b] { return b.analyzers.analyzersCount() == 0; });
     walk_ms = msSince(t);
     t = Steady::now();
     if (system(("find '" + b.root + "' -type f -size +4k > /dev/null").c_str()) != 0) state.SkipWithError("find");
@@ -180,7 +185,7 @@ void BM_WriteToHandOverLatency(benchmark::State& state) {
   options.journal_path = b.base + "/latency.journal";
   options.latency = 0;
   options.watch_mounts = false;
-  KRPathWatcherEvents events(folders, history, options);
+  KRPathWatcherEvents events(b.analyzers, folders, history, options);
   events.startWatching();
   double latency_ms = 0;
   for (auto _ : state) {

@@ -9,7 +9,6 @@
 #include "helper/history/history_processor.h"
 #include "helper/lifecycle/previous_run_recovery.h"
 #include "helper/settings/defaults_controller.h"
-#include "helper/watching/path_analyzer.h"
 #include "platform/mount_watcher.h"
 #include "platform/path_map.h"
 #include "protocol/notification_names.h"
@@ -26,6 +25,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop),
       history_(loop, env),
+      analyzers_(loop, env),
       compressor_(loop, &scheduler_.compressionQueue(), env, &load_, &record_),
       watcher_(loop, env, &compressor_),
       views_(std::make_unique<view::ViewMounter>(), loop, map) {
@@ -38,7 +38,6 @@ Helper::~Helper() {
   compressor_.pauseCompression();
   scheduler_.analysisQueue().waitUntilAllOperationsAreFinished();
   scheduler_.compressionQueue().waitUntilAllOperationsAreFinished();
-  KRPathAnalyzer::setLinks({});
 }
 
 void Helper::linkParts() {
@@ -57,7 +56,7 @@ void Helper::linkParts() {
       [this](uint64_t bytes, const std::string& path) { history_.addSavingsForPath(bytes, path); });
   // A file refused while being written is looked at again once it settled,
   // not at the next sweep.
-  compressor_.setRetryHandler([](const std::string& path) { KRPathAnalyzer::startAnalyzerWithPath(path); });
+  compressor_.setRetryHandler([this](const std::string& path) { analyzers_.startAnalyzerWithPath(path); });
   // Programs would read a file compressed while its folder's view is down
   // as empty; and a copy whose swaps no record traces must not make any.
   compressor_.setCompressionHold([this](const std::string& path) -> std::string {
@@ -85,8 +84,7 @@ void Helper::linkParts() {
     scheduler_.queueAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &compressor_;
-  analyzerLinks.env = &env_;
-  KRPathAnalyzer::setLinks(std::move(analyzerLinks));
+  analyzers_.setLinks(std::move(analyzerLinks));
 }
 
 void Helper::recoverPreviousRun() {
@@ -132,7 +130,7 @@ void Helper::start() {
   KRPathWatcherEvents::Options eventOptions;
   eventOptions.env = &env_;
   eventOptions.map = &map_;
-  watcher_.startEvents(std::move(links), eventOptions);
+  watcher_.startEvents(analyzers_, std::move(links), eventOptions);
 }
 
 void Helper::watchFolders() {

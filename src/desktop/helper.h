@@ -21,6 +21,7 @@
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "helper/watching/path_analyzers.h"
 #include "helper/watching/path_watcher.h"
 
 namespace zephlore {
@@ -106,6 +107,7 @@ class Helper {
   KRSystemLoadHandler load_;
   KRPowerManager power_;
   KRHistoryProcessor history_;
+  KRPathAnalyzers analyzers_;
   KRCompressor compressor_;
   KRPathWatcher watcher_;
   KRFolderViews views_;

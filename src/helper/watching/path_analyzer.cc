@@ -17,6 +17,7 @@
 #include "engine/volume.h"
 #include "helper/settings/exclusion_rules.h"
 #include "helper/settings/exclusions_processor.h"
+#include "helper/watching/path_analyzers.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {
@@ -26,48 +27,7 @@ constexpr const char* kXcodeGenerated = "com.apple.XcodeGenerated";
 constexpr double kRecentSignature = 43200.0;      // 12 hours
 constexpr double kUnchangedSignature = 604800.0;  // 7 days
 
-// Class-wide state: the registry and the analyzersCount observers live on
-// the main thread; the counts are also added to from analysis threads.
-struct ClassState {
-  KRPathAnalyzerLinks links;
-  std::map<std::string, std::shared_ptr<KRPathAnalyzer>> registry;
-  std::vector<std::pair<uint64_t, std::function<void()>>> count_observers;
-  uint64_t next_observer = 1;
-  std::mutex counts_mutex;
-  std::map<std::string, int32_t> seen;
-  std::map<std::string, int32_t> processed;
-};
-
-ClassState& state() {
-  static ClassState* s = new ClassState;
-  return *s;
-}
-
-RunLoop& mainLoop() { return RunLoop::main(); }
-
-void announceCountChange() {
-  auto observers = state().count_observers;  // an observer may start or end analyses
-  for (auto& [id, fn] : observers) fn();
-}
-
-std::string watchedPathFor(const std::string& path) {
-  const auto& fn = state().links.watchedPathForPath;
-  return fn ? fn(path) : std::string();
-}
-
 }  // namespace
-
-void KRPathAnalyzer::setLinks(KRPathAnalyzerLinks links) { state().links = std::move(links); }
-
-void KRPathAnalyzer::resetForTesting() {
-  ClassState& s = state();
-  s.registry.clear();
-  s.count_observers.clear();
-  s.links = {};
-  std::lock_guard lock(s.counts_mutex);
-  s.seen.clear();
-  s.processed.clear();
-}
 
 std::string KRPathAnalyzer::normalizePath(const std::string& path) {
   std::string input = path;
@@ -101,111 +61,12 @@ std::string KRPathAnalyzer::normalizePath(const std::string& path) {
   return out.empty() && !path.empty() ? "." : out;
 }
 
-std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::analyzerForPath(const std::string& normalizedPath) {
-  auto it = state().registry.find(normalizedPath);
-  return it == state().registry.end() ? nullptr : it->second;
-}
-
-std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::allAnalyzers() {
-  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
-  for (auto& [path, analyzer] : state().registry) out.push_back(analyzer);
-  return out;
-}
-
-size_t KRPathAnalyzer::analyzersCount() { return state().registry.size(); }
-
-std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::copyAnalyzersForPath(const std::string& path) {
-  const std::string normalized = normalizePath(path);
-  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
-  for (auto& [key, analyzer] : state().registry) {
-    if (key == normalized || (analyzer->recursive_ && normalized.compare(0, key.size(), key) == 0)) {
-      out.push_back(analyzer);
-    }
-  }
-  return out;
-}
-
-std::vector<std::shared_ptr<KRPathAnalyzer>> KRPathAnalyzer::copyAnalyzersForWatchedPath(
-    const std::string& watchedPath) {
-  std::vector<std::shared_ptr<KRPathAnalyzer>> out;
-  for (auto& [key, analyzer] : state().registry) {
-    if (analyzer->watched_path_ == watchedPath) out.push_back(analyzer);
-  }
-  return out;
-}
-
-uint64_t KRPathAnalyzer::addAnalyzersCountObserver(std::function<void()> observer) {
-  const uint64_t id = state().next_observer++;
-  state().count_observers.emplace_back(id, std::move(observer));
-  return id;
-}
-
-void KRPathAnalyzer::removeAnalyzersCountObserver(uint64_t id) {
-  auto& v = state().count_observers;
-  v.erase(std::remove_if(v.begin(), v.end(), [id](const auto& o) { return o.first == id; }), v.end());
-}
-
-void KRPathAnalyzer::accummulateSeenFilesCount(int32_t count, const std::string& path) {
-  const std::string folder = watchedPathFor(path);
-  std::lock_guard lock(state().counts_mutex);
-  state().seen[folder] += count;
-}
-
-void KRPathAnalyzer::accummulateProcessedFilesCount(int32_t count, const std::string& path) {
-  const std::string folder = watchedPathFor(path);
-  std::lock_guard lock(state().counts_mutex);
-  state().processed[folder] += count;
-}
-
-uint32_t KRPathAnalyzer::seenFilesForWatchedFolder(const std::string& watchedFolder) {
-  std::lock_guard lock(state().counts_mutex);
-  auto it = state().seen.find(watchedFolder);
-  return it == state().seen.end() ? 0 : static_cast<uint32_t>(it->second);
-}
-
-uint32_t KRPathAnalyzer::processedFilesForWatchedFolder(const std::string& watchedFolder) {
-  std::lock_guard lock(state().counts_mutex);
-  auto it = state().processed.find(watchedFolder);
-  return it == state().processed.end() ? 0 : static_cast<uint32_t>(it->second);
-}
-
 // --- Starting, folding, finishing (main thread) ---
 
-std::shared_ptr<KRPathAnalyzer> KRPathAnalyzer::startAnalyzerWithPath(const std::string& path, bool recursive,
-                                                                      KRPathAnalyzerDelegate* delegate,
-                                                                      uint64_t eventID) {
-  if (path.empty()) return nullptr;
-  const std::string normalized = normalizePath(path);
-  if (std::shared_ptr<KRPathAnalyzer> running = analyzerForPath(normalized)) {
-    if (running->event_id_ == eventID) return running;  // the same event twice
-    if (running->must_recheck_ && delegate) {
-      delegate->analyzerWillIgnoreRedundantEventForPath(running.get(), running->event_id_for_recheck_, normalized);
-    }
-    running->must_recheck_ = true;
-    running->recheck_recursive_ = running->recheck_recursive_ || recursive;
-    running->event_id_for_recheck_ = eventID;
-    return running;
-  }
-  if (normalized.size() > kMaxPathBytes) {
-    KRLog("Not analysing a path longer than %zu bytes: %s", kMaxPathBytes, normalized.c_str());
-    return nullptr;
-  }
-  std::shared_ptr<KRPathAnalyzer> analyzer(
-      new KRPathAnalyzer(state().links.env ? *state().links.env : Env::system(), normalized,
-                         watchedPathFor(normalized), recursive, delegate, eventID));
-  std::weak_ptr<KRPathAnalyzer> weak = analyzer;
-  analyzer->compressed_observer_ = NotificationCenter::defaultCenter().addObserver(
-      kFileCompressedNotification, state().links.compressor, [weak](const Notification& n) {
-        if (auto self = weak.lock()) self->fileWasCompressed(n);
-      });
-  registerAnalyzer(analyzer);
-  analyzer->start();
-  return analyzer;
-}
-
-KRPathAnalyzer::KRPathAnalyzer(Env& env, std::string path, std::string watchedPath, bool recursive,
+KRPathAnalyzer::KRPathAnalyzer(KRPathAnalyzers& analyzers, std::string path, std::string watchedPath, bool recursive,
                                KRPathAnalyzerDelegate* delegate, uint64_t eventID)
-    : env_(env),
+    : analyzers_(analyzers),
+      env_(analyzers.env_),
       path_(std::move(path)),
       watched_path_(std::move(watchedPath)),
       recursive_(recursive),
@@ -218,23 +79,6 @@ KRPathAnalyzer::~KRPathAnalyzer() {
   if (compressed_observer_) NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
 }
 
-void KRPathAnalyzer::registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
-  if (!state().registry.emplace(analyzer->path_, analyzer).second) return;
-  announceCountChange();
-  if (state().registry.size() == 1) NotificationCenter::defaultCenter().post(kAnalysisStartedNotification);
-}
-
-void KRPathAnalyzer::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
-  auto it = state().registry.find(analyzer->path_);
-  if (it == state().registry.end() || it->second != analyzer) return;
-  state().registry.erase(it);
-  announceCountChange();
-  if (state().registry.empty()) {
-    NotificationCenter::defaultCenter().post(kAnalysisEndedNotification);
-    if (state().links.closeDatabase) state().links.closeDatabase();
-  }
-}
-
 void KRPathAnalyzer::start() {
   if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path_)) {
     didFinishAnalyzing();
@@ -242,9 +86,9 @@ void KRPathAnalyzer::start() {
   }
   auto self = shared_from_this();
   Operation op{[self] { self->analyzePath(); },
-               [self] { mainLoop().post([self] { self->didFinishAnalyzing(); }); }};
-  if (state().links.addAnalysisOperation) {
-    state().links.addAnalysisOperation(std::move(op));
+               [self] { self->analyzers_.mainLoop_.post([self] { self->didFinishAnalyzing(); }); }};
+  if (analyzers_.links_.addAnalysisOperation) {
+    analyzers_.links_.addAnalysisOperation(std::move(op));
   } else {
     // Unlinked (a test of the walk alone): on this thread.
     op.work();
@@ -307,7 +151,7 @@ void KRPathAnalyzer::fileWasCompressed(const Notification& notification) {
     cond_compressed_file_.notify_all();
   }
   auto self = shared_from_this();
-  mainLoop().post([self, file = *path] { self->notifyDidProcessFile(file); });
+  analyzers_.mainLoop_.post([self, file = *path] { self->notifyDidProcessFile(file); });
   if (analysisIsFinished() && now_empty) didFinishCompressing();
 }
 
@@ -316,20 +160,20 @@ void KRPathAnalyzer::didFinishCompressing() {
   NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
   compressed_observer_ = 0;
   auto self = shared_from_this();  // the registry lets go of it in the next step
-  mainLoop().postAndWait([self] { self->didFinishCompressing_main(); });
+  analyzers_.mainLoop_.postAndWait([self] { self->didFinishCompressing_main(); });
 }
 
 void KRPathAnalyzer::didFinishCompressing_main() {
   auto self = shared_from_this();
   notifyDidFinishCompressing();
-  unregisterAnalyzer(self);
+  analyzers_.unregisterAnalyzer(self);
   analyzeSamePathAgain(self);
 }
 
 void KRPathAnalyzer::analyzeSamePathAgain(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
   if (isCancelled() || !analyzer->must_recheck_) return;
-  startAnalyzerWithPath(analyzer->path_, analyzer->recheck_recursive_, analyzer->delegate_,
-                        analyzer->event_id_for_recheck_);
+  analyzers_.startAnalyzerWithPath(analyzer->path_, analyzer->recheck_recursive_, analyzer->delegate_,
+                                   analyzer->event_id_for_recheck_);
 }
 
 void KRPathAnalyzer::notifyDidFinishAnalyzing() {
@@ -337,7 +181,7 @@ void KRPathAnalyzer::notifyDidFinishAnalyzing() {
 }
 
 void KRPathAnalyzer::notifyDidProcessFile(const std::string& path) {
-  accummulateProcessedFilesCount(1, path);
+  analyzers_.accummulateProcessedFilesCount(1, path);
   if (delegate_) delegate_->analyzerCompressorDidProcessFile(this, path);
 }
 
@@ -445,7 +289,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   }
   // The primary group is not always among the supplementary ones on Linux.
   if (st.st_gid != getegid() && !KRUtil::processGroupsInclude(st.st_gid)) return 0;
-  if (state().links.isFileInProcess && state().links.isFileInProcess(path)) return 0;
+  if (analyzers_.links_.isFileInProcess && analyzers_.links_.isFileInProcess(path)) return 0;
   if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 0;
   if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 0;
   const size_t slash = path.rfind('/');
@@ -492,13 +336,12 @@ void KRPathAnalyzer::addFilesToCompress() {
     std::lock_guard lock(files_mutex_);
     copy = files_to_compress_;
   }
-  const auto& add = state().links.addFilesToCompress;
+  const auto& add = analyzers_.links_.addFilesToCompress;
   const size_t accepted = add ? add(copy) : 0;
   total_files_to_compress_ += accepted;
   // This may run on the analysis thread: the folder found at creation is used
   // rather than asking the watcher, which lives on the main thread.
-  std::lock_guard lock(state().counts_mutex);
-  state().seen[watched_path_] += static_cast<int32_t>(accepted);
+  analyzers_.accummulateSeenFilesCountOfFolder(static_cast<int32_t>(accepted), watched_path_);
 }
 
 }  // namespace zephlore

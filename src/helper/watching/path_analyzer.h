@@ -2,11 +2,11 @@
 // under it worth compressing, hands them to the compressor and follows them
 // until each has been processed, telling its delegate (the watcher).
 //
-// The class keeps the registry of running analyzers, one per path: an event
-// for a path under analysis is folded into a single re-check after it
-// instead of a second walk. The compressor, the watcher's folder lookup and
-// the history database are reached through KRPathAnalyzerLinks, installed
-// once by the helper's start-up.
+// Analyzers are made and kept by their registry (KRPathAnalyzers), one per
+// path: an event for a path under analysis is folded into a single re-check
+// after it instead of a second walk. The compressor, the watcher's folder
+// lookup and the history database are reached through the registry's
+// KRPathAnalyzerLinks.
 #pragma once
 
 #include <sys/stat.h>
@@ -32,6 +32,7 @@
 namespace zephlore {
 
 class KRPathAnalyzer;
+class KRPathAnalyzers;
 
 // Every call arrives on the main thread.
 class KRPathAnalyzerDelegate {
@@ -62,9 +63,6 @@ struct KRPathAnalyzerLinks {
   std::function<void(Operation)> addAnalysisOperation;
   // Sender of "KRFileCompressedNotification" to listen to; null: any.
   const void* compressor = nullptr;
-  // Every file call of the analyses (the helper's reaches the files beneath
-  // its views); null: the system's.
-  Env* env = nullptr;
 };
 
 class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
@@ -75,30 +73,8 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   static constexpr double kFileSettle = 15.0;
   static constexpr size_t kMaxPathBytes = 1024;
 
-  // Installs the links (main thread, before the first analysis).
-  static void setLinks(KRPathAnalyzerLinks links);
-
-  // --- The registry (main thread) ---
-  static std::shared_ptr<KRPathAnalyzer> startAnalyzerWithPath(const std::string& path, bool recursive = false,
-                                                               KRPathAnalyzerDelegate* delegate = nullptr,
-                                                               uint64_t eventID = 0);
+  // "~" expanded, "." and ".." folded, no trailing slash.
   static std::string normalizePath(const std::string& path);
-  static std::shared_ptr<KRPathAnalyzer> analyzerForPath(const std::string& normalizedPath);
-  static std::vector<std::shared_ptr<KRPathAnalyzer>> allAnalyzers();
-  static size_t analyzersCount();
-  static std::vector<std::shared_ptr<KRPathAnalyzer>> copyAnalyzersForPath(const std::string& path);
-  static std::vector<std::shared_ptr<KRPathAnalyzer>> copyAnalyzersForWatchedPath(const std::string& watchedPath);
-  // Called after each change of analyzersCount(); returns an id for removal.
-  static uint64_t addAnalyzersCountObserver(std::function<void()> observer);
-  static void removeAnalyzersCountObserver(uint64_t id);
-
-  static void accummulateSeenFilesCount(int32_t count, const std::string& path);
-  static void accummulateProcessedFilesCount(int32_t count, const std::string& path);
-  static uint32_t seenFilesForWatchedFolder(const std::string& watchedFolder);
-  static uint32_t processedFilesForWatchedFolder(const std::string& watchedFolder);
-
-  // Forgets every analyzer, count and link (tests).
-  static void resetForTesting();
 
   ~KRPathAnalyzer();
   KRPathAnalyzer(const KRPathAnalyzer&) = delete;
@@ -123,11 +99,9 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
  private:
   class Walk;
 
-  KRPathAnalyzer(Env& env, std::string path, std::string watchedPath, bool recursive,
+  friend class KRPathAnalyzers;
+  KRPathAnalyzer(KRPathAnalyzers& analyzers, std::string path, std::string watchedPath, bool recursive,
                  KRPathAnalyzerDelegate* delegate, uint64_t eventID);
-
-  static void registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer);
-  static void unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer);
 
   void start();
   void analyzePath();
@@ -151,6 +125,7 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   void notifyDidFinishCompressing();
   bool isHFSPlusVolume(dev_t device, const std::string& path);
 
+  KRPathAnalyzers& analyzers_;
   Env& env_;
   const std::string path_;
   const std::string watched_path_;

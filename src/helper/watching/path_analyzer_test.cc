@@ -4,6 +4,7 @@
 #include "helper/watching/path_analyzer.h"
 
 #include "helper/lifecycle/scheduler.h"
+#include "helper/watching/path_analyzers.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -69,9 +70,8 @@ class PathAnalyzerTest : public ::testing::Test {
     };
     links.closeDatabase = [this] { ++database_closed; };
     links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
-    KRPathAnalyzer::setLinks(links);
+    analyzers.setLinks(links);
   }
-  ~PathAnalyzerTest() override { KRPathAnalyzer::resetForTesting(); }
 
   void SetUp() override {
     if (!dir.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
@@ -83,7 +83,7 @@ class PathAnalyzerTest : public ::testing::Test {
     if (!done()) RunLoop::main().runUntil(done);
   }
   void runUntilNoAnalyzers() {
-    runUntil([] { return KRPathAnalyzer::analyzersCount() == 0; });
+    runUntil([this] { return analyzers.analyzersCount() == 0; });
     RunLoop::main().runUntilIdle();  // the reports posted before the end
   }
   // Reports every queued file processed, as the compressor would.
@@ -110,6 +110,7 @@ class PathAnalyzerTest : public ::testing::Test {
   std::set<std::string> queued;
   std::vector<size_t> handed_over;
   int database_closed = 0;
+  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
   // Last: its analyses end before what they use goes away.
   KRScheduler scheduler;
 };
@@ -126,16 +127,16 @@ TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed
 
   // Not recursive: only the folder's own files.
   Recorder recorder;
-  auto flat = KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 7);
+  auto flat = analyzers.startAnalyzerWithPath(root(), false, &recorder, 7);
   runUntil([&] { return flat->analysisIsFinished(); });
   EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096"}));
-  EXPECT_EQ(KRPathAnalyzer::seenFilesForWatchedFolder(root()), 1u);
+  EXPECT_EQ(analyzers.seenFilesForWatchedFolder(root()), 1u);
   // The compressor rejects it: it still counts as processed.
   NotificationCenter::defaultCenter().post(
       kFileCompressedNotification, nullptr,
       {{kFileCompressedPathKey, root() + "/4096"}, {kFileCompressedErrorKey, int64_t{700}}});
   runUntilNoAnalyzers();
-  EXPECT_EQ(KRPathAnalyzer::processedFilesForWatchedFolder(root()), 1u);
+  EXPECT_EQ(analyzers.processedFilesForWatchedFolder(root()), 1u);
   EXPECT_EQ(recorder.calls, (std::vector<std::string>{"analyzed", "finished 7", "file"}));
   EXPECT_EQ(database_closed, 1);
 
@@ -144,20 +145,20 @@ TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed
     std::lock_guard lock(mutex);
     queued.clear();
   }
-  auto deep = KRPathAnalyzer::startAnalyzerWithPath(root(), true);
+  auto deep = analyzers.startAnalyzerWithPath(root(), true);
   runUntil([&] { return deep->analysisIsFinished(); });
   EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096", root() + "/sub/deep"}));
   processQueued();
   runUntilNoAnalyzers();
-  EXPECT_EQ(KRPathAnalyzer::seenFilesForWatchedFolder(root()), 3u);
-  EXPECT_EQ(KRPathAnalyzer::processedFilesForWatchedFolder(root()), 3u);
+  EXPECT_EQ(analyzers.seenFilesForWatchedFolder(root()), 3u);
+  EXPECT_EQ(analyzers.processedFilesForWatchedFolder(root()), 3u);
 }
 
 TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
   write(root() + "/file", 5000);
   // The folder changed 10 s ago: walked only after the rest of its 30 s.
   touchDirectory(root(), *clock, 10);
-  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  auto analyzer = analyzers.startAnalyzerWithPath(root());
   clock->waitForSleepers(1);
   clock->advance(seconds(20));
   clock->waitForSleepers(1);
@@ -173,7 +174,7 @@ TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
   ASSERT_EQ(lstat((root() + "/file").c_str(), &st), 0);
   clock->setWall(WallTime(std::chrono::seconds(st.st_ctim.tv_sec + 10)));
   touchDirectory(root(), *clock, 100);
-  analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  analyzer = analyzers.startAnalyzerWithPath(root());
   clock->waitForSleepers(1);
   clock->advance(seconds(5));
   clock->waitForSleepers(1);
@@ -186,21 +187,21 @@ TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
 TEST_F(PathAnalyzerTest, RepeatedEventsFoldIntoOneRecursiveRecheck) {
   touchDirectory(root(), *clock, 0);  // holds the first walk in its settle wait
   Recorder recorder;
-  auto first = KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 10);
-  EXPECT_EQ(KRPathAnalyzer::startAnalyzerWithPath(root(), false, &recorder, 10), first) << "the same event twice";
+  auto first = analyzers.startAnalyzerWithPath(root(), false, &recorder, 10);
+  EXPECT_EQ(analyzers.startAnalyzerWithPath(root(), false, &recorder, 10), first) << "the same event twice";
   EXPECT_FALSE(first->mustRecheckPathAfterCompletion());
-  KRPathAnalyzer::startAnalyzerWithPath(root() + "/", false, &recorder, 12);
+  analyzers.startAnalyzerWithPath(root() + "/", false, &recorder, 12);
   EXPECT_TRUE(first->mustRecheckPathAfterCompletion());
   EXPECT_TRUE(recorder.calls.empty());
-  KRPathAnalyzer::startAnalyzerWithPath(root(), true, &recorder, 15);
+  analyzers.startAnalyzerWithPath(root(), true, &recorder, 15);
   EXPECT_EQ(recorder.calls, (std::vector<std::string>{"ignore 12"}));
   EXPECT_TRUE(first->recheckMustBeRecursive());
-  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 1u);
+  EXPECT_EQ(analyzers.analyzersCount(), 1u);
 
   clock->waitForSleepers(1);
   clock->advance(seconds(31));
-  runUntil([&] { return KRPathAnalyzer::analyzerForPath(root()) != first; });
-  auto again = KRPathAnalyzer::analyzerForPath(root());
+  runUntil([&] { return analyzers.analyzerForPath(root()) != first; });
+  auto again = analyzers.analyzerForPath(root());
   ASSERT_TRUE(again);
   EXPECT_TRUE(again->isRecursive());
   EXPECT_EQ(again->eventID(), 15u);
@@ -211,7 +212,7 @@ TEST_F(PathAnalyzerTest, RepeatedEventsFoldIntoOneRecursiveRecheck) {
 
 TEST_F(PathAnalyzerTest, TheWalkPausesAtAThousandPendingFilesUntilAtMost799Remain) {
   for (int i = 0; i < 1005; ++i) write(root() + "/f" + std::to_string(i), 4096);
-  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(root());
+  auto analyzer = analyzers.startAnalyzerWithPath(root());
   {
     std::unique_lock lock(mutex);
     changed.wait(lock, [&] { return !handed_over.empty(); });
@@ -263,15 +264,16 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
     for (const std::string& f : files) queued.insert(f);
     return files.size();
   };
-  links.env = &beneath;
-  KRPathAnalyzer::setLinks(links);
+  links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
+  KRPathAnalyzers beneathViews(RunLoop::main(), beneath, links);
 
-  auto analyzer = KRPathAnalyzer::startAnalyzerWithPath(shown.path(), true);
+  auto analyzer = beneathViews.startAnalyzerWithPath(shown.path(), true);
   runUntil([&] { return analyzer->analysisIsFinished(); });
   EXPECT_EQ(queuedFiles(), (std::set<std::string>{shown.path() + "/top", shown.path() + "/a/middle",
                                                   shown.path() + "/a/b/deep"}));
   processQueued();
-  runUntilNoAnalyzers();
+  runUntil([&] { return beneathViews.analyzersCount() == 0; });
+  RunLoop::main().runUntilIdle();
   close(held);
 }
 

@@ -50,7 +50,8 @@ class KRPathWatcher {
   // The event half: the stream over these folders, its ids, sweeps and
   // throttle. Made once at start-up (main thread); until then a new list only
   // changes the list.
-  KRPathWatcherEvents& startEvents(KRWatcherHistoryLinks history, KRPathWatcherEvents::Options options = {});
+  KRPathWatcherEvents& startEvents(KRPathAnalyzers& analyzers, KRWatcherHistoryLinks history,
+                                   KRPathWatcherEvents::Options options = {});
   KRPathWatcherEvents* events() { return events_.get(); }
   // Stops (true) or restarts the stream; the folder list stays. Main thread.
   void setPaused(bool paused);

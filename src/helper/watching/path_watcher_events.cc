@@ -21,17 +21,18 @@ double secondsSince1970(WallTime t) { return toSeconds(t.time_since_epoch()); }
 
 }  // namespace
 
-KRPathWatcherEvents::KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history,
-                                         Options options)
+KRPathWatcherEvents::KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders,
+                                         KRWatcherHistoryLinks history, Options options)
     : folders_(std::move(folders)),
       history_(std::move(history)),
+      analyzers_(analyzers),
       options_(std::move(options)),
-      loop_(RunLoop::main()) {
+      loop_(analyzers.mainLoop()) {
   const std::string journal = options_.journal_path.empty() ? defaultJournalPath() : options_.journal_path;
   journal_ = std::make_unique<EventJournal>(env(), journal.empty() ? std::string("/dev/null") : journal);
   last_event_received_ = lastEventProcessed();
   pending_events_.reserve(600);
-  count_observer_ = KRPathAnalyzer::addAnalyzersCountObserver([this] { throttle(); });
+  count_observer_ = analyzers_.addAnalyzersCountObserver([this] { throttle(); });
   if (options_.watch_mounts) mounts_ = std::make_unique<MountWatcher>(loop_);
   auto& center = NotificationCenter::defaultCenter();
   for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
@@ -43,7 +44,7 @@ KRPathWatcherEvents::KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcher
 
 KRPathWatcherEvents::~KRPathWatcherEvents() {
   for (auto id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
-  KRPathAnalyzer::removeAnalyzersCountObserver(count_observer_);
+  analyzers_.removeAnalyzersCountObserver(count_observer_);
   loop_.cancelPerform(this, "sweep");
   loop_.cancelPerform(this, "startWatching");
   loop_.cancelPerform(this, "watchedPathWasRenamed");
@@ -124,7 +125,7 @@ void KRPathWatcherEvents::streamCallback(const std::vector<FileEvent>& events) {
 }
 
 void KRPathWatcherEvents::analyzePathUnlessAnalysisStartedAfterEventId(const std::string& path, uint64_t eventID) {
-  const auto analyzers = KRPathAnalyzer::copyAnalyzersForPath(path);
+  const auto analyzers = analyzers_.copyAnalyzersForPath(path);
   if (analyzers.empty()) {
     analyzePath(path, false, eventID);
     return;
@@ -147,12 +148,12 @@ void KRPathWatcherEvents::analyzePathUnlessAnalysisStartedAfterEventId(const std
 
 void KRPathWatcherEvents::analyzePath(const std::string& path, bool recursive, uint64_t eventID) {
   if (eventID != 0) pending_events_.push_back(eventID);
-  KRPathAnalyzer::startAnalyzerWithPath(path, recursive, this, eventID);
+  analyzers_.startAnalyzerWithPath(path, recursive, this, eventID);
 }
 
 void KRPathWatcherEvents::cancelAnalyzersForPathsInSet(const std::set<std::string>& paths) {
   for (const std::string& folder : paths) {
-    for (const auto& analyzer : KRPathAnalyzer::copyAnalyzersForWatchedPath(folder)) analyzer->cancel();
+    for (const auto& analyzer : analyzers_.copyAnalyzersForWatchedPath(folder)) analyzer->cancel();
   }
 }
 
@@ -173,7 +174,7 @@ uint64_t KRPathWatcherEvents::lastEventProcessed() const {
 }
 
 void KRPathWatcherEvents::throttle() {
-  const size_t n = KRPathAnalyzer::analyzersCount();
+  const size_t n = analyzers_.analyzersCount();
   if (stream_ && n >= kStopAtAnalyzers) {
     stopWatching();
   } else if (!stream_ && !paused_ && n < kRestartBelowAnalyzers) {
@@ -212,8 +213,8 @@ int KRPathWatcherEvents::progressForCounts(uint32_t seen, uint32_t processed) {
 }
 
 void KRPathWatcherEvents::updateProgressForWatchedFolder(const std::string& folder) {
-  const int progress = progressForCounts(KRPathAnalyzer::seenFilesForWatchedFolder(folder),
-                                         KRPathAnalyzer::processedFilesForWatchedFolder(folder));
+  const int progress = progressForCounts(analyzers_.seenFilesForWatchedFolder(folder),
+                                         analyzers_.processedFilesForWatchedFolder(folder));
   if (history_.setProgressForFolder) history_.setProgressForFolder(progress, folder);
 }
 
@@ -267,7 +268,7 @@ void KRPathWatcherEvents::analyzerCompressorDidProcessFile(KRPathAnalyzer*, cons
   // The counts measure a sweep: a file saved after one ended (or refused in
   // it and taken later) must not turn a finished sweep back into 70 %.
   const std::string folder = folders_.watchedPathForPath(file);
-  for (const auto& analyzer : KRPathAnalyzer::copyAnalyzersForWatchedPath(folder)) {
+  for (const auto& analyzer : analyzers_.copyAnalyzersForWatchedPath(folder)) {
     if (analyzer->isRecursive() && analyzer->path() == folder) {
       updateProgressForWatchedFolder(folder);
       return;

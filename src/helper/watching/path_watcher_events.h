@@ -18,6 +18,7 @@
 #include "base/notification_center.h"
 #include "base/run_loop.h"
 #include "helper/watching/path_analyzer.h"
+#include "helper/watching/path_analyzers.h"
 #include "platform/event_journal.h"
 #include "platform/path_map.h"
 #include "platform/file_event_stream.h"
@@ -69,7 +70,9 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     const PathMap* map = nullptr;
   };
 
-  KRPathWatcherEvents(KRWatcherFolderLinks folders, KRWatcherHistoryLinks history, Options options);
+  // Starts its analyses in `analyzers`, on their main loop.
+  KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders, KRWatcherHistoryLinks history,
+                      Options options);
   Env& env() const { return options_.env ? *options_.env : Env::system(); }
   ~KRPathWatcherEvents() override;
   KRPathWatcherEvents(const KRPathWatcherEvents&) = delete;
@@ -125,6 +128,7 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
 
   KRWatcherFolderLinks folders_;
   KRWatcherHistoryLinks history_;
+  KRPathAnalyzers& analyzers_;
   Options options_;
   RunLoop& loop_;
   std::unique_ptr<EventJournal> journal_;

@@ -17,6 +17,7 @@
 #include "testing/child.h"
 #include "testing/files.h"
 #include "testing/private_tmpfs.h"
+#include "helper/lifecycle/scheduler.h"
 #include "testing/process_clock.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
@@ -45,15 +46,16 @@ class PathWatcherEventsTest : public ::testing::Test {
       }
       return files.size();
     };
-    if (hold_analyses) {
-      links.addAnalysisOperation = [this](Operation op) { held.push_back(std::move(op)); };
-    }
-    KRPathAnalyzer::setLinks(links);
+    links.addAnalysisOperation = [this](Operation op) {
+      if (hold_analyses) {
+        held.push_back(std::move(op));
+      } else {
+        scheduler.queueAnalysisOperation(std::move(op));
+      }
+    };
+    analyzers.setLinks(links);
   }
-  ~PathWatcherEventsTest() override {
-    events.reset();
-    KRPathAnalyzer::resetForTesting();
-  }
+  ~PathWatcherEventsTest() override { events.reset(); }
   void SetUp() override {
     if (!dir.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
   }
@@ -88,7 +90,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     options.journal_path = home.dataFolder() + "/events.journal";
     options.watch_mounts = false;
     options.map = &views;
-    events = std::make_unique<KRPathWatcherEvents>(folders, history, options);
+    events = std::make_unique<KRPathWatcherEvents>(analyzers, folders, history, options);
   }
 
   void runUntil(const std::function<bool()>& done) {
@@ -98,7 +100,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     RunLoop::main().runUntilIdle();
     clock->advance(seconds(3.0));
     RunLoop::main().runUntilIdle();  // the batch is delivered, analyses start
-    runUntil([] { return KRPathAnalyzer::analyzersCount() == 0; });
+    runUntil([this] { return analyzers.analyzersCount() == 0; });
     RunLoop::main().runUntilIdle();
   }
   size_t compressedCount() {
@@ -123,6 +125,8 @@ class PathWatcherEventsTest : public ::testing::Test {
   int sweep_checks = 0;  // one per folder at each successful start
   std::vector<std::string> mount_changes;
   PathMap views;  // empty but in one test
+  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
+  KRScheduler scheduler;  // its analyses end before the registry goes
   std::unique_ptr<KRPathWatcherEvents> events;
 };
 
@@ -150,11 +154,11 @@ TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNot
 
   // Our own rewriting of a file is not reported, so it starts no analysis.
   std::vector<std::string> started;
-  const uint64_t watcher = KRPathAnalyzer::addAnalyzersCountObserver([&] { started.push_back("change"); });
+  const uint64_t watcher = analyzers.addAnalyzersCountObserver([&] { started.push_back("change"); });
   testkit::writeFile(folder() + "/b", std::string(6000, 'q'));
   settle();
   EXPECT_TRUE(started.empty());
-  KRPathAnalyzer::removeAnalyzersCountObserver(watcher);
+  analyzers.removeAnalyzersCountObserver(watcher);
 
   // A burst larger than the kernel queue: a full re-check finds every file.
   shell("cd '" + folder() +
@@ -181,7 +185,7 @@ TEST_F(PathWatcherEventsTest, ARunChecksItsFoldersOnceThoughAnEarlierRunSweptThe
   have_new_paths = true;
   events->rewatch();
   ASSERT_TRUE(events->isWatching());
-  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 0u);
+  EXPECT_EQ(analyzers.analyzersCount(), 0u);
 }
 
 TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsIt) {
@@ -196,11 +200,11 @@ TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsI
   EXPECT_EQ(KRHelperDefaults::sharedHelperDefaults().lastEventID(), 15u);
 
   // Must-scan together with root-changed takes only the rename path.
-  runUntil([] { return KRPathAnalyzer::analyzersCount() == 0; });
+  runUntil([this] { return analyzers.analyzersCount() == 0; });
   events->streamCallback({{folder(), kFileEventMustScanSubDirs | kFileEventRootChanged, 20},
                           {folder(), kFileEventHistoryDone, 21},
                           {std::string(1100, 'x'), 0, 22}});
-  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 0u);
+  EXPECT_EQ(analyzers.analyzersCount(), 0u);
   EXPECT_EQ(events->lastEventReceived(), 22u);
   clock->advance(seconds(0.1));
   RunLoop::main().runUntilIdle();
@@ -256,7 +260,7 @@ class ThrottleTest : public PathWatcherEventsTest {
     hold_analyses = true;
     KRPathAnalyzerLinks links;
     links.addAnalysisOperation = [this](Operation op) { held.push_back(std::move(op)); };
-    KRPathAnalyzer::setLinks(links);
+    analyzers.setLinks(links);
   }
   void finishOne() {
     Operation op = std::move(held.front());
@@ -272,17 +276,17 @@ TEST_F(ThrottleTest, FiveHundredAndOneAnalyzersStopTheStreamWhichRestartsAt199) 
   events->startWatching();
   ASSERT_TRUE(events->isWatching());
   // The run's own first check of the folder.
-  ASSERT_EQ(KRPathAnalyzer::analyzersCount(), 1u);
+  ASSERT_EQ(analyzers.analyzersCount(), 1u);
   finishOne();
-  ASSERT_EQ(KRPathAnalyzer::analyzersCount(), 0u);
+  ASSERT_EQ(analyzers.analyzersCount(), 0u);
   for (int i = 0; i < 500; ++i) events->analyzePath(folder() + "/p" + std::to_string(i), false);
   EXPECT_TRUE(events->isWatching());
   events->analyzePath(folder() + "/p500", false);
   EXPECT_FALSE(events->isWatching());
-  while (KRPathAnalyzer::analyzersCount() > 200) finishOne();
+  while (analyzers.analyzersCount() > 200) finishOne();
   EXPECT_FALSE(events->isWatching()) << "200 is still too many";
   finishOne();
-  EXPECT_EQ(KRPathAnalyzer::analyzersCount(), 199u);
+  EXPECT_EQ(analyzers.analyzersCount(), 199u);
   EXPECT_TRUE(events->isWatching());
 
   // Paused, it stays off whatever the count.
@@ -305,7 +309,7 @@ TEST_F(ThrottleTest, AnEventOlderThanARunningAnalysisIsLeftToIt) {
   // A sweep (no event id) begins now; its id comes from the journal.
   events->analyzePath(folder(), true);
   held.front().work();
-  auto sweeping = KRPathAnalyzer::analyzerForPath(folder());
+  auto sweeping = analyzers.analyzerForPath(folder());
   ASSERT_TRUE(sweeping && sweeping->analysisStartDate());
   clock->advance(seconds(1.0));
   std::vector<FileEvent> after{{folder(), 0, 0}};

@@ -68,7 +68,8 @@ void KRPathWatcher::setWatchPaths(const std::optional<std::vector<std::string>>&
   if (events_) events_->rewatch();
 }
 
-KRPathWatcherEvents& KRPathWatcher::startEvents(KRWatcherHistoryLinks history, KRPathWatcherEvents::Options options) {
+KRPathWatcherEvents& KRPathWatcher::startEvents(KRPathAnalyzers& analyzers, KRWatcherHistoryLinks history,
+                                                KRPathWatcherEvents::Options options) {
   if (events_) return *events_;
   KRWatcherFolderLinks folders;
   folders.watchPaths = [this] { return watchPaths().value_or(std::vector<std::string>{}); };
@@ -77,7 +78,7 @@ KRPathWatcherEvents& KRPathWatcher::startEvents(KRWatcherHistoryLinks history, K
   folders.haveNewPaths = [this] { return haveNewPaths(); };
   folders.clearHaveNewPaths = [this] { setHaveNewPaths(false); };
   options.env = &env_;
-  events_ = std::make_unique<KRPathWatcherEvents>(std::move(folders), std::move(history), std::move(options));
+  events_ = std::make_unique<KRPathWatcherEvents>(analyzers, std::move(folders), std::move(history), std::move(options));
   return *events_;
 }
 
