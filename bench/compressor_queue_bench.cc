@@ -132,7 +132,7 @@ Timing runCommand(const std::vector<std::string>& argv) {
 // The queue as the helper runs it, with time for the debounce skipped.
 class QueueRun {
  public:
-  QueueRun() : useClock_(), loop_(*useClock_), compressor_(loop_, &queue_, Env::system()) {
+  QueueRun() : useClock_(), loop_(*useClock_), compressor_(loop_, Env::system(), {.compressionQueue = &queue_}) {
     compressor_.setFolderWatchTest([](const std::string&) { return true; });
   }
   ~QueueRun() {

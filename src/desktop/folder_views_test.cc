@@ -65,7 +65,6 @@ class FolderViewsTest : public ::testing::Test {
   }
   ~FolderViewsTest() override {
     queue.waitUntilAllOperationsAreFinished();
-    PathMap::shared().clear();
   }
   void advance(double s) {
     clock->advance(seconds(s));
@@ -84,7 +83,7 @@ class FolderViewsTest : public ::testing::Test {
   RunLoop loop{*clock};
   testkit::NotificationRecorder recorder{*clock};
   OperationQueue queue{1};
-  KRCompressor compressor{loop, &queue, Env::shared(), &load};
+  KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load}};
   ProcessViews* mounter = new ProcessViews();
   PathMap map;
   KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map};

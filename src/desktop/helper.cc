@@ -26,7 +26,11 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       power_(std::make_unique<SysfsPowerSupplies>(), loop),
       history_(loop, env),
       analyzers_(loop, env),
-      compressor_(loop, &scheduler_.compressionQueue(), env, &load_, &record_),
+      compressor_(loop, env,
+                  {.compressionQueue = &scheduler_.compressionQueue(),
+                   .load = &load_,
+                   .record = &record_,
+                   .ownRewrites = &ownRewrites_}),
       watcher_(loop, env, &compressor_),
       views_(std::make_unique<view::ViewMounter>(), loop, map) {
   linkParts();
@@ -130,6 +134,7 @@ void Helper::start() {
   KRPathWatcherEvents::Options eventOptions;
   eventOptions.env = &env_;
   eventOptions.map = &map_;
+  eventOptions.ownRewrites = &ownRewrites_;
   watcher_.startEvents(analyzers_, std::move(links), eventOptions);
 }
 

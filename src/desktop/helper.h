@@ -23,6 +23,7 @@
 #include "helper/pipeline/system_load_handler.h"
 #include "helper/watching/path_analyzers.h"
 #include "helper/watching/path_watcher.h"
+#include "platform/own_rewrites.h"
 
 namespace zephlore {
 
@@ -103,6 +104,7 @@ class Helper {
   const std::string dataFolder_;
   // In the order they are built: each uses only those above it.
   KRScheduler scheduler_;
+  OwnRewrites ownRewrites_;
   KRFileInProcessWatchdog record_;
   KRSystemLoadHandler load_;
   KRPowerManager power_;

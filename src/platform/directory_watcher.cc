@@ -13,7 +13,8 @@
 namespace zephlore {
 
 std::unique_ptr<DirectoryWatcher> makeFanotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map);
-std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map);
+std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map,
+                                                     OwnRewrites* own);
 
 namespace {
 
@@ -24,12 +25,13 @@ bool under(const std::string& path, const std::string& dir) {
 
 }  // namespace
 
-std::unique_ptr<DirectoryWatcher> DirectoryWatcher::create(Delegate& delegate, const PathMap& map, Kind kind) {
+std::unique_ptr<DirectoryWatcher> DirectoryWatcher::create(Delegate& delegate, const PathMap& map, Kind kind,
+                                                           OwnRewrites* own) {
   if (kind != Kind::kInotify) {
     if (auto watcher = makeFanotifyWatcher(delegate, map)) return watcher;
     if (kind == Kind::kFanotify) return nullptr;
   }
-  if (auto watcher = makeInotifyWatcher(delegate, map)) return watcher;
+  if (auto watcher = makeInotifyWatcher(delegate, map, own)) return watcher;
   KRLog("*** Neither fanotify nor inotify is available (%s): folders are only swept", strerror(errno));
   return nullptr;
 }

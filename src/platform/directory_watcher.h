@@ -16,6 +16,8 @@
 
 namespace zephlore {
 
+class OwnRewrites;
+
 class DirectoryWatcher {
  public:
   class Delegate {
@@ -34,8 +36,10 @@ class DirectoryWatcher {
   // fanotify where the kernel allows it, else inotify (kAny); null when
   // neither can be had (one log line). Directories are reached through `map`
   // (beneath the views), which must outlive the watcher; events name the
-  // shown paths.
-  static std::unique_ptr<DirectoryWatcher> create(Delegate& delegate, const PathMap& map, Kind kind = Kind::kAny);
+  // shown paths. Where the kernel does not name the process behind an event
+  // (inotify), the events on the files in `own` are dropped (none: none is).
+  static std::unique_ptr<DirectoryWatcher> create(Delegate& delegate, const PathMap& map, Kind kind = Kind::kAny,
+                                                  OwnRewrites* own = nullptr);
   virtual ~DirectoryWatcher();
 
   virtual const char* backendName() const = 0;

@@ -25,7 +25,7 @@ FileEventStream::~FileEventStream() { stop(); }
 bool FileEventStream::start() {
   if (running_) return true;
   const PathMap& map = options_.map ? *options_.map : noViews();
-  watcher_ = DirectoryWatcher::create(*this, map, options_.backend);
+  watcher_ = DirectoryWatcher::create(*this, map, options_.backend, options_.ownRewrites);
   if (!watcher_) return false;
   running_ = true;
   for (const std::string& root : options_.roots) {

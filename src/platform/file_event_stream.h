@@ -36,6 +36,9 @@ class FileEventStream : private DirectoryWatcher::Delegate {
     // Where the roots' directories are reached (beneath the views); null:
     // at their own paths. Must outlive the stream.
     const PathMap* map = nullptr;
+    // The files this process is rewriting, whose events are not reported
+    // where the kernel does not name their process; null: none.
+    OwnRewrites* ownRewrites = nullptr;
   };
 
   static constexpr Duration kLimitedRootRecheck = std::chrono::minutes(30);

@@ -46,6 +46,7 @@ class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Ki
     options.roots = roots.empty() ? std::vector<std::string>{root()} : roots;
     options.since = since;
     options.backend = GetParam();
+    options.ownRewrites = &own;
     auto stream = std::make_unique<FileEventStream>(loop, journal, options, [this](const auto& events) {
       batches.push_back(events);
     });
@@ -79,6 +80,7 @@ class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Ki
   RunLoop loop;
   EventJournal journal;
   std::vector<std::vector<FileEvent>> batches;
+  OwnRewrites own;
 };
 
 TEST_P(FileEventStreamTest, GroupsChangesPerDirectoryAfterTheLatencyAndFollowsNewFolders) {
@@ -116,11 +118,11 @@ TEST_P(FileEventStreamTest, OwnRewritesAreNotReported) {
   auto stream = open();
   ASSERT_TRUE(stream);
   // Where the kernel does not name the process, the rewrite is announced.
-  OwnRewrites::shared().begin(file);
+  own.begin(file);
   writeFile(file, std::string(6000, 'b'));
   writeFile(root() + "/.zephlore-0123456789abcdef.c", "temp");
   unlink((root() + "/.zephlore-0123456789abcdef.c").c_str());
-  OwnRewrites::shared().end(file);
+  own.end(file);
   settle();
   EXPECT_TRUE(batches.empty());
   shell("echo other > '" + root() + "/theirs'");

@@ -21,7 +21,10 @@ std::string keyFor(int wd) { return std::to_string(wd); }
 
 class InotifyDirectoryWatcher final : public DirectoryWatcher {
  public:
-  InotifyDirectoryWatcher(Delegate& delegate, const PathMap& map, int fd) : DirectoryWatcher(delegate, map) { fd_ = fd; }
+  InotifyDirectoryWatcher(Delegate& delegate, const PathMap& map, int fd, OwnRewrites* own)
+      : DirectoryWatcher(delegate, map), own_(own ? *own : none_) {
+    fd_ = fd;
+  }
 
   const char* backendName() const override { return "inotify"; }
   const char* limitFile() const override { return "/proc/sys/fs/inotify/max_user_watches"; }
@@ -35,7 +38,7 @@ class InotifyDirectoryWatcher final : public DirectoryWatcher {
   void unmark(const std::string& key) override { inotify_rm_watch(fd_, std::stoi(key)); }
 
   bool readSome() override {
-    OwnRewrites& own = OwnRewrites::shared();
+    OwnRewrites& own = own_;
     const uint64_t pass = own.passBegins();
     alignas(struct inotify_event) char buffer[64 * 1024];
     const ssize_t length = read(fd_, buffer, sizeof buffer);
@@ -73,14 +76,19 @@ class InotifyDirectoryWatcher final : public DirectoryWatcher {
     }
     return true;
   }
+
+ private:
+  OwnRewrites none_;  // stands in when the caller keeps no list
+  OwnRewrites& own_;
 };
 
 }  // namespace
 
-std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map) {
+std::unique_ptr<DirectoryWatcher> makeInotifyWatcher(DirectoryWatcher::Delegate& delegate, const PathMap& map,
+                                                     OwnRewrites* own) {
   const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) return nullptr;
-  return std::make_unique<InotifyDirectoryWatcher>(delegate, map, fd);
+  return std::make_unique<InotifyDirectoryWatcher>(delegate, map, fd, own);
 }
 
 }  // namespace zephlore

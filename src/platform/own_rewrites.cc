@@ -2,11 +2,6 @@
 
 namespace zephlore {
 
-OwnRewrites& OwnRewrites::shared() {
-  static OwnRewrites* instance = new OwnRewrites;
-  return *instance;
-}
-
 void OwnRewrites::begin(const std::string& path) {
   std::lock_guard lock(mutex_);
   State& s = paths_[path];

@@ -1,6 +1,7 @@
 // The files this process is rewriting right now. Where the kernel does not
 // say which process caused an event (inotify), the event stream drops the
 // events on these files and on their temporary copies beside them instead.
+// The helper keeps one, shared by its compressor and its event stream.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +13,6 @@ namespace zephlore {
 
 class OwnRewrites {
  public:
-  static OwnRewrites& shared();
-
   void begin(const std::string& path);
   // The kernel queued the rewrite's events before this returns; the entry
   // stays until the stream has read past them (forgetEndedBefore).

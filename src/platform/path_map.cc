@@ -4,11 +4,6 @@
 
 namespace zephlore {
 
-PathMap& PathMap::shared() {
-  static PathMap* map = new PathMap();  // never destroyed: workers may map while the process exits
-  return *map;
-}
-
 void PathMap::replaceAll(std::map<std::string, std::string> entries) {
   std::unique_lock lock(mutex_);
   entries_ = std::move(entries);

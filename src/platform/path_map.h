@@ -16,10 +16,7 @@ namespace zephlore {
 
 class PathMap {
  public:
-  // The process's map; empty (every path maps to itself) until a view is
-  // entered.
-  static PathMap& shared();
-
+  // Empty (every path maps to itself) until a view is entered.
   // Replaces every entry: shown folder -> path reaching its stored files.
   void replaceAll(std::map<std::string, std::string> entries);
   void clear() { replaceAll({}); }

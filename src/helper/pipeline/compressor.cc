@@ -62,9 +62,13 @@ void yieldToEverythingElse() {
 
 }  // namespace
 
-KRCompressor::KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env, KRSystemLoadHandler* load,
-                           KRFileInProcessWatchdog* record)
-    : mainLoop_(mainLoop), env_(env), compressionQueue_(compressionQueue), load_(load), record_(record) {
+KRCompressor::KRCompressor(RunLoop& mainLoop, Env& env, Parts parts)
+    : mainLoop_(mainLoop),
+      env_(env),
+      compressionQueue_(parts.compressionQueue),
+      load_(parts.load),
+      record_(parts.record),
+      ownRewrites_(parts.ownRewrites) {
   if (!compressionQueue_) {
     ownQueue_ = std::make_unique<OperationQueue>(1);
     compressionQueue_ = ownQueue_.get();
@@ -272,7 +276,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
       int64_t uncompressedSize = 0;
       // Where the event source cannot tell our writes by process, it tells
       // them by path (the signature below included).
-      OwnRewrites::shared().begin(path);
+      if (ownRewrites_) ownRewrites_->begin(path);
       bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
       // A save renamed over the name just after the swap leaves a plain file
       // there: marked as ours, later analyses would pass it over for days.
@@ -306,7 +310,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
           if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
         }
       }
-      OwnRewrites::shared().end(path);
+      if (ownRewrites_) ownRewrites_->end(path);
       setFileInHand({});
       const bool busy = !compressed && refusedWhileBeingWritten(error);
       mainLoop_.post([this, path, busy] { noteOutcome(path, busy); });

@@ -32,9 +32,18 @@ namespace zephlore {
 
 class KRFileInProcessWatchdog;
 class KRSystemLoadHandler;
+class OwnRewrites;
 
 inline constexpr int kFolderNotWatchedErrorCode = 8000;
 inline constexpr int kFolderHeldErrorCode = 8001;  // e.g. its view is down
+
+// What a compressor works with besides its loop and Env; each may be none.
+struct KRCompressorParts {
+  OperationQueue* compressionQueue = nullptr;  // none: a one-at-a-time queue of its own
+  KRSystemLoadHandler* load = nullptr;         // before each file, waits while it says busy
+  KRFileInProcessWatchdog* record = nullptr;   // kept around each swap
+  OwnRewrites* ownRewrites = nullptr;          // told of each rewrite, for the event stream
+};
 
 class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
  public:
@@ -63,12 +72,10 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Hands a file back for analysis (main thread).
   using RetryHandler = std::function<void(const std::string& path)>;
 
-  // Ticks on `mainLoop`; batches on `compressionQueue`, or on a one-at-a-time
-  // queue of its own when none is given (tests). Files are converted through
-  // `env`. Before each file it waits while `load` says the machine is busy
-  // (none: never); around each swap it keeps `record` (none: no record).
-  KRCompressor(RunLoop& mainLoop, OperationQueue* compressionQueue, Env& env, KRSystemLoadHandler* load = nullptr,
-               KRFileInProcessWatchdog* record = nullptr);
+  using Parts = KRCompressorParts;
+
+  // Ticks on `mainLoop`; files are converted through `env`.
+  KRCompressor(RunLoop& mainLoop, Env& env, Parts parts = {});
   // Stops the running batch before its next file (and waits for it when
   // the queue is the compressor's own).
   ~KRCompressor() override;
@@ -137,6 +144,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   OperationQueue* compressionQueue_;
   KRSystemLoadHandler* load_;
   KRFileInProcessWatchdog* record_;
+  OwnRewrites* ownRewrites_;
 
   std::recursive_mutex fileQueueLock_;
   std::deque<std::string> fileQueue_;

@@ -73,7 +73,7 @@ TEST(CompressorQueueCrashHeavy, Child) {
   ScopedManualClock clock;
   RunLoop loop(*clock);
   OperationQueue queue(1);
-  KRCompressor compressor(loop, &queue, env, nullptr, &watchdog);
+  KRCompressor compressor(loop, env, {.compressionQueue = &queue, .record = &watchdog});
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);

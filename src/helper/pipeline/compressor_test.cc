@@ -78,7 +78,7 @@ class CompressorTest : public ::testing::Test {
   OperationQueue queue{1};
   const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
   KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
-  KRCompressor compressor{loop, &queue, Env::shared(), &load, &watchdog};
+  KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
   std::mutex watchedLock;
   std::string watched = dir.path() + "/";
   std::atomic<uint64_t> savings{0};
@@ -353,7 +353,7 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     (void)!::write(fd, "more lines\n", 11);
     ::close(fd);
   });
-  KRCompressor busy(loop, &queue, env, &load, &watchdog);
+  KRCompressor busy(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
   // The engine reads the source through the process's Env.
   std::optional<ScopedSharedEnv> readsThrough(&env);
   busy.setFolderWatchTest([](const std::string&) { return true; });
@@ -388,7 +388,7 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     (void)!::write(fd, "more lines\n", 11);
     ::close(fd);
   });
-  KRCompressor writtenForever(loop, &queue, alwaysGrowing);
+  KRCompressor writtenForever(loop, alwaysGrowing, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
   readsThrough.reset();
   readsThrough.emplace(&alwaysGrowing);
   writtenForever.setFolderWatchTest([](const std::string&) { return true; });
@@ -440,7 +440,7 @@ TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
     gateChanged.notify_all();
     gateChanged.wait(lock, [&] { return released; });
   });
-  KRCompressor busy(loop, &queue, env, &load, &watchdog);
+  KRCompressor busy(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
   compressorOf = &busy;
   std::optional<ScopedSharedEnv> readsThrough(&env);
   busy.setFolderWatchTest([](const std::string&) { return true; });
@@ -490,7 +490,7 @@ TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
     if (::getxattr(note.c_str(), "user.com.apple.decmpfs", nullptr, 0) < 0) return;
     saved = ::rename(saving.c_str(), note.c_str()) == 0;
   });
-  KRCompressor racing(loop, &queue, env, &load, &watchdog);
+  KRCompressor racing(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
   std::optional<ScopedSharedEnv> readsThrough(&env);
   racing.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> retried;

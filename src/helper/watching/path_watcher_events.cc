@@ -66,6 +66,7 @@ void KRPathWatcherEvents::startWatchingFromEvent(uint64_t since) {
   options.latency = seconds(options_.latency);
   options.backend = options_.backend;
   options.map = options_.map;
+  options.ownRewrites = options_.ownRewrites;
   stream_ = std::make_unique<FileEventStream>(loop_, *journal_, options,
                                               [this](const std::vector<FileEvent>& events) { streamCallback(events); });
   if (!stream_->start()) {

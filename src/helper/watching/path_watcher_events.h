@@ -68,6 +68,8 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     // The same paths' directories for the event stream (the views'); null:
     // at their own paths.
     const PathMap* map = nullptr;
+    // The compressor's rewrites, not reported as changes (null: none).
+    OwnRewrites* ownRewrites = nullptr;
   };
 
   // Starts its analyses in `analyzers`, on their main loop.

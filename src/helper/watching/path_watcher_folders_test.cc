@@ -45,7 +45,7 @@ TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLate
   testkit::writeFile(dir / "gone/f", testkit::compressibleData(8192));
   ScopedManualClock clock;
   RunLoop loop(*clock);
-  KRCompressor compressor(loop, nullptr, Env::system());
+  KRCompressor compressor(loop, Env::system());
   KRPathWatcher watcher(loop, Env::system(), &compressor);
   compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
   testkit::NotificationRecorder recorder(*clock);
