@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "base/utf8.h"
+
 namespace zephlore {
 namespace {
 
@@ -26,13 +28,8 @@ size_t terminatorAt(const std::string& s, size_t pos) {
 
 // Byte length of the UTF-8 character at `pos`; a malformed one is 1 byte.
 size_t characterLength(const std::string& s, size_t pos) {
-  const unsigned char c = static_cast<unsigned char>(s[pos]);
-  size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 1;
-  if (pos + n > s.size()) return 1;
-  for (size_t i = 1; i < n; ++i) {
-    if ((static_cast<unsigned char>(s[pos + i]) & 0xC0) != 0x80) return 1;
-  }
-  return n;
+  const size_t n = utf8SequenceAt(s, pos);
+  return n == 0 ? 1 : n;
 }
 
 std::vector<size_t> characterStarts(const std::string& s) {

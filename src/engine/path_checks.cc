@@ -4,7 +4,7 @@
 
 #include "engine/hfs_refusal_codes.h"
 #include "engine/sibling_temp_file.h"
-#include "engine/utf8.h"
+#include "base/utf8.h"
 
 namespace zephlore {
 

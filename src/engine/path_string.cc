@@ -6,7 +6,7 @@
 #include <climits>
 #include <cstring>
 
-#include "engine/utf8.h"
+#include "base/utf8.h"
 #include "platform/env.h"
 #include "platform/platform_error.h"
 

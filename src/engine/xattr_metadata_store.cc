@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "base/log.h"
-#include "engine/utf8.h"
+#include "base/utf8.h"
 
 namespace zephlore {
 namespace {

@@ -2,40 +2,10 @@
 
 #include <cstdint>
 
+#include "base/utf8.h"
+
 namespace zephlore::cli {
 namespace {
-
-// Length of the well-formed UTF-8 sequence starting at text[i], or 0 when the
-// bytes there are not one. Writes the code point to *cp.
-size_t utf8SequenceAt(std::string_view text, size_t i, uint32_t* cp) {
-  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char b0 = byte(i);
-  if (b0 < 0x80) {
-    *cp = b0;
-    return 1;
-  }
-  size_t len;
-  uint32_t value;
-  uint32_t min;
-  if ((b0 & 0xE0) == 0xC0) {
-    len = 2, value = b0 & 0x1F, min = 0x80;
-  } else if ((b0 & 0xF0) == 0xE0) {
-    len = 3, value = b0 & 0x0F, min = 0x800;
-  } else if ((b0 & 0xF8) == 0xF0) {
-    len = 4, value = b0 & 0x07, min = 0x10000;
-  } else {
-    return 0;
-  }
-  if (i + len > text.size()) return 0;
-  for (size_t k = 1; k < len; ++k) {
-    const unsigned char b = byte(i + k);
-    if ((b & 0xC0) != 0x80) return 0;
-    value = (value << 6) | (b & 0x3F);
-  }
-  if (value < min || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
-  *cp = value;
-  return len;
-}
 
 void appendHexEscape(std::string& out, unsigned char b) {
   static const char kDigits[] = "0123456789abcdef";
@@ -45,16 +15,6 @@ void appendHexEscape(std::string& out, unsigned char b) {
 }
 
 }  // namespace
-
-bool isValidUtf8(std::string_view text) {
-  uint32_t cp;
-  for (size_t i = 0; i < text.size();) {
-    const size_t len = utf8SequenceAt(text, i, &cp);
-    if (len == 0) return false;
-    i += len;
-  }
-  return true;
-}
 
 std::string escapeForTerminal(std::string_view name) {
   std::string out;

@@ -8,9 +8,6 @@
 
 namespace zephlore::cli {
 
-// True when `text` is well-formed UTF-8 (no overlong forms, no surrogates).
-bool isValidUtf8(std::string_view text);
-
 // The name for a terminal: printable UTF-8 is kept as it is; a backslash
 // becomes "\\", tab, newline and carriage return become "\t", "\n", "\r",
 // other control characters (C0, DEL, C1) and bytes that are not UTF-8 become

@@ -1,11 +1,12 @@
 #include "cli/files/json_report.h"
 
+#include "base/utf8.h"
 #include "cli/files/display_name.h"
 
 namespace zephlore::cli {
 
 void addPathFields(json& object, const std::string& path) {
-  if (isValidUtf8(path)) {
+  if (isValidUTF8(path)) {
     object["path"] = path;
   } else {
     object["path"] = lossyUtf8(path);

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/utf8.h"
 #include "cli/files/display_name.h"
 #include "cli/files/json_report.h"
 #include "cli/files/progress_line.h"
@@ -23,8 +24,8 @@ TEST(DisplayName, EscapesWhatATerminalWouldActOnAndKeepsTheRest) {
   EXPECT_EQ(escapeForTerminal("\xc0\xaf"), "\\xc0\\xaf");            // overlong '/'
   EXPECT_EQ(escapeForTerminal("\xe2\x82"), "\\xe2\\x82");            // cut short
 
-  EXPECT_TRUE(isValidUtf8("caf\xc3\xa9\n"));
-  EXPECT_FALSE(isValidUtf8("caf\xe9"));
+  EXPECT_TRUE(isValidUTF8("caf\xc3\xa9\n"));
+  EXPECT_FALSE(isValidUTF8("caf\xe9"));
   EXPECT_EQ(lossyUtf8("a\xffz"), "a\xef\xbf\xbdz");
   EXPECT_EQ(hexBytes("A\xff\n"), "41ff0a");
 }
@@ -60,7 +61,7 @@ TEST(JsonReport, EveryOutcomeIsOneLineOfValidJson) {
     json j = json::parse(line);
     EXPECT_EQ(j["type"], "file");
     EXPECT_EQ(j["outcome"], outcomeKey(r.outcome, Operation::kCompress));
-    if (isValidUtf8(r.path)) {
+    if (isValidUTF8(r.path)) {
       EXPECT_EQ(j["path"], r.path);
       EXPECT_FALSE(j.contains("path_bytes"));
     } else {
