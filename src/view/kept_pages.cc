@@ -21,9 +21,11 @@ struct KeptPages::Shown {
   // them.
   bool clean = false;
   int opens = 0;
+  int writers = 0;  // of the opens, those that may write
 };
 
-KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& version, bool fixed, bool* keep) {
+KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& version, bool fixed, bool writing,
+                                    bool* keep) {
   std::lock_guard lock(mutex_);
   auto found = shown_.find(path);
   if (found == shown_.end()) {
@@ -36,19 +38,21 @@ KeptPages::Ticket KeptPages::opened(const std::string& path, const FileVersion& 
     found->second->path = path;
   }
   Shown& shown = *found->second;
-  *keep = fixed && shown.fixed && shown.clean && shown.version == version;
+  *keep = (fixed && shown.fixed && shown.clean && shown.version == version) || (!fixed && shown.writers > 0);
   // Without keep the kernel drops its pages now; files still open there
   // may read pages of another version back in.
   if (!*keep) shown.clean = shown.opens == 0;
   shown.version = version;
   shown.fixed = fixed;
   ++shown.opens;
+  if (writing) ++shown.writers;
   return found->second;
 }
 
-void KeptPages::closed(const Ticket& ticket) {
+void KeptPages::closed(const Ticket& ticket, bool writing) {
   std::lock_guard lock(mutex_);
   --ticket->opens;
+  if (writing) --ticket->writers;
 }
 
 std::optional<std::string> KeptPages::pathOf(const Ticket& ticket) {

@@ -11,7 +11,13 @@
 // renames through the view). They are trusted only when every file opened at
 // that path since the kernel last dropped them was this same version.
 // For the same reason an open file follows its path (pathOf()) when the
-// file beneath is swapped under that name. Thread-safe.
+// file beneath is swapped under that name.
+//
+// A plain file keeps them too while it is open for writing through the view:
+// the kernel's pages then hold what was written, some of it not yet beneath,
+// and pages dropped in the middle of a write would be read back from the file
+// as it was before the write (a short read the kernel fills with zeros).
+// Thread-safe.
 #pragma once
 
 #include <sys/stat.h>
@@ -33,12 +39,13 @@ class KeptPages {
   struct Shown;  // one path's history, held by the files open there
   using Ticket = std::shared_ptr<Shown>;
 
-  // At every open of `path`: `version` is the file opened and `fixed` says
-  // whether its content is fixed by its version (a compressed file). Sets
-  // *keep when the kernel may keep its pages; the ticket goes back to
-  // closed() when the file is released.
-  Ticket opened(const std::string& path, const FileVersion& version, bool fixed, bool* keep);
-  void closed(const Ticket& ticket);
+  // At every open of `path`: `version` is the file opened, `fixed` says
+  // whether its content is fixed by its version (a compressed file) and
+  // `writing` whether the open may write. Sets *keep when the kernel may keep
+  // its pages; the ticket goes back to closed() with the same `writing` when
+  // the file is released.
+  Ticket opened(const std::string& path, const FileVersion& version, bool fixed, bool writing, bool* keep);
+  void closed(const Ticket& ticket, bool writing);
   // Where the file opened with `ticket` is now shown; none once its name
   // was removed, or taken by another file, through the view.
   std::optional<std::string> pathOf(const Ticket& ticket);

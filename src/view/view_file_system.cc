@@ -40,6 +40,7 @@ struct Served {
 
 struct OpenFile {
   KeptPages::Ticket shown;  // for regular files
+  bool writing = false;     // opened to write
   // Calls on the file hold it shared; release takes it alone before the
   // delete. The kernel already sends the release after the last call has
   // answered, but through /dev/fuse, where thread checkers cannot see it.
@@ -163,6 +164,12 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
   // them in the kernel's cache instead of asking for each one. Left to the
   // kernel's guess, only the first part of a large folder came with them.
   conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
+  // Not dropping an open file's pages when its modification time moves: a
+  // write through the view moves it, and pages dropped while another write
+  // is still on its way beneath are read back short, the kernel filling the
+  // rest with zeros. A file changed beneath is read afresh at its next open,
+  // or when its size changes.
+  conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
   conn->want |= conn->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
   fs().setSplicing(conn->want & FUSE_CAP_SPLICE_WRITE);
   return &fs();
@@ -290,8 +297,9 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
         view.noteMixedFile(path, st);
       }
       bool keep = false;
-      file->shown = view.keptPages().opened(path, FileVersion::of(st), size.has_value(), &keep);
+      file->shown = view.keptPages().opened(path, FileVersion::of(st), size.has_value(), writing, &keep);
       fi->keep_cache = keep;
+      file->writing = writing;
     }
     file->serve(std::move(fd), std::move(compressed), !writing && S_ISREG(st.st_mode));
     fi->fh = reinterpret_cast<uint64_t>(file.release());
@@ -379,7 +387,7 @@ int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().ro
 int viewRelease(const char*, fuse_file_info* fi) {
   auto* file = reinterpret_cast<OpenFile*>(fi->fh);
   { std::unique_lock last(file->inUse); }
-  if (file->shown) fs().keptPages().closed(file->shown);
+  if (file->shown) fs().keptPages().closed(file->shown, file->writing);
   delete file;
   return 0;
 }

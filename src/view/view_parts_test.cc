@@ -62,7 +62,7 @@ TEST(InflatedBlockCache, DropsLeastRecentlyUsedPastItsBound) {
 // Opens `path` and closes it again; whether the kernel could keep its pages.
 bool reopen(KeptPages& kept, const std::string& path, FileVersion version, bool fixed = true) {
   bool keep = true;
-  kept.closed(kept.opened(path, version, fixed, &keep));
+  kept.closed(kept.opened(path, version, fixed, false, &keep), false);
   return keep;
 }
 
@@ -83,16 +83,27 @@ TEST(KeptPages, KeptOnlyForTheSameCompressedVersionSeenAloneAtThatPath) {
   // A file of an older version still open may read its pages back in after
   // the kernel dropped them: nothing is kept until a reopen with none open.
   bool keep = true;
-  KeptPages::Ticket old = kept.opened("/b", v1, true, &keep);
+  KeptPages::Ticket old = kept.opened("/b", v1, true, false, &keep);
   EXPECT_FALSE(reopen(kept, "/b", v2));
-  kept.closed(old);
+  kept.closed(old, false);
   EXPECT_FALSE(reopen(kept, "/b", v2));
   EXPECT_TRUE(reopen(kept, "/b", v2));
   // Files open together on one version share the pages.
-  old = kept.opened("/b", v2, true, &keep);
+  old = kept.opened("/b", v2, true, false, &keep);
   EXPECT_TRUE(keep);
   EXPECT_TRUE(reopen(kept, "/b", v2));
-  kept.closed(old);
+  kept.closed(old, false);
+
+  // While a plain file is open for writing through the view, every open of
+  // it keeps the pages the writes went into; after, it is read afresh.
+  KeptPages::Ticket writer = kept.opened("/c", v1, false, true, &keep);
+  EXPECT_FALSE(keep);
+  EXPECT_TRUE(reopen(kept, "/c", v2, false));
+  KeptPages::Ticket second = kept.opened("/c", v2, false, true, &keep);
+  EXPECT_TRUE(keep);
+  kept.closed(second, true);
+  kept.closed(writer, true);
+  EXPECT_FALSE(reopen(kept, "/c", v2, false));
 }
 
 TEST(KeptPages, RenamesCarryThePagesAndRemovalsDropThem) {
@@ -113,7 +124,7 @@ TEST(KeptPages, RenamesCarryThePagesAndRemovalsDropThem) {
 
   // An open file knows where it is shown until its name goes or is taken.
   bool keep = false;
-  KeptPages::Ticket open = kept.opened("/h/i", v, true, &keep), taken = kept.opened("/j", w, true, &keep);
+  KeptPages::Ticket open = kept.opened("/h/i", v, true, false, &keep), taken = kept.opened("/j", w, true, false, &keep);
   kept.renamed("/h", "/k");
   EXPECT_EQ(kept.pathOf(open), "/k/i");
   kept.renamed("/k/i", "/j");
@@ -121,8 +132,8 @@ TEST(KeptPages, RenamesCarryThePagesAndRemovalsDropThem) {
   EXPECT_EQ(kept.pathOf(taken), std::nullopt);
   kept.removed("/j");
   EXPECT_EQ(kept.pathOf(open), std::nullopt);
-  kept.closed(open);
-  kept.closed(taken);
+  kept.closed(open, false);
+  kept.closed(taken, false);
 }
 
 }  // namespace
