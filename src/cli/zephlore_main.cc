@@ -15,10 +15,10 @@ int main(int argc, char** argv) {
   // The one place the command takes the process's Env; its parts get it from here.
   zephlore::Env& env = zephlore::Env::shared();
   zephlore::cli::addFileCommands(app, env, &exit_code);
-  zephlore::cli::addPaneCommands(app, &exit_code);
-  zephlore::cli::addFolderCommands(app, &exit_code);
+  zephlore::cli::addPaneCommands(app, env, &exit_code);
+  zephlore::cli::addFolderCommands(app, env, &exit_code);
   zephlore::cli::addMountCommands(app, env, &exit_code);
-  zephlore::cli::addStatusCommands(app, &exit_code);
+  zephlore::cli::addStatusCommands(app, env, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

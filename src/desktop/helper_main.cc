@@ -76,7 +76,7 @@ int main() {
 
   // One copy only; a second one touches nothing.
   const SingleCopyVerdict verdict =
-      checkSingleCopy(DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
+      checkSingleCopy(Env::shared(), DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
   if (verdict.terminate) {
     KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
     return 0;

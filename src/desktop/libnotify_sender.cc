@@ -1,29 +1,13 @@
 #include "desktop/libnotify_sender.h"
 
 #include <libnotify/notify.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "base/log.h"
-#include "platform/env.h"
+#include "helper/bus/session_bus_address.h"
 
 namespace zephlore {
-namespace {
-
-// Without a session bus GLib would try to start one through X11; a server
-// has none, so that case is told apart first.
-bool sessionBusKnown() {
-  const char* address = getenv("DBUS_SESSION_BUS_ADDRESS");
-  if (address && *address) return true;
-  const char* runtime = getenv("XDG_RUNTIME_DIR");
-  if (!runtime || !*runtime) return false;
-  struct stat st;
-  return Env::shared().stat(std::string(runtime) + "/bus", &st) == 0 && S_ISSOCK(st.st_mode);
-}
-
-}  // namespace
 
 LibnotifySender::LibnotifySender() : thread_(std::make_unique<GlibThread>()) {}
 
@@ -43,7 +27,8 @@ void LibnotifySender::flush() {
 }
 
 void LibnotifySender::show(const Notice& notice) {
-  if (!sessionBusKnown()) {
+  // Without a known bus GLib would try to start one through X11.
+  if (!sessionBusAddressKnown()) {
     KRLog("Notice \"%s\" dropped: no D-Bus session bus", notice.title.c_str());
     return;
   }

@@ -1,11 +1,13 @@
 #include "cli/control/autostart_entry.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <climits>
 #include <cstring>
+#include <optional>
 #include <sstream>
 
 #include "base/xdg.h"
@@ -31,10 +33,10 @@ constexpr const char* kBuiltInEntry =
     "NoDisplay=true\n"
     "X-GNOME-Autostart-enabled=true\n";
 
-std::string entryTemplate() {
+std::string entryTemplate(Env& env) {
   std::string path = resourcePath(kEntryName);
   if (path.empty()) return kBuiltInEntry;
-  ConfigFileText text = readConfigFile(Env::shared(), path, kMaxEntryBytes);
+  ConfigFileText text = readConfigFile(env, path, kMaxEntryBytes);
   return text.status == ConfigFileStatus::kOk ? text.text : kBuiltInEntry;
 }
 
@@ -45,18 +47,22 @@ constexpr const char* kMaskingEntry =
     "Name=Zephlore Helper\n"
     "Hidden=true\n";
 
-std::string fileText(const std::string& path) {
-  return readConfigFile(Env::shared(), path, kMaxEntryBytes).text;
+std::string fileText(Env& env, const std::string& path) { return readConfigFile(env, path, kMaxEntryBytes).text; }
+
+// Whether something is at `path`, a symbolic link followed (as access(F_OK)).
+bool entryExists(Env& env, const std::string& path) {
+  struct stat st;
+  return env.stat(path, &st) == 0;
 }
 
 // The package's entry for every user ($XDG_CONFIG_DIRS, default /etc/xdg).
-bool systemEntryInstalled() {
+bool systemEntryInstalled(Env& env) {
   const char* dirs = getenv("XDG_CONFIG_DIRS");
   std::string list = dirs && *dirs ? dirs : "/etc/xdg";
   std::istringstream folders(list);
   std::string folder;
   while (std::getline(folders, folder, ':')) {
-    if (!folder.empty() && access((folder + "/autostart/" + kEntryName).c_str(), F_OK) == 0) return true;
+    if (!folder.empty() && entryExists(env, folder + "/autostart/" + kEntryName)) return true;
   }
   return false;
 }
@@ -65,22 +71,24 @@ bool systemEntryInstalled() {
 
 std::string autostartEntryPath() { return configHome() + "/autostart/" + kEntryName; }
 
-bool autostartEntryInstalled() {
+bool autostartEntryInstalled(Env& env) {
   // A user entry overrides the system one; Hidden=true switches it off.
-  if (access(autostartEntryPath().c_str(), F_OK) == 0) {
-    return fileText(autostartEntryPath()).find("Hidden=true") == std::string::npos;
+  if (entryExists(env, autostartEntryPath())) {
+    return fileText(env, autostartEntryPath()).find("Hidden=true") == std::string::npos;
   }
-  return systemEntryInstalled();
+  return systemEntryInstalled(env);
 }
 
-std::string helperExecutablePath() {
+std::string helperExecutablePath(Env& env) {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n > 0) {
     std::string path(self, static_cast<size_t>(n));
     std::string helper = path.substr(0, path.rfind('/') + 1) + "zephlore-helper";
     // A newline cannot be written into the entry's Exec line.
-    if (access(helper.c_str(), X_OK) == 0 && helper.find('\n') == std::string::npos) return helper;
+    // Env::access() looks at a final link itself; the program is what must run.
+    std::optional<std::string> program = env.realPath(helper);
+    if (program && env.access(*program, X_OK) == 0 && helper.find('\n') == std::string::npos) return helper;
   }
   return "zephlore-helper";
 }
@@ -108,36 +116,36 @@ std::string quoteForExec(const std::string& text) {
   return quoted + "\"";
 }
 
-bool installAutostartEntry(std::string* problem) {
+bool installAutostartEntry(Env& env, std::string* problem) {
   std::string path = autostartEntryPath();
   std::string folder = path.substr(0, path.rfind('/'));
   if (!makeFolders(folder)) {
     if (problem) *problem = "cannot create the folder " + folder;
     return false;
   }
-  std::istringstream lines(entryTemplate());
+  std::istringstream lines(entryTemplate(env));
   std::string entry;
   std::string line;
   while (std::getline(lines, line)) {
-    if (line.starts_with("Exec=")) line = "Exec=" + quoteForExec(helperExecutablePath());
+    if (line.starts_with("Exec=")) line = "Exec=" + quoteForExec(helperExecutablePath(env));
     entry += line + "\n";
   }
-  return writeFileAtomically(path, entry, problem);
+  return writeFileAtomically(env, path, entry, problem);
 }
 
-bool removeAutostartEntry(std::string* problem) {
+bool removeAutostartEntry(Env& env, std::string* problem) {
   std::string path = autostartEntryPath();
   // With the package's entry for every user, only a masking entry of the
   // user's own stops the start at login.
-  if (systemEntryInstalled()) {
+  if (systemEntryInstalled(env)) {
     std::string folder = path.substr(0, path.rfind('/'));
     if (!makeFolders(folder)) {
       if (problem) *problem = "cannot create the folder " + folder;
       return false;
     }
-    return writeFileAtomically(path, kMaskingEntry, problem);
+    return writeFileAtomically(env, path, kMaskingEntry, problem);
   }
-  if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+  if (env.unlink(path) == 0 || errno == ENOENT) return true;
   if (problem) *problem = "cannot remove " + path + ": " + std::strerror(errno);
   return false;
 }

@@ -4,21 +4,23 @@
 
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
 std::string autostartEntryPath();
-bool autostartEntryInstalled();
+bool autostartEntryInstalled(Env& env);
 
 // The helper that belongs to this command: zephlore-helper in the same
 // folder as the running zephlore (a build tree or an installed bin folder),
 // else the bare name for a PATH look-up at login.
-std::string helperExecutablePath();
+std::string helperExecutablePath(Env& env);
 
 // Writes the entry (from the shipped template, with Exec pointing at
 // helperExecutablePath()). False and *problem on failure.
-bool installAutostartEntry(std::string* problem);
+bool installAutostartEntry(Env& env, std::string* problem);
 // Removes it; an entry that is not there is no failure.
-bool removeAutostartEntry(std::string* problem);
+bool removeAutostartEntry(Env& env, std::string* problem);
 
 // `text` quoted for an Exec line when it needs quoting.
 std::string quoteForExec(const std::string& text);

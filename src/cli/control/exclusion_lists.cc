@@ -9,15 +9,14 @@
 namespace zephlore::cli {
 namespace {
 
-bool samePlace(const std::string& a, const std::string& b) {
-  return a == b ||
-         KRExclusionsProcessor::canonicalPath(Env::shared(), a) == KRExclusionsProcessor::canonicalPath(Env::shared(), b);
+bool samePlace(Env& env, const std::string& a, const std::string& b) {
+  return a == b || KRExclusionsProcessor::canonicalPath(env, a) == KRExclusionsProcessor::canonicalPath(env, b);
 }
 
 }  // namespace
 
-std::optional<StringList> readListForEditing(const std::string& path, std::string* problem) {
-  PlistReadResult file = readPlistFile(path);
+std::optional<StringList> readListForEditing(Env& env, const std::string& path, std::string* problem) {
+  PlistReadResult file = readPlistFile(env, path);
   if (file.status == PlistReadStatus::kMissing) return StringList{};
   if (file.status != PlistReadStatus::kOk) {
     if (problem) *problem = path + ": " + file.problem;
@@ -32,23 +31,23 @@ std::optional<StringList> readListForEditing(const std::string& path, std::strin
   return list;
 }
 
-bool writeList(const std::string& path, const StringList& entries, std::string* problem) {
+bool writeList(Env& env, const std::string& path, const StringList& entries, std::string* problem) {
   PlistPtr array = makePlistStringArray(entries);
-  return writePlistFileAtomically(path, array.get(), problem);
+  return writePlistFileAtomically(env, path, array.get(), problem);
 }
 
-std::string absolutePath(const std::string& path) { return resolvedUserPath(Env::shared(), path); }
+std::string absolutePath(Env& env, const std::string& path) { return resolvedUserPath(env, path); }
 
-bool addPath(StringList& list, const std::string& path) {
+bool addPath(Env& env, StringList& list, const std::string& path) {
   for (const std::string& entry : list) {
-    if (samePlace(entry, path)) return false;
+    if (samePlace(env, entry, path)) return false;
   }
   list.push_back(path);
   return true;
 }
 
-bool removePath(StringList& list, const std::string& path) {
-  return std::erase_if(list, [&](const std::string& entry) { return samePlace(entry, path); }) > 0;
+bool removePath(Env& env, StringList& list, const std::string& path) {
+  return std::erase_if(list, [&](const std::string& entry) { return samePlace(env, entry, path); }) > 0;
 }
 
 std::optional<bool> addExtension(StringList& list, const std::string& entry) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
 using StringList = std::vector<std::string>;
@@ -14,18 +16,18 @@ using StringList = std::vector<std::string>;
 // The list in the file: empty when the file is missing; none (and *problem)
 // when it exists but is not an array of strings, so that a hand-edited file
 // with a mistake is not silently replaced.
-std::optional<StringList> readListForEditing(const std::string& path, std::string* problem);
-bool writeList(const std::string& path, const StringList& entries, std::string* problem);
+std::optional<StringList> readListForEditing(Env& env, const std::string& path, std::string* problem);
+bool writeList(Env& env, const std::string& path, const StringList& entries, std::string* problem);
 
 // `path` made absolute against the working folder and lexically cleaned
 // ("a/../b" -> "b", no trailing slash); symbolic links are left alone.
-std::string absolutePath(const std::string& path);
+std::string absolutePath(Env& env, const std::string& path);
 
 // Adds `path` unless an entry names the same place (same text or same
 // resolved path). True when the list changed.
-bool addPath(StringList& list, const std::string& path);
+bool addPath(Env& env, StringList& list, const std::string& path);
 // Removes every entry naming the same place as `path`. True when any was.
-bool removePath(StringList& list, const std::string& path);
+bool removePath(Env& env, StringList& list, const std::string& path);
 
 // Adds the extension (stored lower-case, without dots) unless an entry
 // normalises to the same one. None when `entry` is no extension ("", ".");

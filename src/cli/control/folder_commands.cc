@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -33,15 +31,15 @@ constexpr size_t kMaxFolderPathBytes = 1024;
 constexpr double kSaveWaitSeconds = 3.0;
 
 // The canonical path of a folder argument; none with a message on stderr.
-std::optional<std::string> folderArgument(const std::string& argument) {
-  char buf[PATH_MAX];
-  if (argument.empty() || !realpath(argument.c_str(), buf)) {
+std::optional<std::string> folderArgument(Env& env, const std::string& argument) {
+  std::optional<std::string> resolved = argument.empty() ? std::nullopt : env.realPath(argument);
+  if (!resolved) {
     std::cerr << "zephlore: " << argument << ": no such folder\n";
     return std::nullopt;
   }
-  std::string path = buf;
+  const std::string& path = *resolved;
   struct stat st;
-  if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+  if (env.stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
     std::cerr << "zephlore: " << argument << ": not a folder\n";
     return std::nullopt;
   }
@@ -55,31 +53,31 @@ std::optional<std::string> folderArgument(const std::string& argument) {
 
 // A folder to stop watching. A watched one is matched by its recorded path,
 // whether or not that still exists (a deleted folder can be removed).
-std::optional<std::string> removalArgument(const std::string& argument) {
-  if (argument.empty()) return folderArgument(argument);
-  const std::string path = resolvedUserPath(Env::shared(), argument);
+std::optional<std::string> removalArgument(Env& env, const std::string& argument) {
+  if (argument.empty()) return folderArgument(env, argument);
+  const std::string path = resolvedUserPath(env, argument);
   std::vector<HistoryRecord> records;
-  HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+  HistoryStore::readRecords(env, KRHelperUtil::databasePath(), &records, nullptr);
   if (std::any_of(records.begin(), records.end(),
                   [&](const HistoryRecord& record) { return record.enabled && record.folder == path; })) {
     return path;
   }
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) {
+  if (env.stat(path, &st) != 0) {
     std::cerr << "zephlore: " << argument << ": not a watched folder\n";
     return std::nullopt;
   }
-  return folderArgument(argument);
+  return folderArgument(env, argument);
 }
 
-void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& arguments) {
+void changeFolders(Env& env, int* exit_code, bool adding, const std::vector<std::string>& arguments) {
   if (reportDeadViews(arguments, adding ? "add" : "remove")) {
     *exit_code = 1;
     return;
   }
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
-    std::optional<std::string> folder = adding ? folderArgument(argument) : removalArgument(argument);
+    std::optional<std::string> folder = adding ? folderArgument(env, argument) : removalArgument(env, argument);
     if (!folder) {
       *exit_code = 1;
       return;
@@ -102,7 +100,7 @@ void changeFolders(int* exit_code, bool adding, const std::vector<std::string>& 
   std::vector<std::string> pending = folders;
   auto recorded = [&] {
     std::vector<HistoryRecord> records;
-    HistoryStore::readRecords(KRHelperUtil::databasePath(), &records, nullptr);
+    HistoryStore::readRecords(env, KRHelperUtil::databasePath(), &records, nullptr);
     std::erase_if(pending, [&](const std::string& folder) {
       return std::any_of(records.begin(), records.end(), [&](const HistoryRecord& record) {
         return record.folder == folder && record.enabled == adding;
@@ -136,11 +134,11 @@ std::string lastSweepText(const HistoryRecord& record) {
                           : "never";
 }
 
-void showFolders(int* exit_code, bool json) {
+void showFolders(Env& env, int* exit_code, bool json) {
   std::string path = KRHelperUtil::databasePath();
   std::vector<HistoryRecord> records;
   Error error;
-  if (path.empty() || !HistoryStore::readRecords(path, &records, &error)) {
+  if (path.empty() || !HistoryStore::readRecords(env, path, &records, &error)) {
     std::cerr << "zephlore: cannot read the history: "
               << (path.empty() ? "no data folder" : error.message) << "\n";
     *exit_code = 1;
@@ -160,7 +158,7 @@ void showFolders(int* exit_code, bool json) {
       }
       list.push_back({{"path", record.folder},
                       {"watched", record.enabled},
-                      {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(record.folder)},
+                      {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(env, record.folder)},
                       {"savings", record.savings},
                       {"savingsText", KRUtil::getPrettySize(record.savings)},
                       // A folder no longer watched has no sweep under way or of record.
@@ -188,7 +186,7 @@ void showFolders(int* exit_code, bool json) {
       std::cout << ", sweep " << record.status << "% done, last sweep " << lastSweepText(record);
     }
     std::cout << "\n";
-    if (auto why = volumeCannotHoldReason(record.folder)) {
+    if (auto why = volumeCannotHoldReason(env, record.folder)) {
       std::cout << "  its volume cannot hold compressed files: " << *why << "\n";
     }
   }
@@ -197,7 +195,7 @@ void showFolders(int* exit_code, bool json) {
 
 }  // namespace
 
-void addFolderCommands(CLI::App& app, int* exit_code) {
+void addFolderCommands(CLI::App& app, Env& env, int* exit_code) {
   for (bool adding : {true, false}) {
     auto arguments = std::make_shared<std::vector<std::string>>();
     CLI::App* sub = app.add_subcommand(
@@ -223,19 +221,19 @@ void addFolderCommands(CLI::App& app, int* exit_code) {
                     "Watch folders whose volume cannot hold compressed files all the same (nothing in them is "
                     "compressed until it can)");
     }
-    sub->callback([=] {
-      if (adding && !volumesCanHoldOrAnyway(*arguments, *anyway)) {
+    sub->callback([=, &env] {
+      if (adding && !volumesCanHoldOrAnyway(env, *arguments, *anyway)) {
         *exit_code = 1;
         return;
       }
-      changeFolders(exit_code, adding, *arguments);
+      changeFolders(env, exit_code, adding, *arguments);
     });
   }
   auto json = std::make_shared<bool>(false);
   CLI::App* folders = app.add_subcommand(
       "folders", "Show every folder in the history: watched or not, savings, sweeps, the total");
   folders->add_flag("--json", *json, "Print one JSON object");
-  folders->callback([=] { showFolders(exit_code, *json); });
+  folders->callback([=, &env] { showFolders(env, exit_code, *json); });
 }
 
 }  // namespace zephlore::cli

@@ -2,7 +2,7 @@
 // and then posts the name the helper listens for, so that a running helper
 // re-reads the file and one that is not running finds the change when it
 // starts.
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <functional>
 #include <iostream>
@@ -31,6 +31,11 @@ namespace zephlore::cli {
 namespace {
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+const char* presence(Env& env, const std::string& path) {
+  struct stat st;
+  return env.stat(path, &st) == 0 ? "present" : "absent";
+}
 
 // After the shared file is written: post (unless the setter already did),
 // push the notice out of this short-lived process, and say whether a helper
@@ -89,10 +94,10 @@ void postActiveStatus() {
 
 // --- settings ----------------------------------------------------------------
 
-void printList(const std::string& title, const std::string& path) {
+void printList(Env& env, const std::string& title, const std::string& path) {
   std::cout << title << ": " << (path.empty() ? "(no data folder)" : path) << "\n";
   std::string problem;
-  std::optional<StringList> list = readListForEditing(path, &problem);
+  std::optional<StringList> list = readListForEditing(env, path, &problem);
   if (!list) {
     std::cout << "  (unreadable: " << problem << ")\n";
   } else if (list->empty()) {
@@ -101,7 +106,7 @@ void printList(const std::string& title, const std::string& path) {
   for (const std::string& entry : list.value_or(StringList{})) std::cout << "  " << entry << "\n";
 }
 
-void showSettings() {
+void showSettings(Env& env) {
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   std::cout << "Shared with zephlore-helper: " << defaults.defaultsFileName() << "\n"
             << "  active          " << yesNo(defaults.helperActive())
@@ -109,7 +114,7 @@ void showSettings() {
             << "  visible         " << yesNo(defaults.visible())
             << "   (zephlore show-icon / hide-icon)\n"
             << "  runAtLogin      " << yesNo(defaults.autorunAtLogin())
-            << (defaults.autorunAtLogin() && !autostartEntryInstalled()
+            << (defaults.autorunAtLogin() && !autostartEntryInstalled(env)
                     ? "   (but no autostart entry: run zephlore login on)\n"
                     : "   (zephlore login on / off)\n")
             << "  checkUpdates    " << yesNo(defaults.checkForUpdates())
@@ -118,9 +123,10 @@ void showSettings() {
             << "   (zephlore view-on / view-off)\n"
             << "  firstRun        " << yesNo(defaults.firstRun()) << "\n";
   std::cout << "Autostart entry: " << autostartEntryPath() << " ("
-            << (autostartEntryInstalled() ? "present" : "absent") << ")\n";
+            << (autostartEntryInstalled(env) ? "present" : "absent") << ")\n";
 
   KRHelperDefaults& own = KRHelperDefaults::sharedHelperDefaults();
+  struct stat st;
   uint64_t event = own.lastEventID();
   std::cout << "The helper's own settings: " << own.domainFileName() << "\n"
             << "  lastEventID            "
@@ -129,16 +135,16 @@ void showSettings() {
             << "\n"
             << "  shouldRelaunchPrefs    " << yesNo(own.shouldRelaunchPrefs()) << "\n"
             << "  useSeamlessFileSwitch  " << yesNo(own.useSeamlessFileSwitch())
-            << (access(own.domainFileName().c_str(), F_OK) == 0
+            << (env.stat(own.domainFileName(), &st) == 0
                     ? "   (set by hand in that file)\n"
                     : "   (the default; that file does not exist yet, it may be made by hand)\n");
 
-  printList("Excluded paths (zephlore exclude)", KRUtil::pathToExclusionPathsFile());
-  printList("Excluded extensions (zephlore exclude-ext)", KRUtil::pathToExclusionExtensionsFile());
+  printList(env, "Excluded paths (zephlore exclude)", KRUtil::pathToExclusionPathsFile());
+  printList(env, "Excluded extensions (zephlore exclude-ext)", KRUtil::pathToExclusionExtensionsFile());
   std::string system = KRExclusionRules::kSystemRulesPath;
   std::string builtIn = resourcePath(KRExclusionRules::kHelperRulesName);
   std::cout << "System exclusion rules: " << system << " ("
-            << (access(system.c_str(), F_OK) == 0 ? "present" : "absent") << ")\n"
+            << presence(env, system) << ")\n"
             << "Built-in exclusion rules: " << (builtIn.empty() ? "(not found)" : builtIn)
             << "\n";
 
@@ -153,32 +159,32 @@ void showSettings() {
 // --- exclude / exclude-ext ---------------------------------------------------
 
 struct ListCommand {
-  const char* what;                      // "excluded paths"
-  std::string (*file)();                 // where the list lives
-  const char* notification;              // posted after a change
+  using Edit = std::function<std::optional<bool>(StringList&, const std::string&)>;
+  const char* what;          // "excluded paths"
+  std::string (*file)();     // where the list lives
+  const char* notification;  // posted after a change
+  const char* argumentKind;  // "a path"
   // Applies one argument; none: not a valid argument.
-  std::optional<bool> (*add)(StringList&, const std::string&);
-  std::optional<bool> (*remove)(StringList&, const std::string&);
-  std::string (*display)(const std::string&);  // the argument as stored
+  Edit add;
+  Edit remove;
+  std::function<std::string(const std::string&)> display;  // the argument as stored
 };
 
-std::optional<bool> addPathArgument(StringList& list, const std::string& argument) {
+std::optional<bool> addPathArgument(Env& env, StringList& list, const std::string& argument) {
   if (argument.empty()) return std::nullopt;
-  return addPath(list, absolutePath(argument));
+  return addPath(env, list, absolutePath(env, argument));
 }
 
-std::optional<bool> removePathArgument(StringList& list, const std::string& argument) {
+std::optional<bool> removePathArgument(Env& env, StringList& list, const std::string& argument) {
   if (argument.empty()) return std::nullopt;
-  return removePath(list, absolutePath(argument));
+  return removePath(env, list, absolutePath(env, argument));
 }
-
-std::string displayPath(const std::string& argument) { return absolutePath(argument); }
 
 std::string displayExtension(const std::string& argument) {
   return KRExclusionsProcessor::normalizedExtension(argument).value_or(argument);
 }
 
-void editList(int* exit_code, const ListCommand& command, bool adding,
+void editList(Env& env, int* exit_code, const ListCommand& command, bool adding,
               const std::vector<std::string>& arguments) {
   std::string path = command.file();
   if (path.empty()) {
@@ -187,7 +193,7 @@ void editList(int* exit_code, const ListCommand& command, bool adding,
     return;
   }
   std::string problem;
-  std::optional<StringList> list = readListForEditing(path, &problem);
+  std::optional<StringList> list = readListForEditing(env, path, &problem);
   if (!list) {
     std::cerr << "zephlore: cannot edit the " << command.what << ": " << problem << "\n";
     *exit_code = 1;
@@ -197,8 +203,7 @@ void editList(int* exit_code, const ListCommand& command, bool adding,
   for (const std::string& argument : arguments) {
     StringList scratch;
     if (!command.add(scratch, argument)) {
-      std::cerr << "zephlore: \"" << argument << "\" is not "
-                << (command.add == &addPathArgument ? "a path" : "a file extension") << "\n";
+      std::cerr << "zephlore: \"" << argument << "\" is not " << command.argumentKind << "\n";
       *exit_code = 2;
       return;
     }
@@ -218,7 +223,7 @@ void editList(int* exit_code, const ListCommand& command, bool adding,
     }
   }
   if (!changed) return;
-  if (!writeList(path, *list, &problem)) {
+  if (!writeList(env, path, *list, &problem)) {
     std::cerr << "zephlore: could not save the " << command.what << ": " << problem << "\n";
     *exit_code = 1;
     return;
@@ -228,10 +233,10 @@ void editList(int* exit_code, const ListCommand& command, bool adding,
   });
 }
 
-void listEntries(int* exit_code, const ListCommand& command) {
+void listEntries(Env& env, int* exit_code, const ListCommand& command) {
   std::string problem;
   std::string path = command.file();
-  std::optional<StringList> list = path.empty() ? std::nullopt : readListForEditing(path, &problem);
+  std::optional<StringList> list = path.empty() ? std::nullopt : readListForEditing(env, path, &problem);
   if (!list) {
     std::cerr << "zephlore: cannot read the " << command.what << ": "
               << (path.empty() ? "no data folder" : problem) << "\n";
@@ -241,7 +246,7 @@ void listEntries(int* exit_code, const ListCommand& command) {
   for (const std::string& entry : *list) std::cout << entry << "\n";
 }
 
-void addListCommand(CLI::App& app, int* exit_code, const char* name, const char* description,
+void addListCommand(CLI::App& app, Env& env, int* exit_code, const char* name, const char* description,
                     const char* argument_name, const char* argument_help,
                     const ListCommand& command) {
   CLI::App* group = app.add_subcommand(name, description);
@@ -252,10 +257,10 @@ void addListCommand(CLI::App& app, int* exit_code, const char* name, const char*
         adding ? "add" : "remove",
         std::string(adding ? "Add to the " : "Remove from the ") + command.what);
     sub->add_option(argument_name, *arguments, argument_help)->required();
-    sub->callback([=] { editList(exit_code, command, adding, *arguments); });
+    sub->callback([=, &env] { editList(env, exit_code, command, adding, *arguments); });
   }
   group->add_subcommand("list", std::string("Print the ") + command.what + ", one per line")
-      ->callback([=] { listEntries(exit_code, command); });
+      ->callback([=, &env] { listEntries(env, exit_code, command); });
 }
 
 // The four on/off settings of the helper, each a command of its own.
@@ -298,14 +303,14 @@ void addSwitchCommands(CLI::App& app, int* exit_code) {
   }
 }
 
-void addLoginCommand(CLI::App& app, int* exit_code) {
+void addLoginCommand(CLI::App& app, Env& env, int* exit_code) {
   auto login_state = std::make_shared<std::string>();
   CLI::App* login = app.add_subcommand(
       "login", "Start zephlore-helper at login or not (an autostart entry of the desktop)");
   login->add_option("state", *login_state, "on or off")
       ->required()
       ->check(CLI::IsMember({"on", "off"}));
-  login->callback([=] {
+  login->callback([=, &env] {
     bool on = *login_state == "on";
     KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
     if (!defaults.setAutorunAtLogin(on)) {
@@ -315,7 +320,7 @@ void addLoginCommand(CLI::App& app, int* exit_code) {
       return;
     }
     std::string problem;
-    if (!(on ? installAutostartEntry(&problem) : removeAutostartEntry(&problem))) {
+    if (!(on ? installAutostartEntry(env, &problem) : removeAutostartEntry(env, &problem))) {
       std::cerr << "zephlore: " << problem << "\n";
       *exit_code = 1;
       return;
@@ -359,31 +364,37 @@ void addUpdatesCommand(CLI::App& app, int* exit_code) {
   });
 }
 
-void addExclusionCommands(CLI::App& app, int* exit_code) {
-  addListCommand(app, exit_code, "exclude",
+void addExclusionCommands(CLI::App& app, Env& env, int* exit_code) {
+  addListCommand(app, env, exit_code, "exclude",
                  "Folders and files zephlore-helper never compresses (by path prefix)", "PATH",
                  "Folders or files; relative paths are taken from the working folder",
-                 ListCommand{"excluded paths", &KRUtil::pathToExclusionPathsFile,
-                             kExcludedPathsNotification, &addPathArgument, &removePathArgument,
-                             &displayPath});
-  addListCommand(app, exit_code, "exclude-ext",
+                 ListCommand{"excluded paths", &KRUtil::pathToExclusionPathsFile, kExcludedPathsNotification,
+                             "a path",
+                             [&env](StringList& list, const std::string& argument) {
+                               return addPathArgument(env, list, argument);
+                             },
+                             [&env](StringList& list, const std::string& argument) {
+                               return removePathArgument(env, list, argument);
+                             },
+                             [&env](const std::string& argument) { return absolutePath(env, argument); }});
+  addListCommand(app, env, exit_code, "exclude-ext",
                  "File extensions zephlore-helper never compresses (any case)", "EXT",
                  "Extensions such as jpg, .JPG or ..jpg (all the same)",
                  ListCommand{"excluded extensions", &KRUtil::pathToExclusionExtensionsFile,
-                             kExcludedExtensionsNotification, &addExtension, &removeExtension,
+                             kExcludedExtensionsNotification, "a file extension", &addExtension, &removeExtension,
                              &displayExtension});
 }
 
 }  // namespace
 
-void addPaneCommands(CLI::App& app, int* exit_code) {
+void addPaneCommands(CLI::App& app, Env& env, int* exit_code) {
   app.add_subcommand("settings",
                      "Show every setting of zephlore-helper and the file it is kept in")
-      ->callback([] { showSettings(); });
+      ->callback([&env] { showSettings(env); });
   addSwitchCommands(app, exit_code);
-  addLoginCommand(app, exit_code);
+  addLoginCommand(app, env, exit_code);
   addUpdatesCommand(app, exit_code);
-  addExclusionCommands(app, exit_code);
+  addExclusionCommands(app, env, exit_code);
   app.add_subcommand("quit", "Ask zephlore-helper to finish the file in hand and quit")
       ->callback([exit_code] {
         bool silent = false;

@@ -33,7 +33,7 @@ using testkit::writeFile;
 
 
 std::optional<bool> fileBool(const std::string& path, const char* key) {
-  PlistReadResult file = readPlistFile(path);
+  PlistReadResult file = readPlistFile(Env::system(), path);
   if (!file.root) return std::nullopt;
   return plistBoolValue(plist_dict_get_item(file.root.get(), key));
 }
@@ -119,7 +119,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
 }
 
 TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
   EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
   ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});

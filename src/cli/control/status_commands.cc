@@ -202,7 +202,7 @@ void printSilentHelperJson(uint32_t pid, const std::optional<std::vector<StatusF
   std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }
 
-void showStatus(int* exit_code, bool as_json) {
+void showStatus(Env& env, int* exit_code, bool as_json) {
   bool absent = false;
   std::string problem;
   bool timed_out = false;
@@ -220,7 +220,7 @@ void showStatus(int* exit_code, bool as_json) {
     g_variant_unref(all);
   } else if (timed_out) {
     std::string folders_problem;
-    const auto folders = watchedFoldersForStatus(&folders_problem);
+    const auto folders = watchedFoldersForStatus(env, &folders_problem);
     if (as_json) {
       printSilentHelperJson(helperProcessId(), folders);
     } else {
@@ -234,7 +234,7 @@ void showStatus(int* exit_code, bool as_json) {
     return;
   }
   std::string folders_problem;
-  std::optional<std::vector<StatusFolder>> folders = watchedFoldersForStatus(&folders_problem);
+  std::optional<std::vector<StatusFolder>> folders = watchedFoldersForStatus(env, &folders_problem);
   if (as_json) {
     printJson(live, folders);
   } else {
@@ -269,14 +269,14 @@ void callPauseOrResume(int* exit_code, const char* method, const char* done) {
 
 }  // namespace
 
-void addStatusCommands(CLI::App& app, int* exit_code) {
+void addStatusCommands(CLI::App& app, Env& env, int* exit_code) {
   auto* status = app.add_subcommand(
       "status", "Show whether zephlore-helper runs, what it does, its savings and the watched folders "
                 "(exit status 3 when it is not running; 1 when it runs but does not answer within 1.5 s, "
                 "stopped or busy: then the folders and savings its history holds)");
   auto as_json = std::make_shared<bool>(false);
   status->add_flag("--json", *as_json, "One JSON object");
-  status->callback([=] { showStatus(exit_code, *as_json); });
+  status->callback([=, &env] { showStatus(env, exit_code, *as_json); });
   app.add_subcommand("pause", "Pause the running helper: it stops watching and compressing until resumed")
       ->callback([=] { callPauseOrResume(exit_code, kPause, "zephlore-helper is paused."); });
   app.add_subcommand("resume", "Resume the paused helper")

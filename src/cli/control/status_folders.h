@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
 struct StatusFolder {
@@ -17,6 +19,6 @@ struct StatusFolder {
 };
 
 // None when the folders cannot be read; *problem then says why.
-std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(std::string* problem);
+std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(Env& env, std::string* problem);
 
 }  // namespace zephlore::cli

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <climits>
-#include <cstdlib>
 #include <iostream>
 
 #include "platform/volume_capabilities.h"
@@ -13,38 +11,32 @@
 namespace zephlore::cli {
 namespace {
 
-std::optional<std::string> resolved(const std::string& path) {
-  char buf[PATH_MAX];
-  if (path.empty() || !realpath(path.c_str(), buf)) return std::nullopt;
-  return std::string(buf);
-}
-
 // The mount holding `folder`, as the mount table names it.
-std::optional<MountEntry> mountOf(const std::string& folder) {
+std::optional<MountEntry> mountOf(Env& env, const std::string& folder) {
   struct stat st;
-  std::optional<std::string> path = resolved(folder);
-  if (!path || stat(path->c_str(), &st) != 0) return std::nullopt;
+  std::optional<std::string> path = folder.empty() ? std::nullopt : env.realPath(folder);
+  if (!path || env.stat(*path, &st) != 0) return std::nullopt;
   return mountEntryFor(st.st_dev, *path);
 }
 
 }  // namespace
 
-std::optional<std::string> volumeCannotHoldReason(const std::string& folder) {
+std::optional<std::string> volumeCannotHoldReason(Env& env, const std::string& folder) {
   const std::string beneath = view::pathBeneathViews(folder);
   struct stat st;
-  if (stat(beneath.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::nullopt;
-  if (VolumeCapabilities::canHoldCompressedForm(Env::shared(), beneath)) return std::nullopt;
-  std::optional<size_t> most = VolumeCapabilities::measuredPieceSize(Env::shared(), beneath);
+  if (env.stat(beneath, &st) != 0 || !S_ISDIR(st.st_mode)) return std::nullopt;
+  if (VolumeCapabilities::canHoldCompressedForm(env, beneath)) return std::nullopt;
+  std::optional<size_t> most = VolumeCapabilities::measuredPieceSize(env, beneath);
   if (!most) return "no scratch file could be made there to measure what its attributes hold";
   if (*most == 0) return "its file system takes no user attributes";
   std::string why = "its file system accepts at most " + std::to_string(*most) + " bytes of attributes per file";
-  std::optional<MountEntry> mount = mountOf(folder);
+  std::optional<MountEntry> mount = mountOf(env, folder);
   if (mount && mount->fsType == "ext4") why += " (ext4 without ea_inode)";
   return why;
 }
 
-std::vector<std::string> volumeFix(const std::string& folder) {
-  std::optional<MountEntry> mount = mountOf(folder);
+std::vector<std::string> volumeFix(Env& env, const std::string& folder) {
+  std::optional<MountEntry> mount = mountOf(env, folder);
   if (mount && mount->fsType == "ext4") {
     return {"To fix it, as root: tune2fs -O ea_inode " + mount->source,
             "(it works on the mounted volume and takes effect at once, but cannot be undone: afterwards kernels "
@@ -54,14 +46,14 @@ std::vector<std::string> volumeFix(const std::string& folder) {
   return {"Choose a folder on a volume that takes large attributes: tmpfs, XFS, btrfs, or ext4 with ea_inode"};
 }
 
-bool volumesCanHoldOrAnyway(const std::vector<std::string>& arguments, bool anyway) {
+bool volumesCanHoldOrAnyway(Env& env, const std::vector<std::string>& arguments, bool anyway) {
   bool all = true;
   for (const std::string& argument : arguments) {
-    std::optional<std::string> why = volumeCannotHoldReason(argument);
+    std::optional<std::string> why = volumeCannotHoldReason(env, argument);
     if (!why) continue;
     all = false;
     std::cerr << "zephlore: " << argument << ": its volume cannot hold compressed files: " << *why << "\n";
-    for (const std::string& line : volumeFix(argument)) std::cerr << "  " << line << "\n";
+    for (const std::string& line : volumeFix(env, argument)) std::cerr << "  " << line << "\n";
     if (anyway) {
       std::cerr << "  Watching it anyway (--anyway): nothing in it is compressed until its volume can hold the form.\n";
     }

@@ -6,20 +6,22 @@
 #include <string>
 #include <vector>
 
+#include "platform/env.h"
+
 namespace zephlore::cli {
 
 // Why the volume of `folder` cannot hold the compressed form ("the file
 // system accepts at most 4016 bytes of attributes per file (ext4 without
 // ea_inode)"); none when it can, or when the folder cannot be examined.
 // A folder covered by a view is examined beneath it.
-std::optional<std::string> volumeCannotHoldReason(const std::string& folder);
+std::optional<std::string> volumeCannotHoldReason(Env& env, const std::string& folder);
 
 // What would let the volume of `folder` hold the form, as lines for people.
-std::vector<std::string> volumeFix(const std::string& folder);
+std::vector<std::string> volumeFix(Env& env, const std::string& folder);
 
 // `zephlore add`: says for each folder whose volume cannot hold the form why
 // and what would fix it. False (nothing is to be added) when any such folder
 // was named, unless `anyway`.
-bool volumesCanHoldOrAnyway(const std::vector<std::string>& arguments, bool anyway);
+bool volumesCanHoldOrAnyway(Env& env, const std::vector<std::string>& arguments, bool anyway);
 
 }  // namespace zephlore::cli

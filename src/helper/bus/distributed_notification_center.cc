@@ -1,11 +1,9 @@
 #include "helper/bus/distributed_notification_center.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 
 #include "base/log.h"
-#include "platform/env.h"
+#include "helper/bus/session_bus_address.h"
 
 namespace zephlore {
 
@@ -26,17 +24,8 @@ struct DistributedNotificationCenter::Subscription {
 
 namespace {
 
-// Where the session bus is, without GLib's last resort of autolaunching a
-// bus through X11: a server or a CI machine simply has none.
 std::optional<std::string> sessionBusProblem() {
-  const char* address = getenv("DBUS_SESSION_BUS_ADDRESS");
-  if (address && *address) return std::nullopt;
-  const char* runtime = getenv("XDG_RUNTIME_DIR");
-  if (runtime && *runtime) {
-    struct stat st;
-    std::string socket = std::string(runtime) + "/bus";
-    if (Env::shared().stat(socket, &st) == 0 && S_ISSOCK(st.st_mode)) return std::nullopt;
-  }
+  if (sessionBusAddressKnown()) return std::nullopt;
   return std::string("DBUS_SESSION_BUS_ADDRESS is not set and $XDG_RUNTIME_DIR/bus does not exist");
 }
 

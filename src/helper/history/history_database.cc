@@ -2,7 +2,6 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -31,6 +30,10 @@ Stack& stack() {
   return *instance;
 }
 
+// SQLite opens the database by its path through the real system, never
+// through an Env: the checks before it look at the same file.
+Env& databaseEnv() { return Env::system(); }
+
 }  // namespace
 
 std::string KRHelperUtil::databasePath() {
@@ -46,11 +49,11 @@ void KRHelperUtil::presentError(const std::string& title, const std::string& tex
 
 const HistoryModel* KRHelperUtil::managedObjectModel() {
   Stack& s = stack();
-  if (!s.model) s.model = HistoryModel::load();
+  if (!s.model) s.model = HistoryModel::load(databaseEnv());
   return s.model ? &*s.model : nullptr;
 }
 
-bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path, Env& env) {
+bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env& env, const std::string& path) {
   struct stat st;
   if (env.lstat(path, &st) != 0) return true;
 
@@ -75,12 +78,12 @@ bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(const std::string& path, Env&
   }
 
   presentError(kDatabaseErrorTitle, kDatabaseCorruptMessage);
-  if (unlink(path.c_str()) != 0) {
+  if (env.unlink(path) != 0) {
     KRLog("*** Cannot delete the damaged history database %s: %s", path.c_str(), strerror(errno));
   }
   // Journals of the damaged file must not be replayed into the new one.
-  unlink((path + "-wal").c_str());
-  unlink((path + "-shm").c_str());
+  env.unlink(path + "-wal");
+  env.unlink(path + "-shm");
   return false;
 }
 
@@ -100,13 +103,13 @@ HistoryStore* KRHelperUtil::persistentStoreCoordinator() {
   }
   // Checked before SQLite opens it, which would wait forever on a FIFO.
   std::string refusal;
-  if (!HistoryStore::databaseFilesUsable(path, &refusal)) {
+  if (!HistoryStore::databaseFilesUsable(databaseEnv(), path, &refusal)) {
     presentError("Failed to open the history database", refusal);
     return nullptr;
   }
-  ensureIntegrityOfDatabaseAtPath(path);
+  ensureIntegrityOfDatabaseAtPath(databaseEnv(), path);
   Error error;
-  s.store = HistoryStore::open(path, *model, &error);
+  s.store = HistoryStore::open(databaseEnv(), path, *model, &error);
   if (!s.store) {
     presentError("Failed to open the history database", error.message);
     return nullptr;

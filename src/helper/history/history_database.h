@@ -31,7 +31,7 @@ class KRHelperUtil {
   static const HistoryModel* managedObjectModel();
   // True when the file at `path` may be opened as it is (also when there is
   // none). False when it was judged damaged, reported and deleted.
-  static bool ensureIntegrityOfDatabaseAtPath(const std::string& path, Env& env = Env::shared());
+  static bool ensureIntegrityOfDatabaseAtPath(Env& env, const std::string& path);
   // The store, or none (reported; the next call tries again).
   static HistoryStore* persistentStoreCoordinator();
   // The context, or none (reported; the next call tries again).

@@ -70,8 +70,8 @@ TEST_F(HelperUtilTest, RandomBytesAreReportedDeletedAndReplacedByAnEmptyStore) {
 
 TEST_F(HelperUtilTest, AZeroByteFilePassesAndBecomesTheStore) {
   testkit::writeFile(path_, "");
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(path_));
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(path_ + ".none"));
+  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_));
+  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_ + ".none"));
   ASSERT_NE(KRHelperUtil::managedObjectContext(), nullptr);
   EXPECT_TRUE(sender_->taken().empty());
   EXPECT_EQ(userVersion(), HistoryModel::kVersion);
@@ -136,7 +136,7 @@ TEST_F(HelperUtilTest, ASaveBlockedByAnotherWriterKeepsItsChangesForTheNextSave)
   ASSERT_TRUE(writer.exec("BEGIN IMMEDIATE;", nullptr));
 
   // Locked, not damaged: the check keeps the file.
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(path_));
+  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_));
   Error error;
   EXPECT_FALSE(context->save(&error));
   EXPECT_TRUE(context->hasChanges());

@@ -1,7 +1,6 @@
 #include "helper/history/history_store.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -31,10 +30,10 @@ bool storeFail(Error* error, const std::string& what) {
 
 // --- Model -----------------------------------------------------------------
 
-std::optional<HistoryModel> HistoryModel::load() {
+std::optional<HistoryModel> HistoryModel::load(Env& env) {
   std::string path = resourcePath(kResourceName);
   if (path.empty()) return std::nullopt;
-  ConfigFileText text = readConfigFile(Env::shared(), path, 1 << 20);
+  ConfigFileText text = readConfigFile(env, path, 1 << 20);
   if (text.status != ConfigFileStatus::kOk) {
     KRLog("*** Cannot read the history model %s: %s", path.c_str(), text.problem.c_str());
     return std::nullopt;
@@ -62,11 +61,11 @@ std::optional<bool> HistoryModel::matchesTemplate(const std::string& name,
 
 // --- Store -----------------------------------------------------------------
 
-bool HistoryStore::databaseFilesUsable(const std::string& path, std::string* problem) {
+bool HistoryStore::databaseFilesUsable(Env& env, const std::string& path, std::string* problem) {
   for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
     const std::string file = path + suffix;
     std::string refusal;
-    if (!configWriteTarget(Env::shared(), file, &refusal)) {
+    if (!configWriteTarget(env, file, &refusal)) {
       if (problem) *problem = file + " is " + refusal + "; left alone";
       return false;
     }
@@ -74,12 +73,12 @@ bool HistoryStore::databaseFilesUsable(const std::string& path, std::string* pro
   return true;
 }
 
-std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
-                                                 const HistoryModel& model, Error* error, Env& env) {
+std::unique_ptr<HistoryStore> HistoryStore::open(Env& env, const std::string& path, const HistoryModel& model,
+                                                 Error* error) {
   std::unique_ptr<HistoryStore> store(new HistoryStore(env));
   store->path_ = path;
   std::string problem;
-  if (!databaseFilesUsable(path, &problem)) {
+  if (!databaseFilesUsable(env, path, &problem)) {
     storeFail(error, problem);
     return nullptr;
   }
@@ -116,14 +115,15 @@ std::unique_ptr<HistoryStore> HistoryStore::open(const std::string& path,
   return store;
 }
 
-bool HistoryStore::readRecords(const std::string& path, std::vector<HistoryRecord>* records,
+bool HistoryStore::readRecords(Env& env, const std::string& path, std::vector<HistoryRecord>* records,
                                Error* error) {
   records->clear();
-  if (access(path.c_str(), F_OK) != 0) return true;
-  HistoryStore store(Env::shared());
+  struct stat st;
+  if (env.stat(path, &st) != 0) return true;
+  HistoryStore store(env);
   store.path_ = path;
   std::string problem;
-  if (!databaseFilesUsable(path, &problem)) return storeFail(error, problem);
+  if (!databaseFilesUsable(env, path, &problem)) return storeFail(error, problem);
   if (!store.db_.open(path, SQLITE_OPEN_READONLY, &problem)) {
     return storeFail(error, "Cannot open " + path + ": " + problem);
   }
@@ -226,7 +226,7 @@ void HistoryStore::keepFileAtPath() {
   }
   db_ = std::move(held);
   SqliteConnection fresh;
-  if (!databaseFilesUsable(path_, &problem) ||
+  if (!databaseFilesUsable(env_, path_, &problem) ||
       !fresh.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &problem) || !copyDatabase(db_, fresh) ||
       !fresh.exec("PRAGMA journal_mode=WAL;", &problem)) {
     if (problem.empty()) problem = fresh.lastError();

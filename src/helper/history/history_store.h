@@ -39,7 +39,7 @@ class HistoryModel {
   static constexpr const char* kResourceName = "HistoryModel.sql";
 
   // The model from its resource file; none when the file is missing.
-  static std::optional<HistoryModel> load();
+  static std::optional<HistoryModel> load(Env& env);
 
   const std::string& schema() const { return schema_; }
   // Whether `record` satisfies the named template; none for an unknown name.
@@ -56,14 +56,14 @@ class HistoryStore {
   // False, with *problem naming it, when the database or a journal beside
   // it is something other than a regular file (a FIFO would hang SQLite's
   // first read): somebody else's, left alone.
-  static bool databaseFilesUsable(const std::string& path, std::string* problem);
+  static bool databaseFilesUsable(Env& env, const std::string& path, std::string* problem);
   // None and *error when the file cannot be opened or made into a store.
-  static std::unique_ptr<HistoryStore> open(const std::string& path, const HistoryModel& model,
-                                            Error* error, Env& env = Env::shared());
+  static std::unique_ptr<HistoryStore> open(Env& env, const std::string& path, const HistoryModel& model,
+                                            Error* error);
 
   // Reads the records of the file at `path` without writing anything (the
   // command's view while the helper may be writing). A missing file has none.
-  static bool readRecords(const std::string& path, std::vector<HistoryRecord>* records,
+  static bool readRecords(Env& env, const std::string& path, std::vector<HistoryRecord>* records,
                           Error* error);
 
   const std::string& path() const { return path_; }

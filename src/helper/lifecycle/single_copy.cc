@@ -71,7 +71,7 @@ std::optional<bool> becomePrimaryOwner(GDBusConnection* connection, const std::s
 
 std::optional<std::string> ownExecutablePath() { return executableOf("/proc/self"); }
 
-std::vector<RunningCopy> runningCopiesOf(const std::string& executable, Env& env) {
+std::vector<RunningCopy> runningCopiesOf(Env& env, const std::string& executable) {
   std::vector<RunningCopy> copies;
   const uid_t me = getuid();
   for (const std::string& name : env.listDirectory("/proc").value_or(std::vector<std::string>{})) {
@@ -86,7 +86,7 @@ std::vector<RunningCopy> runningCopiesOf(const std::string& executable, Env& env
   return copies;
 }
 
-SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string& busName) {
+SingleCopyVerdict checkSingleCopy(Env& env, GDBusConnection* connection, const std::string& busName) {
   SingleCopyVerdict verdict;
   // The name first: a copy that loses it counts after the winner exists, so
   // the loser always sees two.
@@ -96,7 +96,7 @@ SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string
   // The name decides whatever executable each copy runs (the package's and
   // a build tree's count apart, yet share the user's files).
   if (owner && !*owner) {
-    verdict.copies = executable ? std::max<int>(2, static_cast<int>(runningCopiesOf(*executable).size())) : 2;
+    verdict.copies = executable ? std::max<int>(2, static_cast<int>(runningCopiesOf(env, *executable).size())) : 2;
     verdict.terminate = true;
     return verdict;
   }
@@ -105,7 +105,7 @@ SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string
     verdict.copies = 1;
     return verdict;
   }
-  const std::vector<RunningCopy> copies = runningCopiesOf(*executable);
+  const std::vector<RunningCopy> copies = runningCopiesOf(env, *executable);
   verdict.copies = static_cast<int>(copies.size());
   if (verdict.copies < 2 || owner) return verdict;
   // No bus to decide: the oldest copy stays (the lower pid on a tie).

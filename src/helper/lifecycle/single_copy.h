@@ -28,7 +28,7 @@ std::optional<std::string> ownExecutablePath();
 // Processes of this user whose executable is `executable`, this one included
 // when it runs it. An executable replaced on disk since (an upgrade) still
 // counts under its path.
-std::vector<RunningCopy> runningCopiesOf(const std::string& executable, Env& env = Env::shared());
+std::vector<RunningCopy> runningCopiesOf(Env& env, const std::string& executable);
 
 struct SingleCopyVerdict {
   int copies = 0;              // this one included
@@ -38,6 +38,6 @@ struct SingleCopyVerdict {
 
 // Asks the bus for `busName` (never queueing behind an owner), then counts.
 // `connection` may be none (no session bus).
-SingleCopyVerdict checkSingleCopy(GDBusConnection* connection, const std::string& busName);
+SingleCopyVerdict checkSingleCopy(Env& env, GDBusConnection* connection, const std::string& busName);
 
 }  // namespace zephlore

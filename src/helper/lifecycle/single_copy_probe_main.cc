@@ -12,7 +12,7 @@
 int main() {
   using namespace zephlore;
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  SingleCopyVerdict verdict = checkSingleCopy(bus.connection(), kHelperBusName);
+  SingleCopyVerdict verdict = checkSingleCopy(Env::system(), bus.connection(), kHelperBusName);
   printf("%s copies=%d primary=%d\n", verdict.terminate ? "second copy" : "running", verdict.copies,
          verdict.primaryOwner ? 1 : 0);
   fflush(stdout);

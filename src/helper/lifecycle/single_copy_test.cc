@@ -48,14 +48,14 @@ TEST(SingleCopy, CountsTheProcessesOfThisExecutableOnly) {
   const std::string other_exe = "/proc/" + std::to_string(other) + "/exe";
   while (std::filesystem::read_symlink(other_exe) == *exe) {
   }
-  const std::vector<RunningCopy> copies = runningCopiesOf(*exe);
+  const std::vector<RunningCopy> copies = runningCopiesOf(Env::system(), *exe);
   EXPECT_TRUE(listed(copies, getpid()));
   EXPECT_TRUE(listed(copies, twin));
   EXPECT_FALSE(listed(copies, other));
   close(hold[1]);
   waitpid(twin, nullptr, 0);
   waitpid(other, nullptr, 0);
-  EXPECT_FALSE(listed(runningCopiesOf(*exe), twin));
+  EXPECT_FALSE(listed(runningCopiesOf(Env::system(), *exe), twin));
 }
 
 // A stand-in helper: reports its verdict on a line, and when it stays, runs

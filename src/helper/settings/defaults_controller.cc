@@ -34,11 +34,12 @@ const char* typeName(plist_t node) {
 }  // namespace
 
 SharedInstance<KRDefaultsController>& KRDefaultsController::sharedInstance() {
-  static SharedInstance<KRDefaultsController> instance([] { return new KRDefaultsController(); });
+  // The settings files are the user's own, never beneath a view: the real system serves them.
+  static SharedInstance<KRDefaultsController> instance([] { return new KRDefaultsController(Env::system()); });
   return instance;
 }
 
-KRDefaultsController::KRDefaultsController() { setupDefaultValues(); }
+KRDefaultsController::KRDefaultsController(Env& env) : env_(env) { setupDefaultValues(); }
 
 void KRDefaultsController::setupDefaultValues() {
   disableSuddenTermination();
@@ -75,7 +76,7 @@ void KRDefaultsController::reload() {
   if (path.empty()) {
     KRLog("No data folder: using the built-in settings");
   } else {
-    file = readPlistFile(path);
+    file = readPlistFile(env_, path);
     const bool failed = file.status != PlistReadStatus::kOk && file.status != PlistReadStatus::kMissing;
     if (sayReadProblem(failed ? file.problem : "") && failed) {
       KRLog("Could not read preferences from %s (%s): using the built-in settings", path.c_str(),
@@ -118,7 +119,7 @@ bool KRDefaultsController::synchronize() {
   bool written = false;
   if (!path.empty()) {
     std::lock_guard lock(mutex_);
-    written = writePlistFileAtomically(path, defaults_.get(), &problem);
+    written = writePlistFileAtomically(env_, path, defaults_.get(), &problem);
   }
   if (!written) KRLog("Could not write preferences to file: %s", path.c_str());
   return written;

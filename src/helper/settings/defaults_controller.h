@@ -60,7 +60,7 @@ class KRDefaultsController {
 
  private:
   friend class ScopedShared<KRDefaultsController>;
-  KRDefaultsController();
+  explicit KRDefaultsController(Env& env);
   void setupDefaultValues();
   bool boolForKey(const char* key) const;
   bool setBool(const char* key, bool value);
@@ -68,6 +68,7 @@ class KRDefaultsController {
   // Whether a read problem is new (reloads repeat one; the log says it once).
   bool sayReadProblem(const std::string& problem);
 
+  Env& env_;
   mutable std::mutex mutex_;  // guards the two dictionaries and the problem said
   PlistPtr default_values_;   // built once, never changed
   PlistPtr defaults_;         // the working copy

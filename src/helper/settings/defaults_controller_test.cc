@@ -19,7 +19,7 @@ std::string defaultsPath(const TestHome& home) { return home.dataFolder() + "/de
 
 // The file as a dictionary, straight from disk.
 PlistPtr fileDictionary(const TestHome& home) {
-  PlistReadResult file = readPlistFile(defaultsPath(home));
+  PlistReadResult file = readPlistFile(Env::system(), defaultsPath(home));
   EXPECT_EQ(file.status, PlistReadStatus::kOk);
   return std::move(file.root);
 }
@@ -37,7 +37,7 @@ void writeDefaults(const TestHome& home, const std::string& dict_body) {
 
 TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
   TestHome home;
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_TRUE(defaults.firstRun());
   EXPECT_TRUE(defaults.helperActive());
@@ -58,7 +58,7 @@ TEST(DefaultsControllerTest, FirstStartReadsAndWritesTheBuiltInDefaults) {
 TEST(DefaultsControllerTest, AFileWithOnlyActiveFallsBackKeyByKeyAndStaysAsItIs) {
   TestHome home;
   writeDefaults(home, "<key>active</key><false/>");
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_FALSE(defaults.helperActive());
   EXPECT_TRUE(defaults.visible());
@@ -89,7 +89,7 @@ TEST(DefaultsControllerTest, AFileWithOnlyActiveFallsBackKeyByKeyAndStaysAsItIs)
 TEST(DefaultsControllerTest, AnEmptyDictionaryIsTreatedLikeNoFile) {
   TestHome home;
   writeDefaults(home, "");
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_EQ(plist_dict_get_size(defaults.defaults().get()), 7u);
   EXPECT_EQ(plist_dict_get_size(fileDictionary(home).get()), 7u);
@@ -98,7 +98,7 @@ TEST(DefaultsControllerTest, AnEmptyDictionaryIsTreatedLikeNoFile) {
 
 TEST(DefaultsControllerTest, ReloadSeesAnotherProcessChangeOnlyWhenAsked) {
   TestHome home;
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   writeDefaults(home, "<key>active</key><false/><key>visible</key><integer>0</integer>");
   EXPECT_TRUE(defaults.helperActive());
@@ -109,7 +109,7 @@ TEST(DefaultsControllerTest, ReloadSeesAnotherProcessChangeOnlyWhenAsked) {
 
 TEST(DefaultsControllerTest, BadFilesGiveBuiltInDefaultsAndOneLogLine) {
   TestHome home;
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   const std::string header = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   const std::vector<std::string> bad_files = {
@@ -146,7 +146,7 @@ TEST(DefaultsControllerTest, MistypedValuesAreReadByTheirOwnConversionOrFallBack
                 "<key>firstRun</key><string>yes</string>");
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   EXPECT_TRUE(defaults.helperActive());
   EXPECT_FALSE(defaults.visible());
@@ -161,7 +161,7 @@ TEST(DefaultsControllerTest, MistypedValuesAreReadByTheirOwnConversionOrFallBack
 
 TEST(DefaultsControllerTest, AFailedWriteKeepsTheValueAndLogsTheFile) {
   TestHome home;
-  ScopedShared<KRDefaultsController> fresh_defaults;
+  ScopedShared<KRDefaultsController> fresh_defaults{Env::system()};
   KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
   // A folder where the file should be cannot be replaced by rename().
   std::filesystem::remove(defaultsPath(home));

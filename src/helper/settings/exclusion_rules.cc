@@ -12,7 +12,8 @@ namespace zephlore {
 SharedInstance<KRExclusionRules>& KRExclusionRules::sharedInstance() {
   static SharedInstance<KRExclusionRules> instance([] {
     auto* loaded = new KRExclusionRules();
-    loaded->loadExclusionRules();
+    // The settings files are the user's own, never beneath a view: the real system serves them.
+    loaded->loadExclusionRules(Env::system());
     return loaded;
   });
   return instance;
@@ -55,21 +56,21 @@ bool KRExclusionRules::exactRuleMatchedForPath(const std::string& path) const {
   return exact_rules_.contains(path);
 }
 
-void KRExclusionRules::loadExclusionRules() {
-  loadRulesAt(kSystemRulesPath);
+void KRExclusionRules::loadExclusionRules(Env& env) {
+  loadRulesAt(env, kSystemRulesPath);
   std::string own = resourcePath(kHelperRulesName);
   if (own.empty()) {
     KRLog("*** The helper's %s was not found among its resources", kHelperRulesName);
   } else {
-    loadRulesAt(own);
+    loadRulesAt(env, own);
   }
   if (std::optional<std::string> folder = KRUtil::applicationSupportFolder()) {
     addRuleForPathPrefix(*folder + "/");
   }
 }
 
-void KRExclusionRules::loadRulesAt(const std::string& path) {
-  PlistReadResult file = readPlistFile(path);
+void KRExclusionRules::loadRulesAt(Env& env, const std::string& path) {
+  PlistReadResult file = readPlistFile(env, path);
   if (file.status == PlistReadStatus::kMissing) return;
   if (file.status != PlistReadStatus::kOk) {
     KRLog("Could not read exclusion rules from %s (%s)", path.c_str(), file.problem.c_str());

@@ -14,6 +14,7 @@
 #include <unordered_set>
 
 #include "base/shared_instance.h"
+#include "platform/env.h"
 
 namespace zephlore {
 
@@ -39,10 +40,10 @@ class KRExclusionRules {
 
   // The system file, then the helper's own, then the data folder itself (its
   // database and records must never be rewritten under the helper's feet).
-  void loadExclusionRules();
+  void loadExclusionRules(Env& env);
   // Adds the rules of one file; a missing or unreadable file adds nothing
   // (anything but a missing file is logged).
-  void loadRulesAt(const std::string& path);
+  void loadRulesAt(Env& env, const std::string& path);
 
   void addRuleForPathSuffix(const std::string& suffix);
   void addRuleForPathPrefix(const std::string& prefix);

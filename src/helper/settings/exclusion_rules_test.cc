@@ -33,8 +33,8 @@ TEST(ExclusionRulesTest, ReadsOnlyExcludeRulesIntoTheirSetsAndMatchesLiterally) 
   std::vector<std::string> lines;
   {
     ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-    rules.loadRulesAt(path);
-    rules.loadRulesAt(path);  // duplicates collapse
+    rules.loadRulesAt(Env::system(), path);
+    rules.loadRulesAt(Env::system(), path);  // duplicates collapse
   }
   EXPECT_EQ(rules.ruleCount(), 4u);
   EXPECT_EQ(lines.size(), 2u);  // one per load of a file with unusable entries
@@ -59,14 +59,14 @@ TEST(ExclusionRulesTest, MissingAndBadRuleFilesAddNothing) {
   std::string path = home.root() + "/rules.plist";
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  rules.loadRulesAt(home.root() + "/absent.plist");
+  rules.loadRulesAt(Env::system(), home.root() + "/absent.plist");
   EXPECT_EQ(lines.size(), 0u);
   for (const std::string& bytes :
        {std::string("\x89PNG\r\n\x1a\n garbage"), std::string(""),
         std::string("<plist><dict><key>RuleType</key><string>Exclude</string></dict></plist>")}) {
     lines.clear();
     writeFile(path, bytes);
-    rules.loadRulesAt(path);
+    rules.loadRulesAt(Env::system(), path);
     EXPECT_EQ(lines.size(), 1u) << bytes;
   }
   EXPECT_EQ(rules.ruleCount(), 0u);
@@ -76,7 +76,7 @@ TEST(ExclusionRulesTest, MissingAndBadRuleFilesAddNothing) {
 TEST(ExclusionRulesTest, TheShippedRulesKeepProgramDataAndCompressedFormatsPlain) {
   TestHome home;
   ScopedShared<KRExclusionRules> fresh_rules;
-  fresh_rules->loadExclusionRules();
+  fresh_rules->loadExclusionRules(Env::system());
   KRExclusionRules& rules = KRExclusionRules::sharedExclusionRules();
   EXPECT_GT(rules.ruleCount(), 100u);
   for (const std::string& path : std::vector<std::string>{

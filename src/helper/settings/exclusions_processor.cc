@@ -21,7 +21,9 @@ std::string lowercase(std::string text) {
 }  // namespace
 
 SharedInstance<KRExclusionsProcessor>& KRExclusionsProcessor::sharedInstance() {
-  static SharedInstance<KRExclusionsProcessor> instance([] { return new KRExclusionsProcessor(); });
+  // The lists are the user's settings files, never beneath a view, and the excluded paths are
+  // resolved as the user names them: the real system serves both.
+  static SharedInstance<KRExclusionsProcessor> instance([] { return new KRExclusionsProcessor(Env::system()); });
   return instance;
 }
 
@@ -47,9 +49,9 @@ void KRExclusionsProcessor::readFiles() {
 }
 
 std::optional<KRExclusionsProcessor::List> KRExclusionsProcessor::readListFile(
-    const std::string& path, const char* what) {
+    Env& env, const std::string& path, const char* what) {
   if (path.empty()) return std::nullopt;
-  PlistReadResult file = readPlistFile(path);
+  PlistReadResult file = readPlistFile(env, path);
   if (file.status == PlistReadStatus::kMissing) return std::nullopt;
   if (file.status != PlistReadStatus::kOk) {
     KRLog("Could not read the %s from %s (%s): no %s", what, path.c_str(), file.problem.c_str(),
@@ -73,7 +75,7 @@ void KRExclusionsProcessor::excludedPathsUpdate() {
     std::lock_guard lock(mutex_);
     paths_.reset();
   }
-  std::optional<List> entries = readListFile(KRUtil::pathToExclusionPathsFile(), "excluded paths");
+  std::optional<List> entries = readListFile(env_, KRUtil::pathToExclusionPathsFile(), "excluded paths");
   if (!entries) return;
   auto resolved = std::make_shared<List>();
   for (const std::string& entry : *entries) {
@@ -90,7 +92,7 @@ void KRExclusionsProcessor::excludedExtensionsUpdate() {
     extensions_.reset();
   }
   std::optional<List> entries =
-      readListFile(KRUtil::pathToExclusionExtensionsFile(), "excluded extensions");
+      readListFile(env_, KRUtil::pathToExclusionExtensionsFile(), "excluded extensions");
   if (!entries) return;
   auto normalized = std::make_shared<List>();
   for (const std::string& entry : *entries) {

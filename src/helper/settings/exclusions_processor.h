@@ -61,12 +61,12 @@ class KRExclusionsProcessor {
   static std::string canonicalPath(Env& env, const std::string& path);
   // The strings of one list file; none when the file is missing or unusable
   // (the latter logged, `what` naming the list).
-  static std::optional<List> readListFile(const std::string& path, const char* what);
+  static std::optional<List> readListFile(Env& env, const std::string& path, const char* what);
 
  private:
   friend class ScopedShared<KRExclusionsProcessor>;
   // Paths are resolved through `env`.
-  explicit KRExclusionsProcessor(Env& env = Env::shared());
+  explicit KRExclusionsProcessor(Env& env);
 
   Env& env_;
   DistributedNotificationCenter& center_;

@@ -30,7 +30,7 @@ class ExclusionsProcessorTest : public ::testing::Test {
 };
 
 TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothing) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
   EXPECT_TRUE(processor.excludedPaths().empty());
   EXPECT_TRUE(processor.excludedExtensions().empty());
@@ -41,7 +41,7 @@ TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothing) {
 TEST_F(ExclusionsProcessorTest, PathsArePlainPrefixesAndExtensionsAreNormalised) {
   writeFile(pathsFile(), stringArray({"/a/b", "", "/c/d/"}));
   writeFile(extensionsFile(), stringArray({"Jpg", ".", "..TXT", "", "tar.GZ", "..."}));
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
 
   EXPECT_EQ(processor.excludedPaths(), (std::vector<std::string>{"/a/b", "/c/d/"}));
@@ -73,7 +73,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
   writeFile(real + "/other.txt", "x");
   // The user chose the folder through the link.
   writeFile(pathsFile(), stringArray({link + "/sub"}));
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
 
   EXPECT_EQ(processor.excludedPaths(), std::vector<std::string>{real + "/sub"});
@@ -83,7 +83,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
 }
 
 TEST_F(ExclusionsProcessorTest, UpdatesReplaceTheListsFromTheFiles) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
   writeFile(extensionsFile(), stringArray({"mp3"}));
   writeFile(pathsFile(), stringArray({"/music"}));
@@ -104,7 +104,7 @@ TEST_F(ExclusionsProcessorTest, UpdatesReplaceTheListsFromTheFiles) {
 }
 
 TEST_F(ExclusionsProcessorTest, BadListFilesGiveNoListAndOneLogLine) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor;
+  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
   KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
   const std::string header = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   struct Case {

@@ -9,12 +9,14 @@
 namespace zephlore {
 
 SharedInstance<KRHelperDefaults>& KRHelperDefaults::sharedInstance() {
-  static SharedInstance<KRHelperDefaults> instance([] { return new KRHelperDefaults(); });
+  // The settings files are the user's own, never beneath a view: the real system serves them.
+  static SharedInstance<KRHelperDefaults> instance([] { return new KRHelperDefaults(Env::system()); });
   return instance;
 }
 
-KRHelperDefaults::KRHelperDefaults()
-    : path_(configHome() + "/" + kDomainFileName),
+KRHelperDefaults::KRHelperDefaults(Env& env)
+    : env_(env),
+      path_(configHome() + "/" + kDomainFileName),
       registered_(plist_new_dict()),
       values_(plist_new_dict()) {
   setupDefaultValues();
@@ -40,7 +42,7 @@ bool KRHelperDefaults::synchronize() {
 }
 
 bool KRHelperDefaults::synchronizeLocked() {
-  PlistReadResult file = readPlistFile(path_);
+  PlistReadResult file = readPlistFile(env_, path_);
   PlistPtr fresh;
   if (file.status == PlistReadStatus::kOk && plist_get_node_type(file.root.get()) == PLIST_DICT) {
     fresh = std::move(file.root);
@@ -77,7 +79,7 @@ bool KRHelperDefaults::synchronizeLocked() {
 
   makeFolders(path_.substr(0, path_.rfind('/')));
   std::string problem;
-  if (!writePlistFileAtomically(path_, values_.get(), &problem)) {
+  if (!writePlistFileAtomically(env_, path_, values_.get(), &problem)) {
     if (!write_failure_said_) KRLog("Could not write helper settings to %s: %s", path_.c_str(), problem.c_str());
     write_failure_said_ = true;
     return false;

@@ -52,7 +52,7 @@ class KRHelperDefaults {
 
  private:
   friend class ScopedShared<KRHelperDefaults>;
-  KRHelperDefaults();
+  explicit KRHelperDefaults(Env& env);
   void setupDefaultValues();
   void registerDefaults(plist_t fallbacks);
   bool synchronizeLocked();
@@ -60,6 +60,7 @@ class KRHelperDefaults {
   void setLocked(const char* key, plist_t value);
   void scheduleSynchronize();
 
+  Env& env_;
   std::string path_;
   mutable std::mutex mutex_;  // guards everything below
   PlistPtr registered_;       // the fallbacks

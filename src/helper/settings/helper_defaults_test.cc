@@ -26,14 +26,14 @@ void writeDomain(const TestHome& home, const std::string& dict_body) {
 
 // A value as a fresh reader of the file sees it.
 plist_t fileValue(const TestHome& home, const char* key, PlistPtr& keep) {
-  PlistReadResult file = readPlistFile(domainPath(home));
+  PlistReadResult file = readPlistFile(Env::system(), domainPath(home));
   keep = std::move(file.root);
   return keep ? plist_dict_get_item(keep.get(), key) : nullptr;
 }
 
 TEST(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWritten) {
   TestHome home;
-  ScopedShared<KRHelperDefaults> fresh_defaults;
+  ScopedShared<KRHelperDefaults> fresh_defaults{Env::system()};
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_EQ(defaults.domainFileName(), domainPath(home));
   EXPECT_EQ(defaults.lastEventID(), 0xFFFFFFFFFFFFFFFFull);
@@ -45,7 +45,7 @@ TEST(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWritten) {
 TEST(HelperDefaultsTest, LastEventIDIsOnDiskWhenTheSetterReturns) {
   TestHome home;
   std::filesystem::remove(home.configFolder());  // a fresh account has none
-  ScopedShared<KRHelperDefaults> fresh_defaults;
+  ScopedShared<KRHelperDefaults> fresh_defaults{Env::system()};
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   PlistPtr keep;
   // Values above the signed range survive the XML round trip.
@@ -59,7 +59,7 @@ TEST(HelperDefaultsTest, LastEventIDIsOnDiskWhenTheSetterReturns) {
 TEST(HelperDefaultsTest, HandSetValuesAreHonouredAndNotOverwritten) {
   TestHome home;
   writeDomain(home, "<key>useSeamlessFileSwitch</key><false/><key>lastEventID</key><integer>77</integer>");
-  ScopedShared<KRHelperDefaults> fresh_defaults;
+  ScopedShared<KRHelperDefaults> fresh_defaults{Env::system()};
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_FALSE(defaults.useSeamlessFileSwitch());
   EXPECT_EQ(defaults.lastEventID(), 77u);
@@ -76,7 +76,7 @@ TEST(HelperDefaultsTest, HandSetValuesAreHonouredAndNotOverwritten) {
 
 TEST(HelperDefaultsTest, ShouldRelaunchPrefsIsWrittenOnTheNextTurnOfTheLoop) {
   TestHome home;
-  ScopedShared<KRHelperDefaults> fresh_defaults;
+  ScopedShared<KRHelperDefaults> fresh_defaults{Env::system()};
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   defaults.setShouldRelaunchPrefs(true);
   EXPECT_TRUE(defaults.shouldRelaunchPrefs());
@@ -92,7 +92,7 @@ TEST(HelperDefaultsTest, BadFilesGiveFallbacksAndOneLogLine) {
                     "<array/>");
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  ScopedShared<KRHelperDefaults> fresh_defaults;
+  ScopedShared<KRHelperDefaults> fresh_defaults{Env::system()};
   KRHelperDefaults& defaults = KRHelperDefaults::sharedHelperDefaults();
   EXPECT_EQ(defaults.lastEventID(), KRHelperDefaults::kSinceNow);
   EXPECT_FALSE(defaults.shouldRelaunchPrefs());

@@ -29,7 +29,7 @@ std::string folderOf(const std::string& path) {
 
 }  // namespace
 
-PlistReadResult readPlistFile(const std::string& path, Env& env) {
+PlistReadResult readPlistFile(Env& env, const std::string& path) {
   PlistReadResult result;
   ConfigFileText file = readConfigFile(env, path, kMaxPlistFileSize);
   switch (file.status) {
@@ -60,8 +60,8 @@ PlistReadResult readPlistFile(const std::string& path, Env& env) {
   return result;
 }
 
-bool writeFileAtomically(const std::string& given, const std::string& bytes, std::string* problem,
-                         mode_t mode, Env& env) {
+bool writeFileAtomically(Env& env, const std::string& given, const std::string& bytes, std::string* problem,
+                         mode_t mode) {
   // Somebody else's FIFO, socket or folder at the name is not replaced.
   std::string refusal;
   std::optional<std::string> target = configWriteTarget(env, given, &refusal);
@@ -108,7 +108,7 @@ bool writeFileAtomically(const std::string& given, const std::string& bytes, std
   return true;
 }
 
-bool writePlistFileAtomically(const std::string& path, plist_t root, std::string* problem) {
+bool writePlistFileAtomically(Env& env, const std::string& path, plist_t root, std::string* problem) {
   char* xml = nullptr;
   uint32_t length = 0;
   plist_to_xml(root, &xml, &length);
@@ -118,7 +118,7 @@ bool writePlistFileAtomically(const std::string& path, plist_t root, std::string
   }
   std::string text(xml, length);
   plist_to_xml_free(xml);
-  return writeFileAtomically(path, text, problem);
+  return writeFileAtomically(env, path, text, problem);
 }
 
 std::optional<bool> plistBoolValue(plist_t node) {

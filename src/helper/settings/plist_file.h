@@ -28,16 +28,16 @@ struct PlistReadResult {
 // Reads and parses the whole file. Files above 16 MiB count as unreadable:
 // no settings or rule file is anywhere near that size. So does anything
 // but a regular file (a link to one is followed); nothing waits.
-PlistReadResult readPlistFile(const std::string& path, Env& env = Env::shared());
+PlistReadResult readPlistFile(Env& env, const std::string& path);
 
 // Writes `bytes` so that readers see either the old file or the new one,
 // never a part: a temporary file in the same folder, flushed to disk, renamed
 // over `path`, then the folder flushed. The new file gets mode `mode`. On
 // failure returns false, leaves the old file alone and sets *problem.
-bool writeFileAtomically(const std::string& path, const std::string& bytes, std::string* problem,
-                         mode_t mode = 0644, Env& env = Env::shared());
+bool writeFileAtomically(Env& env, const std::string& path, const std::string& bytes, std::string* problem,
+                         mode_t mode = 0644);
 // The same for `root` as an XML property list.
-bool writePlistFileAtomically(const std::string& path, plist_t root, std::string* problem);
+bool writePlistFileAtomically(Env& env, const std::string& path, plist_t root, std::string* problem);
 
 // A node read as a boolean: a boolean as itself, a number as non-zero, a
 // string as its leading "Y"/"y"/"T"/"t" or non-zero digit. None for other

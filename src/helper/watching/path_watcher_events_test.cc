@@ -110,7 +110,7 @@ class PathWatcherEventsTest : public ::testing::Test {
 
   bool hold_analyses = false;
   testkit::TestHome home;
-  ScopedShared<KRHelperDefaults> defaults;  // its domain file in this test's home
+  ScopedShared<KRHelperDefaults> defaults{Env::system()};  // its domain file in this test's home
   testkit::ProcessManualClock clock;
   TmpfsDir dir;
   std::mutex mutex;
