@@ -40,8 +40,8 @@ std::string viewDownWords(const std::string& folder) {
 
 }  // namespace
 
-KRFolderViews::KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map)
-    : mounter_(std::move(mounter)), loop_(loop), map_(map) {}
+KRFolderViews::KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map, Env& env)
+    : mounter_(std::move(mounter)), loop_(loop), map_(map), env_(env) {}
 
 KRFolderViews::~KRFolderViews() {
   loop_.cancelPerform(this, kRetryKey);
@@ -84,7 +84,7 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
     // process killed with the previous helper) answers every look with
     // ENOTCONN: asked through it, the volume would seem unfit and the folder
     // would stay behind the dead view for good.
-    if (!mounter_->covered(folder) && !VolumeCapabilities::canHoldCompressedForm(Env::shared(), folder)) continue;
+    if (!mounter_->covered(folder) && !VolumeCapabilities::canHoldCompressedForm(env_, folder)) continue;
     Supervised& entry = views_[folder];
     if (entry.up || supervise(folder, entry)) {
       setDown(folder, false);

@@ -22,6 +22,7 @@
 
 #include "base/run_loop.h"
 #include "base/unique_fd.h"
+#include "platform/env.h"
 #include "platform/path_map.h"
 #include "view/view_mounter.h"
 
@@ -40,8 +41,9 @@ class KRFolderViews {
     std::function<void()> changed;
   };
 
-  // `map` is where the helper's Env looks up the trees beneath the views.
-  KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map);
+  // `map` is where the helper's Env looks up the trees beneath the views;
+  // folders are looked at through `env`.
+  KRFolderViews(std::unique_ptr<view::ViewMounter> mounter, RunLoop& loop, PathMap& map, Env& env);
   ~KRFolderViews();
   KRFolderViews(const KRFolderViews&) = delete;
   KRFolderViews& operator=(const KRFolderViews&) = delete;
@@ -97,6 +99,7 @@ class KRFolderViews {
   std::unique_ptr<view::ViewMounter> mounter_;
   RunLoop& loop_;
   PathMap& map_;
+  Env& env_;
   Hooks hooks_;
   std::map<std::string, Supervised> views_;  // watched folders that want a view
   std::map<std::string, std::string> kept_;  // former folders whose view stays -> why

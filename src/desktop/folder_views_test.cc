@@ -86,7 +86,7 @@ class FolderViewsTest : public ::testing::Test {
   KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load}};
   ProcessViews* mounter = new ProcessViews();
   PathMap map;
-  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map};
+  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map, Env::shared()};
   std::vector<std::string> restored;
 };
 

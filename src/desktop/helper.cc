@@ -32,7 +32,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
                    .record = &record_,
                    .ownRewrites = &ownRewrites_}),
       watcher_(loop, env, &compressor_),
-      views_(std::make_unique<view::ViewMounter>(), loop, map) {
+      views_(std::make_unique<view::ViewMounter>(), loop, map, env) {
   linkParts();
 }
 

@@ -74,9 +74,12 @@ int main() {
   }
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
 
+  // The one place the helper takes the process's Env; its parts get it from here.
+  Env& env = Env::shared();
+
   // One copy only; a second one touches nothing.
   const SingleCopyVerdict verdict =
-      checkSingleCopy(Env::shared(), DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
+      checkSingleCopy(env, DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
   if (verdict.terminate) {
     KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
     return 0;
@@ -87,8 +90,7 @@ int main() {
   // Everything below lives until the process ends: worker threads may
   // still be finishing a file when main returns.
   auto* views = new PathMap();
-  auto* beneathViews = new PathMappingEnv(Env::shared(), *views);
-  Env::setShared(beneathViews);
+  auto* beneathViews = new PathMappingEnv(env, *views);
   auto* delegate = new KRAppDelegate(*beneathViews, loop, *views, *folder);
 
   const int signal_fd = watchQuitSignals(loop, *delegate);
