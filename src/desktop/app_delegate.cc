@@ -14,7 +14,6 @@
 #include "helper/lifecycle/updater.h"
 #include "helper/notices/notice_bridge.h"
 #include "helper/settings/defaults_controller.h"
-#include "helper/settings/exclusions_processor.h"
 #include "helper/settings/helper_defaults.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
@@ -45,8 +44,6 @@ void KRAppDelegate::awakeFromNib() {
   // 1. (The one-copy check ran in main, before this object was made.)
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
   helper_ = std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_);
-  // The user's exclusion lists are followed from here on.
-  KRExclusionsProcessor::sharedExclusionsProcessor();
 
   // 2. After an update, say so once.
   KRHelperDefaults& helperDefaults = KRHelperDefaults::sharedHelperDefaults();

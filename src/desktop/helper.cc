@@ -24,6 +24,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       record_(env, dataFolder),
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop),
+      exclusions_(env),
       history_(loop, env),
       analyzers_(loop, env),
       compressor_(loop, env,
@@ -45,6 +46,7 @@ Helper::~Helper() {
 }
 
 void Helper::linkParts() {
+  rules_.loadExclusionRules(env_);
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
   KRFolderViews::Hooks viewHooks;
@@ -88,6 +90,8 @@ void Helper::linkParts() {
     scheduler_.queueAnalysisOperation(std::move(operation));
   };
   analyzerLinks.compressor = &compressor_;
+  analyzerLinks.rules = &rules_;
+  analyzerLinks.userExclusions = &exclusions_;
   analyzers_.setLinks(std::move(analyzerLinks));
 }
 

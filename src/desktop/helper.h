@@ -21,6 +21,8 @@
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "helper/settings/exclusion_rules.h"
+#include "helper/settings/exclusions_processor.h"
 #include "helper/watching/path_analyzers.h"
 #include "helper/watching/path_watcher.h"
 #include "platform/own_rewrites.h"
@@ -108,6 +110,9 @@ class Helper {
   KRFileInProcessWatchdog record_;
   KRSystemLoadHandler load_;
   KRPowerManager power_;
+  KRExclusionRules rules_;
+  // The user's exclusion lists are followed from the helper's start.
+  KRExclusionsProcessor exclusions_;
   KRHistoryProcessor history_;
   KRPathAnalyzers analyzers_;
   KRCompressor compressor_;

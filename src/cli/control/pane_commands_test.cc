@@ -119,8 +119,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
 }
 
 TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
   EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
   ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});
   ASSERT_EQ(result.status, 0) << result.err;

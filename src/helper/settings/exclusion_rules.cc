@@ -9,16 +9,6 @@
 
 namespace zephlore {
 
-SharedInstance<KRExclusionRules>& KRExclusionRules::sharedInstance() {
-  static SharedInstance<KRExclusionRules> instance([] {
-    auto* loaded = new KRExclusionRules();
-    // The settings files are the user's own, never beneath a view: the real system serves them.
-    loaded->loadExclusionRules(Env::system());
-    return loaded;
-  });
-  return instance;
-}
-
 KRExclusionRules::KRExclusionRules() {
   suffix_rules_.reserve(50);
   prefix_rules_.reserve(50);

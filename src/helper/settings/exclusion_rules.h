@@ -13,7 +13,6 @@
 #include <string>
 #include <unordered_set>
 
-#include "base/shared_instance.h"
 #include "platform/env.h"
 
 namespace zephlore {
@@ -23,12 +22,8 @@ class KRExclusionRules {
   static constexpr const char* kSystemRulesPath = "/etc/zephlore/SystemCompressionRules.plist";
   static constexpr const char* kHelperRulesName = "ExclusionRules.plist";
 
-  // Created on first use with loadExclusionRules() done.
-  static KRExclusionRules& sharedExclusionRules() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRExclusionRules>).
-  static SharedInstance<KRExclusionRules>& sharedInstance();
-
-  // An empty rule set, for building one by hand.
+  // An empty rule set: loadExclusionRules() fills the helper's, tests build
+  // theirs by hand.
   KRExclusionRules();
 
   // Suffix, prefix, contains, then exact rules; the first match decides.
@@ -53,7 +48,6 @@ class KRExclusionRules {
   size_t ruleCount() const;
 
  private:
-  friend class ScopedShared<KRExclusionRules>;
   std::unordered_set<std::string> suffix_rules_;
   std::unordered_set<std::string> prefix_rules_;
   std::unordered_set<std::string> component_rules_;

@@ -75,9 +75,8 @@ TEST(ExclusionRulesTest, MissingAndBadRuleFilesAddNothing) {
 
 TEST(ExclusionRulesTest, TheShippedRulesKeepProgramDataAndCompressedFormatsPlain) {
   TestHome home;
-  ScopedShared<KRExclusionRules> fresh_rules;
-  fresh_rules->loadExclusionRules(Env::system());
-  KRExclusionRules& rules = KRExclusionRules::sharedExclusionRules();
+  KRExclusionRules rules;
+  rules.loadExclusionRules(Env::system());
   EXPECT_GT(rules.ruleCount(), 100u);
   for (const std::string& path : std::vector<std::string>{
            "/usr/lib/libz.so.1", "/etc/fstab", "/var/lib/dpkg/status",

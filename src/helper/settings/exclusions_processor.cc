@@ -20,13 +20,6 @@ std::string lowercase(std::string text) {
 
 }  // namespace
 
-SharedInstance<KRExclusionsProcessor>& KRExclusionsProcessor::sharedInstance() {
-  // The lists are the user's settings files, never beneath a view, and the excluded paths are
-  // resolved as the user names them: the real system serves both.
-  static SharedInstance<KRExclusionsProcessor> instance([] { return new KRExclusionsProcessor(Env::system()); });
-  return instance;
-}
-
 KRExclusionsProcessor::KRExclusionsProcessor(Env& env)
     : env_(env),
       center_(DistributedNotificationCenter::defaultCenter()),

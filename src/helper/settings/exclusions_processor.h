@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "base/shared_instance.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "platform/env.h"
 
@@ -26,12 +25,10 @@ class KRExclusionsProcessor {
  public:
   using List = std::vector<std::string>;
 
-  // Created when the helper starts, before anything else, so that it listens
+  // Made when the helper starts, before anything else, so that it listens
   // from the first moment: observes both names, then reads both files.
-  static KRExclusionsProcessor& sharedExclusionsProcessor() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRExclusionsProcessor>).
-  static SharedInstance<KRExclusionsProcessor>& sharedInstance();
-
+  // Paths are resolved through `env`.
+  explicit KRExclusionsProcessor(Env& env);
   // Stops listening (a test's own instance ends before the center).
   ~KRExclusionsProcessor();
   KRExclusionsProcessor(const KRExclusionsProcessor&) = delete;
@@ -64,10 +61,6 @@ class KRExclusionsProcessor {
   static std::optional<List> readListFile(Env& env, const std::string& path, const char* what);
 
  private:
-  friend class ScopedShared<KRExclusionsProcessor>;
-  // Paths are resolved through `env`.
-  explicit KRExclusionsProcessor(Env& env);
-
   Env& env_;
   DistributedNotificationCenter& center_;
   DistributedNotificationCenter::ObserverId paths_observer_, extensions_observer_;

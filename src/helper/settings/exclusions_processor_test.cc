@@ -30,8 +30,7 @@ class ExclusionsProcessorTest : public ::testing::Test {
 };
 
 TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothing) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
   EXPECT_TRUE(processor.excludedPaths().empty());
   EXPECT_TRUE(processor.excludedExtensions().empty());
   EXPECT_FALSE(processor.isExcluded("/home/u/a.jpg"));
@@ -41,8 +40,7 @@ TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothing) {
 TEST_F(ExclusionsProcessorTest, PathsArePlainPrefixesAndExtensionsAreNormalised) {
   writeFile(pathsFile(), stringArray({"/a/b", "", "/c/d/"}));
   writeFile(extensionsFile(), stringArray({"Jpg", ".", "..TXT", "", "tar.GZ", "..."}));
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
 
   EXPECT_EQ(processor.excludedPaths(), (std::vector<std::string>{"/a/b", "/c/d/"}));
   EXPECT_EQ(processor.excludedExtensions(),
@@ -73,8 +71,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
   writeFile(real + "/other.txt", "x");
   // The user chose the folder through the link.
   writeFile(pathsFile(), stringArray({link + "/sub"}));
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
 
   EXPECT_EQ(processor.excludedPaths(), std::vector<std::string>{real + "/sub"});
   EXPECT_TRUE(processor.isExcluded(real + "/sub/file.txt"));
@@ -83,8 +80,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
 }
 
 TEST_F(ExclusionsProcessorTest, UpdatesReplaceTheListsFromTheFiles) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
   writeFile(extensionsFile(), stringArray({"mp3"}));
   writeFile(pathsFile(), stringArray({"/music"}));
   EXPECT_FALSE(processor.isExcluded("/x/a.mp3"));  // not until told
@@ -104,8 +100,7 @@ TEST_F(ExclusionsProcessorTest, UpdatesReplaceTheListsFromTheFiles) {
 }
 
 TEST_F(ExclusionsProcessorTest, BadListFilesGiveNoListAndOneLogLine) {
-  ScopedShared<KRExclusionsProcessor> fresh_processor{Env::system()};
-  KRExclusionsProcessor& processor = KRExclusionsProcessor::sharedExclusionsProcessor();
+  KRExclusionsProcessor processor{Env::system()};
   const std::string header = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   struct Case {
     std::string bytes;

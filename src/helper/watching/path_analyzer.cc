@@ -79,8 +79,18 @@ KRPathAnalyzer::~KRPathAnalyzer() {
   if (compressed_observer_) NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
 }
 
+bool KRPathAnalyzer::excludedByRules(const std::string& path) const {
+  const KRExclusionRules* rules = analyzers_.links_.rules;
+  return rules && rules->mustExcludePath(path);
+}
+
+bool KRPathAnalyzer::excludedByUser(const std::string& path) const {
+  const KRExclusionsProcessor* lists = analyzers_.links_.userExclusions;
+  return lists && lists->isExcluded(path);
+}
+
 void KRPathAnalyzer::start() {
-  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path_)) {
+  if (excludedByRules(path_)) {
     didFinishAnalyzing();
     return;
   }
@@ -290,8 +300,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   // The primary group is not always among the supplementary ones on Linux.
   if (st.st_gid != getegid() && !KRUtil::processGroupsInclude(st.st_gid)) return 0;
   if (analyzers_.links_.isFileInProcess && analyzers_.links_.isFileInProcess(path)) return 0;
-  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 0;
-  if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 0;
+  if (excludedByRules(path) || excludedByUser(path)) return 0;
   const size_t slash = path.rfind('/');
   if (path.compare(slash == std::string::npos ? 0 : slash + 1, 2, "._") == 0) return 0;
   return 1;
@@ -302,8 +311,7 @@ int KRPathAnalyzer::checkDirectory(const WalkEntry& entry) {
   const std::string path(entry.path);
   if (!recursive_ && path != path_) return 2;
   if (KRExtendedAttributesHelper::isAttributeSetAt(env_, kXcodeGenerated, path)) return 2;
-  if (KRExclusionRules::sharedExclusionRules().mustExcludePath(path)) return 2;
-  if (KRExclusionsProcessor::sharedExclusionsProcessor().isExcluded(path)) return 2;
+  if (excludedByRules(path) || excludedByUser(path)) return 2;
   // Every directory under the analyzer's path lies in its watched folder.
   if (!watched_device_known_ || entry.st->st_dev != watched_device_) return 2;
   if (!isHFSPlusVolume(entry.st->st_dev, path)) {

@@ -31,6 +31,8 @@
 
 namespace zephlore {
 
+class KRExclusionRules;
+class KRExclusionsProcessor;
 class KRPathAnalyzer;
 class KRPathAnalyzers;
 
@@ -63,6 +65,9 @@ struct KRPathAnalyzerLinks {
   std::function<void(Operation)> addAnalysisOperation;
   // Sender of "KRFileCompressedNotification" to listen to; null: any.
   const void* compressor = nullptr;
+  // The built-in exclusion rules and the user's lists; null: none.
+  const KRExclusionRules* rules = nullptr;
+  const KRExclusionsProcessor* userExclusions = nullptr;
 };
 
 class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
@@ -103,6 +108,8 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   KRPathAnalyzer(KRPathAnalyzers& analyzers, std::string path, std::string watchedPath, bool recursive,
                  KRPathAnalyzerDelegate* delegate, uint64_t eventID);
 
+  bool excludedByRules(const std::string& path) const;
+  bool excludedByUser(const std::string& path) const;
   void start();
   void analyzePath();
   // Seconds since the folder (or file) last changed; -1 when it cannot be examined.
