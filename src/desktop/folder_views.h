@@ -83,8 +83,9 @@ class KRFolderViews {
   };
 
   // Mounts a view over `folder` (or adopts the live one) and watches its
-  // process; false when the folder stays without a view.
-  bool supervise(const std::string& folder, Supervised& entry);
+  // process; false when the folder stays without a view. `*mountedAnew`
+  // is set when no live view was there to adopt.
+  bool supervise(const std::string& folder, Supervised& entry, bool* mountedAnew = nullptr);
   bool adopt(const std::string& folder, Supervised& entry);
   void stopWatching(Supervised& entry);
   void viewEnded(const std::string& folder, const std::string& how);
