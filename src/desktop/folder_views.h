@@ -8,7 +8,8 @@
 // run loop), and so is the mount table. A view that ends is mounted again at
 // once; until it is back, nothing in its folder is compressed (holdReason),
 // because programs would read the new compressed files empty. A view found
-// at start-up (views outlive the helper) is adopted, never stacked over.
+// at start-up (views outlive the helper) is adopted, never stacked over; one
+// found dead (killed with the previous helper) is replaced, and said to be.
 #pragma once
 
 #include <functional>
