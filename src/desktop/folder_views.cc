@@ -84,10 +84,23 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
     // process killed with the previous helper) answers every look with
     // ENOTCONN: asked through it, the volume would seem unfit and the folder
     // would stay behind the dead view for good.
-    if (!mounter_->covered(folder) && !VolumeCapabilities::canHoldCompressedForm(env_, folder)) continue;
+    const bool covered = mounter_->covered(folder);
+    if (!covered && !VolumeCapabilities::canHoldCompressedForm(env_, folder)) continue;
     Supervised& entry = views_[folder];
-    if (entry.up || supervise(folder, entry)) {
+    bool mountedAnew = false;
+    if (entry.up || supervise(folder, entry, &mountedAnew)) {
       setDown(folder, false);
+      // The view found here had lost its process (killed with the previous
+      // helper, or just as this one started): said as for any view that
+      // ended, so that the log and status tell it was put back.
+      if (covered && mountedAnew) {
+        entry.restoredAt = loop_.clock().wallNow();
+        KRLog("*** ZephloreHelper: the view found over %s had no process: programs read its compressed files empty; "
+              "mounting it again",
+              folder.c_str());
+        KRLog("ZephloreHelper: the view over %s is back; %s reads at full content again", folder.c_str(),
+              folder.c_str());
+      }
     } else {
       // The folder is still watched; programs would read files compressed
       // now empty, so nothing in it is compressed until a view covers it.
@@ -98,7 +111,7 @@ void KRFolderViews::foldersChanged(const std::optional<std::vector<std::string>>
   refreshMap();
 }
 
-bool KRFolderViews::supervise(const std::string& folder, Supervised& entry) {
+bool KRFolderViews::supervise(const std::string& folder, Supervised& entry, bool* mountedAnew) {
   // A view found there (one that outlived the previous helper, or one
   // mounted by hand) is taken as it is: a second one stacked over it would
   // hide it from its own files.
@@ -108,7 +121,10 @@ bool KRFolderViews::supervise(const std::string& folder, Supervised& entry) {
     KRLog("*** %s", error.message.c_str());
     return false;
   }
-  if (adopt(folder, entry)) return true;
+  if (adopt(folder, entry)) {
+    if (mountedAnew) *mountedAnew = true;
+    return true;
+  }
   KRLog("*** ZephloreHelper: a view was mounted over %s, but no process of ours serves it", folder.c_str());
   return false;
 }

@@ -8,7 +8,8 @@
 // run loop), and so is the mount table. A view that ends is mounted again at
 // once; until it is back, nothing in its folder is compressed (holdReason),
 // because programs would read the new compressed files empty. A view found
-// at start-up (views outlive the helper) is adopted, never stacked over.
+// at start-up (views outlive the helper) is adopted, never stacked over; one
+// found dead (killed with the previous helper) is replaced, and said to be.
 #pragma once
 
 #include <functional>
@@ -85,8 +86,9 @@ class KRFolderViews {
   };
 
   // Mounts a view over `folder` (or adopts the live one) and watches its
-  // process; false when the folder stays without a view.
-  bool supervise(const std::string& folder, Supervised& entry);
+  // process; false when the folder stays without a view. `*mountedAnew`
+  // is set when no live view was there to adopt.
+  bool supervise(const std::string& folder, Supervised& entry, bool* mountedAnew = nullptr);
   bool adopt(const std::string& folder, Supervised& entry);
   void stopWatching(Supervised& entry);
   void viewEnded(const std::string& folder, const std::string& how);

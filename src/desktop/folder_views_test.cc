@@ -168,13 +168,17 @@ TEST_F(FolderViewsTest, AViewFoundAtTheStartIsAdopted) {
 }
 
 // The helper and its view killed together: the new helper finds the dead
-// view, whose folder answers nothing, and mounts a new one.
+// view, whose folder answers nothing, mounts a new one and says it was
+// restored, as for any view that ended.
 TEST_F(FolderViewsTest, ADeadViewFoundAtTheStartIsReplaced) {
   const std::string behindDeadView = folder + "/Documents";
   mounter->deadViewLeft = true;
   views.foldersChanged(std::vector<std::string>{behindDeadView}, true);
   EXPECT_EQ(mounter->mounts, 1);
-  EXPECT_EQ(views.describe(), std::vector<std::string>{behindDeadView + ": full content through its view"});
+  ASSERT_EQ(views.describe().size(), 1u);
+  EXPECT_EQ(views.describe()[0].rfind(behindDeadView + ": full content through its view (restored at ", 0), 0u)
+      << views.describe()[0];
+  EXPECT_EQ(views.holdReason(behindDeadView + "/a.txt"), "");
 }
 
 }  // namespace

@@ -275,7 +275,8 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     const auto killed = std::chrono::steady_clock::now();
     kill(view, SIGKILL);
     ASSERT_TRUE(pump_->waitFor("is back", before, 10'000))
-        << "the view was not mounted again:\n"
+        << "the view was not mounted again (killed " << view << ", now served by " << viewProcess(watched_)
+        << ", views mounted " << viewsMountedOn(watched_) << "):\n"
         << log();
     restoredMs_.push_back(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - killed).count());

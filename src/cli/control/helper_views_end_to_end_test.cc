@@ -86,6 +86,31 @@ class HelperViews : public HelperEndToEnd {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - killed).count();
   }
 
+  // Waits at most 10 s for a view over the watched folder served by a
+  // process other than `gone` that is alive, and through which `file` reads
+  // `data`; the milliseconds that took, -1 when none came.
+  long long waitForALiveViewOtherThan(pid_t gone, const std::string& file, const std::string& data) {
+    const auto from = std::chrono::steady_clock::now();
+    const auto deadline = from + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+      const pid_t serving = viewProcess(watched_);
+      if (serving > 0 && serving != gone && processIsRunning(serving) && viewsMountedOn(watched_) == 1 &&
+          testkit::readFile(file) == data) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - from)
+            .count();
+      }
+      statusJson();  // a round trip to the helper paces the loop
+    }
+    return -1;
+  }
+  static bool processIsRunning(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const size_t nameEnd = stat.rfind(')');
+    return nameEnd != std::string::npos && nameEnd + 2 < stat.size() && stat[nameEnd + 2] != 'Z' &&
+           stat[nameEnd + 2] != 'X';
+  }
+
   std::string watched_;
 };
 
@@ -188,6 +213,61 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
   const std::string log = firstRunLog + endHelper();
   EXPECT_EQ(log.find("/proc/"), std::string::npos) << log;
   EXPECT_EQ(occurrences(log, "Watching " + watched_ + "\n"), 2u) << "once in each run:\n" << log;
+}
+
+// The helper and its view killed together: the next helper finds a dead
+// view (its process gone or a zombie nobody reaps) and must put a live one
+// back, whether the view died before it started or just after.
+TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) {
+  if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
+  ASSERT_EQ(zephlore({"view-on"}).status, 0);
+  ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+  watched_ = folder_.path() + "/Documents";
+  ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
+  ASSERT_EQ(zephlore({"add", watched_}).status, 0);
+  const std::string report = watched_ + "/report.txt";
+  const std::string original = testkit::compressibleData(300'000, 7);
+  testkit::writeFile(report, original);
+  ASSERT_TRUE(waitForSavingsAbove(0)) << "nothing compressed; helper:\n" << endHelper();
+  std::string logs;
+  auto toldItIsBack = [this] {
+    return helper_->waitForErrorOutput(
+        [](const std::string& log) { return log.find(" is back; ") != std::string::npos; }, 10'000);
+  };
+  auto killHelper = [&] {
+    kill(helper_->pid(), SIGKILL);
+    helper_->finish();
+    logs += helper_->err() + "--- helper killed\n";
+    helper_.reset();
+  };
+
+  for (int round = 0; round < 3; ++round) {
+    // Both at once, then a new helper.
+    const pid_t view = viewProcess(watched_);
+    ASSERT_GT(view, 0) << logs;
+    kill(view, SIGKILL);
+    killHelper();
+    ASSERT_TRUE(waitForExit(view, 10'000));
+    ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+    const long long ms = waitForALiveViewOtherThan(view, report, original);
+    ASSERT_GE(ms, 0) << "round " << round << ": no live view came back; helpers:\n" << logs << endHelper();
+    fprintf(stderr, "killed together: a live view was back %lld ms after the new helper owned its name\n", ms);
+    // ...and the helper says so: the user reads in status that it was put back.
+    ASSERT_TRUE(toldItIsBack()) << "round " << round << ":\n" << logs << endHelper();
+    EXPECT_NE(viewLine(statusJson()).find(watched_ + ": full content through its view (restored at "),
+              std::string::npos)
+        << viewLine(statusJson());
+
+    // The view killed as the new helper starts, before or after it adopted it.
+    const pid_t next = viewProcess(watched_);
+    killHelper();
+    ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+    kill(next, SIGKILL);
+    const long long again = waitForALiveViewOtherThan(next, report, original);
+    ASSERT_GE(again, 0) << "round " << round << ": no live view came back; helpers:\n" << logs << endHelper();
+    fprintf(stderr, "killed as the new helper started: a live view was back after %lld ms\n", again);
+    ASSERT_TRUE(toldItIsBack()) << "round " << round << ":\n" << logs << endHelper();
+  }
 }
 
 }  // namespace
