@@ -12,6 +12,7 @@
 #include "helper/lifecycle/scheduler.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
+#include "helper/pipeline/system_load_handler.h"
 #include "helper/settings/defaults_controller.h"
 #include "helper/watching/path_analyzer.h"
 #include "helper/watching/path_watcher.h"
@@ -38,6 +39,9 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer)
     if (KRPathWatcherEvents* events = watcher_.events()) events->analyzePath(folder, true);
   };
   viewHooks.changed = [this] { observer_.helperChanged(); };
+  viewHooks.servingProcesses = [](std::vector<int> pids) {
+    KRSystemLoadHandler::sharedSystemLoadHandler().setCompanionProcesses(std::move(pids));
+  };
   views_.setHooks(std::move(viewHooks));
 
   compressor_.setFolderWatchTest([this](const std::string& path) { return watcher_.isWatchingFolderForPath(path); });
