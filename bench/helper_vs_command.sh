@@ -129,6 +129,11 @@ awk -v c="$command_cpu" -v n="$converted" -v h="$helper_cpu" -v t="$ticks_per_s"
   if (d > 0) printf "helper CPU (with its view): %.2f ms/file\n", 1000 * h / t / d
   if (d > 0) printf "bus messages: %d, %.1f per file\n", b, b / d
 }'
+if ((done_count > 0)); then
+  echo "bus messages per file by member:"
+  awk -F'\t' -v d="$done_count" '$1 ~ /^(sig|mc|mr|err)$/ { n[$1 " " $NF]++ }
+    END { for (m in n) if (n[m] / d >= 0.05) printf "  %-32s %6.2f\n", m, n[m] / d }' "$work/bus.log" | sort -k3 -rn
+fi
 if [[ -s $work/strace.txt ]]; then
   echo "helper system calls per file (strace -c -f):"
   awk -v d="$done_count" '$1 ~ /^[0-9.]+$/ && NF >= 5 {
