@@ -169,7 +169,7 @@ void Helper::stopWork(const std::function<void()>& beforeWaiting) {
 Helper::Figures Helper::figures() {
   Figures figures;
   figures.totalSavings = history_.totalSavings();
-  figures.queuedFiles = compressor_.queuedFiles().size();
+  figures.queuedFiles = compressor_.queuedFileCount();
   figures.fileInProcess = compressor_.fileInHand();
   figures.views = views_.describe();
   return figures;
