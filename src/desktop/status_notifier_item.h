@@ -44,6 +44,7 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   void hide() override;
   void setIcon(const std::string& iconName) override;
   void setMenu(const KRStatusMenu& menu) override;
+  bool onScreen() const override { return trayPresent_; }
 
   // The bus name the item is known by, "" without a bus.
   std::string serviceName() const { return serviceName_; }
