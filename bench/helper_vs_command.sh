@@ -100,7 +100,9 @@ helper_cpu_before=$(cpu_ticks "$helper_pid")
 start=$(now_ms)
 "$zephlore" add "$work/tree-helper" >/dev/null
 deadline=$((start + 1800000))
+first_ms=
 while (($(grep -c '^Compressed ' "$log" || true) < converted && $(now_ms) < deadline)); do
+  [[ -z $first_ms ]] && grep -q '^Compressed ' "$log" && first_ms=$(($(now_ms) - start))
   sleep 0.2
 done
 helper_ms=$(($(now_ms) - start))
@@ -123,6 +125,7 @@ helper_converted=$("$zephlore" info -r --json "$work/tree-helper" | jq -s 'map(s
 echo "tree: $files files, $mib MiB; clock speed $ZEPHLORE_CLOCK_SPEED; view $([[ $view == 1 ]] && echo on || echo off); load $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "zephlore compress -r -j1: $converted files in $command_ms ms"
 echo "helper beneath its view: $done_count files logged, $helper_converted compressed, in $helper_ms ms (from add to the last)"
+echo "first file compressed ${first_ms:-?} ms after add"
 awk -v c="$command_ms" -v h="$helper_ms" 'BEGIN { printf "helper rate / command rate: %.2f\n", c / h }'
 awk -v c="$command_cpu" -v n="$converted" -v h="$helper_cpu" -v t="$ticks_per_s" -v d="$done_count" -v b="$bus_messages" 'BEGIN {
   if (n > 0) printf "command CPU: %.2f ms/file\n", 1000 * c / n
