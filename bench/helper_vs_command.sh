@@ -26,7 +26,9 @@ if [[ -z ${ZEPHLORE_BENCH_WORK:-} ]]; then
   if [[ ${ZEPHLORE_BENCH_KEEP:-0} == 1 ]]; then
     trap 'echo "kept: $work"' EXIT
   else
-    trap 'umount -l "$work/tree-helper" 2>/dev/null; umount -l "$work" 2>/dev/null; rm -rf "$work"' EXIT
+    # Under -e a failing step would end the trap early: one of them may find
+    # nothing mounted.
+    trap 'umount -l "$work/tree-helper" 2>/dev/null || true; umount -l "$work" 2>/dev/null || true; rm -rf "$work"' EXIT
   fi
   if [[ $(stat -f -c %T "$work") != tmpfs ]] && ! mount -t tmpfs -o size=4g,mode=700 tmpfs "$work"; then
     echo "needs a tmpfs: run as root, or with TMPDIR on a tmpfs outside /dev" >&2
