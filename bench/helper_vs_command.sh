@@ -111,7 +111,14 @@ helper_ms=$(($(now_ms) - start))
 done_count=$(grep -c '^Compressed ' "$log" || true)
 # The views serve the helper alone here: all their time counts as its.
 helper_cpu=$(($(cpu_ticks "$helper_pid") - helper_cpu_before))
-for pid in $(view_pids); do helper_cpu=$((helper_cpu + $(cpu_ticks "$pid"))); done
+view_cpu=0
+for pid in $(view_pids); do view_cpu=$((view_cpu + $(cpu_ticks "$pid"))); done
+helper_cpu=$((helper_cpu + view_cpu))
+# Where the helper's time went: its busiest threads since it started (the
+# main thread is the one whose id is the process's).
+threads=$(for task in /proc/"$helper_pid"/task/*; do
+  echo "$(awk '{ print $14 + $15 }' "$task/stat") $( [[ ${task##*/} == "$helper_pid" ]] && echo main || cat "$task/comm")"
+done | sort -rn | head -4)
 kill "$monitor_pid" 2>/dev/null || true
 # Messages: signals, calls, replies and errors (the monitor's own header aside).
 bus_messages=$(grep -cE '^(sig|mc|mr|err)' "$work/bus.log" || true)
@@ -135,6 +142,11 @@ awk -v c="$command_cpu" -v n="$converted" -v h="$helper_cpu" -v t="$ticks_per_s"
   if (d > 0) printf "bus messages: %d, %.1f per file\n", b, b / d
 }'
 if ((done_count > 0)); then
+  echo "helper CPU by thread (ms/file, since start), and its views:"
+  while read -r ticks name; do
+    awk -v t="$ticks" -v n="$name" -v c="$ticks_per_s" -v d="$done_count" 'BEGIN { printf "  %-16s %6.2f\n", n, 1000 * t / c / d }'
+  done <<<"$threads"
+  awk -v t="$view_cpu" -v c="$ticks_per_s" -v d="$done_count" 'BEGIN { printf "  %-16s %6.2f\n", "views", 1000 * t / c / d }'
   echo "bus messages per file by member:"
   awk -F'\t' -v d="$done_count" '$1 ~ /^(sig|mc|mr|err)$/ { n[$1 " " $NF]++ }
     END { for (m in n) if (n[m] / d >= 0.05) printf "  %-32s %6.2f\n", m, n[m] / d }' "$work/bus.log" | sort -k3 -rn
