@@ -1,5 +1,7 @@
 #include "base/log.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -14,7 +16,40 @@ namespace {
 std::mutex g_mutex;
 LogTarget g_target = LogTarget::kSyslogAndTerminal;
 std::function<void(const std::string&)>* g_capture = nullptr;
-bool g_syslog_open = false;
+
+// Decided on the first line of the helper's target and kept: asking per line
+// cost a failed connect (no syslog daemon, as in containers, where the C
+// library tries again on every line) and a failed terminal query each time.
+struct HelperSinks {
+  bool toSyslog = false;
+  bool toStderr = false;
+};
+
+// Whether a syslog daemon listens; the C library's own connect fails
+// silently and is retried on every line.
+bool syslogListens() {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", _PATH_LOG);
+  const bool listens = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return listens;
+}
+
+const HelperSinks& helperSinks() {
+  static const HelperSinks sinks = [] {
+    HelperSinks chosen;
+    chosen.toSyslog = syslogListens();
+    if (chosen.toSyslog) openlog("ZephloreHelper", LOG_PID | LOG_NDELAY, LOG_USER);
+    // The journal takes standard error of a service (JOURNAL_STREAM is set);
+    // without syslog, standard error is all there is.
+    chosen.toStderr = !chosen.toSyslog || isatty(STDERR_FILENO) || getenv("JOURNAL_STREAM");
+    return chosen;
+  }();
+  return sinks;
+}
 
 void logLine(int priority, const char* format, va_list args) {
   char stack_buf[1024];
@@ -40,13 +75,9 @@ void logLine(int priority, const char* format, va_list args) {
     return;
   }
   if (g_target == LogTarget::kSyslogAndTerminal) {
-    if (!g_syslog_open) {
-      openlog("ZephloreHelper", LOG_PID, LOG_USER);
-      g_syslog_open = true;
-    }
-    syslog(priority, "%s", line.c_str());
-    // The journal takes standard error of a service (JOURNAL_STREAM is set).
-    if (!isatty(STDERR_FILENO) && !getenv("JOURNAL_STREAM")) return;
+    const HelperSinks& sinks = helperSinks();
+    if (sinks.toSyslog) syslog(priority, "%s", line.c_str());
+    if (!sinks.toStderr) return;
   }
   fprintf(stderr, "%s\n", line.c_str());
 }

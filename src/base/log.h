@@ -1,6 +1,7 @@
 // Logging: one printf-style line per call, to syslog with the ident
-// "ZephloreHelper" and to stderr when stderr is a terminal. Tests may capture
-// the lines instead.
+// "ZephloreHelper" and to stderr when stderr is a terminal or the journal.
+// Where no syslog daemon listens at the first line, all lines go to stderr.
+// Tests may capture the lines instead.
 #pragma once
 
 #include <functional>

@@ -242,10 +242,13 @@ void KRFolderViews::announce() {
 void KRFolderViews::refreshMap() {
   std::map<std::string, std::string> map = view::liveViews();
   // Our own descriptors reach the stored files whatever the views' processes do.
+  std::vector<int> serving;
   for (const auto& [folder, entry] : views_) {
     if (entry.beneath) map[view::absolutePath(folder)] = "/proc/self/fd/" + std::to_string(entry.beneath.get());
+    if (entry.up && entry.pid > 0) serving.push_back(entry.pid);
   }
   map_.replaceAll(std::move(map));
+  if (hooks_.servingProcesses) hooks_.servingProcesses(std::move(serving));
 }
 
 std::string KRFolderViews::holdReason(const std::string& path) const {

@@ -40,6 +40,9 @@ class KRFolderViews {
     std::function<void(const std::string& folder)> viewRestored;
     // What describe() says has changed.
     std::function<void()> changed;
+    // The processes serving the views now, whenever the map is refreshed:
+    // their work is the helper's own, not other programs' load.
+    std::function<void(std::vector<int> pids)> servingProcesses;
   };
 
   // `map` is where the helper's Env looks up the trees beneath the views;

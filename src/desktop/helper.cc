@@ -55,6 +55,9 @@ void Helper::linkParts() {
     if (KRPathWatcherEvents* events = watcher_.events()) events->analyzePath(folder, true);
   };
   viewHooks.changed = [this] { observer_.helperChanged(); };
+  viewHooks.servingProcesses = [this](std::vector<int> pids) {
+    load_.setCompanionProcesses(std::move(pids));
+  };
   views_.setHooks(std::move(viewHooks));
 
   compressor_.setFolderWatchTest([this](const std::string& path) { return watcher_.isWatchingFolderForPath(path); });
@@ -184,7 +187,7 @@ void Helper::stopWork(const std::function<void()>& beforeWaiting) {
 Helper::Figures Helper::figures() {
   Figures figures;
   figures.totalSavings = history_.totalSavings();
-  figures.queuedFiles = compressor_.queuedFiles().size();
+  figures.queuedFiles = compressor_.queuedFileCount();
   figures.fileInProcess = compressor_.fileInHand();
   figures.views = views_.describe();
   return figures;

@@ -10,6 +10,8 @@ namespace {
 
 using namespace status_names;
 
+constexpr const char* kAnnounceKey = "announce";
+
 constexpr const char* kIntrospection =
     "<node>"
     "  <interface name='com.quorvane.ZephloreHelper'>"
@@ -67,6 +69,7 @@ KRHelperStatusService::KRHelperStatusService(GDBusConnection* connection, RunLoo
 }
 
 KRHelperStatusService::~KRHelperStatusService() {
+  loop_.cancelPerform(this, kAnnounceKey);
   if (!connection_) return;
   runOnThread([this] {
     if (registration_) g_dbus_connection_unregister_object(connection_, registration_);
@@ -79,26 +82,45 @@ void KRHelperStatusService::runOnThread(const std::function<void()>& fn) { glib_
 
 template <typename T>
 void KRHelperStatusService::change(T HelperStatus::*field, const T& value, const char* property) {
-  {
-    std::lock_guard lock(mutex_);
-    if (status_.*field == value) return;
-    status_.*field = value;
-  }
-  announce(property, toVariant(value));
+  std::lock_guard lock(mutex_);
+  if (status_.*field == value) return;
+  status_.*field = value;
+  if (!connection_) return;
+  pending_.insert(property);
+  announceLocked();
 }
 
-void KRHelperStatusService::announce(const char* property, GVariant* value) {
-  if (!registration_) {
-    g_variant_unref(g_variant_ref_sink(value));
-    return;
+void KRHelperStatusService::announceLocked() {
+  if (announcementScheduled_) return;
+  announcementScheduled_ = true;
+  const TimePoint now = loop_.clock().now();
+  Duration wait = Duration::zero();
+  if (lastAnnouncement_ && now < *lastAnnouncement_ + seconds(kAnnounceInterval)) {
+    wait = *lastAnnouncement_ + seconds(kAnnounceInterval) - now;
   }
+  // Even "at once" goes through the loop: the setter's caller may hold locks
+  // of its own, and the loop's thread keeps the announcements in order.
+  loop_.performAfterDelay(this, kAnnounceKey, wait, [this] { announcePending(); });
+}
+
+void KRHelperStatusService::announcePending() {
   GVariantBuilder changed, invalidated;
   g_variant_builder_init(&changed, G_VARIANT_TYPE("a{sv}"));
-  g_variant_builder_add(&changed, "{sv}", property, value);
   g_variant_builder_init(&invalidated, G_VARIANT_TYPE("as"));
+  {
+    std::lock_guard lock(mutex_);
+    announcementScheduled_ = false;
+    lastAnnouncement_ = loop_.clock().now();
+    for (const char* property : pending_) g_variant_builder_add(&changed, "{sv}", property, propertyValueLocked(property));
+    pending_.clear();
+  }
+  GVariant* parameters = g_variant_new("(sa{sv}as)", kInterface, &changed, &invalidated);
+  if (!registration_) {
+    g_variant_unref(g_variant_ref_sink(parameters));
+    return;
+  }
   g_dbus_connection_emit_signal(connection_, nullptr, kObjectPath, "org.freedesktop.DBus.Properties",
-                                "PropertiesChanged",
-                                g_variant_new("(sa{sv}as)", kInterface, &changed, &invalidated), nullptr);
+                                "PropertiesChanged", parameters, nullptr);
 }
 
 void KRHelperStatusService::setStatus(int32_t value, const std::string& text) {
@@ -134,6 +156,10 @@ void KRHelperStatusService::setResumeHandler(std::function<void()> handler) {
 
 GVariant* KRHelperStatusService::propertyValue(const char* property) {
   std::lock_guard lock(mutex_);
+  return propertyValueLocked(property);
+}
+
+GVariant* KRHelperStatusService::propertyValueLocked(const char* property) {
   if (strcmp(property, kStatusValue) == 0) return toVariant(status_.statusValue);
   if (strcmp(property, kStatusText) == 0) return toVariant(status_.statusText);
   if (strcmp(property, kPaused) == 0) return toVariant(status_.paused);

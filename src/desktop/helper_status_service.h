@@ -1,7 +1,11 @@
 // Publishes the helper's live status on the session bus (see
 // protocol/bus_names.h) for desktops without a tray and for scripts. The
-// application pushes every change through the setters (any thread); each
-// change is announced with PropertiesChanged. Pause and Resume run the
+// application pushes every change through the setters (any thread). Changes
+// are announced with PropertiesChanged at most once per kAnnounceInterval on
+// the loop's clock: the first at once, those that follow within the interval
+// together at its end, with the values of that moment. A file compressed
+// moves several values; a message per value per file flooded the bus while a
+// large folder was compressed. Pause and Resume run the
 // application's handlers on the main run loop and answer once they ran.
 //
 // The object lives on the connection that owns the helper's bus name. Its
@@ -14,6 +18,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 
 #include "base/run_loop.h"
@@ -34,6 +40,8 @@ struct HelperStatus {
 
 class KRHelperStatusService {
  public:
+  static constexpr double kAnnounceInterval = 0.25;
+
   // `connection` may be none (no bus): the setters then only keep the values.
   explicit KRHelperStatusService(GDBusConnection* connection, RunLoop& loop = RunLoop::main(),
                                  GlibThread& thread = desktopThread());
@@ -60,7 +68,12 @@ class KRHelperStatusService {
   // Changes one value under the lock; announces it when it changed.
   template <typename T>
   void change(T HelperStatus::*field, const T& value, const char* property);
-  void announce(const char* property, GVariant* value);
+  // Under mutex_: announces now, or at the end of the current interval.
+  void announceLocked();
+  // Loop's thread: one PropertiesChanged with every value changed since the
+  // last announcement.
+  void announcePending();
+  GVariant* propertyValueLocked(const char* property);
   GVariant* propertyValue(const char* property);
   void callOnLoop(GDBusMethodInvocation* invocation, const std::function<void()>* handler);
   void runOnThread(const std::function<void()>& fn);
@@ -79,6 +92,9 @@ class KRHelperStatusService {
   HelperStatus status_;
   std::function<void()> pause_;
   std::function<void()> resume_;
+  std::set<const char*> pending_;  // properties changed since the last announcement
+  bool announcementScheduled_ = false;
+  std::optional<TimePoint> lastAnnouncement_;
 };
 
 }  // namespace zephlore

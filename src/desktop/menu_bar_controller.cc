@@ -98,7 +98,8 @@ void KRMenuBarController::setAppStatus(int32_t status) {
 void KRMenuBarController::animate() {
   // Frames at 0.01, 0.1, 0.2 and 0.3 s, then again from 0.4 s.
   static constexpr double kFrameDelays[] = {0.01, 0.1, 0.2, 0.3};
-  for (size_t i = 0; i < 4; ++i) {
+  // Off screen only the cycle goes on, so that a tray that comes sees it.
+  for (size_t i = 0; i < 4 && view_ && view_->onScreen(); ++i) {
     mainLoop_.performAfterDelay(this, kDelayedKey, seconds(kFrameDelays[i]),
                                 [this, i] { setAnimationImage(kAnimationFrames[i]); });
   }

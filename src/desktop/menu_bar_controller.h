@@ -47,6 +47,9 @@ class KRStatusItemView {
   virtual void hide() = 0;
   virtual void setIcon(const std::string& iconName) = 0;
   virtual void setMenu(const KRStatusMenu& menu) = 0;
+  // Whether anything shows the item now (a tray is there): frames of the
+  // animation nobody sees are not drawn.
+  virtual bool onScreen() const { return true; }
 };
 
 class KRMenuBarController {

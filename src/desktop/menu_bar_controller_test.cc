@@ -19,7 +19,9 @@ class RecordingView final : public KRStatusItemView {
   void hide() override { shown = false; }
   void setIcon(const std::string& name) override { icon = name; }
   void setMenu(const KRStatusMenu& m) override { menu = m; }
+  bool onScreen() const override { return inTray; }
   bool shown = false;
+  bool inTray = true;
   KRStatusMenu menu;
   std::string icon;
 };
@@ -69,6 +71,17 @@ TEST_F(MenuBarControllerTest, CompressingWinsOverAnalyzingAndAnimatesEveryFourTe
                                               // 0.4 s: the cycle restarts, a1 at 0.41 s
                                               kAnimationFrames[3], kAnimationFrames[3], kAnimationFrames[1],
                                               kAnimationFrames[2], kAnimationFrames[3]}));
+
+  // No tray: no frames are drawn; one that comes sees the next cycle.
+  view.inTray = false;
+  advance(0.1);  // the cycle restarts at 0.8 s
+  view.icon = kIconNormal;
+  for (int i = 0; i < 4; ++i) advance(0.1);
+  EXPECT_EQ(view.icon, kIconNormal);
+  view.inTray = true;
+  advance(0.4);  // the cycle of 1.6 s, its first frame at 1.61 s
+  advance(0.01);
+  EXPECT_EQ(view.icon, kAnimationFrames[0]);
 
   post(kAnalysisStartedNotification);
   post(kCompressionEndedNotification);

@@ -110,7 +110,8 @@ void KRStatusNotifierItem::startOnBusThread() {
       +[](gpointer data) {
         auto* self = static_cast<KRStatusNotifierItem*>(data);
         self->watcherWatchId_ = g_bus_watch_name_on_connection(
-            self->connection_, kWatcherName, G_BUS_NAME_WATCHER_FLAGS_NONE, onWatcherAppeared, nullptr, self, nullptr);
+            self->connection_, kWatcherName, G_BUS_NAME_WATCHER_FLAGS_NONE, onWatcherAppeared, onWatcherVanished, self,
+            nullptr);
         self->watchSource_ = 0;
         return G_SOURCE_REMOVE;
       },
@@ -160,7 +161,12 @@ void KRStatusNotifierItem::applyMenuOnBusThread(const KRStatusMenu& menu) {
 }
 
 void KRStatusNotifierItem::onWatcherAppeared(GDBusConnection*, const gchar*, const gchar*, gpointer self) {
+  static_cast<KRStatusNotifierItem*>(self)->trayPresent_ = true;
   static_cast<KRStatusNotifierItem*>(self)->registerWithWatcher();
+}
+
+void KRStatusNotifierItem::onWatcherVanished(GDBusConnection*, const gchar*, gpointer self) {
+  static_cast<KRStatusNotifierItem*>(self)->trayPresent_ = false;
 }
 
 void KRStatusNotifierItem::registerWithWatcher() {
@@ -202,7 +208,10 @@ GVariant* KRStatusNotifierItem::onGetProperty(GDBusConnection*, const gchar*, co
   if (name == "Id") return g_variant_new_string("zephlore-helper");
   if (name == "Title") return g_variant_new_string("Zephlore");
   if (name == "Status") return g_variant_new_string(self->visible_ ? "Active" : "Passive");
-  if (name == "IconName") return g_variant_new_string(self->iconName_.c_str());
+  if (name == "IconName") {
+    std::lock_guard lock(self->iconLock_);
+    return g_variant_new_string(self->iconName_.c_str());
+  }
   if (name == "IconThemePath") return g_variant_new_string(self->iconThemePath_.c_str());
   if (name == "ItemIsMenu") return g_variant_new_boolean(TRUE);
   if (name == "Menu") return g_variant_new_object_path(kMenuPath);
@@ -214,9 +223,12 @@ GVariant* KRStatusNotifierItem::onGetProperty(GDBusConnection*, const gchar*, co
 }
 
 void KRStatusNotifierItem::show(const KRStatusMenu& menu, const std::string& iconName, const std::string& toolTip) {
-  thread_.post([this, menu, iconName, toolTip] {
-    visible_ = true;
+  {
+    std::lock_guard lock(iconLock_);
     iconName_ = iconName;
+  }
+  thread_.post([this, menu, toolTip] {
+    visible_ = true;
     toolTip_ = toolTip;
     applyMenuOnBusThread(menu);
     emit("NewIcon");
@@ -234,10 +246,14 @@ void KRStatusNotifierItem::hide() {
 }
 
 void KRStatusNotifierItem::setIcon(const std::string& iconName) {
-  thread_.post([this, iconName] {
+  {
+    std::lock_guard lock(iconLock_);
+    if (iconName_ == iconName) return;
     iconName_ = iconName;
-    emit("NewIcon");
-  });
+  }
+  // A tray that comes later reads the name when the item registers.
+  if (!trayPresent_) return;
+  thread_.post([this] { emit("NewIcon"); });
 }
 
 void KRStatusNotifierItem::setMenu(const KRStatusMenu& menu) {

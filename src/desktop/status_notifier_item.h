@@ -10,8 +10,10 @@
 
 #include <gio/gio.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "base/run_loop.h"
@@ -42,6 +44,7 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   void hide() override;
   void setIcon(const std::string& iconName) override;
   void setMenu(const KRStatusMenu& menu) override;
+  bool onScreen() const override { return trayPresent_; }
 
   // The bus name the item is known by, "" without a bus.
   std::string serviceName() const { return serviceName_; }
@@ -56,6 +59,7 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   static GVariant* onGetProperty(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* property,
                                  GError**, gpointer self);
   static void onWatcherAppeared(GDBusConnection*, const gchar*, const gchar*, gpointer self);
+  static void onWatcherVanished(GDBusConnection*, const gchar*, gpointer self);
 
   void startOnBusThread();
   void stopOnBusThread();
@@ -70,6 +74,12 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   std::function<void()> showHistory_;
   std::string serviceName_;
   std::string iconThemePath_;
+  // Whether a tray is on the bus. Without one nobody sees the icon, and the
+  // frames of the compressing animation (ten a second, many more under a
+  // sped-up clock) are kept, not announced.
+  std::atomic<bool> trayPresent_{false};
+  mutable std::mutex iconLock_;
+  std::string iconName_ = kIconNormal;  // guarded by iconLock_
 
   // Bus-thread state from here on.
   GDBusConnection* connection_ = nullptr;
@@ -84,7 +94,6 @@ class KRStatusNotifierItem final : public KRStatusItemView {
   DbusmenuMenuitem* pauseItem_ = nullptr;
   DbusmenuMenuitem* openItem_ = nullptr;
   bool visible_ = false;
-  std::string iconName_ = kIconNormal;
   std::string toolTip_ = "Zephlore Menu";
 };
 

@@ -147,4 +147,28 @@ std::optional<uint64_t> KernelLoadCounters::diskBytes(const std::vector<std::str
   return sectors * 512;
 }
 
+std::optional<uint64_t> KernelLoadCounters::processTicks(int pid) {
+  const std::string process = pid == 0 ? std::string("self") : std::to_string(pid);
+  std::optional<std::string> text = readText(procRoot_ + "/" + process + "/stat");
+  if (!text) return std::nullopt;
+  // The name in parentheses may hold spaces and parentheses: fields are
+  // counted after the last ')'. utime and stime are fields 14 and 15.
+  const size_t close = text->rfind(')');
+  if (close == std::string::npos) return std::nullopt;
+  std::istringstream words(text->substr(close + 1));
+  std::string word;
+  uint64_t ticks = 0;
+  for (int field = 3; field <= 15 && words >> word; ++field) {
+    if (field < 14) continue;
+    if (word.empty() || !std::all_of(word.begin(), word.end(), ::isdigit)) return std::nullopt;
+    try {
+      ticks += std::stoull(word);
+    } catch (const std::exception&) {
+      return std::nullopt;
+    }
+    if (field == 15) return ticks;
+  }
+  return std::nullopt;
+}
+
 }  // namespace zephlore

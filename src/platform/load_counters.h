@@ -1,5 +1,5 @@
 // The kernel's counters behind the helper's load gating: per-processor CPU
-// time from /proc/stat, the clock speed (cpufreq, else /proc/cpuinfo), and the
+// time from /proc/stat, a process's own CPU time (/proc/PID/stat), the clock speed (cpufreq, else /proc/cpuinfo), and the
 // bytes read and written by the machine's whole disks (/proc/diskstats over
 // the /sys/block entries that have a device). Both roots are injectable so
 // that tests can give a tree of their own.
@@ -31,6 +31,9 @@ class LoadCounters {
   // Bytes read plus written by `disks` since boot; none when the statistics
   // cannot be read or are garbled. A disk missing from them counts 0.
   virtual std::optional<uint64_t> diskBytes(const std::vector<std::string>& disks) = 0;
+  // CPU time in clock ticks (user + system, all threads) that process `pid`
+  // has used since it started; pid 0 is this process. None when it is gone.
+  virtual std::optional<uint64_t> processTicks(int pid) { (void)pid; return std::nullopt; }
 };
 
 class KernelLoadCounters final : public LoadCounters {
@@ -41,6 +44,7 @@ class KernelLoadCounters final : public LoadCounters {
   std::optional<uint64_t> cpuFrequencyHz() override;
   std::vector<std::string> wholeDisks() override;
   std::optional<uint64_t> diskBytes(const std::vector<std::string>& disks) override;
+  std::optional<uint64_t> processTicks(int pid) override;
 
  private:
   std::string procRoot_;

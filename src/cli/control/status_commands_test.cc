@@ -6,6 +6,7 @@
 #include <thread>
 #include <nlohmann/json.hpp>
 
+#include "base/clock.h"
 #include "base/shared_instance.h"
 #include "desktop/helper_status_service.h"
 #include "helper/bus/distributed_notification_center.h"
@@ -70,7 +71,8 @@ class LiveStatus : public ::testing::Test {
   TestSessionBus bus{home.root()};
   ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
   DistributedNotificationCenter& center = *fresh_center;
-  RunLoop loop;
+  ManualClock clock;
+  RunLoop loop{clock};
   KRHelperStatusService service{center.connection(), loop};
 };
 
@@ -120,7 +122,8 @@ void roundTrip(GDBusConnection* connection) {
 }
 
 TEST_F(LiveStatus, EachChangeIsAnnouncedOnceWithItsNewValue) {
-  roundTrip(center.connection());  // the set-up's announcements are gone
+  loop.runUntilIdle();  // the set-up's announcement
+  roundTrip(center.connection());
   GError* error = nullptr;
   GDBusConnection* watcher = g_dbus_connection_new_for_address_sync(
       bus.address().c_str(),
@@ -142,12 +145,25 @@ TEST_F(LiveStatus, EachChangeIsAnnouncedOnceWithItsNewValue) {
       },
       &seen, nullptr);
   roundTrip(watcher);  // the bus has our match rule
+  // Everything announced so far has reached the watcher.
+  auto delivered = [&] {
+    loop.runUntilIdle();
+    roundTrip(center.connection());
+    roundTrip(watcher);
+    while (g_main_context_pending(context)) g_main_context_iteration(context, FALSE);
+    return seen.size();
+  };
 
+  clock.advance(seconds(KRHelperStatusService::kAnnounceInterval));
   service.setQueuedFiles(12);  // unchanged: no signal
   service.setQueuedFiles(13);
-  service.setPaused(true);
-  while (seen.size() < 2) g_main_context_iteration(context, TRUE);
+  ASSERT_EQ(delivered(), 1u);
   EXPECT_EQ(seen[0], "('com.quorvane.ZephloreHelper', {'QueuedFiles': <uint64 13>}, [])");
+  // A change soon after waits for the next announcement, on the loop's clock.
+  service.setPaused(true);
+  EXPECT_EQ(delivered(), 1u);
+  clock.advance(seconds(KRHelperStatusService::kAnnounceInterval));
+  ASSERT_EQ(delivered(), 2u);
   EXPECT_EQ(seen[1], "('com.quorvane.ZephloreHelper', {'Paused': <true>}, [])");
 
   g_dbus_connection_signal_unsubscribe(watcher, subscription);

@@ -388,6 +388,11 @@ std::vector<std::string> KRCompressor::queuedFiles() {
   return {fileQueue_.begin(), fileQueue_.end()};
 }
 
+size_t KRCompressor::queuedFileCount() {
+  std::lock_guard lock(fileQueueLock_);
+  return fileQueue_.size();
+}
+
 std::string KRCompressor::fileInHand() {
   std::lock_guard lock(fileInHandLock_);
   return fileInHand_;

@@ -111,6 +111,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   // Snapshots for tests and the status item.
   std::vector<std::string> queuedFiles();
+  // The status is read with every file compressed: a count, not a copy of
+  // a queue that may hold a whole folder.
+  size_t queuedFileCount();
   // The file being compressed now, "" between files. Any thread.
   std::string fileInHand();
   size_t filesBeingCompressedCount();

@@ -1,5 +1,6 @@
 #include "helper/pipeline/system_load_handler.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "base/log.h"
@@ -55,6 +56,7 @@ void KRSystemLoadHandler::startCPUSampling() {
   }
   cpuCount_ = static_cast<int>(ticks->size());
   priorCPUTicks_ = std::move(*ticks);
+  ownTicksSinceLastSample();
   calculateCurrentCPULoad();
 }
 
@@ -78,16 +80,48 @@ void KRSystemLoadHandler::calculateCurrentCPULoad() {
     return;
   }
   double sum = 0.0;
+  uint64_t allTicks = 0;
   for (size_t i = 0; i < ticks->size(); ++i) {
     // Unsigned differences survive a counter that wrapped.
     const uint64_t used = (*ticks)[i].used - priorCPUTicks_[i].used;
     const uint64_t idle = (*ticks)[i].idle - priorCPUTicks_[i].idle;
     const uint64_t total = used + idle;
+    allTicks += total;
     if (total != 0) sum += static_cast<double>(used) / static_cast<double>(total);
   }
-  cpuLoad_.store(static_cast<float>(sum / static_cast<double>(ticks->size())), std::memory_order_relaxed);
+  double load = sum / static_cast<double>(ticks->size());
+  // The helper's own share of all processors' time is taken out.
+  const uint64_t own = ownTicksSinceLastSample();
+  if (allTicks != 0) load = std::max(0.0, load - static_cast<double>(own) / static_cast<double>(allTicks));
+  cpuLoad_.store(static_cast<float>(load), std::memory_order_relaxed);
   priorCPUTicks_ = std::move(*ticks);
   loop_->performAfterDelay(this, kCpuTimerKey, seconds(kSamplingInterval), [this] { calculateCurrentCPULoad(); });
+}
+
+void KRSystemLoadHandler::setCompanionProcesses(std::vector<int> pids) {
+  std::lock_guard lock(companionsLock_);
+  companions_ = std::move(pids);
+}
+
+uint64_t KRSystemLoadHandler::ownTicksSinceLastSample() {
+  std::vector<int> pids{0};
+  {
+    std::lock_guard lock(companionsLock_);
+    pids.insert(pids.end(), companions_.begin(), companions_.end());
+  }
+  // A process gone or new since the last sample is left out of this one: its
+  // time before it was first seen is not known.
+  std::map<int, uint64_t> now;
+  uint64_t own = 0;
+  for (int pid : pids) {
+    std::optional<uint64_t> ticks = counters_->processTicks(pid);
+    if (!ticks) continue;
+    now[pid] = *ticks;
+    auto prior = priorOwnTicks_.find(pid);
+    if (prior != priorOwnTicks_.end() && *ticks >= prior->second) own += *ticks - prior->second;
+  }
+  priorOwnTicks_ = std::move(now);
+  return own;
 }
 
 void KRSystemLoadHandler::calculateCurrentDiskLoad() {

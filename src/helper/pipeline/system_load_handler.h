@@ -1,6 +1,8 @@
 // KRSystemLoadHandler: how busy the machine is, as two fractions the
 // compressor reads before each file. The CPU load is the share of processor
-// time spent working over the last 2 s; the disk load is the last 2 s of disk
+// time spent working over the last 2 s by programs other than the helper and
+// its views (the gate yields to others; counting its own compression would
+// make it hold itself back); the disk load is the last 2 s of disk
 // traffic relative to the busiest 2 s seen since start (never below 10000
 // bytes). Sampling runs on the main run loop; the processors and the disks
 // are sampled apart, and a counter that cannot be read ends its own sampling
@@ -10,7 +12,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -34,6 +38,10 @@ class KRSystemLoadHandler {
   virtual float currentCPULoad() const { return cpuLoad_.load(std::memory_order_relaxed); }
   virtual float currentDiskLoad() const { return diskLoad_.load(std::memory_order_relaxed); }
 
+  // Processes whose CPU time counts as the helper's own, as this process's
+  // does (its views). Any thread; from the next sample on.
+  void setCompanionProcesses(std::vector<int> pids);
+
   // For display; set by the first sample (main thread). "unknown" where the
   // system does not tell (the loads are sampled all the same).
   const std::string& clockSpeed() const { return clockSpeed_; }
@@ -53,6 +61,9 @@ class KRSystemLoadHandler {
   void startDiskSampling();
   void calculateCurrentCPULoad();
   void calculateCurrentDiskLoad();
+  // Ticks this process and its companions used since the last call; the
+  // first call, and a process first seen, count 0.
+  uint64_t ownTicksSinceLastSample();
 
   std::unique_ptr<LoadCounters> counters_;
   RunLoop* loop_ = nullptr;
@@ -61,6 +72,9 @@ class KRSystemLoadHandler {
   std::string clockSpeed_;
   int cpuCount_ = 0;
   std::vector<CpuTicks> priorCPUTicks_;
+  std::mutex companionsLock_;
+  std::vector<int> companions_;
+  std::map<int, uint64_t> priorOwnTicks_;  // by pid, 0 for this process
   // Disks attached later are not counted: the list is made once.
   std::vector<std::string> drivelist_;
   uint64_t previousDiskActivity_ = 0;
