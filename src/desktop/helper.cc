@@ -61,8 +61,11 @@ void Helper::linkParts() {
   views_.setHooks(std::move(viewHooks));
 
   compressor_.setFolderWatchTest([this](const std::string& path) { return watcher_.isWatchingFolderForPath(path); });
-  compressor_.setSavingsRecorder(
-      [this](uint64_t bytes, const std::string& path) { history_.addSavingsForPath(bytes, path); });
+  // Booked on the main loop without waiting for it: the batch goes on with
+  // its next file meanwhile.
+  compressor_.setSavingsRecorder([this](uint64_t bytes, const std::string& path) {
+    loop_.post([this, bytes, path] { history_.addSavingsForPath(bytes, path); });
+  });
   // A file refused while being written is looked at again once it settled,
   // not at the next sweep.
   compressor_.setRetryHandler([this](const std::string& path) { analyzers_.startAnalyzerWithPath(path); });
