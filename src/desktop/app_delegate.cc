@@ -63,7 +63,7 @@ void KRAppDelegate::awakeFromNib() {
   // 7.
   ownVersion_ = KRUpdater::ownVersion();
   // 8. A crash before this point is not handled.
-  KRCrashController::startHandlingCrashesWithDelegate(this);
+  KRCrashController::startHandlingCrashesWithDelegate(this, loop_);
   // 9.
   helper_->startPowerMonitoring();
 

@@ -217,7 +217,7 @@ class KRPathAnalyzer::Walk : public WalkVisitor {
 };
 
 void KRPathAnalyzer::analyzePath() {
-  Clock& clock = Clock::shared();
+  Clock& clock = analyzers_.mainLoop_.clock();
   {
     std::lock_guard lock(start_date_mutex_);
     analysis_start_date_ = clock.wallNow();
@@ -278,7 +278,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
     for (;;) {
       const double t = KRUtil::timeIntervalSinceTime(st.st_ctim.tv_sec);
       if (t >= kFileSettle) break;
-      Clock::shared().sleepFor(seconds(std::round(kFileSettle + 0.5 - std::max(t, 0.0))));
+      analyzers_.mainLoop_.clock().sleepFor(seconds(std::round(kFileSettle + 0.5 - std::max(t, 0.0))));
       if (env_.fstatAt(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
     }
   }

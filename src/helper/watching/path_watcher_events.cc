@@ -188,7 +188,7 @@ void KRPathWatcherEvents::throttle() {
 bool KRPathWatcherEvents::mustSweepFolder(const std::string& folder) const {
   const auto swept = history_.folderSweepDate ? history_.folderSweepDate(folder) : std::nullopt;
   if (!swept) return true;
-  if (toSeconds(Clock::shared().wallNow() - *swept) > kSweepAge) return true;
+  if (toSeconds(loop_.clock().wallNow() - *swept) > kSweepAge) return true;
   return !history_.progressForFolder || history_.progressForFolder(folder) != 100;
 }
 
