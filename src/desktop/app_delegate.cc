@@ -43,7 +43,9 @@ KRAppDelegate::~KRAppDelegate() = default;
 void KRAppDelegate::awakeFromNib() {
   // 1. (The one-copy check ran in main, before this object was made.)
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  helper_ = std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_);
+  helper_ = std::make_unique<Helper>(
+      env_, loop_, map_, *this, dataFolder_,
+      Helper::Settings{KRDefaultsController::sharedDefaultsController(), KRHelperDefaults::sharedHelperDefaults()});
 
   // 2. After an update, say so once.
   KRHelperDefaults& helperDefaults = KRHelperDefaults::sharedHelperDefaults();

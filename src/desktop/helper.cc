@@ -15,23 +15,26 @@
 
 namespace zephlore {
 
-Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder)
+Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
+               Settings settings)
     : env_(env),
       loop_(loop),
       map_(map),
       observer_(observer),
       dataFolder_(dataFolder),
+      settings_(settings),
       record_(env, dataFolder),
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop),
       exclusions_(env),
-      history_(loop, env),
+      history_(loop, env, {.helperActive = [this] { return settings_.user.helperActive(); }}),
       analyzers_(loop, env),
       compressor_(loop, env,
                   {.compressionQueue = &scheduler_.compressionQueue(),
                    .load = &load_,
                    .record = &record_,
-                   .ownRewrites = &ownRewrites_}),
+                   .ownRewrites = &ownRewrites_,
+                   .settings = &settings_.own}),
       watcher_(loop, env, &compressor_),
       views_(std::make_unique<view::ViewMounter>(), loop, map, env) {
   linkParts();
@@ -79,7 +82,7 @@ void Helper::linkParts() {
   });
 
   power_.setHooks({
-      nullptr,  // the "active" setting
+      [this] { return settings_.user.helperActive(); },
       [this] { return observer_.pausedByUser(); },
       [this] { observer_.pauseForPower(); },
       [this] { observer_.resumeForPower(); },
@@ -145,6 +148,7 @@ void Helper::start() {
   eventOptions.env = &env_;
   eventOptions.map = &map_;
   eventOptions.ownRewrites = &ownRewrites_;
+  eventOptions.settings = &settings_.own;
   watcher_.startEvents(analyzers_, std::move(links), eventOptions);
 }
 
@@ -156,8 +160,7 @@ void Helper::watchFolders() {
 void Helper::stopWatching() { watcher_.setWatchPaths(std::nullopt); }
 
 void Helper::applyWatchPaths(const std::optional<std::vector<std::string>>& folders) {
-  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
-  views_.foldersChanged(folders, defaults.transparentView() && view::ViewMounter::fuseUsable());
+  views_.foldersChanged(folders, settings_.user.transparentView() && view::ViewMounter::fuseUsable());
   watcher_.setWatchPaths(folders);
   observer_.helperChanged();
 }

@@ -21,8 +21,10 @@
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/pipeline/system_load_handler.h"
+#include "helper/settings/defaults_controller.h"
 #include "helper/settings/exclusion_rules.h"
 #include "helper/settings/exclusions_processor.h"
+#include "helper/settings/helper_defaults.h"
 #include "helper/watching/path_analyzers.h"
 #include "helper/watching/path_watcher.h"
 #include "platform/own_rewrites.h"
@@ -58,12 +60,20 @@ class Helper {
     std::vector<std::string> views;
   };
 
+  // The settings files it follows: the user's ("defaults.plist", shared
+  // with the command) and its own.
+  struct Settings {
+    KRDefaultsController& user;
+    KRHelperDefaults& own;
+  };
+
   // Builds and links the parts; nothing is watched, mounted or started
   // yet. Files are reached through `env` (the helper's maps the watched
   // folders to the trees beneath their views, which `map` lists); the crash
   // record lives in `dataFolder`. Built once this copy knows it is the only
   // one: the record's lock is taken here.
-  Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder);
+  Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
+         Settings settings);
   // Stops the work and waits for the queues (tests; the helper's own lives
   // until the process ends).
   ~Helper();
@@ -104,6 +114,7 @@ class Helper {
   PathMap& map_;
   HelperObserver& observer_;
   const std::string dataFolder_;
+  Settings settings_;
   // In the order they are built: each uses only those above it.
   KRScheduler scheduler_;
   OwnRewrites ownRewrites_;

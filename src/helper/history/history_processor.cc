@@ -9,7 +9,6 @@
 #include "helper/history/history_database.h"
 #include "helper/history/ht_alias.h"
 #include "helper/notices/notice_bridge.h"
-#include "helper/settings/defaults_controller.h"
 #include "platform/normal_path.h"
 #include "protocol/notification_names.h"
 
@@ -56,9 +55,7 @@ KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks)
           kSavingsChangedNotification);
     };
   }
-  if (!hooks_.helperActive) {
-    hooks_.helperActive = [] { return KRDefaultsController::sharedDefaultsController().helperActive(); };
-  }
+  if (!hooks_.helperActive) hooks_.helperActive = [] { return true; };
   refreshTotalSavings();
 }
 

@@ -37,7 +37,8 @@ class KRHistoryProcessor {
     std::function<void()> postSavingsChanged;
     // The watcher's new folder list (none: no folders).
     std::function<void(const std::optional<FolderList>&)> setWatchPaths;
-    // Whether the settings say the helper is active.
+    // Whether the settings say the helper is active (none: it is, the
+    // setting's default).
     std::function<bool()> helperActive;
   };
 

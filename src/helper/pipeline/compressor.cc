@@ -68,7 +68,8 @@ KRCompressor::KRCompressor(RunLoop& mainLoop, Env& env, Parts parts)
       compressionQueue_(parts.compressionQueue),
       load_(parts.load),
       record_(parts.record),
-      ownRewrites_(parts.ownRewrites) {
+      ownRewrites_(parts.ownRewrites),
+      settings_(parts.settings) {
   if (!compressionQueue_) {
     ownQueue_ = std::make_unique<OperationQueue>(1);
     compressionQueue_ = ownQueue_.get();
@@ -251,7 +252,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
   yieldToEverythingElse();
   HFSCompressionOptions options;
   options.workers = 1;
-  options.useExchange = KRHelperDefaults::sharedHelperDefaults().useSeamlessFileSwitch();
+  options.useExchange = !settings_ || settings_->useSeamlessFileSwitch();
   for (const std::string& path : batch) {
     if (paused_) return;
     // A pause during the wait stops the batch here, before the file.

@@ -31,6 +31,7 @@
 namespace zephlore {
 
 class KRFileInProcessWatchdog;
+class KRHelperDefaults;
 class KRSystemLoadHandler;
 class OwnRewrites;
 
@@ -43,6 +44,7 @@ struct KRCompressorParts {
   KRSystemLoadHandler* load = nullptr;         // before each file, waits while it says busy
   KRFileInProcessWatchdog* record = nullptr;   // kept around each swap
   OwnRewrites* ownRewrites = nullptr;          // told of each rewrite, for the event stream
+  const KRHelperDefaults* settings = nullptr;  // "useSeamlessFileSwitch"; none: its default, on
 };
 
 class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
@@ -148,6 +150,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   KRSystemLoadHandler* load_;
   KRFileInProcessWatchdog* record_;
   OwnRewrites* ownRewrites_;
+  const KRHelperDefaults* settings_;
 
   std::recursive_mutex fileQueueLock_;
   std::deque<std::string> fileQueue_;

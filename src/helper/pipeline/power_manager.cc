@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "helper/notices/notice_bridge.h"
-#include "helper/settings/defaults_controller.h"
 
 namespace zephlore {
 namespace {
@@ -47,8 +46,7 @@ void KRPowerManager::startMonitoringPowerSource() {
 void KRPowerManager::stopMonitoringPowerSource() { loop_.cancelPerform(this, kPollKey); }
 
 void KRPowerManager::monitorPowerSource() {
-  const bool active =
-      hooks_.helperActive ? hooks_.helperActive() : KRDefaultsController::sharedDefaultsController().helperActive();
+  const bool active = !hooks_.helperActive || hooks_.helperActive();
   const bool connected = connectedToPowerSource();
   // While inactive a change is not recorded, so the first poll after
   // activation acts on it.

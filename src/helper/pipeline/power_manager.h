@@ -16,7 +16,7 @@ namespace zephlore {
 // status item owns pausing (its menu shows it), so the desktop layer installs
 // these; with none installed nothing is paused.
 struct KRPowerManagerHooks {
-  std::function<bool()> helperActive;  // the "active" setting; none: the settings file
+  std::function<bool()> helperActive;  // the "active" setting; none: active, its default
   std::function<bool()> appPaused;     // the status item shows "Paused"
   std::function<void()> pause;
   std::function<void()> resume;

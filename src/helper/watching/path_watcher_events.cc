@@ -165,11 +165,12 @@ void KRPathWatcherEvents::finishedProcessingEvent(uint64_t eventID) {
   const uint64_t keep = pending_events_.empty()
                             ? last_event_received_
                             : *std::min_element(pending_events_.begin(), pending_events_.end());
-  KRHelperDefaults::sharedHelperDefaults().setLastEventID(keep);
+  if (options_.settings) options_.settings->setLastEventID(keep);
 }
 
 uint64_t KRPathWatcherEvents::lastEventProcessed() const {
-  const uint64_t stored = KRHelperDefaults::sharedHelperDefaults().lastEventID();
+  if (!options_.settings) return kFileEventIdSinceNow;
+  const uint64_t stored = options_.settings->lastEventID();
   // Since now stays since now; otherwise the stored event is delivered again.
   return stored == kFileEventIdSinceNow ? stored : stored - 1;
 }

@@ -26,6 +26,8 @@
 
 namespace zephlore {
 
+class KRHelperDefaults;
+
 // What the events need of the history store. Each defaults to nothing.
 struct KRWatcherHistoryLinks {
   std::function<void()> resolveAliases;
@@ -70,6 +72,9 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     const PathMap* map = nullptr;
     // The compressor's rewrites, not reported as changes (null: none).
     OwnRewrites* ownRewrites = nullptr;
+    // Where the last processed event id is kept across runs; null: nowhere
+    // (each run starts from now).
+    KRHelperDefaults* settings = nullptr;
   };
 
   // Starts its analyses in `analyzers`, on their main loop.

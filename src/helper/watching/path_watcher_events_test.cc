@@ -90,6 +90,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     options.journal_path = home.dataFolder() + "/events.journal";
     options.watch_mounts = false;
     options.map = &views;
+    options.settings = &*defaults;
     events = std::make_unique<KRPathWatcherEvents>(analyzers, folders, history, options);
   }
 
