@@ -258,64 +258,7 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
     // A pause during the wait stops the batch here, before the file.
     if (!waitForQuietSystem()) return;
     Error error;
-    bool failed = false;
-    // Asked again at the last moment: a hold may have come since the file
-    // was queued.
-    const std::string held = holdReason(path);
-    if (!isWatched(path)) {
-      error = folderNotWatchedError(path);
-      failed = true;
-    } else if (!held.empty()) {
-      error = Error{kHelperErrorDomain, kFolderHeldErrorCode, "Not compressing " + path + ": " + held};
-      KRLogInfo("Not compressed %s: %s", path.c_str(), held.c_str());
-      failed = true;
-    } else {
-      setFileInHand(path);
-      NotificationCenter::defaultCenter().post(kFileWillCompressNotification, this,
-                                               UserInfo{{kFileCompressedPathKey, path}});
-      int64_t saved = 0;
-      int64_t uncompressedSize = 0;
-      // Where the event source cannot tell our writes by process, it tells
-      // them by path (the signature below included).
-      if (ownRewrites_) ownRewrites_->begin(path);
-      bool compressed = compressInPlace(path, options, &error, &saved, &uncompressedSize);
-      // A save renamed over the name just after the swap leaves a plain file
-      // there: marked as ours, later analyses would pass it over for days.
-      // It is tried again like a file caught being written.
-      if (compressed && !KRExtendedAttributesHelper::isCompressionAttributeSetAt(env_, path)) {
-        compressed = false;
-        error = Error{kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was replaced while compressing"};
-      }
-      if (compressed) {
-        KRExtendedAttributesHelper::setCompressionSignature(
-            env_,
-            KRCompressionSignature::signatureWithUncompressedSize(static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize))),
-            path);
-        SavingsRecorder recorder;
-        {
-          std::lock_guard lock(hooksLock_);
-          recorder = savingsRecorder_;
-        }
-        if (recorder) recorder(static_cast<uint64_t>(std::max<int64_t>(0, saved)), path);
-        KRLogInfo("Compressed %s: %lld bytes saved of %lld", path.c_str(), static_cast<long long>(saved),
-                  static_cast<long long>(uncompressedSize));
-      } else {
-        failed = true;
-        // Only the code is compared: the data does not shrink, so later
-        // analyses pass the file over until it changes.
-        if (error.code == kHFSErrorNotCompressible) {
-          KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
-        } else {
-          KRLogInfo("Not compressed %s: %s", path.c_str(), error.message.c_str());
-          // Too large for the form: not tried again until it changes either.
-          if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
-        }
-      }
-      if (ownRewrites_) ownRewrites_->end(path);
-      setFileInHand({});
-      const bool busy = !compressed && refusedWhileBeingWritten(error);
-      mainLoop_.post([this, path, busy] { noteOutcome(path, busy); });
-    }
+    const bool compressed = compressQueuedFile(path, options, &error);
     // Done with: a change from now on (or the retry of a refusal) must find
     // the file free to be queued again, though the batch goes on.
     {
@@ -323,8 +266,73 @@ void KRCompressor::compressFiles(const std::vector<std::string>& batch, std::ato
       filesBeingCompressed_.erase(path);
     }
     reached.fetch_add(1);
-    postFileCompressed(path, failed ? &error : nullptr);
+    postFileCompressed(path, compressed ? nullptr : &error);
   }
+}
+
+bool KRCompressor::compressQueuedFile(const std::string& path, const HFSCompressionOptions& options, Error* error) {
+  // Asked again at the last moment: a hold may have come since the file
+  // was queued.
+  if (!isWatched(path)) {
+    *error = folderNotWatchedError(path);
+    return false;
+  }
+  if (const std::string held = holdReason(path); !held.empty()) {
+    *error = Error{kHelperErrorDomain, kFolderHeldErrorCode, "Not compressing " + path + ": " + held};
+    KRLogInfo("Not compressed %s: %s", path.c_str(), held.c_str());
+    return false;
+  }
+  setFileInHand(path);
+  NotificationCenter::defaultCenter().post(kFileWillCompressNotification, this, UserInfo{{kFileCompressedPathKey, path}});
+  int64_t saved = 0;
+  int64_t uncompressedSize = 0;
+  // Where the event source cannot tell our writes by process, it tells
+  // them by path (the signature below included).
+  if (ownRewrites_) ownRewrites_->begin(path);
+  bool compressed = compressInPlace(path, options, error, &saved, &uncompressedSize);
+  // A save renamed over the name just after the swap leaves a plain file
+  // there: marked as ours, later analyses would pass it over for days.
+  // It is tried again like a file caught being written.
+  if (compressed && !KRExtendedAttributesHelper::isCompressionAttributeSetAt(env_, path)) {
+    compressed = false;
+    *error = Error{kHFSErrorDomain, kHFSErrorModified, "File at path " + path + " was replaced while compressing"};
+  }
+  if (compressed) {
+    recordCompressed(path, static_cast<uint64_t>(std::max<int64_t>(0, saved)),
+                     static_cast<uint64_t>(std::max<int64_t>(0, uncompressedSize)));
+  } else {
+    recordNotCompressed(path, *error);
+  }
+  if (ownRewrites_) ownRewrites_->end(path);
+  setFileInHand({});
+  const bool busy = !compressed && refusedWhileBeingWritten(*error);
+  mainLoop_.post([this, path, busy] { noteOutcome(path, busy); });
+  return compressed;
+}
+
+void KRCompressor::recordCompressed(const std::string& path, uint64_t saved, uint64_t uncompressedSize) {
+  KRExtendedAttributesHelper::setCompressionSignature(
+      env_, KRCompressionSignature::signatureWithUncompressedSize(uncompressedSize), path);
+  SavingsRecorder recorder;
+  {
+    std::lock_guard lock(hooksLock_);
+    recorder = savingsRecorder_;
+  }
+  if (recorder) recorder(saved, path);
+  KRLogInfo("Compressed %s: %llu bytes saved of %llu", path.c_str(), static_cast<unsigned long long>(saved),
+            static_cast<unsigned long long>(uncompressedSize));
+}
+
+void KRCompressor::recordNotCompressed(const std::string& path, const Error& error) {
+  // Only the code is compared: the data does not shrink, so later analyses
+  // pass the file over until it changes.
+  if (error.code == kHFSErrorNotCompressible) {
+    KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
+    return;
+  }
+  KRLogInfo("Not compressed %s: %s", path.c_str(), error.message.c_str());
+  // Too large for the form: not tried again until it changes either.
+  if (error.code == kHFSErrorTooLargeForForm) KRExtendedAttributesHelper::setUncompressableAttributeAt(env_, path);
 }
 
 bool KRCompressor::compressInPlace(const std::string& path, const HFSCompressionOptions& options, Error* error,

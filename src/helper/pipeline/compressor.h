@@ -129,6 +129,13 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
  private:
   // `reached` counts the files of the batch it is done with.
   void compressFiles(const std::vector<std::string>& batch, std::atomic<size_t>& reached);
+  // One file of a batch, as the helper takes it: false with *error when it
+  // was not compressed (held, no longer watched, refused by the engine).
+  bool compressQueuedFile(const std::string& path, const HFSCompressionOptions& options, Error* error);
+  // Signature, savings and log line of a compressed file.
+  void recordCompressed(const std::string& path, uint64_t saved, uint64_t uncompressedSize);
+  // The marker or the log line of a file the engine refused.
+  void recordNotCompressed(const std::string& path, const Error& error);
   // Waits while the machine is busy; false when a pause came meanwhile.
   bool waitForQuietSystem();
   bool isWatched(const std::string& path);
