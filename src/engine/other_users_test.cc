@@ -43,11 +43,6 @@ std::string outcome(bool ok, const Error& error) {
   return ok ? "done" : std::to_string(error.code) + " " + error.message;
 }
 
-CompressionState stateOf(const std::string& path) {
-  CompressedFileInfo info;
-  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr, false) ? info.state : CompressionState::kNotOurs;
-}
-
 bool hasDecmpfs(const std::string& path) {
   return lgetxattr(path.c_str(), "user.com.apple.decmpfs", nullptr, 0) >= 0;
 }
@@ -154,7 +149,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
                 StartsWith(busy));
     ASSERT_TRUE(logger.append());
     EXPECT_TRUE(readFile(path) == data + kAppended);
-    EXPECT_EQ(stateOf(path), CompressionState::kPlain);
+    EXPECT_EQ(stateOf(path, false), CompressionState::kPlain);
   }
 
   // Compressed while nobody writes; then the logger opens it again.
@@ -176,7 +171,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
     // into an unlinked file.
     ASSERT_TRUE(logger.append());
     EXPECT_TRUE(readFile(path) == kAppended);
-    EXPECT_EQ(stateOf(path), CompressionState::kMixed);
+    EXPECT_EQ(stateOf(path, false), CompressionState::kMixed);
     // Repair would take the compressed form off a file still being written.
     EXPECT_THAT(asOwner([&] {
                   Error error;
@@ -195,7 +190,7 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
             }),
             "done");
   ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
-  ASSERT_EQ(stateOf(path), CompressionState::kIncomplete);
+  ASSERT_EQ(stateOf(path, false), CompressionState::kIncomplete);
   {
     AppendingWriter logger(*other_, path);
     ASSERT_TRUE(logger.ready());
