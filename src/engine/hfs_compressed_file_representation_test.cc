@@ -212,6 +212,27 @@ TEST(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessCh
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("busy.log"));
 }
 
+// Read from a file, the fork waits in an unnamed copy beside it: saved where
+// nothing is (as when the file went away meanwhile) first, then in place,
+// which uses up that copy.
+TEST(QVHFSCompressedFileRepresentationTest, SavesWhereNothingIsThenInPlace) {
+  ScopedRuntimeDir runtime;
+  ScratchDir dir;
+  const std::string data = compressibleData(300000);
+  writeFile(dir / "source", data);
+  Error error;
+  auto fromFile = Rep::createFromContentsOfFile(Env::shared(), dir / "source", &error);
+  ASSERT_NE(fromFile, nullptr) << error.describe();
+  ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "elsewhere", &error)) << error.describe();
+  EXPECT_TRUE(contentOf(dir / "elsewhere") == data);
+  EXPECT_EQ(FileSnapshot::take(dir / "elsewhere").st.st_mode & 07777, 0644u);  // the source's
+  EXPECT_TRUE(readFile(dir / "source") == data);
+  ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "source", &error)) << error.describe();
+  EXPECT_TRUE(contentOf(dir / "source") == data);
+  EXPECT_FALSE(fromFile->saveToHFSCompressedFile(dir / "third", &error));
+  EXPECT_THAT(listFolder(dir.path()), ElementsAre("elsewhere", "source"));
+}
+
 // A symbolic link planted at the copy's name is never followed or replaced;
 // a copy of our own left by a crash is.
 TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFollowed) {
