@@ -211,12 +211,6 @@ TEST(DecmpfsHeader, AcceptsOnlyWhatWeWrite) {
   }
 }
 
-}  // namespace
-}  // namespace zephlore
-
-namespace zephlore {
-namespace {
-
 using testkit::deterministicNoise;
 
 // A fork laid out from the format's rules alone, with the blocks' bytes as

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "testing/files.h"
+
 namespace zephlore::testkit {
 
 // Lines "<number> <word> <word> <word>\n", words picked by a 32-bit LCG.
@@ -72,7 +74,9 @@ class TempFile {
     if (fd_ < 0) std::abort();
     path_ = name;
   }
-  explicit TempFile(const std::vector<uint8_t>& content) : TempFile() { write(content); }
+  explicit TempFile(const std::vector<uint8_t>& content) : TempFile() {
+    writeFile(path_, std::string(content.begin(), content.end()));
+  }
   ~TempFile() {
     ::close(fd_);
     ::unlink(path_.c_str());
@@ -82,28 +86,9 @@ class TempFile {
 
   int fd() const { return fd_; }
   const std::string& path() const { return path_; }
-
-  void write(const std::vector<uint8_t>& content) {
-    if (ftruncate(fd_, 0) != 0) std::abort();
-    size_t done = 0;
-    while (done < content.size()) {
-      const ssize_t w = ::pwrite(fd_, content.data() + done, content.size() - done, static_cast<off_t>(done));
-      if (w <= 0) std::abort();
-      done += static_cast<size_t>(w);
-    }
-  }
-
   std::vector<uint8_t> contents() const {
-    struct stat st;
-    if (fstat(fd_, &st) != 0) std::abort();
-    std::vector<uint8_t> out(static_cast<size_t>(st.st_size));
-    size_t done = 0;
-    while (done < out.size()) {
-      const ssize_t r = ::pread(fd_, out.data() + done, out.size() - done, static_cast<off_t>(done));
-      if (r <= 0) std::abort();
-      done += static_cast<size_t>(r);
-    }
-    return out;
+    const std::string bytes = readFile(path_);
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
   }
 
  private:
