@@ -197,18 +197,6 @@ TEST(RunLoop, ShutdownReleasesWaitingHops) {
   EXPECT_EQ(ran, 0);
 }
 
-TEST(RunLoop, StopEndsRunFromAnyThread) {
-  ManualClock clock;
-  RunLoop loop(clock);
-  loop.stop();  // before run(): run() returns after its first pass
-  loop.run();
-
-  std::thread runner([&] { loop.run(); });
-  ASSERT_TRUE(loop.postAndWait([] {}));  // the loop is running
-  loop.stop();
-  runner.join();
-}
-
 TEST(RunLoop, WatchedDescriptorsAndClosedOnes) {
   ManualClock clock;
   RunLoop loop(clock);

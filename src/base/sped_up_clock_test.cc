@@ -43,18 +43,14 @@ TEST(SpedUpClock, WaitsAreShorterAndAgesLongerByTheSpeed) {
   waiter.join();
 }
 
-TEST(SpedUpClock, SpeedTextMustBeANumberAboveZero) {
+TEST(SpedUpClock, EnvironmentInstallsOnlyANumberAboveZero) {
   std::string problem;
-  EXPECT_EQ(parseClockSpeed("100", &problem), 100);
   EXPECT_EQ(parseClockSpeed("2.5", &problem), 2.5);
   for (const char* bad : {"", "fast", "10x", "0", "-4", "inf", "nan", "1e999"}) {
     problem.clear();
     EXPECT_FALSE(parseClockSpeed(bad, &problem)) << bad;
     EXPECT_NE(problem.find("not a number above 0"), std::string::npos) << bad;
   }
-}
-
-TEST(SpedUpClock, EnvironmentInstallsItAsTheSharedClock) {
   setenv("ZEPHLORE_CLOCK_SPEED", "nonsense", 1);
   EXPECT_EQ(installClockSpeedFromEnvironment(), 1);
   EXPECT_EQ(dynamic_cast<SpedUpClock*>(&Clock::shared()), nullptr);

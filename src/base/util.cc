@@ -47,12 +47,6 @@ std::string KRUtil::getPrettySize(uint64_t bytes) {
 
 // --- File age and group membership -------------------------------------------
 
-double KRUtil::timeIntervalSinceLastModificationOfPath(const char* path) {
-  struct stat st;
-  if (!path || lstat(path, &st) != 0) return -1.0;
-  return timeIntervalSinceTime(S_ISDIR(st.st_mode) ? st.st_mtime : st.st_ctime);
-}
-
 double KRUtil::timeIntervalSinceTime(int64_t time) {
   const auto now = std::chrono::floor<std::chrono::seconds>(Clock::shared().wallNow());
   return static_cast<double>(now.time_since_epoch().count() - time);
@@ -72,24 +66,6 @@ bool KRUtil::processGroupsInclude(gid_t gid) {
 // --- Dates -------------------------------------------------------------------
 
 namespace {
-
-bool digitsAt(const std::string& text, size_t pos, size_t count, int* value) {
-  int v = 0;
-  for (size_t i = pos; i < pos + count; ++i) {
-    if (i >= text.size() || text[i] < '0' || text[i] > '9') return false;
-    v = v * 10 + (text[i] - '0');
-  }
-  *value = v;
-  return true;
-}
-
-std::optional<std::chrono::year_month_day> calendarDay(int y, int m, int d) {
-  std::chrono::year_month_day day{std::chrono::year(y),
-                                  std::chrono::month(static_cast<unsigned>(m)),
-                                  std::chrono::day(static_cast<unsigned>(d))};
-  if (!day.ok()) return std::nullopt;
-  return day;
-}
 
 // Where the month and the year stand in the locale's numeric date ("%m/%d/%y"
 // in the C locale), so that spelled-out dates follow the same order.
@@ -142,44 +118,6 @@ std::string timeFormat(DateStyle style) {
 }
 
 }  // namespace
-
-std::optional<WallTime> KRUtil::dateWithShortDateString(const std::string& text) {
-  int y, m, d;
-  if (text.size() != 8 || !digitsAt(text, 0, 4, &y) || !digitsAt(text, 4, 2, &m) ||
-      !digitsAt(text, 6, 2, &d) || !calendarDay(y, m, d)) {
-    return std::nullopt;
-  }
-  struct tm local = {};
-  local.tm_year = y - 1900;
-  local.tm_mon = m - 1;
-  local.tm_mday = d;
-  local.tm_isdst = -1;  // whatever daylight-saving time that day has
-  const time_t t = mktime(&local);
-  if (t == static_cast<time_t>(-1) && (local.tm_year != y - 1900 || local.tm_mday != d)) {
-    return std::nullopt;
-  }
-  return WallTime(std::chrono::seconds(t));
-}
-
-std::optional<WallTime> KRUtil::dateWithInternationalOrShortString(const std::string& text) {
-  // "2024-01-15 13:45:30 +0100"
-  int y, mo, d, h, mi, s, zh, zm;
-  if (text.size() == 25 && text[4] == '-' && text[7] == '-' && text[10] == ' ' &&
-      text[13] == ':' && text[16] == ':' && text[19] == ' ' &&
-      (text[20] == '+' || text[20] == '-') && digitsAt(text, 0, 4, &y) &&
-      digitsAt(text, 5, 2, &mo) && digitsAt(text, 8, 2, &d) && digitsAt(text, 11, 2, &h) &&
-      digitsAt(text, 14, 2, &mi) && digitsAt(text, 17, 2, &s) && digitsAt(text, 21, 2, &zh) &&
-      digitsAt(text, 23, 2, &zm) && h < 24 && mi < 60 && s < 60 && zh < 24 && zm < 60) {
-    if (auto day = calendarDay(y, mo, d)) {
-      namespace chr = std::chrono;
-      const chr::seconds offset = (text[20] == '-' ? -1 : 1) * (chr::hours(zh) + chr::minutes(zm));
-      const auto utc =
-          chr::sys_days(*day) + chr::hours(h) + chr::minutes(mi) + chr::seconds(s) - offset;
-      return WallTime(utc.time_since_epoch());
-    }
-  }
-  return dateWithShortDateString(text);
-}
 
 std::string KRUtil::stringWithDate(WallTime date, DateStyle dateStyle, DateStyle timeStyle) {
   const time_t t = static_cast<time_t>(

@@ -41,10 +41,6 @@ class KRUtil {
 
   // --- File age and group membership -------------------------------------
 
-  // Seconds since `path` last changed: a directory's modification time, for
-  // anything else its status-change time (a metadata change makes a file
-  // young). Links are not followed. -1.0 when the path cannot be read.
-  static double timeIntervalSinceLastModificationOfPath(const char* path);
   // The current time in whole seconds (from the shared clock) minus `time`.
   static double timeIntervalSinceTime(int64_t time);
   // True when `gid` is one of the process's supplementary groups.
@@ -52,10 +48,6 @@ class KRUtil {
 
   // --- Dates -------------------------------------------------------------
 
-  // "YYYYMMDD" (exactly 8 digits, a valid calendar day) at local midnight.
-  static std::optional<WallTime> dateWithShortDateString(const std::string& text);
-  // "YYYY-MM-DD HH:MM:SS ±HHMM", else the short form.
-  static std::optional<WallTime> dateWithInternationalOrShortString(const std::string& text);
   // The date in local time, rendered for the user's LC_TIME locale.
   static std::string stringWithDate(WallTime date, DateStyle dateStyle, DateStyle timeStyle);
   // Long date, no time.

@@ -83,21 +83,11 @@ TEST(CompressedForkReader, RangeReadsMatchTheContent) {
     EXPECT_EQ(0, std::memcmp(buf.data(), data.data() + std::min<size_t>(r.offset, data.size()), got));
     EXPECT_EQ(buf[r.n], 0xEE) << "wrote past the request";
   }
-}
-
-TEST(CompressedForkReader, ExpandsOnAnyWorkerCount) {
-  for (size_t size : {0, 1, 65536, 9 * 65536 + 3}) {
-    const std::vector<uint8_t> data = deterministicText(size);
-    const std::vector<uint8_t> fork = makeFork(data);
-    MemoryForkSource source(fork.data(), fork.size());
-    Error error;
-    auto reader = CompressedForkReader::open(Env::shared(), source, size, &error);
-    ASSERT_NE(reader, nullptr) << error.describe();
-    for (int workers : {1, 2, 5}) {
-      TempFile out;
-      ASSERT_TRUE(reader->expandTo(out.fd(), workers, &error)) << error.describe();
-      EXPECT_EQ(out.contents(), data) << size << " bytes on " << workers << " workers";
-    }
+  // Whole expansion on more workers than its window of blocks.
+  for (int workers : {1, 5}) {
+    TempFile out;
+    ASSERT_TRUE(reader->expandTo(out.fd(), workers, &error)) << error.describe();
+    EXPECT_EQ(out.contents(), data) << workers << " workers";
   }
 }
 
@@ -220,12 +210,6 @@ TEST(DecmpfsHeader, AcceptsOnlyWhatWeWrite) {
     EXPECT_NE(error.message.find(c.says), std::string::npos) << error.message;
   }
 }
-
-}  // namespace
-}  // namespace zephlore
-
-namespace zephlore {
-namespace {
 
 using testkit::deterministicNoise;
 

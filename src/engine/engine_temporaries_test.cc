@@ -24,16 +24,7 @@ using namespace testkit;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
-std::string copyNameOf(const std::string& path) {
-  return SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kCompressedCopy);
-}
-
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-CompressionState stateOf(const std::string& path) {
-  CompressedFileInfo info;
-  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr) ? info.state : CompressionState::kNotOurs;
-}
 
 // Compressed, then without its flag: a kill inside the swap.
 void compressHalfway(const std::string& path) {

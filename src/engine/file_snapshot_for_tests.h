@@ -14,6 +14,8 @@
 #include <tuple>
 #include <vector>
 
+#include "engine/compressed_file_info.h"
+#include "engine/sibling_temp_file.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 
@@ -71,6 +73,18 @@ inline std::vector<std::string> listFolder(const std::string& dir) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+// The state the engine sees; kNotOurs when it cannot say.
+inline CompressionState stateOf(const std::string& path, bool checkFork = true) {
+  CompressedFileInfo info;
+  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr, checkFork) ? info.state
+                                                                                       : CompressionState::kNotOurs;
+}
+
+// Where a conversion of `path` keeps its compressed copy.
+inline std::string copyNameOf(const std::string& path) {
+  return SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kCompressedCopy);
 }
 
 }  // namespace zephlore::testkit

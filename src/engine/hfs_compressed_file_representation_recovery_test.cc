@@ -19,10 +19,6 @@ using namespace testkit;
 using ::testing::ElementsAre;
 using Rep = QVHFSCompressedFileRepresentation;
 
-std::string copyNameOf(const std::string& path) {
-  return SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kCompressedCopy);
-}
-
 // Compressed, then (optionally) stripped of the header and flag, as a swap
 // cut short by an older version leaves it.
 void compress(const std::string& path, bool halfMade = false) {
@@ -32,11 +28,6 @@ void compress(const std::string& path, bool halfMade = false) {
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.apple.decmpfs"), 0);
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
   }
-}
-
-CompressionState stateOf(const std::string& path) {
-  CompressedFileInfo info;
-  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr) ? info.state : CompressionState::kNotOurs;
 }
 
 TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatIsNotAndClearsTheCopies) {

@@ -43,9 +43,28 @@ std::string outcome(bool ok, const Error& error) {
   return ok ? "done" : std::to_string(error.code) + " " + error.message;
 }
 
-CompressionState stateOf(const std::string& path) {
-  CompressedFileInfo info;
-  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr, false) ? info.state : CompressionState::kNotOurs;
+// The engine's conversions run as `user`: "done", or the error's code and message.
+std::string compressAs(const LocalUser& user, const std::string& path) {
+  return user.run([&] {
+    Error error;
+    return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
+  }).value_or("died");
+}
+
+std::string expandAs(const LocalUser& user, const std::string& path) {
+  return user.run([&] {
+    Error error;
+    return outcome(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error), error);
+  }).value_or("died");
+}
+
+// The repair's outcome number, then the error's code and message.
+std::string repairAs(const LocalUser& user, const std::string& path) {
+  return user.run([&] {
+    Error error;
+    const int result = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
+    return std::to_string(result) + " " + std::to_string(error.code) + " " + error.message;
+  }).value_or("died");
 }
 
 bool hasDecmpfs(const std::string& path) {
@@ -141,80 +160,48 @@ TEST_F(OtherUsersTest, AnotherUsersWriterIsSeenByCompressDecompressAndRepair) {
   const std::string path = folder_ + "/app.log";
   const std::string data = compressibleData(200000, 5);
   writeFileOf(owner_.get(), path, data);
-  const auto asOwner = [&](const std::function<std::string()>& fn) { return owner_->run(fn).value_or("died"); };
   const std::string busy = std::to_string(kHFSErrorOpenForWriting);
 
   {
     AppendingWriter logger(*other_, path);
     ASSERT_TRUE(logger.ready());
-    EXPECT_THAT(asOwner([&] {
-                  Error error;
-                  return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
-                }),
-                StartsWith(busy));
+    EXPECT_THAT(compressAs(*owner_, path), StartsWith(busy));
     ASSERT_TRUE(logger.append());
     EXPECT_TRUE(readFile(path) == data + kAppended);
-    EXPECT_EQ(stateOf(path), CompressionState::kPlain);
+    EXPECT_EQ(stateOf(path, false), CompressionState::kPlain);
   }
 
   // Compressed while nobody writes; then the logger opens it again.
   writeFileOf(owner_.get(), path, data);
-  ASSERT_EQ(asOwner([&] {
-              Error error;
-              return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
-            }),
-            "done");
+  ASSERT_EQ(compressAs(*owner_, path), "done");
   {
     AppendingWriter logger(*other_, path);
     ASSERT_TRUE(logger.ready());
-    EXPECT_THAT(asOwner([&] {
-                  Error error;
-                  return outcome(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error), error);
-                }),
-                StartsWith(busy));
+    EXPECT_THAT(expandAs(*owner_, path), StartsWith(busy));
     // Its line goes beside the compressed data (a file for repair), not
     // into an unlinked file.
     ASSERT_TRUE(logger.append());
     EXPECT_TRUE(readFile(path) == kAppended);
-    EXPECT_EQ(stateOf(path), CompressionState::kMixed);
+    EXPECT_EQ(stateOf(path, false), CompressionState::kMixed);
     // Repair would take the compressed form off a file still being written.
-    EXPECT_THAT(asOwner([&] {
-                  Error error;
-                  const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
-                  return std::to_string(outcome) + " " + std::to_string(error.code);
-                }),
-                "2 " + busy);
+    EXPECT_THAT(repairAs(*owner_, path), StartsWith("2 " + busy + " "));
     EXPECT_NE(access(QVFileRepair::recoveredPathFor(path).c_str(), F_OK), 0);
   }
 
   // Cut short (header and fork without the flag), with the logger at it.
   writeFileOf(owner_.get(), path, data);
-  ASSERT_EQ(asOwner([&] {
-              Error error;
-              return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
-            }),
-            "done");
+  ASSERT_EQ(compressAs(*owner_, path), "done");
   ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
-  ASSERT_EQ(stateOf(path), CompressionState::kIncomplete);
+  ASSERT_EQ(stateOf(path, false), CompressionState::kIncomplete);
   {
     AppendingWriter logger(*other_, path);
     ASSERT_TRUE(logger.ready());
-    EXPECT_THAT(asOwner([&] {
-                  Error error;
-                  const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
-                  return std::to_string(outcome) + " " + std::to_string(error.code) + " " + error.message;
-                }),
-                StartsWith("2 " + busy));
+    EXPECT_THAT(repairAs(*owner_, path), StartsWith("2 " + busy + " "));
     ASSERT_TRUE(logger.append());
     EXPECT_TRUE(readFile(path) == kAppended);
   }
   // Once the logger is gone, repair goes ahead.
-  EXPECT_THAT(asOwner([&] {
-                Error error;
-                const int outcome = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
-                return std::to_string(outcome) + " " + error.message;
-              }),
-              StartsWith("1 "));
+  EXPECT_THAT(repairAs(*owner_, path), StartsWith("1 "));
 }
 
 // Another user swaps files of theirs in at the name the engine works on:

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/compressed_file_info.h"
+#include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
@@ -74,22 +75,7 @@ class SwapWindowTest : public ::testing::Test {
     opener_.join();
   }
 
-  bool onlyTheFileIsLeft() {
-    DIR* dir = opendir(dir_.path().c_str());
-    int names = 0;
-    while (struct dirent* entry = readdir(dir)) names += entry->d_name[0] != '.';
-    closedir(dir);
-    return names == 1 && listedHidden() == 0;
-  }
-  int listedHidden() {
-    DIR* dir = opendir(dir_.path().c_str());
-    int hidden = 0;
-    while (struct dirent* entry = readdir(dir)) {
-      hidden += std::string(entry->d_name).rfind(".zephlore-", 0) == 0;
-    }
-    closedir(dir);
-    return hidden;
-  }
+  bool onlyTheFileIsLeft() { return listFolder(dir_.path()) == std::vector<std::string>{"file"}; }
 
   ScratchDir dir_;
   ScopedRuntimeDir runtime_;

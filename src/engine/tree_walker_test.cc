@@ -28,9 +28,9 @@ struct Seen {
   std::map<std::string, int> errors;          // path -> errno
 };
 
-class Recorder : public WalkVisitor {
+class WalkRecorder : public WalkVisitor {
  public:
-  explicit Recorder(Seen& seen) : seen_(seen) {}
+  explicit WalkRecorder(Seen& seen) : seen_(seen) {}
   void visit(const WalkEntry& entry, WalkSkip skip) override {
     // The entry must be reachable through its directory descriptor.
     struct stat st;
@@ -49,7 +49,7 @@ class Recorder : public WalkVisitor {
 
 Seen walk(const std::string& root, WalkOptions options) {
   Seen seen;
-  Recorder recorder(seen);
+  WalkRecorder recorder(seen);
   TreeWalker(Env::shared(), options).walk(root, recorder);
   return seen;
 }
@@ -232,8 +232,8 @@ TEST(TreeWalker, VisitorMayLeaveOutDirectories) {
   mkdir((dir / "skip").c_str(), 0755);
   writeFile(dir / "keep/a", "x");
   writeFile(dir / "skip/b", "x");
-  struct Picky : Recorder {
-    using Recorder::Recorder;
+  struct Picky : WalkRecorder {
+    using WalkRecorder::WalkRecorder;
     bool shouldEnter(const WalkEntry& entry) override { return std::string(entry.name) != "skip"; }
   };
   Seen seen;

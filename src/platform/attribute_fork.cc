@@ -65,10 +65,6 @@ uint64_t AttributeFork::piecesFor(uint64_t size, size_t pieceSize) {
   return (size + pieceSize - 1) / pieceSize;
 }
 
-bool AttributeFork::namesFit(uint64_t pieces, uint64_t otherListBytes) {
-  return pieces <= mostPieces(otherListBytes);
-}
-
 uint64_t AttributeFork::listBytes(const std::string& name) {
   return std::strlen(kUserXattrPrefix) + name.size() + 1;
 }

@@ -52,9 +52,8 @@ class AttributeFork {
   static bool remove(Env& env, const FileRef& file, Error* error);
 
   // Pieces a fork of `size` bytes takes in `pieceSize`-byte values (at least
-  // one), and whether their names fit beside names taking `otherListBytes`.
+  // one).
   static uint64_t piecesFor(uint64_t size, size_t pieceSize);
-  static bool namesFit(uint64_t pieces, uint64_t otherListBytes);
   // The most pieces whose names fit beside names taking `otherListBytes`.
   static uint64_t mostPieces(uint64_t otherListBytes);
   // Bytes `name` (a system name, without "user.") takes in the kernel's list.

@@ -145,9 +145,6 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   auto reader = AttributeForkReader::open(Env::shared(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'o', 'l', 'd', ' ', 'f', 'o', 'r', 'k'}));
-
-  EXPECT_TRUE(AttributeFork::namesFit(1000, 0));
-  EXPECT_FALSE(AttributeFork::namesFit(1000, 40000));
 }
 
 TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {

@@ -25,7 +25,6 @@ class MountWatcher {
 
   // Re-reads the table and posts what changed (the poll calls it).
   void check();
-  const std::set<std::string>& mountPoints() const { return mount_points_; }
 
   // The mount points of a mountinfo text, octal escapes undone.
   static std::set<std::string> parse(const std::string& text);

@@ -314,40 +314,6 @@ TEST_F(FileCommands, InfoSumsATree) {
   EXPECT_EQ(cat({root + "/a"}), compressibleData(200000, 1)) << "whole files are left alone";
 }
 
-// A tree compressed and decompressed again: every file as it was, and a
-// sparse file still sparse.
-TEST_F(FileCommands, RoundTripKeepsContentAndHoles) {
-  const std::string root = dir_ / "tree";
-  mkdir(root.c_str(), 0755);
-  mkdir((root + "/sub").c_str(), 0755);
-  writeFile(root + "/a", compressibleData(300000, 1));
-  writeFile(root + "/sub/b", compressibleData(70000, 2));
-  const std::string sparse = root + "/sparse";
-  int fd = open(sparse.c_str(), O_WRONLY | O_CREAT, 0644);
-  ASSERT_EQ(pwrite(fd, "middle", 6, 20 * 65536), 6);
-  ASSERT_EQ(ftruncate(fd, 64 * 65536), 0);
-  close(fd);
-
-  ASSERT_EQ(runZephlore({"compress", "-r", "-q", root}).status, 0);
-  struct stat st;
-  ASSERT_EQ(lstat(sparse.c_str(), &st), 0);
-  EXPECT_EQ(st.st_size, 0) << "compressed";
-  auto expanded = runZephlore({"decompress", "-r", "-q", root});
-  ASSERT_EQ(expanded.status, 0) << expanded.err;
-  EXPECT_EQ(readFile(root + "/a"), compressibleData(300000, 1));
-  EXPECT_EQ(readFile(root + "/sub/b"), compressibleData(70000, 2));
-  std::string expected(64 * 65536, '\0');
-  expected.replace(20 * 65536, 6, "middle");
-  EXPECT_EQ(readFile(sparse), expected);
-  ASSERT_EQ(lstat(sparse.c_str(), &st), 0);
-  EXPECT_LE(st.st_blocks * 512, 65536) << "the holes were filled";
-  DIR* dir = opendir(root.c_str());
-  int names = 0;
-  while (struct dirent* entry = readdir(dir)) names += entry->d_name[0] != '.';
-  closedir(dir);
-  EXPECT_EQ(names, 3) << "nothing beside the files";
-}
-
 // Ctrl-C after the first file: the files in flight are finished, no new one
 // is started, the summary so far is printed, and every file is whole. The
 // child's output goes to a pipe of one page that this test stops reading, so

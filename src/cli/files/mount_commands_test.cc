@@ -98,6 +98,12 @@ class MountedView {
   bool stopped_ = false;
 };
 
+// A view run in the background is taken down lazily whatever happens.
+struct LazyUnmount {
+  std::string at;
+  ~LazyUnmount() { runZephlore({"unmount", "--force", "-z", at}); }
+};
+
 class MountCommands : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -425,10 +431,7 @@ TEST_F(MountCommands, UnmountOfAFolderWithCompressedFilesIsRefusedUnlessExpanded
   for (const char* name : {"a", "sub/b"}) writeFile(source_ + "/" + name, text);
   compress(source_);
   writeFile(source_ + "/note", "plain");
-  struct Unmounter {
-    std::string at;
-    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
-  } unmounter{source_};
+  LazyUnmount unmounter{source_};
   ASSERT_EQ(runZephlore({"mount", "--over", source_}).status, 0);
   const std::string beneath = view::pathBeneathViews(source_);
   ASSERT_NE(beneath, source_);
@@ -486,10 +489,7 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
   EXPECT_LT(open((source_ + "/doc").c_str(), O_RDONLY), 0);
   EXPECT_EQ(errno, ENOTCONN);  // still the stopped view, not the stored files
 
-  struct Unmounter {
-    std::string at;
-    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
-  } unmounter{source_};
+  LazyUnmount unmounter{source_};
   r = runZephlore({"mount", "--over", source_});
   ASSERT_EQ(r.status, 0) << r.err;
   close(held);
@@ -521,11 +521,7 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
 TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
   writeFile(source_ + "/a", compressibleData(90000));
   compress(source_);
-  // The view runs on in the background: taken down lazily whatever happens.
-  struct Unmounter {
-    std::string at;
-    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
-  } unmounter{mountPoint_};
+  LazyUnmount unmounter{mountPoint_};
   auto r = runZephlore({"mount", source_, mountPoint_});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(readFile(mountPoint_ + "/a").size(), 90000u);
@@ -597,10 +593,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   writeFile(source_ + "/sub/report", text);
   compress(source_);
   view::ViewMounter mounter(testkit::zephloreBinary());
-  struct Unmounter {
-    std::string at;
-    ~Unmounter() { runZephlore({"unmount", "--force", "-z", at}); }
-  } unmounter{source_};
+  LazyUnmount unmounter{source_};
   Error error;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;  // already there: nothing to do
