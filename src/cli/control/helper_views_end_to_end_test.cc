@@ -86,6 +86,16 @@ class HelperViews : public HelperEndToEnd {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - killed).count();
   }
 
+  // Views on, a helper watching "Documents", and "report.txt" written there.
+  void watchDocumentsWithAView(const std::string& report) {
+    ASSERT_EQ(zephlore({"view-on"}).status, 0);
+    ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+    watched_ = folder_.path() + "/Documents";
+    ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
+    ASSERT_EQ(zephlore({"add", watched_}).status, 0);
+    testkit::writeFile(watched_ + "/report.txt", report);
+  }
+
   // Waits at most 10 s for a view over the watched folder served by a
   // process other than `gone` that is alive, and through which `file` reads
   // `data`; the milliseconds that took, -1 when none came.
@@ -116,13 +126,8 @@ class HelperViews : public HelperEndToEnd {
 
 TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) {
   if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
-  ASSERT_EQ(zephlore({"view-on"}).status, 0);
-  ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
-  watched_ = folder_.path() + "/Documents";
-  ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
-  ASSERT_EQ(zephlore({"add", watched_}).status, 0);
   const std::string original = testkit::compressibleData(300'000, 5);
-  testkit::writeFile(watched_ + "/report.txt", original);
+  ASSERT_NO_FATAL_FAILURE(watchDocumentsWithAView(original));
   ASSERT_TRUE(waitForSavingsAbove(0)) << "nothing compressed; helper:\n" << endHelper();
   ASSERT_EQ(infoJson(watched_ + "/report.txt")["state"], "compressed");
 
@@ -220,14 +225,9 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
 // back, whether the view died before it started or just after.
 TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) {
   if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
-  ASSERT_EQ(zephlore({"view-on"}).status, 0);
-  ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
-  watched_ = folder_.path() + "/Documents";
-  ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
-  ASSERT_EQ(zephlore({"add", watched_}).status, 0);
-  const std::string report = watched_ + "/report.txt";
   const std::string original = testkit::compressibleData(300'000, 7);
-  testkit::writeFile(report, original);
+  ASSERT_NO_FATAL_FAILURE(watchDocumentsWithAView(original));
+  const std::string report = watched_ + "/report.txt";
   ASSERT_TRUE(waitForSavingsAbove(0)) << "nothing compressed; helper:\n" << endHelper();
   std::string logs;
   auto toldItIsBack = [this] {
@@ -242,11 +242,12 @@ TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) 
   };
 
   for (int round = 0; round < 3; ++round) {
-    // Both at once, then a new helper.
+    // Both dead, then a new helper. The helper goes first: killed second, it
+    // could still put a view back itself, which the next one then adopts.
     const pid_t view = viewProcess(watched_);
     ASSERT_GT(view, 0) << logs;
-    kill(view, SIGKILL);
     killHelper();
+    kill(view, SIGKILL);
     ASSERT_TRUE(waitForExit(view, 10'000));
     ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
     const long long ms = waitForALiveViewOtherThan(view, report, original);

@@ -174,31 +174,26 @@ TEST(SystemLoadHandlerTest, TheHelperAndItsViewsAreNotOtherProgramsLoad) {
   RunLoop loop(clock);
   KRSystemLoadHandler handler(tree.counters(), loop);
   loop.runUntilIdle();
+  // One 2 s sample: both processors' busy ticks so far, and the helper's
+  // and the view's (user + system) by then.
+  auto sample = [&](uint64_t busy, uint64_t self, uint64_t view) {
+    tree.setCpu(busy, 0, busy, 0);
+    tree.setProcess("self", self, self - 5);
+    tree.setProcess("4242", view, 0);
+    clock.advance(seconds(2.0));
+    loop.runUntilIdle();
+    return handler.currentCPULoad();
+  };
 
   // Both processors fully busy over 2 s (200 ticks each); the helper used a
   // whole one (200 ticks, as the view is not yet known): half is others'.
-  tree.setCpu(200, 0, 200, 0);
-  tree.setProcess("self", 110, 105);
-  tree.setProcess("4242", 150, 0);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
-  EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.5f);
+  EXPECT_FLOAT_EQ(sample(200, 110, 150), 0.5f);
 
   // The view's time counts as the helper's from the sample after it is
   // named (its ticks before that are not known): all busy time is theirs.
   handler.setCompanionProcesses({4242});
-  tree.setCpu(400, 0, 400, 0);
-  tree.setProcess("self", 210, 205);
-  tree.setProcess("4242", 200, 0);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
-  EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.5f);
-  tree.setCpu(600, 0, 600, 0);
-  tree.setProcess("self", 310, 305);
-  tree.setProcess("4242", 400, 0);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
-  EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.0f);
+  EXPECT_FLOAT_EQ(sample(400, 210, 200), 0.5f);
+  EXPECT_FLOAT_EQ(sample(600, 310, 400), 0.0f);
 
   // A view gone (or its pid reused by a younger process) counts nothing; the
   // rest is others' load as before.
