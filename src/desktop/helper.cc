@@ -117,10 +117,15 @@ void Helper::start() {
   for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
     observers_.push_back(center.addObserver(name, nullptr, [this](const Notification&) { views_.mountTableChanged(); }));
   }
-  // Posted on the compression thread; the figures are read on the main one.
+  // Posted on the compression thread; the figures are read on the main one,
+  // once for however many files went by since they were last read.
   for (const char* name : {kFileWillCompressNotification, kFileCompressedNotification}) {
     observers_.push_back(center.addObserver(name, nullptr, [this](const Notification&) {
-      loop_.post([this] { observer_.helperChanged(); });
+      if (figuresChangePosted_.exchange(true)) return;
+      loop_.post([this] {
+        figuresChangePosted_ = false;
+        observer_.helperChanged();
+      });
     }));
   }
   history_.addTotalSavingsObserver([this](uint64_t) { loop_.post([this] { observer_.helperSavingsChanged(); }); });

@@ -7,6 +7,7 @@
 // parts itself. Everything here runs on the main run loop's thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -130,6 +131,7 @@ class Helper {
   KRPathWatcher watcher_;
   KRFolderViews views_;
   std::vector<NotificationCenter::ObserverId> observers_;
+  std::atomic<bool> figuresChangePosted_{false};
 };
 
 }  // namespace zephlore
