@@ -149,7 +149,11 @@ void addMountCommands(CLI::App& app, Env& env, int* exit_code) {
   mount->add_flag("-f,--foreground", options->foreground, "Stay in the foreground until unmounted");
   mount->add_option("--cache-size", options->cacheMiB, "MiB of inflated blocks kept for all open files (default 64)")
       ->check(CLI::Range(1, 65536));
-  mount->add_option("-o", options->fuseOptions, "Further FUSE mount options (allow_other, ...)");
+  // As mount(8) takes it: one list per -o, repeatable; the paths after it
+  // stay the command's.
+  mount->add_option("-o", options->fuseOptions, "Further FUSE mount options, separated by commas (ro, noatime, ...)")
+      ->allow_extra_args(false)
+      ->delimiter(',');
   mount->callback([&env, options, exit_code] { *exit_code = runMount(env, *options); });
 
   auto unmountOptions = std::make_shared<UnmountOptions>();
