@@ -22,6 +22,7 @@
 #include "engine/engine_temporaries.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
+#include "platform/acting_as.h"
 #include "platform/attribute_names.h"
 #include "platform/file_flags.h"
 #include "view/compressed_content.h"
@@ -95,6 +96,38 @@ Served served(const fuse_file_info* fi) { return openFile(fi)->served(fs()); }
 OpenDirectory& openDirectory(const fuse_file_info* fi) { return *reinterpret_cast<OpenDirectory*>(fi->fh); }
 
 int result(int r) { return r < 0 ? -errno : r; }
+
+// What a program creates through the view is its own, as beneath. A view
+// run by root creates it as the calling user, with that user's groups (the
+// file system beneath then also checks the access as theirs). A view run by
+// a user cannot give a file to anyone else: another user's creations are
+// refused, rather than made files of the view's user that their creator
+// could not chmod.
+class AsCaller {
+ public:
+  AsCaller() {
+    const fuse_context* caller = fuse_get_context();
+    if (caller->uid == geteuid()) return;
+    if (geteuid() != 0) {
+      refused_ = true;
+      return;
+    }
+    std::vector<gid_t> groups(32);
+    int n = fuse_getgroups(static_cast<int>(groups.size()), groups.data());
+    if (n > static_cast<int>(groups.size())) {
+      groups.resize(static_cast<size_t>(n));
+      n = fuse_getgroups(n, groups.data());
+    }
+    // A caller already gone keeps its own user and group alone.
+    groups.resize(n > 0 && n <= static_cast<int>(groups.size()) ? static_cast<size_t>(n) : 0);
+    acting_.emplace(caller->uid, caller->gid, groups);
+  }
+  bool refused() const { return refused_; }
+
+ private:
+  bool refused_ = false;
+  std::optional<ActingAs> acting_;
+};
 
 std::string proc(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
@@ -197,11 +230,18 @@ int viewReadlink(const char* path, char* buf, size_t size) {
 }
 
 int viewMknod(const char* path, mode_t mode, dev_t rdev) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
   if (S_ISFIFO(mode)) return result(mkfifoat(fs().rootFd(), rel(path), mode));
   return result(mknodat(fs().rootFd(), rel(path), mode, rdev));
 }
 
-int viewMkdir(const char* path, mode_t mode) { return result(mkdirat(fs().rootFd(), rel(path), mode)); }
+int viewMkdir(const char* path, mode_t mode) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
+  return result(mkdirat(fs().rootFd(), rel(path), mode));
+}
+
 int viewUnlink(const char* path) {
   if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
   fs().keptPages().removed(path);
@@ -215,6 +255,8 @@ int viewRmdir(const char* path) {
 }
 
 int viewSymlink(const char* target, const char* path) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
   return result(symlinkat(target, fs().rootFd(), rel(path)));
 }
 
@@ -260,6 +302,25 @@ int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* f
   return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
 }
 
+// Opens the file, creating it as the caller (see AsCaller); with errno set
+// on failure.
+UniqueFd createAsCaller(const char* path, int flags, mode_t mode) {
+  const int root = fs().rootFd();
+  AsCaller caller;
+  if (!caller.refused()) return UniqueFd(openat(root, rel(path), flags, mode));
+  // Another user's open of a file that is there is theirs to make.
+  struct stat st;
+  if (fstatat(root, rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (flags & O_EXCL) {
+      errno = EEXIST;
+      return UniqueFd();
+    }
+    return UniqueFd(openat(root, rel(path), flags & ~O_CREAT, 0));
+  }
+  errno = EACCES;
+  return UniqueFd();
+}
+
 // Opens (or creates) a file of the view. A compressed file is expanded
 // first when the open may write; a compressed file opened for reading is
 // served by inflating its blocks.
@@ -274,7 +335,7 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (int r = view.expandBeforeWriting(path); r != 0) return r;
     }
     auto file = std::make_unique<OpenFile>();
-    UniqueFd fd(openat(view.rootFd(), rel(path), flags, mode));
+    UniqueFd fd = create ? createAsCaller(path, flags, mode) : UniqueFd(openat(view.rootFd(), rel(path), flags, mode));
     if (!fd) return -errno;
     struct stat st;
     if (fstat(fd.get(), &st) != 0) return -errno;
