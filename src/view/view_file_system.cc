@@ -272,7 +272,12 @@ int viewRename(const char* from, const char* to, unsigned int flags) {
 }
 
 int viewLink(const char* from, const char* to) {
-  return result(linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0));
+  if (linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0) != 0) return -errno;
+  // Each name is a file of its own to the kernel: the one linked from has
+  // a new link count and change time, which it would otherwise show from
+  // its cache for a while.
+  fuse_invalidate_path(fuse_get_context()->fuse, from);
+  return 0;
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
