@@ -179,6 +179,22 @@ void OpenFile::follow(ViewFileSystem& view) {
 }
 
 
+// The kernel's copies of the attributes of the file of `st` under its other
+// names are dropped after a change through `path` (or through an open file
+// when it is null), which the kernel sees under that name alone.
+void tellOtherNames(const struct stat& st, const char* path) {
+  for (const std::string& name : fs().linkNames().namesOf(st, path ? path : "")) {
+    fuse_invalidate_path(fuse_get_context()->fuse, name.c_str());
+  }
+}
+
+// After a change to the file at `path` (or open as `fi`).
+void changedThrough(const char* path, fuse_file_info* fi) {
+  struct stat st;
+  const int r = fi ? fstat(served(fi).fd, &st) : fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW);
+  if (r == 0 && st.st_nlink > 1) tellOtherNames(st, path);
+}
+
 // --- Operations ---------------------------------------------------------------
 
 void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
@@ -213,9 +229,11 @@ int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
     const Served file = served(fi);
     if (fstat(file.fd, st) != 0) return -errno;
     if (file.compressed) showContentSize(st, file.compressed->size());
+    if (path && st->st_nlink > 1) fs().linkNames().seen(path, *st);
     return 0;
   }
   if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (st->st_nlink > 1) fs().linkNames().seen(path, *st);
   if (isCandidate(*st)) {
     if (std::optional<uint64_t> size = fs().compressedSize(path, *st)) showContentSize(st, *size);
   }
@@ -243,8 +261,11 @@ int viewMkdir(const char* path, mode_t mode) {
 }
 
 int viewUnlink(const char* path) {
+  struct stat st;
+  const bool linked = fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_nlink > 1;
   if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
   fs().keptPages().removed(path);
+  if (linked) tellOtherNames(st, path);
   return 0;
 }
 
@@ -261,7 +282,14 @@ int viewSymlink(const char* target, const char* path) {
 }
 
 int viewRename(const char* from, const char* to, unsigned int flags) {
+  // The file moved changes (its change time), and one it replaces loses a link.
+  struct stat moved, replaced;
+  const bool movedLinked = fstatat(fs().rootFd(), rel(from), &moved, AT_SYMLINK_NOFOLLOW) == 0 && moved.st_nlink > 1;
+  const bool replacedLinked =
+      fstatat(fs().rootFd(), rel(to), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && replaced.st_nlink > 1;
   if (renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags) != 0) return -errno;
+  if (movedLinked) tellOtherNames(moved, from);
+  if (replacedLinked) tellOtherNames(replaced, to);
   if (flags & RENAME_EXCHANGE) {
     fs().keptPages().removed(from);
     fs().keptPages().removed(to);
@@ -273,38 +301,49 @@ int viewRename(const char* from, const char* to, unsigned int flags) {
 
 int viewLink(const char* from, const char* to) {
   if (linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0) != 0) return -errno;
-  // Each name is a file of its own to the kernel: the one linked from has
-  // a new link count and change time, which it would otherwise show from
-  // its cache for a while.
+  // Each name is a file of its own to the kernel: the one linked from (seen
+  // perhaps while it was the only one) and the others have a new link count.
   fuse_invalidate_path(fuse_get_context()->fuse, from);
+  changedThrough(to, nullptr);
   return 0;
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
-  if (fi) return result(fchmod(served(fi).fd, mode));
-  return result(fchmodat(fs().rootFd(), rel(path), mode, 0));
+  const int r = fi ? fchmod(served(fi).fd, mode) : fchmodat(fs().rootFd(), rel(path), mode, 0);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
 }
 
 int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
-  if (fi) return result(fchown(served(fi).fd, uid, gid));
-  return result(fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW));
+  const int r =
+      fi ? fchown(served(fi).fd, uid, gid) : fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
 }
 
 int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
   if (fi) {
     const Served file = served(fi);
     if (file.compressed) return -EBADF;
-    return result(ftruncate(file.fd, size));
+    if (ftruncate(file.fd, size) != 0) return -errno;
+    changedThrough(path, fi);
+    return 0;
   }
   if (int r = fs().expandBeforeWriting(path); r != 0) return r;
   UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) return -errno;
-  return result(ftruncate(fd.get(), size));
+  if (ftruncate(fd.get(), size) != 0) return -errno;
+  changedThrough(path, nullptr);
+  return 0;
 }
 
 int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
-  if (fi) return result(futimens(served(fi).fd, ts));
-  return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
+  const int r = fi ? futimens(served(fi).fd, ts) : utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
 }
 
 // Opens the file, creating it as the caller (see AsCaller); with errno set
