@@ -150,7 +150,7 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
     if (dead && dead->mountPoint == mounted.mountPoint) {
       std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
     } else if (mounted.othersLockedOut) {
-      std::cout << "View for you alone: " << view::othersLockedOutAdvice(mounted.mountPoint) << "\n";
+      std::cout << "View closed to other users: " << view::othersLockedOutAdvice(mounted.mountPoint) << "\n";
     }
   }
   printFolders(folders, folders_problem);

@@ -6,13 +6,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>
 
+#include "platform/fuse_availability.h"
 #include "testing/files.h"
 #include "testing/local_user.h"
 #include "testing/private_tmpfs.h"
+#include "testing/scoped_env.h"
+#include "testing/scratch_dir.h"
 #include "testing/zephlore_command.h"
 #include "view/mount_table.h"
 
@@ -103,6 +107,11 @@ TEST(ViewOtherUsers, ARootViewLetsEveryUserInAsBeneathAndTheirNewFilesAreTheirs)
   r = runZephlore({"mount", "--over", folder});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(mountOptionsOf(folder).find("allow_other"), std::string::npos);
+  for (const view::ViewMountEntry& entry : view::viewMounts()) {
+    if (entry.mountPoint == folder) {
+      EXPECT_FALSE(entry.othersLockedOut);
+    }
+  }
 
   // Each reads what the modes and owners beneath let them read, at full content.
   EXPECT_TRUE(readAs(owner, folder + "/private.txt") == text);
@@ -121,6 +130,58 @@ TEST(ViewOtherUsers, ARootViewLetsEveryUserInAsBeneathAndTheirNewFilesAreTheirs)
     EXPECT_EQ(st.st_uid, other.uid()) << name;
     EXPECT_EQ(st.st_gid, other.gid()) << name;
   }
+}
+
+// Where the administrator did not let users' mounts admit others, a user's
+// view is the user's alone, and zephlore status says so and how to change it.
+TEST(ViewOtherUsers, AUsersViewClosedToOthersIsNamedWithTheLineThatOpensIt) {
+  if (!viewFuseUsable() || geteuid() != 0 || access("/usr/sbin/runuser", X_OK) != 0) {
+    GTEST_SKIP() << "needs root, FUSE and runuser to mount a view as another user";
+  }
+  if (zephlore::fuseConfAllowsOthers("/etc/fuse.conf")) GTEST_SKIP() << "/etc/fuse.conf lets users' views admit others";
+  testkit::PrivateTmpfs tmpfs;
+  testkit::LocalUser user;
+  if (!tmpfs.mounted() || !user.created()) GTEST_SKIP() << "needs a tmpfs and a local user: " << user.problem();
+  // /dev/fuse may be root's alone here: the user is let in for the test.
+  const std::string grant = "u:" + user.name() + ":rw";
+  if (std::system(("setfacl -m " + grant + " /dev/fuse 2>/dev/null").c_str()) != 0) {
+    GTEST_SKIP() << "/dev/fuse takes no ACL entries here";
+  }
+  struct Revoke {
+    std::string name;
+    ~Revoke() {
+      std::system(("setfacl -x u:" + name + " /dev/fuse; getfacl -cp /dev/fuse | grep -q '^user:[^:]' || "
+                   "setfacl -b /dev/fuse").c_str());
+    }
+  } revoke{user.name()};
+  ASSERT_EQ(chmod(tmpfs.path().c_str(), 0755), 0);
+  const std::string source = tmpfs / "source", shown = tmpfs / "view", program = tmpfs / "zephlore";
+  ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(shown.c_str(), 0755), 0);
+  ASSERT_EQ(chown(source.c_str(), user.uid(), user.gid()), 0);
+  ASSERT_EQ(chown(shown.c_str(), user.uid(), user.gid()), 0);
+  // The user runs a copy of its own: the checkout may lie where it cannot enter.
+  testkit::writeFile(program, testkit::readFile(testkit::zephloreBinary()), 0755);
+  ViewUnmounter unmounter{shown};
+  auto r = testkit::runProcess({"/usr/sbin/runuser", "-u", user.name(), "--", program, "mount", source, shown});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("user_allow_other"), std::string::npos) << r.err;
+  bool listed = false;
+  for (const view::ViewMountEntry& entry : view::viewMounts()) {
+    if (entry.mountPoint == shown) listed = entry.othersLockedOut;
+  }
+  EXPECT_TRUE(listed);
+  struct stat st;
+  EXPECT_EQ(stat((shown + "/.").c_str(), &st), -1);  // not even root enters
+  EXPECT_EQ(errno, EACCES);
+  // The command's own state stays in the test's folders.
+  testkit::ScratchDir home;
+  testkit::ScopedEnvVar runtime("XDG_RUNTIME_DIR", home.path()), data("XDG_DATA_HOME", home.path()),
+      config("XDG_CONFIG_HOME", home.path());
+  r = runZephlore({"status"});
+  EXPECT_NE(r.out.find("closed to other users: only the user who mounted the view on " + shown), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("user_allow_other to /etc/fuse.conf"), std::string::npos) << r.out;
 }
 
 // Each name of a file of several links is a file of its own to the kernel,
