@@ -10,7 +10,7 @@ PACKAGES=(
   libcli11-dev nlohmann-json3-dev libacl1-dev libfuse3-dev fuse3
   libnotify-dev libdbusmenu-glib-dev
   dbus dbus-daemon attr acl pigz xfsprogs btrfs-progs e2fsprogs time
-  python3-dbusmock bindfs rsync dpkg-dev
+  python3-dbusmock bindfs rsync dpkg-dev autoconf automake perl
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -26,6 +27,21 @@ bool fuseUsable() {
   if (fd < 0) return false;
   close(fd);
   return geteuid() == 0 || onPath("fusermount3");
+}
+
+bool othersMayEnterFuseMounts() { return geteuid() == 0 || fuseConfAllowsOthers("/etc/fuse.conf"); }
+
+// As fusermount3 reads it: one option a line, surrounding blanks ignored,
+// "#" starting a comment line.
+bool fuseConfAllowsOthers(const std::string& fuseConf) {
+  std::ifstream conf(fuseConf);
+  for (std::string line; std::getline(conf, line);) {
+    const size_t begin = line.find_first_not_of(" \t");
+    if (begin == std::string::npos || line[begin] == '#') continue;
+    const size_t end = line.find_last_not_of(" \t\r");
+    if (line.compare(begin, end - begin + 1, "user_allow_other") == 0) return true;
+  }
+  return false;
 }
 
 }  // namespace zephlore

@@ -51,11 +51,21 @@ std::vector<ViewMountEntry> viewMounts() {
     const size_t dash = line.find(" - ");
     if (dash == std::string::npos) continue;
     std::istringstream tail(line.substr(dash + 3));
-    std::string type, source;
-    tail >> type >> source;
-    if (type == kViewFileSystemType) views.push_back({unescapeMountField(point), unescapeMountField(source)});
+    std::string type, source, super;
+    tail >> type >> source >> super;
+    if (type != kViewFileSystemType) continue;
+    const bool allowOther = ("," + super + ",").find(",allow_other,") != std::string::npos;
+    views.push_back({unescapeMountField(point), unescapeMountField(source), !allowOther});
   }
   return views;
+}
+
+std::string othersLockedOutAdvice(const std::string& mountPoint) {
+  return "only the user who mounted the view on " + mountPoint +
+         " may enter it: other users, and the system's services that run as root (backups, indexers, "
+         "updatedb), get \"Permission denied\" there and skip the folder. To let them in, the administrator "
+         "adds the line user_allow_other to /etc/fuse.conf; views mounted afterwards let them in (checking "
+         "each file's owner and mode as beneath)";
 }
 
 bool isViewMounted(const std::string& mountPoint) {

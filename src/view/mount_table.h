@@ -16,7 +16,13 @@ inline constexpr const char* kViewFileSystemType = "fuse.zephlore";
 struct ViewMountEntry {
   std::string mountPoint;  // unescaped
   std::string source;      // unescaped
+  // Mounted without allow_other: only the user who mounted it may enter it.
+  bool othersLockedOut = false;
 };
+
+// What a view that locks others out means, and the one line that fixes it;
+// for zephlore status and the helper's log.
+std::string othersLockedOutAdvice(const std::string& mountPoint);
 
 // The views in the mount table, in its order (later ones lie on top).
 std::vector<ViewMountEntry> viewMounts();

@@ -22,6 +22,7 @@
 #include "engine/engine_temporaries.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
+#include "platform/acting_as.h"
 #include "platform/attribute_names.h"
 #include "platform/file_flags.h"
 #include "view/compressed_content.h"
@@ -96,6 +97,38 @@ OpenDirectory& openDirectory(const fuse_file_info* fi) { return *reinterpret_cas
 
 int result(int r) { return r < 0 ? -errno : r; }
 
+// What a program creates through the view is its own, as beneath. A view
+// run by root creates it as the calling user, with that user's groups (the
+// file system beneath then also checks the access as theirs). A view run by
+// a user cannot give a file to anyone else: another user's creations are
+// refused, rather than made files of the view's user that their creator
+// could not chmod.
+class AsCaller {
+ public:
+  AsCaller() {
+    const fuse_context* caller = fuse_get_context();
+    if (caller->uid == geteuid()) return;
+    if (geteuid() != 0) {
+      refused_ = true;
+      return;
+    }
+    std::vector<gid_t> groups(32);
+    int n = fuse_getgroups(static_cast<int>(groups.size()), groups.data());
+    if (n > static_cast<int>(groups.size())) {
+      groups.resize(static_cast<size_t>(n));
+      n = fuse_getgroups(n, groups.data());
+    }
+    // A caller already gone keeps its own user and group alone.
+    groups.resize(n > 0 && n <= static_cast<int>(groups.size()) ? static_cast<size_t>(n) : 0);
+    acting_.emplace(caller->uid, caller->gid, groups);
+  }
+  bool refused() const { return refused_; }
+
+ private:
+  bool refused_ = false;
+  std::optional<ActingAs> acting_;
+};
+
 std::string proc(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 // The content size a compressed file's header gives; none for a file that
@@ -146,6 +179,22 @@ void OpenFile::follow(ViewFileSystem& view) {
 }
 
 
+// The kernel's copies of the attributes of the file of `st` under its other
+// names are dropped after a change through `path` (or through an open file
+// when it is null), which the kernel sees under that name alone.
+void tellOtherNames(const struct stat& st, const char* path) {
+  for (const std::string& name : fs().linkNames().namesOf(st, path ? path : "")) {
+    fuse_invalidate_path(fuse_get_context()->fuse, name.c_str());
+  }
+}
+
+// After a change to the file at `path` (or open as `fi`).
+void changedThrough(const char* path, fuse_file_info* fi) {
+  struct stat st;
+  const int r = fi ? fstat(served(fi).fd, &st) : fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW);
+  if (r == 0 && st.st_nlink > 1) tellOtherNames(st, path);
+}
+
 // --- Operations ---------------------------------------------------------------
 
 void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
@@ -180,9 +229,11 @@ int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
     const Served file = served(fi);
     if (fstat(file.fd, st) != 0) return -errno;
     if (file.compressed) showContentSize(st, file.compressed->size());
+    if (path && st->st_nlink > 1) fs().linkNames().seen(path, *st);
     return 0;
   }
   if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (st->st_nlink > 1) fs().linkNames().seen(path, *st);
   if (isCandidate(*st)) {
     if (std::optional<uint64_t> size = fs().compressedSize(path, *st)) showContentSize(st, *size);
   }
@@ -197,14 +248,24 @@ int viewReadlink(const char* path, char* buf, size_t size) {
 }
 
 int viewMknod(const char* path, mode_t mode, dev_t rdev) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
   if (S_ISFIFO(mode)) return result(mkfifoat(fs().rootFd(), rel(path), mode));
   return result(mknodat(fs().rootFd(), rel(path), mode, rdev));
 }
 
-int viewMkdir(const char* path, mode_t mode) { return result(mkdirat(fs().rootFd(), rel(path), mode)); }
+int viewMkdir(const char* path, mode_t mode) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
+  return result(mkdirat(fs().rootFd(), rel(path), mode));
+}
+
 int viewUnlink(const char* path) {
+  struct stat st;
+  const bool linked = fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_nlink > 1;
   if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
   fs().keptPages().removed(path);
+  if (linked) tellOtherNames(st, path);
   return 0;
 }
 
@@ -215,11 +276,20 @@ int viewRmdir(const char* path) {
 }
 
 int viewSymlink(const char* target, const char* path) {
+  AsCaller caller;
+  if (caller.refused()) return -EACCES;
   return result(symlinkat(target, fs().rootFd(), rel(path)));
 }
 
 int viewRename(const char* from, const char* to, unsigned int flags) {
+  // The file moved changes (its change time), and one it replaces loses a link.
+  struct stat moved, replaced;
+  const bool movedLinked = fstatat(fs().rootFd(), rel(from), &moved, AT_SYMLINK_NOFOLLOW) == 0 && moved.st_nlink > 1;
+  const bool replacedLinked =
+      fstatat(fs().rootFd(), rel(to), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && replaced.st_nlink > 1;
   if (renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags) != 0) return -errno;
+  if (movedLinked) tellOtherNames(moved, from);
+  if (replacedLinked) tellOtherNames(replaced, to);
   if (flags & RENAME_EXCHANGE) {
     fs().keptPages().removed(from);
     fs().keptPages().removed(to);
@@ -230,34 +300,69 @@ int viewRename(const char* from, const char* to, unsigned int flags) {
 }
 
 int viewLink(const char* from, const char* to) {
-  return result(linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0));
+  if (linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0) != 0) return -errno;
+  // Each name is a file of its own to the kernel: the one linked from (seen
+  // perhaps while it was the only one) and the others have a new link count.
+  fuse_invalidate_path(fuse_get_context()->fuse, from);
+  changedThrough(to, nullptr);
+  return 0;
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
-  if (fi) return result(fchmod(served(fi).fd, mode));
-  return result(fchmodat(fs().rootFd(), rel(path), mode, 0));
+  const int r = fi ? fchmod(served(fi).fd, mode) : fchmodat(fs().rootFd(), rel(path), mode, 0);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
 }
 
 int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
-  if (fi) return result(fchown(served(fi).fd, uid, gid));
-  return result(fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW));
+  const int r =
+      fi ? fchown(served(fi).fd, uid, gid) : fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
 }
 
 int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
   if (fi) {
     const Served file = served(fi);
     if (file.compressed) return -EBADF;
-    return result(ftruncate(file.fd, size));
+    if (ftruncate(file.fd, size) != 0) return -errno;
+    changedThrough(path, fi);
+    return 0;
   }
   if (int r = fs().expandBeforeWriting(path); r != 0) return r;
   UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd) return -errno;
-  return result(ftruncate(fd.get(), size));
+  if (ftruncate(fd.get(), size) != 0) return -errno;
+  changedThrough(path, nullptr);
+  return 0;
 }
 
 int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
-  if (fi) return result(futimens(served(fi).fd, ts));
-  return result(utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW));
+  const int r = fi ? futimens(served(fi).fd, ts) : utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW);
+  if (r != 0) return -errno;
+  changedThrough(path, fi);
+  return 0;
+}
+
+// Opens the file, creating it as the caller (see AsCaller); with errno set
+// on failure.
+UniqueFd createAsCaller(const char* path, int flags, mode_t mode) {
+  const int root = fs().rootFd();
+  AsCaller caller;
+  if (!caller.refused()) return UniqueFd(openat(root, rel(path), flags, mode));
+  // Another user's open of a file that is there is theirs to make.
+  struct stat st;
+  if (fstatat(root, rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (flags & O_EXCL) {
+      errno = EEXIST;
+      return UniqueFd();
+    }
+    return UniqueFd(openat(root, rel(path), flags & ~O_CREAT, 0));
+  }
+  errno = EACCES;
+  return UniqueFd();
 }
 
 // Opens (or creates) a file of the view. A compressed file is expanded
@@ -274,7 +379,7 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (int r = view.expandBeforeWriting(path); r != 0) return r;
     }
     auto file = std::make_unique<OpenFile>();
-    UniqueFd fd(openat(view.rootFd(), rel(path), flags, mode));
+    UniqueFd fd = create ? createAsCaller(path, flags, mode) : UniqueFd(openat(view.rootFd(), rel(path), flags, mode));
     if (!fd) return -errno;
     struct stat st;
     if (fstat(fd.get(), &st) != 0) return -errno;

@@ -21,6 +21,7 @@
 #include "view/block_prefetcher.h"
 #include "view/inflated_block_cache.h"
 #include "view/kept_pages.h"
+#include "view/link_names.h"
 
 struct fuse_operations;
 
@@ -63,6 +64,7 @@ class ViewFileSystem {
   Env& env() { return env_; }
   BlockPrefetcher& prefetcher() { return prefetcher_; }
   KeptPages& keptPages() { return keptPages_; }
+  LinkNames& linkNames() { return linkNames_; }
 
  private:
   Env& env_;
@@ -72,6 +74,7 @@ class ViewFileSystem {
   InflatedBlockCache cache_;
   BlockPrefetcher prefetcher_;  // after the cache: its work uses it
   KeptPages keptPages_;
+  LinkNames linkNames_;
   bool splicing_ = false;  // set once, before any request
   // What a version of a file is: its content size when compressed, or one of these.
   static constexpr int64_t kPlain = -1, kMixed = -2;

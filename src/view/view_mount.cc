@@ -14,6 +14,7 @@
 
 #include "base/log.h"
 #include "platform/env.h"
+#include "platform/fuse_availability.h"
 #include "view/mount_table.h"
 #include "view/view_file_system.h"
 
@@ -62,8 +63,20 @@ int runView(Env& env, const ViewMountOptions& options) {
   umask(0);
   ViewFileSystem view(env, std::move(root), mountPoint, options.cacheBytes);
 
+  // The kernel checks every access against the owners and modes shown, as
+  // beneath; so other users (and root's services) may enter wherever the
+  // system lets this process's mounts admit them.
   std::string mountOptions = "fsname=" + escapeOption(source) + ",subtype=zephlore,default_permissions";
-  for (const std::string& extra : options.fuseOptions) mountOptions += "," + extra;
+  bool othersAsked = false;
+  for (const std::string& extra : options.fuseOptions) {
+    mountOptions += "," + extra;
+    othersAsked |= extra == "allow_other" || extra == "allow_root";
+  }
+  if (!othersAsked && othersMayEnterFuseMounts()) {
+    mountOptions += ",allow_other";
+  } else if (!othersAsked) {
+    fprintf(stderr, "zephlore mount: note: %s\n", othersLockedOutAdvice(mountPoint).c_str());
+  }
   std::vector<std::string> args = {"zephlore", "-o", mountOptions};
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <vector>
 
+#include "base/log.h"
 #include "platform/env.h"
 #include "platform/fuse_availability.h"
 #include "view/mount_table.h"
@@ -99,10 +100,21 @@ bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   }
   std::string errors;
   const int status = run({command_, "mount", "--over", absolute}, &errors);
-  if (status == 0) return true;
+  if (status == 0) {
+    noteIfOthersLockedOut(absolute);
+    return true;
+  }
   while (!errors.empty() && errors.back() == '\n') errors.pop_back();
   return fail(error, "posix", EIO,
               "cannot mount a view over " + absolute + (errors.empty() ? "" : ": " + errors));
+}
+
+void ViewMounter::noteIfOthersLockedOut(const std::string& mountPoint) {
+  for (const ViewMountEntry& entry : viewMounts()) {
+    if (entry.mountPoint != mountPoint || !entry.othersLockedOut) continue;
+    // Every view is mounted alike: once is enough.
+    if (!toldOthersLockedOut_.exchange(true)) KRLog("Views: %s", othersLockedOutAdvice(mountPoint).c_str());
+  }
 }
 
 bool ViewMounter::covered(const std::string& folder) const { return isViewMounted(absolutePath(folder)); }

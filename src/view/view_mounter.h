@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -65,7 +66,11 @@ class ViewMounter {
   virtual bool unmountIfUnused(const std::string& folder, std::string* why);
 
  private:
+  // Logs, once, that views lock other users out (see othersLockedOutAdvice).
+  void noteIfOthersLockedOut(const std::string& mountPoint);
+
   std::string command_;
+  std::atomic<bool> toldOthersLockedOut_{false};
 };
 
 }  // namespace zephlore::view

@@ -149,6 +149,8 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
     std::optional<view::ViewMountEntry> dead = view::deadViewCovering(mounted.mountPoint);
     if (dead && dead->mountPoint == mounted.mountPoint) {
       std::cout << "Stopped view: " << view::deadViewAdvice(*dead) << "\n";
+    } else if (mounted.othersLockedOut) {
+      std::cout << "View closed to other users: " << view::othersLockedOutAdvice(mounted.mountPoint) << "\n";
     }
   }
   printFolders(folders, folders_problem);

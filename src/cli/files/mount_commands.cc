@@ -141,6 +141,12 @@ void addMountCommands(CLI::App& app, Env& env, int* exit_code) {
       "Like other FUSE file systems the command goes into the background once the view is mounted (its log "
       "lines go to syslog) and returns 0; -f keeps it in the foreground (log lines on standard error) until the "
       "view is unmounted. The view runs unprivileged, through fusermount3.\n"
+      "Other users, and the system's services that run as root, enter the view as they would the folder, the "
+      "kernel checking owners and modes as beneath: always in a view mounted by root, and in a user's view where "
+      "/etc/fuse.conf has the line user_allow_other. Without it a user's view is theirs alone (zephlore status "
+      "says so). What another user creates in a view mounted by root is theirs; a user's view refuses other "
+      "users' creations (EACCES), as it could not make them theirs.\n"
+      "-o takes mount options separated by commas, as mount(8) does, and may be given more than once.\n"
       "A view left on the mount point by a killed process (ENOTCONN) is detached first and replaced, so "
       "zephlore mount --over FOLDER is the one command that puts a stopped view back.\n"
       "Exit status: 0 mounted (or, with -f, cleanly unmounted), 1 when it cannot be mounted, 2 on usage errors.\n");
@@ -149,7 +155,11 @@ void addMountCommands(CLI::App& app, Env& env, int* exit_code) {
   mount->add_flag("-f,--foreground", options->foreground, "Stay in the foreground until unmounted");
   mount->add_option("--cache-size", options->cacheMiB, "MiB of inflated blocks kept for all open files (default 64)")
       ->check(CLI::Range(1, 65536));
-  mount->add_option("-o", options->fuseOptions, "Further FUSE mount options (allow_other, ...)");
+  // As mount(8) takes it: one list per -o, repeatable; the paths after it
+  // stay the command's.
+  mount->add_option("-o", options->fuseOptions, "Further FUSE mount options, separated by commas (ro, noatime, ...)")
+      ->allow_extra_args(false)
+      ->delimiter(',');
   mount->callback([&env, options, exit_code] { *exit_code = runMount(env, *options); });
 
   auto unmountOptions = std::make_shared<UnmountOptions>();
