@@ -137,7 +137,7 @@ class ForkedView {
   bool mounted_ = false;
 };
 
-TEST(PosixSuite, PjdfstestPassesOverAViewButForTheListedAssertions) {
+TEST(PosixSuiteHeavy, PjdfstestPassesOverAViewButForTheListedAssertions) {
   if (std::string(PJDFSTEST_MISSING) != "") GTEST_SKIP() << PJDFSTEST_MISSING;
   if (geteuid() != 0) GTEST_SKIP() << "pjdfstest runs as root (it acts as other users and mounts a view)";
   if (!fuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: a view cannot be mounted here";
