@@ -243,6 +243,10 @@ void KRPathAnalyzer::analyzePath() {
     watched_device_known_ = true;
   }
   if (env_.lstat(path_, &st) != 0) return;
+  // The walk names entries by the root and their names and never follows a
+  // link: beneath a root that is its own real path, every name it gives is
+  // one too, and need not be resolved file by file.
+  root_is_real_path_.store(env_.realPath(path_) == path_);
   // The walk visits a file argument itself; a folder is checked first.
   if (S_ISDIR(st.st_mode) && checkDirectory({path_, AT_FDCWD, path_.c_str(), &st, true}) != 0) return;
   Walk walk(*this);
@@ -330,7 +334,7 @@ bool KRPathAnalyzer::isHFSPlusVolume(dev_t device, const std::string& path) {
 }
 
 void KRPathAnalyzer::collect(const std::string& path) {
-  std::optional<std::string> resolved = env_.realPath(path);
+  std::optional<std::string> resolved = root_is_real_path_.load() ? std::optional<std::string>(path) : env_.realPath(path);
   if (!resolved) return;  // gone or unreachable: skipped
   files_found_.fetch_add(1);
   std::lock_guard lock(files_mutex_);

@@ -150,6 +150,7 @@ class KRPathAnalyzer : public std::enable_shared_from_this<KRPathAnalyzer> {
   std::atomic<uint64_t> files_examined_{0};
   std::atomic<uint64_t> files_found_{0};
   std::atomic<bool> volume_refused_{false};  // the walked folder's volume cannot hold the form
+  std::atomic<bool> root_is_real_path_{false};  // the walked root needs no resolving
 
   mutable std::mutex files_mutex_;
   std::vector<std::string> files_to_compress_;
