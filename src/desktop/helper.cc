@@ -65,9 +65,12 @@ void Helper::linkParts() {
 
   compressor_.setFolderWatchTest([this](const std::string& path) { return watcher_.isWatchingFolderForPath(path); });
   // Booked on the main loop without waiting for it: the batch goes on with
-  // its next file meanwhile.
+  // its next file meanwhile. The watcher names the file's folder from its
+  // list, where the history would resolve every folder's alias again.
   compressor_.setSavingsRecorder([this](uint64_t bytes, const std::string& path) {
-    loop_.post([this, bytes, path] { history_.addSavingsForPath(bytes, path); });
+    loop_.post([this, bytes, folder = watcher_.watchedPathForPath(path)] {
+      history_.addSavingsForFolder(bytes, folder);
+    });
   });
   // A file refused while being written is looked at again once it settled,
   // not at the next sweep.
