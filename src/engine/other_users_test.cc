@@ -26,6 +26,7 @@
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
 #include "testing/files.h"
+#include "testing/appending_writer.h"
 #include "testing/local_user.h"
 #include "testing/private_tmpfs.h"
 
@@ -37,7 +38,6 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using Rep = QVHFSCompressedFileRepresentation;
 
-constexpr const char* kAppended = "a line the other user's logger wrote\n";
 
 std::string outcome(bool ok, const Error& error) {
   return ok ? "done" : std::to_string(error.code) + " " + error.message;
@@ -76,52 +76,6 @@ struct stat statOf(const std::string& path) {
   lstat(path.c_str(), &st);
   return st;
 }
-
-// Another user's program holding a file open for appending (a logger): it
-// writes one line each time it is asked to, through the descriptor it opened
-// at the start.
-class AppendingWriter {
- public:
-  AppendingWriter(const LocalUser& user, const std::string& path) {
-    int ready[2], ask[2];
-    if (pipe(ready) != 0 || pipe(ask) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      close(ask[1]);
-      const int fd = user.become() ? open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC) : -1;
-      char c = fd >= 0 ? 'y' : 'n';
-      if (write(ready[1], &c, 1) != 1 || fd < 0) _exit(1);
-      while (read(ask[0], &c, 1) == 1) {
-        const ssize_t n = write(fd, kAppended, strlen(kAppended));
-        c = n == static_cast<ssize_t>(strlen(kAppended)) ? 'k' : 'e';
-        if (write(ready[1], &c, 1) != 1) _exit(1);
-      }
-      _exit(0);
-    }
-    close(ready[1]);
-    close(ask[0]);
-    answers_ = ready[0];
-    ask_ = ask[1];
-    char c = 0;
-    ready_ = read(answers_, &c, 1) == 1 && c == 'y';
-  }
-  ~AppendingWriter() {
-    close(ask_);
-    close(answers_);
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
-  }
-  bool ready() const { return ready_; }
-  bool append() {
-    char c = 'w';
-    return write(ask_, &c, 1) == 1 && read(answers_, &c, 1) == 1 && c == 'k';
-  }
-
- private:
-  pid_t pid_ = -1;
-  int ask_ = -1, answers_ = -1;
-  bool ready_ = false;
-};
 
 class OtherUsersTest : public ::testing::Test {
  protected:
