@@ -17,6 +17,7 @@
 #include "base/log.h"
 #include "platform/env.h"
 #include "platform/fuse_availability.h"
+#include "platform/program_lookup.h"
 #include "view/mount_table.h"
 #include "view/stored_files.h"
 #include "view/underlying_tree.h"
@@ -77,15 +78,7 @@ ViewMounter::ViewMounter(std::string command) : command_(std::move(command)) {}
 
 bool ViewMounter::fuseUsable() { return zephlore::fuseUsable(); }
 
-std::string ViewMounter::defaultCommand() {
-  std::vector<char> self(4096);
-  ssize_t n = readlink("/proc/self/exe", self.data(), self.size() - 1);
-  if (n > 0) {
-    std::string beside = parentDirectory(std::string(self.data(), static_cast<size_t>(n))) + "/zephlore";
-    if (access(beside.c_str(), X_OK) == 0) return beside;
-  }
-  return "zephlore";
-}
+std::string ViewMounter::defaultCommand(Env& env) { return findProgram(env, "zephlore").value_or("zephlore"); }
 
 bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   const std::string absolute = absolutePath(folder);

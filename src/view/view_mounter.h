@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore::view {
 
@@ -24,15 +25,16 @@ struct ServingView {
 
 class ViewMounter {
  public:
-  // `command` runs views: by default the zephlore command beside this
-  // program, else the one on PATH.
-  explicit ViewMounter(std::string command = defaultCommand());
+  // `command` runs views (see defaultCommand).
+  explicit ViewMounter(std::string command);
   virtual ~ViewMounter() = default;
 
   // Whether this process can mount views: /dev/fuse is there and usable,
   // and fusermount3 is on PATH (or this process is root).
   static bool fuseUsable();
-  static std::string defaultCommand();
+  // The zephlore command that serves a view: the one beside this program,
+  // else the first on PATH.
+  static std::string defaultCommand(Env& env);
 
   // Mounts a view over `folder` unless a live one is mounted there. A view
   // left dead by a killed process is detached first (lazily, as files may

@@ -20,9 +20,9 @@ namespace {
 constexpr uint64_t kDecmpfsBytes = 16;
 
 // A file removed while it waited for its turn is not a failure.
-FileResult failedOrVanished(const FilePipeline::Job& job, const Error& error) {
+FileResult failedOrVanished(Env& env, const FilePipeline::Job& job, const Error& error) {
   struct stat st;
-  if (lstat(job.path.c_str(), &st) != 0 && errno == ENOENT) {
+  if (env.lstat(job.path, &st) != 0 && errno == ENOENT) {
     return skipped(job.path, SkipReason::kVanished, job.size, job.named);
   }
   return failed(job.path, error, job.size, job.named);
@@ -43,7 +43,7 @@ FileResult compressionFailed(Env& env, const FilePipeline::Job& job, const Error
   if (error.domain == kHFSErrorDomain && error.code == kHFSErrorAlreadyCompressed) {
     return skipped(job.path, SkipReason::kAlreadyCompressed, job.size, job.named);
   }
-  return failedOrVanished(job, error);
+  return failedOrVanished(env, job, error);
 }
 
 // The command's result for the engine's verdict: none for a candidate.
@@ -175,7 +175,7 @@ class DecompressAction : public FileAction {
     options.workers = workers;
     options.record = safety_ ? safety_->record() : nullptr;
     if (!QVHFSUncompressor::expandInPlacePath(env_, job.path, &error, &compressed, &uncompressed, false, options)) {
-      return failedOrVanished(job, error);
+      return failedOrVanished(env_, job, error);
     }
     FileResult r;
     r.path = job.path;

@@ -2,15 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <random>
 
-#include "base/write_all.h"
 #include "platform/config_file.h"
 
 namespace zephlore {
@@ -70,36 +70,49 @@ bool writeFileAtomically(Env& env, const std::string& given, const std::string& 
     return false;
   }
   const std::string& path = *target;
-  // The temporary file lives beside the target so that rename() stays on one
-  // file system and is atomic.
+  // The temporary file lives beside the target so that the rename stays on
+  // one file system and is atomic.
   const std::string folder = folderOf(path);
-  size_t slash = path.rfind('/');
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string tmp = folder + "/." + base + ".XXXXXX";
-  int fd = mkostemp(tmp.data(), O_CLOEXEC);
+  const size_t slash = path.rfind('/');
+  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::string tmp;
+  int fd = -1;
+  std::random_device random;
+  for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+    char suffix[16];
+    std::snprintf(suffix, sizeof suffix, "%08x", static_cast<unsigned>(random()));
+    tmp = folder + "/." + base + "." + suffix;
+    fd = env.open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0 && errno != EEXIST) break;
+  }
   if (fd < 0) {
     if (problem) *problem = "cannot create a temporary file in " + folder + ": " + errnoText(errno);
     return false;
   }
   auto give_up = [&](const std::string& what) {
     int err = errno;
-    close(fd);
-    unlink(tmp.c_str());
+    env.close(fd);
+    env.unlink(tmp);
     if (problem) *problem = what + ": " + errnoText(err);
     return false;
   };
-  if (fchmod(fd, mode) != 0) return give_up("cannot set the mode of " + tmp);
-  if (!writeAll(fd, bytes.data(), bytes.size())) return give_up("cannot write " + tmp);
-  if (fsync(fd) != 0) return give_up("cannot flush " + tmp);
-  if (close(fd) != 0) {
+  if (env.fchmod(fd, mode) != 0) return give_up("cannot set the mode of " + tmp);
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t n = env.pwrite(fd, bytes.data() + done, bytes.size() - done, done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return give_up("cannot write " + tmp);
+    done += static_cast<size_t>(n);
+  }
+  if (env.fsync(fd) != 0) return give_up("cannot flush " + tmp);
+  if (env.close(fd) != 0) {
     int err = errno;
-    unlink(tmp.c_str());
+    env.unlink(tmp);
     if (problem) *problem = "cannot close " + tmp + ": " + errnoText(err);
     return false;
   }
-  if (rename(tmp.c_str(), path.c_str()) != 0) {
+  if (env.rename(tmp, path) != 0) {
     int err = errno;
-    unlink(tmp.c_str());
+    env.unlink(tmp);
     if (problem) *problem = "cannot rename " + tmp + " to " + path + ": " + errnoText(err);
     return false;
   }
