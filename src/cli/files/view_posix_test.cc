@@ -33,6 +33,18 @@ struct ViewUnmounter {
   ~ViewUnmounter() { runZephlore({"unmount", "--force", "-z", mountPoint}); }
 };
 
+// A tmpfs of the test's own holding "source/a" ("text") and an empty
+// "view" folder to mount it on.
+struct OneFileTree {
+  testkit::PrivateTmpfs tmpfs;
+  const std::string source = tmpfs / "source", shown = tmpfs / "view";
+  bool made() {
+    if (mkdir(source.c_str(), 0755) != 0 || mkdir(shown.c_str(), 0755) != 0) return false;
+    testkit::writeFile(source + "/a", "text");
+    return true;
+  }
+};
+
 std::string mountOptionsOf(const std::string& mountPoint) {
   std::istringstream table(testkit::readFile("/proc/self/mounts"));
   for (std::string line; std::getline(table, line);) {
@@ -43,12 +55,10 @@ std::string mountOptionsOf(const std::string& mountPoint) {
 
 TEST(ViewMountOptions, EachDashOTakesOneCommaSeparatedListAndThePathsStayTheCommands) {
   if (!viewFuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: FUSE views cannot be tested here";
-  testkit::PrivateTmpfs tmpfs;
-  if (!tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
-  const std::string source = tmpfs / "source", shown = tmpfs / "view";
-  ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir(shown.c_str(), 0755), 0);
-  testkit::writeFile(source + "/a", "text");
+  OneFileTree tree;
+  if (!tree.tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
+  ASSERT_TRUE(tree.made());
+  const std::string &source = tree.source, &shown = tree.shown;
   ViewUnmounter unmounter{shown};
   auto r = runZephlore({"mount", "-o", "ro,noatime", "-o", "nosuid", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -189,12 +199,10 @@ TEST(ViewOtherUsers, AUsersViewClosedToOthersIsNamedWithTheLineThatOpensIt) {
 // once through the others, as beneath.
 TEST(ViewHardLinks, AChangeThroughOneNameShowsAtOnceThroughTheOthers) {
   if (!viewFuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: FUSE views cannot be tested here";
-  testkit::PrivateTmpfs tmpfs;
-  if (!tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
-  const std::string source = tmpfs / "source", shown = tmpfs / "view";
-  ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir(shown.c_str(), 0755), 0);
-  testkit::writeFile(source + "/a", "text");
+  OneFileTree tree;
+  if (!tree.tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
+  ASSERT_TRUE(tree.made());
+  const std::string &source = tree.source, &shown = tree.shown;
   ViewUnmounter unmounter{shown};
   auto r = runZephlore({"mount", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
