@@ -34,15 +34,20 @@ struct ViewUnmounter {
 };
 
 // A tmpfs of the test's own holding "source/a" ("text") and an empty
-// "view" folder to mount it on.
-struct OneFileTree {
+// "view" folder to mount it on; the view goes however the test ends.
+class OneFileView : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!viewFuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: FUSE views cannot be tested here";
+    if (!tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
+    ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(shown.c_str(), 0755), 0);
+    testkit::writeFile(source + "/a", "text");
+  }
+
   testkit::PrivateTmpfs tmpfs;
   const std::string source = tmpfs / "source", shown = tmpfs / "view";
-  bool made() {
-    if (mkdir(source.c_str(), 0755) != 0 || mkdir(shown.c_str(), 0755) != 0) return false;
-    testkit::writeFile(source + "/a", "text");
-    return true;
-  }
+  ViewUnmounter unmounter{shown};
 };
 
 std::string mountOptionsOf(const std::string& mountPoint) {
@@ -53,13 +58,7 @@ std::string mountOptionsOf(const std::string& mountPoint) {
   return "";
 }
 
-TEST(ViewMountOptions, EachDashOTakesOneCommaSeparatedListAndThePathsStayTheCommands) {
-  if (!viewFuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: FUSE views cannot be tested here";
-  OneFileTree tree;
-  if (!tree.tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
-  ASSERT_TRUE(tree.made());
-  const std::string &source = tree.source, &shown = tree.shown;
-  ViewUnmounter unmounter{shown};
+TEST_F(OneFileView, EachDashOTakesOneCommaSeparatedListAndThePathsStayTheCommands) {
   auto r = runZephlore({"mount", "-o", "ro,noatime", "-o", "nosuid", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
   const std::string options = mountOptionsOf(shown);
@@ -197,13 +196,7 @@ TEST(ViewOtherUsers, AUsersViewClosedToOthersIsNamedWithTheLineThatOpensIt) {
 // Each name of a file of several links is a file of its own to the kernel,
 // which keeps attributes for a moment: a change through one name shows at
 // once through the others, as beneath.
-TEST(ViewHardLinks, AChangeThroughOneNameShowsAtOnceThroughTheOthers) {
-  if (!viewFuseUsable()) GTEST_SKIP() << "/dev/fuse is missing or not usable: FUSE views cannot be tested here";
-  OneFileTree tree;
-  if (!tree.tmpfs.mounted()) GTEST_SKIP() << "needs root to mount a tmpfs of the test's own";
-  ASSERT_TRUE(tree.made());
-  const std::string &source = tree.source, &shown = tree.shown;
-  ViewUnmounter unmounter{shown};
+TEST_F(OneFileView, AChangeThroughOneHardLinkShowsAtOnceThroughTheOthers) {
   auto r = runZephlore({"mount", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
   const std::string a = shown + "/a", b = shown + "/b", c = shown + "/c";
