@@ -73,6 +73,12 @@ PaneFiles PaneFiles::standard() {
   return {KRHelperUtil::databasePath(), KRUtil::pathToExclusionPathsFile(), KRUtil::pathToExclusionExtensionsFile()};
 }
 
+PaneParts PaneParts::standard(Env& env, Clock& clock) {
+  return {env, clock, DistributedNotificationCenter::defaultCenter(),
+          []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
+          PaneFiles::standard()};
+}
+
 HelperPane::HelperPane(PaneParts parts, PaneListener* listener, Deliver deliver)
     : env_(parts.env),
       clock_(parts.clock),

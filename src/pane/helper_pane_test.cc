@@ -5,7 +5,11 @@
 #include "pane/helper_pane.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +21,7 @@
 
 #include "desktop/helper_status_service.h"
 #include "helper/history/history_store.h"
+#include "helper/history/history_test_support.h"
 #include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
@@ -429,6 +434,57 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
   EXPECT_EQ(samples[0].totalSaved, 1024u);
   EXPECT_EQ(samples[1].unixTime, 1'800'000'600);
   EXPECT_EQ(samples[1].totalSaved, 2024u);
+}
+
+// Blocks until `pid` has ended, at most `ms` (an event wait, not a sleep).
+bool waitForExit(pid_t pid, int ms) {
+  int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (fd < 0) return true;  // already gone
+  struct pollfd wait = {fd, POLLIN, 0};
+  bool ended = poll(&wait, 1, ms) == 1;
+  close(fd);
+  return ended;
+}
+
+TEST_F(HelperPaneTest, TheRealHelperIsStartedTakesAFolderAndQuits) {
+  using Kind = HelperState::Kind;
+  Mailbox mailbox;
+  RecordingListener listener;
+  HelperPane pane(parts(), &listener, mailbox.deliver());
+  // Mounts no views: they would outlive the helper.
+  ASSERT_EQ(pane.setTransparentView(false), "");
+  ASSERT_EQ(pane.startHelper(), "");
+  const pid_t pid = static_cast<pid_t>(helperProcessId(center.connection(), 5000));
+  ASSERT_NE(pid, 0);
+  struct Stop {
+    pid_t pid;
+    ~Stop() {
+      if (!waitForExit(pid, 0)) {
+        kill(pid, SIGTERM);
+        waitForExit(pid, 10'000);
+      }
+    }
+  } stop{pid};
+  EXPECT_NE(pane.helperState().kind, Kind::kNotRunning);
+
+  testkit::ShmFolder shm;
+  const std::string folder = shm.make("Videos");
+  ASSERT_EQ(pane.addFolder(folder), "");
+  // The helper saves the change and says so; the window reads it again.
+  std::optional<std::vector<PaneFolder>> seen;
+  ASSERT_TRUE(mailbox.runUntil([&] {
+    if (!listener.heard("folders")) return false;
+    listener.calls.clear();
+    seen = pane.readFolders(nullptr);
+    return seen && seen->size() == 1 && (*seen)[0].enabled;
+  }));
+  EXPECT_EQ((*seen)[0].path, folder);
+
+  listener.calls.clear();
+  ASSERT_EQ(pane.quit(), "");
+  ASSERT_TRUE(mailbox.runUntil([&] { return listener.heard("state") && !center.nameHasOwner(kHelperBusName); }));
+  EXPECT_EQ(pane.helperState().kind, Kind::kNotRunning);
+  EXPECT_TRUE(waitForExit(pid, 10'000));
 }
 
 }  // namespace

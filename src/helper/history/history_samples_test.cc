@@ -104,5 +104,24 @@ TEST_F(HistorySamplesTest, SavesThatChangeTheTotalWriteAtMostOneSampleAMinute) {
             (std::vector<std::pair<int64_t, uint64_t>>{{1000, 150}, {1100, 70}, {1300, 1050}}));
 }
 
+TEST_F(HistorySamplesTest, SamplesOlderThanAMonthAreThinnedToOneADay) {
+  std::unique_ptr<HistoryStore> store = open();
+  ASSERT_TRUE(store);
+  HistoryContext context(*store);
+  HistoryContext::Object* a = context.insertNewObject();
+  a->setFolder("/a");
+  const int64_t day = 86400, start = 20'000 * day;
+  // Three samples on each of two days.
+  for (int64_t i = 0; i < 6; ++i) {
+    a->setSavings(static_cast<uint64_t>(i + 1));
+    ASSERT_TRUE(context.save(nullptr, at(start + (i / 3) * day + (i % 3) * 120)));
+  }
+  EXPECT_EQ(samplesIn(path_).size(), 6u);
+  a->setSavings(100);
+  ASSERT_TRUE(context.save(nullptr, at(start + 40 * day)));
+  EXPECT_EQ(samplesIn(path_), (std::vector<std::pair<int64_t, uint64_t>>{
+                                  {start + 240, 3}, {start + day + 240, 6}, {start + 40 * day, 100}}));
+}
+
 }  // namespace
 }  // namespace zephlore
