@@ -547,21 +547,16 @@ Outcome HelperPane::startHelper() {
   return contact_.ensureHelperRunning(&problem) ? "" : problem;
 }
 
-Outcome HelperPane::pause() {
+Outcome HelperPane::pauseOutcome(bool pause) {
   bool absent = false, silent = false;
   std::string problem;
-  if (pauseOrResume(true, &absent, &silent, &problem)) return "";
+  if (pauseOrResume(pause, &absent, &silent, &problem)) return "";
   if (silent) return "zephlore-helper runs but did not answer.";
   return absent ? "zephlore-helper is not running." : "zephlore-helper did not answer: " + problem;
 }
 
-Outcome HelperPane::resume() {
-  bool absent = false, silent = false;
-  std::string problem;
-  if (pauseOrResume(false, &absent, &silent, &problem)) return "";
-  if (silent) return "zephlore-helper runs but did not answer.";
-  return absent ? "zephlore-helper is not running." : "zephlore-helper did not answer: " + problem;
-}
+Outcome HelperPane::pause() { return pauseOutcome(true); }
+Outcome HelperPane::resume() { return pauseOutcome(false); }
 
 Outcome HelperPane::quit() {
   Told told = quitHelper();

@@ -160,6 +160,7 @@ class HelperPane final : public PaneModel {
   Outcome folderOutcome(bool adding, const std::string& path);
   Outcome switchOutcome(PaneSwitch which, bool on);
   Outcome listOutcome(ExclusionList which, bool adding, const std::string& entry);
+  Outcome pauseOutcome(bool pause);
 
   Env& env_;
   Clock& clock_;
