@@ -268,6 +268,13 @@ HelperState HelperPane::helperState() {
     state.kind = Kind::kIdle;
     state.words = "Idle";
   }
+  // A folder whose view is down is not compressed in (its files would read empty).
+  size_t withoutView = 0;
+  for (const std::string& line : live.views) withoutView += line.starts_with("not compressing in ") ? 1 : 0;
+  if (withoutView > 0 && state.kind != Kind::kPaused && state.kind != Kind::kInactive) {
+    state.words += withoutView == 1 ? "; one folder waits for its view" : "; " + std::to_string(withoutView) +
+                                                                             " folders wait for their views";
+  }
   return state;
 }
 

@@ -344,6 +344,8 @@ TEST_F(HelperPaneTest, HelperStateFollowsTheStatusObjectAndPauseCallsIt) {
   EXPECT_EQ(working.queuedFiles, 7u);
   EXPECT_EQ(working.totalSavings, 4096u);
   EXPECT_EQ(working.views, "/home/u: full content through its view\n");
+  service->setViews("not compressing in /home/u: its view is not up\n");
+  EXPECT_EQ(pane.helperState().words, "Compressing big.log; one folder waits for its view");
 
   std::promise<void> paused;
   service->setPauseHandler([&] {
@@ -417,6 +419,10 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
     music->setSavings(2000);
     ASSERT_TRUE(context.save(&error, WallTime(std::chrono::seconds(1'800'000'600))));
   }
+  // The running helper's words for each folder's view.
+  runHelper();
+  service->setViews(watched + ": full content through its view\nnot compressing in " + home.root() +
+                    "/Gone: its view is not up\n");
   HelperPane pane(parts());
   std::string problem;
   std::vector<PaneFolder> folders = pane.folders(&problem);
@@ -427,6 +433,8 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
   EXPECT_TRUE(folders[0].sweep.starts_with("40% done, last sweep never")) << folders[0].sweep;
   EXPECT_FALSE(folders[1].enabled || folders[1].exists);
   EXPECT_EQ(folders[1].sweep, "");
+  EXPECT_EQ(folders[0].view, "full content through its view");
+  EXPECT_EQ(folders[1].view, "not compressing: its view is not up");
   EXPECT_EQ(pane.totalSaved(), 2024u);
   std::vector<SavingsSample> samples = pane.savingsOverTime();
   ASSERT_EQ(samples.size(), 2u);
