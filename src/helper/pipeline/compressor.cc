@@ -116,6 +116,11 @@ void KRCompressor::setRetryHandler(RetryHandler handler) {
   retryHandler_ = std::move(handler);
 }
 
+void KRCompressor::setLoadWaitHandler(LoadWaitHandler handler) {
+  std::lock_guard lock(hooksLock_);
+  loadWaitHandler_ = std::move(handler);
+}
+
 double KRCompressor::busyRetryDelay(int refusals) {
   double delay = kBusyRetryDelay;
   for (int i = 1; i < refusals && delay < kMaxBusyRetryDelay; ++i) delay *= 2;
@@ -236,13 +241,22 @@ void KRCompressor::compressionTick() {
 
 bool KRCompressor::waitForQuietSystem() {
   Clock& clock = mainLoop_.clock();
+  const auto waiting = [this](bool now) {
+    if (waitingForLoad_.exchange(now) == now) return;
+    std::lock_guard hooks(hooksLock_);
+    if (loadWaitHandler_) loadWaitHandler_(now);
+  };
   for (;;) {
     if (!load_ || !(load_->currentCPULoad() > kMaxCPULoad || load_->currentDiskLoad() > kMaxDiskLoad)) {
+      waiting(false);
       return !paused_;
     }
+    waiting(true);
     std::unique_lock lock(loadWaitLock_);
     if (clock.waitUntil(lock, loadWaitCv_, clock.now() + seconds(kLoadRetestInterval),
                         [this] { return paused_.load(); })) {
+      lock.unlock();
+      waiting(false);
       return false;
     }
   }

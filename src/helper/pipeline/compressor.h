@@ -73,6 +73,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   using SavingsRecorder = std::function<void(uint64_t savedBytes, const std::string& path)>;
   // Hands a file back for analysis (main thread).
   using RetryHandler = std::function<void(const std::string& path)>;
+  // Told when compression starts or stops waiting for other programs' load
+  // to fall (compression thread).
+  using LoadWaitHandler = std::function<void(bool waiting)>;
 
   using Parts = KRCompressorParts;
 
@@ -94,6 +97,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   // Where a file refused because it was being written goes once it settled;
   // without a handler it comes back into this queue.
   void setRetryHandler(RetryHandler handler);
+  void setLoadWaitHandler(LoadWaitHandler handler);
 
   // Queues the paths not already in process and in a watched folder; returns
   // how many. Any thread.
@@ -118,6 +122,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   size_t queuedFileCount();
   // The file being compressed now, "" between files. Any thread.
   std::string fileInHand();
+  // Whether the next file waits for other programs' load to fall. Any thread.
+  bool waitingForLoad() const { return waitingForLoad_.load(); }
   size_t filesBeingCompressedCount();
 
   // The engine's delegate: the swap of one file.
@@ -166,6 +172,8 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
   std::mutex filesBeingCompressedLock_;
   std::unordered_set<std::string> filesBeingCompressed_;
   std::atomic<bool> paused_{false};
+  std::atomic<bool> waitingForLoad_{false};
+  LoadWaitHandler loadWaitHandler_;
   std::mutex criticalSectionLock_;
   std::mutex fileInHandLock_;
   std::string fileInHand_;

@@ -158,6 +158,12 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
 }
 
 TEST_F(CompressorTest, BusyProcessorIsRetestedEvery2SecondsAndExactly070Passes) {
+  std::mutex waitsLock;
+  std::vector<bool> waits;  // what the status is told
+  compressor.setLoadWaitHandler([&](bool waiting) {
+    std::lock_guard lock(waitsLock);
+    waits.push_back(waiting);
+  });
   load.setCPULoad(0.71f);
   std::vector<std::string> files = makeFiles(1);
   compressor.addFiles(files);
@@ -165,6 +171,7 @@ TEST_F(CompressorTest, BusyProcessorIsRetestedEvery2SecondsAndExactly070Passes) 
   advance(5.0);
   load.waitForReads(1);
   clock->waitForSleepers(1);
+  EXPECT_TRUE(compressor.waitingForLoad());
   advance(1.5);
   advance(0.5);
   load.waitForReads(2);
@@ -177,6 +184,9 @@ TEST_F(CompressorTest, BusyProcessorIsRetestedEvery2SecondsAndExactly070Passes) 
   EXPECT_EQ(reads[1] - reads[0], seconds(2.0));
   EXPECT_EQ(reads[2] - reads[1], seconds(2.0));
   EXPECT_EQ(recorder.named(kFileCompressedNotification)[0].errorCode, 0);
+  EXPECT_FALSE(compressor.waitingForLoad());
+  std::lock_guard lock(waitsLock);
+  EXPECT_EQ(waits, (std::vector<bool>{true, false})) << "told once when the wait began and once when it ended";
 }
 
 TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithThem) {
