@@ -6,12 +6,15 @@
 set(layers base protocol platform engine view
     helper helper/bus helper/settings helper/notices helper/lifecycle helper/history helper/pipeline helper/watching
     desktop cli/files cli/control cli)
+# The preference window sits at the top beside the command: it uses the pane
+# model and what lies below, never the command.
+list(APPEND layers preferences)
 # Siblings in that order that must not use each other either (a layer stands
 # for its subfolders too): the view and the helper both build on the engine;
 # the command's file tools need neither the helper nor the desktop (its
 # control surface, above them, may use them: what stops a dead view's
 # advice is the same for add as for compress).
-set(apart "view|helper" "cli/files|helper" "cli/files|desktop")
+set(apart "view|helper" "cli/files|helper" "cli/files|desktop" "cli|preferences")
 
 # Whether `layer` is `top` or one of its subfolders.
 function(within layer top out)
