@@ -460,8 +460,14 @@ def find_application(name, timeout=60):
         raise WaitTimeout("%s; applications there: %s" % (error, names)) from None
 
 
+def name_matches(actual, wanted):
+    """GTK 4.8 joins a control's accessible name with the text of the label
+    it holds ("Add folder Add Folder…"); either form matches."""
+    return actual == wanted or actual.startswith(wanted + " ")
+
+
 def _matches(node, name, role, showing):
-    if name is not None and node.name != name:
+    if name is not None and not name_matches(node.name, name):
         return False
     if role is not None and node.roleName != role:
         return False
