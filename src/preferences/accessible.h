@@ -8,6 +8,7 @@
 
 namespace zephlore::preferences {
 
+// Replaces whatever names the control otherwise (its text, its row's title).
 void setAccessibleName(Gtk::Widget& widget, const std::string& name);
 void setAccessibleName(GtkWidget* widget, const std::string& name);
 void setAccessibleDescription(GtkWidget* widget, const std::string& description);

@@ -49,7 +49,6 @@ FoldersPage::FoldersPage(pane::PaneModel& model, PageHost& host) : model_(model)
   totalRow_ = newRow(_("Saved in total"));
   total_ = Gtk::make_managed<Gtk::Label>();
   total_->add_css_class("numeric");
-  setAccessibleName(*total_, _("Total saved"));
   adw_action_row_add_suffix(ADW_ACTION_ROW(totalRow_), GTK_WIDGET(total_->gobj()));
   adw_preferences_group_add(ADW_PREFERENCES_GROUP(savings), totalRow_);
   chart_ = Gtk::make_managed<SavingsChart>();

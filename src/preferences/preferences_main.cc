@@ -7,10 +7,12 @@
 #include <clocale>
 #include <memory>
 
-#include "preferences/fake_pane_model_for_tests.h"
+#include "pane/helper_pane.h"
+#include "preferences/listener_relay.h"
 #include "preferences/preferences_window.h"
 
 int main(int argc, char** argv) {
+  using namespace zephlore;
   using namespace zephlore::preferences;
   setlocale(LC_ALL, "");
   bindtextdomain(GETTEXT_PACKAGE, ZEPHLORE_LOCALE_DIR);
@@ -19,19 +21,27 @@ int main(int argc, char** argv) {
 
   auto app = Gtk::Application::create(kApplicationId);
   // Declared before the window: the window uses the model to its end.
-  std::unique_ptr<FakePaneModel> model;
+  ListenerRelay relay;
+  std::unique_ptr<pane::HelperPane> model;
   std::unique_ptr<PreferencesWindow> window;
   // libadwaita's styles, and its style manager following the desktop's
   // dark or light preference.
   app->signal_startup().connect([] { adw_init(); });
   app->signal_activate().connect([&] {
     if (!window) {
-      model = std::make_unique<FakePaneModel>(mainLoopDeliver());
+      // The one place the window takes the process's Env and shared parts.
+      model = std::make_unique<pane::HelperPane>(
+          pane::PaneParts{Env::shared(), Clock::shared(), DistributedNotificationCenter::defaultCenter(),
+                          []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
+                          pane::PaneFiles::standard()},
+          &relay, mainLoopDeliver());
       window = std::make_unique<PreferencesWindow>(*model);
-      model->setListener(window.get());
+      relay.setTarget(window.get());
       app->add_window(*window);
     }
     window->present();
   });
-  return app->run(argc, argv);
+  const int status = app->run(argc, argv);
+  relay.setTarget(nullptr);
+  return status;
 }

@@ -28,16 +28,16 @@ GtkWidget* newRow(const std::string& title, const std::string& subtitle) {
 void setRowText(GtkWidget* row, const std::string& title, const std::string& subtitle) {
   adw_preferences_row_set_title(ADW_PREFERENCES_ROW(row), title.c_str());
   adw_action_row_set_subtitle(ADW_ACTION_ROW(row), subtitle.c_str());
-  setAccessibleName(row, title);
+  // Named by its title already; the subtitle says the rest.
   setAccessibleDescription(row, subtitle);
 }
 
 Gtk::Switch* addSwitch(GtkWidget* row, const std::string& name) {
   auto* control = Gtk::make_managed<Gtk::Switch>();
   control->set_valign(Gtk::Align::CENTER);
-  setAccessibleName(*control, name);
   adw_action_row_add_suffix(ADW_ACTION_ROW(row), GTK_WIDGET(control->gobj()));
   adw_action_row_set_activatable_widget(ADW_ACTION_ROW(row), GTK_WIDGET(control->gobj()));
+  setAccessibleName(*control, name);
   return control;
 }
 

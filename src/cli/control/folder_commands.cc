@@ -11,114 +11,46 @@
 #include <string>
 #include <vector>
 
-#include "base/run_loop.h"
 #include "base/util.h"
+#include "cli/control/command_pane.h"
 #include "cli/control/commands.h"
-#include "cli/control/helper_contact.h"
 #include "cli/control/volume_advice.h"
 #include "cli/files/beneath_views.h"
-#include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_database.h"
 #include "helper/history/history_store.h"
-#include "platform/normal_path.h"
-#include "protocol/notification_names.h"
+#include "pane/volume_hold.h"
 
 namespace zephlore::cli {
 namespace {
-
-constexpr size_t kMaxFolderPathBytes = 1024;
-// The helper saves 0.2 s after a change; a busy one gets some more.
-constexpr double kSaveWaitSeconds = 3.0;
-
-// The canonical path of a folder argument; none with a message on stderr.
-std::optional<std::string> folderArgument(Env& env, const std::string& argument) {
-  std::optional<std::string> resolved = argument.empty() ? std::nullopt : env.realPath(argument);
-  if (!resolved) {
-    std::cerr << "zephlore: " << argument << ": no such folder\n";
-    return std::nullopt;
-  }
-  const std::string& path = *resolved;
-  struct stat st;
-  if (env.stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
-    std::cerr << "zephlore: " << argument << ": not a folder\n";
-    return std::nullopt;
-  }
-  if (path.size() > kMaxFolderPathBytes || path.find('\n') != std::string::npos) {
-    std::cerr << "zephlore: " << argument
-              << ": a watched folder's path must be at most 1024 bytes without line breaks\n";
-    return std::nullopt;
-  }
-  return path;
-}
-
-// A folder to stop watching. A watched one is matched by its recorded path,
-// whether or not that still exists (a deleted folder can be removed).
-std::optional<std::string> removalArgument(Env& env, const std::string& argument) {
-  if (argument.empty()) return folderArgument(env, argument);
-  const std::string path = resolvedUserPath(env, argument);
-  std::vector<HistoryRecord> records;
-  HistoryStore::readRecords(env, KRHelperUtil::databasePath(), &records, nullptr);
-  if (std::any_of(records.begin(), records.end(),
-                  [&](const HistoryRecord& record) { return record.enabled && record.folder == path; })) {
-    return path;
-  }
-  struct stat st;
-  if (env.stat(path, &st) != 0) {
-    std::cerr << "zephlore: " << argument << ": not a watched folder\n";
-    return std::nullopt;
-  }
-  return folderArgument(env, argument);
-}
 
 void changeFolders(Env& env, int* exit_code, bool adding, const std::vector<std::string>& arguments) {
   if (reportDeadViews(arguments, adding ? "add" : "remove")) {
     *exit_code = 1;
     return;
   }
+  std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env);
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
-    std::optional<std::string> folder = adding ? folderArgument(env, argument) : removalArgument(env, argument);
+    std::string problem;
+    std::optional<std::string> folder =
+        adding ? pane->folderToAdd(argument, &problem) : pane->folderToRemove(argument, &problem);
     if (!folder) {
+      std::cerr << "zephlore: " << problem << "\n";
       *exit_code = 1;
       return;
     }
     folders.push_back(*folder);
   }
-  std::string problem;
-  if (!ensureHelperRunning(&problem)) {
-    std::cerr << "zephlore: " << problem << "; nothing was " << (adding ? "added" : "removed")
-              << "\n";
+  // Waits until the history shows the change, so that `zephlore folders`
+  // right afterwards shows it too.
+  pane::FolderChange change = pane->changeFolders(adding, folders, true);
+  if (!change.helperRuns) {
+    std::cerr << "zephlore: " << change.problem << "; nothing was " << (adding ? "added" : "removed") << "\n";
     *exit_code = 1;
     return;
   }
-  // The helper saves a moment after the change and then says so. Each such
-  // notice, the history is read again until it shows the change (a save the
-  // helper made for another reason may come first), so that `zephlore
-  // folders` right afterwards shows it too.
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
-  RunLoop loop;
-  std::vector<std::string> pending = folders;
-  auto recorded = [&] {
-    std::vector<HistoryRecord> records;
-    HistoryStore::readRecords(env, KRHelperUtil::databasePath(), &records, nullptr);
-    std::erase_if(pending, [&](const std::string& folder) {
-      return std::any_of(records.begin(), records.end(), [&](const HistoryRecord& record) {
-        return record.folder == folder && record.enabled == adding;
-      });
-    });
-  };
-  auto observer = center.addObserver(
-      kSavingsChangedNotification, [&](const Notification&) { recorded(); }, loop);
-  center.postNotificationName(kFoldersNotification,
-                              {{adding ? kFoldersToAddKey : kFoldersToRemoveKey, folders}}, false);
-  center.flush();
-  bool timedOut = false;
-  loop.performAfterDelay(seconds(kSaveWaitSeconds), [&] { timedOut = true; });
-  loop.runUntil([&] { return pending.empty() || timedOut; });
-  center.removeObserver(observer);
-  postVersionIfHelperRuns();
   for (const std::string& folder : folders) {
-    if (std::find(pending.begin(), pending.end(), folder) != pending.end()) {
+    if (std::find(change.unrecorded.begin(), change.unrecorded.end(), folder) != change.unrecorded.end()) {
       std::cout << folder << ": zephlore-helper has not recorded the change"
                 << (adding ? " (a folder inside a watched one is not added on its own)" : "")
                 << "\n";
@@ -158,7 +90,7 @@ void showFolders(Env& env, int* exit_code, bool json) {
       }
       list.push_back({{"path", record.folder},
                       {"watched", record.enabled},
-                      {"volumeCanHoldCompressedForm", !volumeCannotHoldReason(env, record.folder)},
+                      {"volumeCanHoldCompressedForm", !pane::volumeCannotHoldReason(env, record.folder)},
                       {"savings", record.savings},
                       {"savingsText", KRUtil::getPrettySize(record.savings)},
                       // A folder no longer watched has no sweep under way or of record.
@@ -186,7 +118,7 @@ void showFolders(Env& env, int* exit_code, bool json) {
       std::cout << ", sweep " << record.status << "% done, last sweep " << lastSweepText(record);
     }
     std::cout << "\n";
-    if (auto why = volumeCannotHoldReason(env, record.folder)) {
+    if (auto why = pane::volumeCannotHoldReason(env, record.folder)) {
       std::cout << "  its volume cannot hold compressed files: " << *why << "\n";
     }
   }

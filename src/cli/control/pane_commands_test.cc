@@ -6,12 +6,12 @@
 #include <future>
 #include <thread>
 
-#include "cli/control/autostart_entry.h"
-#include "cli/control/exclusion_lists.h"
 #include "desktop/helper_status_service.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "helper/settings/exclusions_processor.h"
 #include "helper/settings/plist_file.h"
+#include "pane/autostart_entry.h"
+#include "pane/exclusion_lists.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
 #include "testing/child.h"
@@ -193,9 +193,9 @@ TEST_F(PaneCommandsTest, LoginWritesAndRemovesTheAutostartEntry) {
   EXPECT_FALSE(std::filesystem::exists(entry));
   EXPECT_EQ(testkit::runZephlore({"login", "off"}).status, 0);  // nothing to remove is fine
 
-  EXPECT_EQ(cli::quoteForExec("/opt/zephlore/bin/zephlore-helper"),
+  EXPECT_EQ(pane::quoteForExec("/opt/zephlore/bin/zephlore-helper"),
             "/opt/zephlore/bin/zephlore-helper");
-  EXPECT_EQ(cli::quoteForExec("/home/a b/100%/x$"), "\"/home/a b/100%%/x\\\\$\"");
+  EXPECT_EQ(pane::quoteForExec("/home/a b/100%/x$"), "\"/home/a b/100%%/x\\\\$\"");
 }
 
 TEST(PaneCommandsWithoutBusTest, CommandsStillWriteTheirFilesAndSayNoHelperWasTold) {

@@ -9,107 +9,34 @@
 #include <string>
 
 #include "base/util.h"
+#include "cli/control/command_pane.h"
 #include "cli/control/commands.h"
-#include "cli/control/helper_contact.h"
-#include "cli/control/status_folders.h"
-#include "helper/bus/distributed_notification_center.h"
-#include "protocol/bus_names.h"
 #include "view/mount_table.h"
 
 namespace zephlore::cli {
 namespace {
 
-using namespace status_names;
-
 constexpr int kNotRunning = 3;   // as service managers report a stopped service
-constexpr gint kTimeoutMs = 10000;
 // status says what it knows at once rather than wait on a stopped or busy helper.
-constexpr gint kStatusTimeoutMs = 1500;
+constexpr int kStatusTimeoutMs = 1500;
 
-struct LiveStatus {
-  int32_t value = 0;
-  std::string text;
-  bool paused = false, active = false;
-  uint64_t savings = 0, queued = 0;
-  std::string file;
-  std::vector<std::string> views;  // one line per view over a folder
+using pane::LiveStatus;
+
+// The watched folders and their savings, as the helper's history has them.
+struct StatusFolder {
+  std::string path;
+  uint64_t savings = 0;
+  std::optional<std::string> cannotHold;
 };
 
-bool helperIsAbsent(const GError* error) {
-  return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER);
-}
-
-// A helper owns its bus name from its first moments, and publishes its
-// status object only once it has started its parts.
-bool objectNotYetPublished(const GError* error) {
-  return g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_INTERFACE) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD);
-}
-
-// Calls `method` on the helper. None when no helper runs (*absent set) or
-// the call failed (*problem set).
-GVariant* callHelper(const char* interface, const char* method, GVariant* parameters, const char* reply,
-                     bool* absent, std::string* problem, gint timeout_ms = kTimeoutMs, bool* timed_out = nullptr,
-                     bool* starting = nullptr) {
-  GDBusConnection* connection = DistributedNotificationCenter::defaultCenter().connection();
-  if (!connection) {
-    if (parameters) g_variant_unref(g_variant_ref_sink(parameters));
-    *absent = true;
-    return nullptr;
+std::optional<std::vector<StatusFolder>> watchedFoldersForStatus(pane::HelperPane& pane, std::string* problem) {
+  std::optional<std::vector<pane::PaneFolder>> all = pane.readFolders(problem, false);
+  if (!all) return std::nullopt;
+  std::vector<StatusFolder> folders;
+  for (const pane::PaneFolder& folder : *all) {
+    if (folder.enabled) folders.push_back({folder.path, folder.savedBytes, folder.cannotHold});
   }
-  GError* error = nullptr;
-  GVariant* result = g_dbus_connection_call_sync(connection, kHelperBusName, kObjectPath, interface, method,
-                                                 parameters, G_VARIANT_TYPE(reply), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                                 timeout_ms, nullptr, &error);
-  if (!result) {
-    *absent = helperIsAbsent(error);
-    if (timed_out) *timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
-    if (starting) *starting = objectNotYetPublished(error);
-    *problem = error->message;
-    g_error_free(error);
-  }
-  return result;
-}
-
-LiveStatus decode(GVariant* all) {
-  LiveStatus s;
-  GVariant* dict = g_variant_get_child_value(all, 0);
-  g_variant_lookup(dict, kStatusValue, "i", &s.value);
-  const gchar* text = nullptr;
-  if (g_variant_lookup(dict, kStatusText, "&s", &text)) s.text = text;
-  gboolean flag = FALSE;
-  if (g_variant_lookup(dict, kPaused, "b", &flag)) s.paused = flag;
-  if (g_variant_lookup(dict, kActive, "b", &flag)) s.active = flag;
-  guint64 number = 0;
-  if (g_variant_lookup(dict, kTotalSavings, "t", &number)) s.savings = number;
-  if (g_variant_lookup(dict, kQueuedFiles, "t", &number)) s.queued = number;
-  if (g_variant_lookup(dict, kFileInProcess, "&s", &text)) s.file = text;
-  if (g_variant_lookup(dict, kViews, "&s", &text)) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-      if (!line.empty()) s.views.push_back(line);
-    }
-  }
-  g_variant_unref(dict);
-  return s;
-}
-
-// The process that owns the helper's bus name, asked of the bus itself
-// (which answers even when the helper does not); 0 when unknown.
-uint32_t helperProcessId() {
-  GDBusConnection* connection = DistributedNotificationCenter::defaultCenter().connection();
-  if (!connection) return 0;
-  GVariant* reply = g_dbus_connection_call_sync(
-      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetConnectionUnixProcessID", g_variant_new("(s)", kHelperBusName), G_VARIANT_TYPE("(u)"),
-      G_DBUS_CALL_FLAGS_NONE, kStatusTimeoutMs, nullptr, nullptr);
-  if (!reply) return 0;
-  uint32_t pid = 0;
-  g_variant_get(reply, "(u)", &pid);
-  g_variant_unref(reply);
-  return pid;
+  return folders;
 }
 
 void printFolders(const std::optional<std::vector<StatusFolder>>& folders, const std::string& folders_problem);
@@ -205,38 +132,27 @@ void printSilentHelperJson(uint32_t pid, const std::optional<std::vector<StatusF
 }
 
 void showStatus(Env& env, int* exit_code, bool as_json) {
-  bool absent = false;
-  std::string problem;
-  bool timed_out = false;
-  std::optional<LiveStatus> live;
-  bool starting = false;
-  GVariant* all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface),
-                             "(a{sv})", &absent, &problem, kStatusTimeoutMs, &timed_out, &starting);
-  // A helper still starting up answers within moments: it is waited for.
-  if (!all && starting && waitUntilHelperListens() == HelperPresence::kListens) {
-    all = callHelper("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", kInterface), "(a{sv})",
-                     &absent, &problem, kStatusTimeoutMs, &timed_out);
-  }
-  if (all) {
-    live = decode(all);
-    g_variant_unref(all);
-  } else if (timed_out) {
+  std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env);
+  pane::StatusReading reading = pane->readStatus(kStatusTimeoutMs);
+  const std::optional<LiveStatus>& live = reading.live;
+  if (!live && reading.timedOut) {
     std::string folders_problem;
-    const auto folders = watchedFoldersForStatus(env, &folders_problem);
+    const auto folders = watchedFoldersForStatus(*pane, &folders_problem);
+    const uint32_t pid = pane::helperProcessId(pane->contact().center().connection(), kStatusTimeoutMs);
     if (as_json) {
-      printSilentHelperJson(helperProcessId(), folders);
+      printSilentHelperJson(pid, folders);
     } else {
-      printSilentHelper(helperProcessId(), folders, folders_problem);
+      printSilentHelper(pid, folders, folders_problem);
     }
     *exit_code = 1;
     return;
-  } else if (!absent) {
-    std::cerr << "zephlore: zephlore-helper runs, but its status cannot be read: " << problem << "\n";
+  } else if (!live && !reading.absent) {
+    std::cerr << "zephlore: zephlore-helper runs, but its status cannot be read: " << reading.problem << "\n";
     *exit_code = 1;
     return;
   }
   std::string folders_problem;
-  std::optional<std::vector<StatusFolder>> folders = watchedFoldersForStatus(env, &folders_problem);
+  std::optional<std::vector<StatusFolder>> folders = watchedFoldersForStatus(*pane, &folders_problem);
   if (as_json) {
     printJson(live, folders);
   } else {
@@ -245,19 +161,14 @@ void showStatus(Env& env, int* exit_code, bool as_json) {
   *exit_code = live ? 0 : kNotRunning;
 }
 
-void callPauseOrResume(int* exit_code, const char* method, const char* done) {
-  // A helper still starting up has no methods yet: it is waited for.
-  if (waitUntilHelperListens() == HelperPresence::kSilent) {
-    std::cerr << "zephlore: zephlore-helper owns its bus name but did not answer within "
-              << kHelperStartTimeoutSeconds << " s\n";
-    *exit_code = 1;
-    return;
-  }
-  bool absent = false;
+void callPauseOrResume(Env& env, int* exit_code, bool pause, const char* done) {
+  bool absent = false, silent = false;
   std::string problem;
-  GVariant* reply = callHelper(kInterface, method, nullptr, "()", &absent, &problem);
-  if (!reply) {
-    if (absent) {
+  if (!makeCommandPane(env)->pauseOrResume(pause, &absent, &silent, &problem)) {
+    if (silent) {
+      std::cerr << "zephlore: zephlore-helper owns its bus name but did not answer within "
+                << pane::kHelperStartTimeoutSeconds << " s\n";
+    } else if (absent) {
       std::cerr << "zephlore: zephlore-helper is not running.\n";
     } else {
       std::cerr << "zephlore: the helper did not answer: " << problem << "\n";
@@ -265,7 +176,6 @@ void callPauseOrResume(int* exit_code, const char* method, const char* done) {
     *exit_code = 1;
     return;
   }
-  g_variant_unref(reply);
   std::cout << done << "\n";
 }
 
@@ -280,9 +190,9 @@ void addStatusCommands(CLI::App& app, Env& env, int* exit_code) {
   status->add_flag("--json", *as_json, "One JSON object");
   status->callback([=, &env] { showStatus(env, exit_code, *as_json); });
   app.add_subcommand("pause", "Pause the running helper: it stops watching and compressing until resumed")
-      ->callback([=] { callPauseOrResume(exit_code, kPause, "zephlore-helper is paused."); });
+      ->callback([=, &env] { callPauseOrResume(env, exit_code, true, "zephlore-helper is paused."); });
   app.add_subcommand("resume", "Resume the paused helper")
-      ->callback([=] { callPauseOrResume(exit_code, kResume, "zephlore-helper resumes its work."); });
+      ->callback([=, &env] { callPauseOrResume(env, exit_code, false, "zephlore-helper resumes its work."); });
 }
 
 }  // namespace zephlore::cli

@@ -4,11 +4,13 @@
 
 #include <iostream>
 
-#include "platform/volume_capabilities.h"
+#include "pane/volume_hold.h"
 #include "platform/volume_description.h"
-#include "view/underlying_tree.h"
 
 namespace zephlore::cli {
+
+using pane::volumeCannotHoldReason;
+
 namespace {
 
 // The mount holding `folder`, as the mount table names it.
@@ -20,20 +22,6 @@ std::optional<MountEntry> mountOf(Env& env, const std::string& folder) {
 }
 
 }  // namespace
-
-std::optional<std::string> volumeCannotHoldReason(Env& env, const std::string& folder) {
-  const std::string beneath = view::pathBeneathViews(folder);
-  struct stat st;
-  if (env.stat(beneath, &st) != 0 || !S_ISDIR(st.st_mode)) return std::nullopt;
-  if (VolumeCapabilities::canHoldCompressedForm(env, beneath)) return std::nullopt;
-  std::optional<size_t> most = VolumeCapabilities::measuredPieceSize(env, beneath);
-  if (!most) return "no scratch file could be made there to measure what its attributes hold";
-  if (*most == 0) return "its file system takes no user attributes";
-  std::string why = "its file system accepts at most " + std::to_string(*most) + " bytes of attributes per file";
-  std::optional<MountEntry> mount = mountOf(env, folder);
-  if (mount && mount->fsType == "ext4") why += " (ext4 without ea_inode)";
-  return why;
-}
 
 std::vector<std::string> volumeFix(Env& env, const std::string& folder) {
   std::optional<MountEntry> mount = mountOf(env, folder);

@@ -10,12 +10,6 @@
 
 namespace zephlore::cli {
 
-// Why the volume of `folder` cannot hold the compressed form ("the file
-// system accepts at most 4016 bytes of attributes per file (ext4 without
-// ea_inode)"); none when it can, or when the folder cannot be examined.
-// A folder covered by a view is examined beneath it.
-std::optional<std::string> volumeCannotHoldReason(Env& env, const std::string& folder);
-
 // What would let the volume of `folder` hold the form, as lines for people.
 std::vector<std::string> volumeFix(Env& env, const std::string& folder);
 

@@ -422,7 +422,7 @@ void KRHistoryProcessor::refreshTotalSavings() {
 void KRHistoryProcessor::saveContext() {
   if (HistoryContext* ctx = context()) {
     Error error;
-    if (ctx->commitEditing() && !ctx->save(&error)) {
+    if (ctx->commitEditing() && !ctx->save(&error, loop_.clock().wallNow())) {
       KRLog("*** Error saving context, error: %s", error.describe().c_str());
     }
   }

@@ -134,6 +134,63 @@ bool HistoryStore::readRecords(Env& env, const std::string& path, std::vector<Hi
   return store.loadAll(records, error);
 }
 
+bool HistoryStore::readSamples(Env& env, const std::string& path, std::vector<HistorySample>* samples,
+                               Error* error) {
+  samples->clear();
+  struct stat st;
+  if (env.stat(path, &st) != 0) return true;
+  std::string problem;
+  if (!databaseFilesUsable(env, path, &problem)) return storeFail(error, problem);
+  SqliteConnection db;
+  if (!db.open(path, SQLITE_OPEN_READONLY, &problem)) return storeFail(error, "Cannot open " + path + ": " + problem);
+  std::optional<int64_t> version = db.queryInt("PRAGMA user_version;", &problem);
+  if (!version) return storeFail(error, "Cannot read " + path + ": " + problem);
+  // Before version 2 there were no samples; the helper adds the table when it opens the file.
+  if (*version < 2) return true;
+  SqliteStatement select(db, "SELECT time, totalSaved FROM Samples ORDER BY time;");
+  if (!select.ok()) return storeFail(error, "Cannot read " + path + ": " + select.problem());
+  while (select.step()) {
+    int64_t total = select.columnInt(1);
+    samples->push_back({fromUnixSeconds(select.columnDouble(0)), static_cast<uint64_t>(total < 0 ? 0 : total)});
+  }
+  if (!select.done()) return storeFail(error, "Cannot read " + path + ": " + select.problem());
+  return true;
+}
+
+bool HistoryStore::writeSample(WallTime at, std::string* problem) {
+  std::optional<int64_t> total = db_.queryInt("SELECT COALESCE(SUM(savings), 0) FROM History;", problem);
+  if (!total) return false;
+  SqliteStatement last(db_, "SELECT time, totalSaved FROM Samples ORDER BY time DESC LIMIT 1;");
+  if (!last.ok()) {
+    *problem = last.problem();
+    return false;
+  }
+  std::optional<double> lastTime;
+  if (last.step()) {
+    if (last.columnInt(1) == *total) return true;
+    lastTime = last.columnDouble(0);
+  } else if (!last.done()) {
+    *problem = last.problem();
+    return false;
+  } else if (*total == 0) {
+    return true;  // nothing saved yet, nothing to chart
+  }
+  const double now = toUnixSeconds(at);
+  // One row a minute: within it (or when the clock went back) the last row
+  // takes the new total, so the table grows with minutes, not with saves.
+  const bool sameRow = lastTime && now - *lastTime < HistoryModel::kSampleSpacingSeconds;
+  SqliteStatement statement(db_, sameRow ? "UPDATE Samples SET totalSaved = ?2 WHERE time = ?1;"
+                                         : "INSERT OR REPLACE INTO Samples (time, totalSaved) VALUES (?1, ?2);");
+  statement.bind(1, sameRow ? *lastTime : now);
+  statement.bind(2, *total);
+  statement.step();
+  if (!statement.done()) {
+    *problem = statement.problem();
+    return false;
+  }
+  return true;
+}
+
 bool HistoryStore::loadAll(std::vector<HistoryRecord>* records, Error* error) {
   SqliteStatement select(
       db_, "SELECT id, folder, folderAlias, enabled, savings, lastSweep, status FROM History "
@@ -156,7 +213,8 @@ bool HistoryStore::loadAll(std::vector<HistoryRecord>* records, Error* error) {
   return true;
 }
 
-bool HistoryStore::write(const std::vector<HistoryRecord*>& changed, Error* error) {
+bool HistoryStore::write(const std::vector<HistoryRecord*>& changed, Error* error,
+                         std::optional<WallTime> sampleAt) {
   if (changed.empty()) return true;
   std::string problem;
   if (!db_.exec("BEGIN IMMEDIATE;", &problem)) {
@@ -194,6 +252,7 @@ bool HistoryStore::write(const std::vector<HistoryRecord*>& changed, Error* erro
       inserted.emplace_back(record, sqlite3_last_insert_rowid(db_.get()));
     }
   }
+  if (ok && sampleAt) ok = writeSample(*sampleAt, &problem);
   if (!ok || !db_.exec("COMMIT;", &problem)) {
     db_.exec("ROLLBACK;", nullptr);
     return storeFail(error, "Cannot write " + path_ + ": " + problem);
@@ -289,12 +348,12 @@ bool HistoryContext::hasChanges() const {
   return false;
 }
 
-bool HistoryContext::save(Error* error) {
+bool HistoryContext::save(Error* error, std::optional<WallTime> sampleAt) {
   std::vector<HistoryRecord*> changed;
   for (auto& object : objects_) {
     if (object->changed_) changed.push_back(&object->record_);
   }
-  if (!store_.write(changed, error)) return false;
+  if (!store_.write(changed, error, sampleAt)) return false;
   for (auto& object : objects_) object->changed_ = false;
   return true;
 }

@@ -31,11 +31,19 @@ struct HistoryRecord {
   uint32_t status = 0;  // sweep progress in percent
 };
 
+// The total saved at a moment (a row of "Samples").
+struct HistorySample {
+  WallTime time;
+  uint64_t totalSaved = 0;
+};
+
 using FetchVariables = std::map<std::string, std::string>;
 
 class HistoryModel {
  public:
-  static constexpr int kVersion = 1;
+  static constexpr int kVersion = 2;
+  // Samples closer together than this share one row.
+  static constexpr double kSampleSpacingSeconds = 60.0;
   static constexpr const char* kResourceName = "HistoryModel.sql";
 
   // The model from its resource file; none when the file is missing.
@@ -66,11 +74,18 @@ class HistoryStore {
   static bool readRecords(Env& env, const std::string& path, std::vector<HistoryRecord>* records,
                           Error* error);
 
+  // The samples of the file at `path`, oldest first, read-only. A missing
+  // file, or one of version 1, has none.
+  static bool readSamples(Env& env, const std::string& path, std::vector<HistorySample>* samples, Error* error);
+
   const std::string& path() const { return path_; }
   bool loadAll(std::vector<HistoryRecord>* records, Error* error);
   // Writes `changed` (inserting those without an id) in one transaction;
-  // sets the new ids. Nothing is written on failure.
-  bool write(const std::vector<HistoryRecord*>& changed, Error* error);
+  // sets the new ids. With `sampleAt`, a sample of the new total is written
+  // in the same transaction when the total changed. Nothing is written on
+  // failure.
+  bool write(const std::vector<HistoryRecord*>& changed, Error* error,
+             std::optional<WallTime> sampleAt = std::nullopt);
   // Transactions committed so far (saves are counted, not guessed).
   uint64_t transactionCount() const { return transactions_; }
 
@@ -80,6 +95,8 @@ class HistoryStore {
   // would take the history with it at exit: what the open connection holds
   // is written anew at the path, and the store goes on there.
   void keepFileAtPath();
+  // Inside write()'s transaction.
+  bool writeSample(WallTime at, std::string* problem);
 
   Env& env_;
   std::string path_;
@@ -117,8 +134,9 @@ class HistoryContext {
   // Nothing is edited outside the context; kept for the save order callers use.
   bool commitEditing() { return true; }
   // Writes every change in one transaction. On failure the changes stay
-  // pending for the next save.
-  bool save(Error* error);
+  // pending for the next save. With `sampleAt` (the helper's clock), the new
+  // total is sampled when it changed.
+  bool save(Error* error, std::optional<WallTime> sampleAt = std::nullopt);
 
   Object* insertNewObject();
   // Every record, in insertion order.

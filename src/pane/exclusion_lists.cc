@@ -1,4 +1,4 @@
-#include "cli/control/exclusion_lists.h"
+#include "pane/exclusion_lists.h"
 
 #include <algorithm>
 
@@ -6,7 +6,7 @@
 #include "helper/settings/plist_file.h"
 #include "platform/normal_path.h"
 
-namespace zephlore::cli {
+namespace zephlore::pane {
 namespace {
 
 bool samePlace(Env& env, const std::string& a, const std::string& b) {
@@ -68,4 +68,4 @@ std::optional<bool> removeExtension(StringList& list, const std::string& entry) 
          }) > 0;
 }
 
-}  // namespace zephlore::cli
+}  // namespace zephlore::pane

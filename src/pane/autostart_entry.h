@@ -6,7 +6,7 @@
 
 #include "platform/env.h"
 
-namespace zephlore::cli {
+namespace zephlore::pane {
 
 std::string autostartEntryPath();
 bool autostartEntryInstalled(Env& env);
@@ -25,4 +25,4 @@ bool removeAutostartEntry(Env& env, std::string* problem);
 // `text` quoted for an Exec line when it needs quoting.
 std::string quoteForExec(const std::string& text);
 
-}  // namespace zephlore::cli
+}  // namespace zephlore::pane

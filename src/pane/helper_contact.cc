@@ -1,4 +1,4 @@
-#include "cli/control/helper_contact.h"
+#include "pane/helper_contact.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -8,13 +8,11 @@
 #include <cstdlib>
 #include <vector>
 
-#include "base/clock.h"
-#include "helper/bus/distributed_notification_center.h"
 #include "helper/lifecycle/updater.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
 
-namespace zephlore::cli {
+namespace zephlore::pane {
 namespace {
 
 constexpr const char* kHelperProgram = "zephlore-helper";
@@ -83,13 +81,13 @@ bool helperListens(GDBusConnection* connection) {
 
 }  // namespace
 
-bool ensureHelperRunning(std::string* problem) {
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+bool HelperContact::ensureHelperRunning(std::string* problem) {
+  DistributedNotificationCenter& center = center_;
   if (!center.isConnected()) {
     *problem = "no D-Bus session bus, so zephlore-helper cannot be reached";
     return false;
   }
-  Clock& clock = Clock::shared();
+  Clock& clock = clock_;
   if (center.nameHasOwner(kHelperBusName)) {
     // A helper still starting up: wait until it listens, as for one we start.
     waitUntilHelperListens();
@@ -116,9 +114,9 @@ bool ensureHelperRunning(std::string* problem) {
   return true;
 }
 
-HelperPresence waitUntilHelperListens() {
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
-  Clock& clock = Clock::shared();
+HelperPresence HelperContact::waitUntilHelperListens() {
+  DistributedNotificationCenter& center = center_;
+  Clock& clock = clock_;
   const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);
   for (;;) {
     if (!center.isConnected() || !center.nameHasOwner(kHelperBusName)) return HelperPresence::kNotRunning;
@@ -128,12 +126,12 @@ HelperPresence waitUntilHelperListens() {
   }
 }
 
-void postVersionIfHelperRuns() {
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+void HelperContact::postVersionIfHelperRuns() {
+  DistributedNotificationCenter& center = center_;
   if (!center.isConnected() || !center.nameHasOwner(kHelperBusName)) return;
   center.postNotificationName(kVersionNotification, {{kVersionKey, KRUpdater::ownVersion()}},
                               false);
   center.flush();
 }
 
-}  // namespace zephlore::cli
+}  // namespace zephlore::pane

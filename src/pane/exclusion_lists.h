@@ -9,7 +9,7 @@
 
 #include "platform/env.h"
 
-namespace zephlore::cli {
+namespace zephlore::pane {
 
 using StringList = std::vector<std::string>;
 
@@ -37,4 +37,4 @@ std::optional<bool> addExtension(StringList& list, const std::string& entry);
 // extension; else whether any was removed.
 std::optional<bool> removeExtension(StringList& list, const std::string& entry);
 
-}  // namespace zephlore::cli
+}  // namespace zephlore::pane

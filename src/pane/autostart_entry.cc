@@ -1,4 +1,4 @@
-#include "cli/control/autostart_entry.h"
+#include "pane/autostart_entry.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@
 #include "helper/settings/resources.h"
 #include "platform/config_file.h"
 
-namespace zephlore::cli {
+namespace zephlore::pane {
 namespace {
 
 constexpr const char* kEntryName = "zephlore-helper.desktop";
@@ -150,4 +150,4 @@ bool removeAutostartEntry(Env& env, std::string* problem) {
   return false;
 }
 
-}  // namespace zephlore::cli
+}  // namespace zephlore::pane
