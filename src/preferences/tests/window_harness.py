@@ -358,6 +358,21 @@ class Session:
 
     # ---- taking down ----
 
+    def _quit_helper(self):
+        """Quits the running helper, also one the window started; kills it
+        by its process id if it does not end in time."""
+        if "DBUS_SESSION_BUS_ADDRESS" not in self.env or not self.name_has_owner("com.quorvane.ZephloreHelper"):
+            return
+        pid = self._session_call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                 "GetConnectionUnixProcessID", ("com.quorvane.ZephloreHelper",), "(s)")[0]
+        self.zephlore("quit", timeout=20, check=False)
+        try:
+            wait_until("the helper to quit", lambda: not self.name_has_owner("com.quorvane.ZephloreHelper"), 20)
+        except WaitTimeout:
+            log("the helper did not quit: killed")
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
     def _end(self, name, process, group, timeout=20):
         if process.poll() is not None:
             return
@@ -379,10 +394,10 @@ class Session:
 
     def close(self):
         # Each step on its own: one failing must not keep the others from running.
-        if self.helper is not None and self.helper.poll() is None:
-            with contextlib.suppress(Exception):
-                self.zephlore("quit", timeout=20, check=False)
-                self.helper.wait(timeout=20)
+        try:
+            self._quit_helper()
+        except Exception as error:
+            log("could not quit the helper: %r" % (error,))
         for name, process, group in reversed(self.processes):
             try:
                 self._end(name, process, group)
