@@ -13,6 +13,7 @@
 # Usage: window_end_to_end.py --bin BUILD/bin --screenshots DIR [SCENARIO...]
 import argparse
 import os
+import subprocess
 import sys
 import time
 
@@ -86,9 +87,22 @@ def choose_folder(app, button_name, path):
 
 
 def banner_shown(app):
+    """Whether the not-running bar shows: its text is there, visible, and no
+    box around it is folded to nothing (GTK keeps a bar that is not revealed
+    in the tree, zero pixels high)."""
     import pyatspi
 
-    return any(label.getState().contains(pyatspi.STATE_VISIBLE) for label in h.find_all(app, NOT_RUNNING, "label"))
+    for label in h.find_all(app, NOT_RUNNING, "label"):
+        node, shown = label, True
+        while node is not None and node.roleName != "frame":
+            if not node.getState().contains(pyatspi.STATE_VISIBLE) or \
+                    node.queryComponent().getExtents(pyatspi.WINDOW_COORDS).height <= 0:
+                shown = False
+                break
+            node = node.parent
+        if shown:
+            return True
+    return False
 
 
 def scenario_folders_general_exclusions(args):
@@ -172,14 +186,25 @@ def scenario_hundred_folders(args):
         session.zephlore("add", *folders, timeout=120)
         listed = session.zephlore_json("folders").get("folders", [])
         assert len(listed) == 100, len(listed)
+        h.dogtail_tree()  # loaded before the clock starts: its import is not the window's time
         _, started = session.start_window()
         app = h.find_application(APP)
+        on_bus = time.monotonic() - started
         folder_list = h.find(app, "Watched Folders", "list", timeout=60)
         prefix = session.path("many") + "/"
-        h.wait_until("100 folder rows", lambda: sum(1 for item in folder_list.children
-                                                    if item.name.startswith(prefix)) == 100, 120)
+        rows = [0]
+
+        def all_listed():
+            # The count first (one call): the names are read once it is 100.
+            if folder_list.childCount < 100:
+                return False
+            rows[0] = sum(1 for item in folder_list.children if item.name.startswith(prefix))
+            return rows[0] == 100
+
+        h.wait_until("100 folder rows", all_listed, 120)
         elapsed = time.monotonic() - started
-        h.log("TIMING: the window listed 100 folders %.2f s after its start" % elapsed)
+        h.log("TIMING: the window listed 100 folders %.2f s after its start (on the accessibility bus after %.2f s)"
+              % (elapsed, on_bus))
         session.screenshot(os.path.join(args.screenshots, "folders-100.png"))
 
 
@@ -202,9 +227,21 @@ def main():
     for name in ("zephlore", "zephlore-helper", APP):
         if not os.access(os.path.join(args.bin, name), os.X_OK):
             h.skip("%s is not built in %s" % (name, args.bin))
+    if len(args.scenarios) == 1:
+        SCENARIOS[args.scenarios[0]](args)
+        print("PASS")
+        return
+    # One process each: libatspi keeps its first accessibility bus for the
+    # life of the process, and each scenario has a desktop of its own.
+    failed = []
     for name in args.scenarios:
         h.log("== " + name)
-        SCENARIOS[name](args)
+        status = subprocess.run([sys.executable, os.path.abspath(__file__), "--bin", args.bin,
+                                 "--screenshots", args.screenshots, name], timeout=600 * h.WAIT_SCALE).returncode
+        if status != 0:
+            failed.append("%s (%d)" % (name, status))
+    if failed:
+        sys.exit("FAILED: " + ", ".join(failed))
     print("PASS")
 
 
