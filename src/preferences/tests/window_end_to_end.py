@@ -71,10 +71,16 @@ def choose_folder(app, button_name, path):
         (w for w in app.children if w.roleName != "frame" or w.name != "Zephlore"), None), 60)
     from dogtail import rawinput
 
+    pressed = [0.0]
+
     def location_entry():
         entries = [t for t in h.find_all(dialog, role="text") if t.name == "GtkFileChooserEntry"]
-        if not entries:
-            rawinput.keyCombo("<Control>L")  # again: the first may have come before the dialog had the keyboard
+        # Pressed again after a while: the first press may have come before
+        # the dialog had the keyboard. Not at once: a second press could
+        # close the entry the first opened.
+        if not entries and time.monotonic() - pressed[0] > 5:
+            rawinput.keyCombo("<Control>L")
+            pressed[0] = time.monotonic()
         return entries[0] if entries else None
 
     entry = h.wait_until("the chooser's location entry", location_entry, 60)
