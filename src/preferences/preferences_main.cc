@@ -26,7 +26,10 @@ int main(int argc, char** argv) {
   std::unique_ptr<PreferencesWindow> window;
   // libadwaita's styles, and its style manager following the desktop's
   // dark or light preference.
-  app->signal_startup().connect([] { adw_init(); });
+  app->signal_startup().connect([&app] {
+    adw_init();
+    app->set_accel_for_action("window.close", "<Primary>w");
+  });
   app->signal_activate().connect([&] {
     if (!window) {
       // The one place the window takes the process's Env and shared parts.
