@@ -11,6 +11,7 @@
 # so even a SIGKILL cannot leave it mounted.
 import contextlib
 import ctypes
+import importlib.util
 import json
 import os
 import select
@@ -95,15 +96,9 @@ def missing_requirements(need_root=True):
             return program + " is not installed"
     if not os.access(AT_SPI_BUS_LAUNCHER, os.X_OK):
         return AT_SPI_BUS_LAUNCHER + " is not installed (at-spi2-core)"
-    try:
-        import gi  # noqa: F401
-        import importlib.util
-
-        for module in ("pyatspi", "dogtail"):
-            if importlib.util.find_spec(module) is None:
-                return "python3 module %s is not installed" % module
-    except ImportError:
-        return "python3-gi is not installed"
+    for module, package in (("gi", "python3-gi"), ("pyatspi", "python3-pyatspi"), ("dogtail", "python3-dogtail")):
+        if importlib.util.find_spec(module) is None:
+            return package + " is not installed"
     return None
 
 
@@ -351,11 +346,6 @@ class Session:
     def start_program(self, name, args):
         return self.spawn(name, args)
 
-    def stop(self, process, timeout=20):
-        for name, p, group in self.processes:
-            if p is process:
-                self._end(name, p, group, timeout)
-
     # ---- taking down ----
 
     def _quit_helper(self):
@@ -571,12 +561,6 @@ def type_into(node, text):
         wait_until("focus on %r" % node.name, lambda: node.focused, 15)
         rawinput.typeText(text)
     wait_until("%r to hold %r" % (node.name, text), lambda: text_of(node) == text, 15)
-
-
-def press_key(name):
-    from dogtail import rawinput
-
-    rawinput.pressKey(name)
 
 
 def text_of(node):
