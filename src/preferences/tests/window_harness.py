@@ -233,7 +233,7 @@ class Session:
         if log_file:
             out = open(self.path(name + ".log"), "ab")
         process = subprocess.Popen(args, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                                   preexec_fn=None if group else _die_with_parent, start_new_session=group,
+                                   preexec_fn=_die_with_parent, start_new_session=group,
                                    **kwargs)
         if log_file:
             out.close()
