@@ -73,6 +73,12 @@ PaneFiles PaneFiles::standard() {
   return {KRHelperUtil::databasePath(), KRUtil::pathToExclusionPathsFile(), KRUtil::pathToExclusionExtensionsFile()};
 }
 
+PaneParts PaneParts::standard(Env& env, Clock& clock) {
+  return {env, clock, DistributedNotificationCenter::defaultCenter(),
+          []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
+          PaneFiles::standard()};
+}
+
 HelperPane::HelperPane(PaneParts parts, PaneListener* listener, Deliver deliver)
     : env_(parts.env),
       clock_(parts.clock),
@@ -261,6 +267,13 @@ HelperState HelperPane::helperState() {
   } else {
     state.kind = Kind::kIdle;
     state.words = "Idle";
+  }
+  // A folder whose view is down is not compressed in (its files would read empty).
+  size_t withoutView = 0;
+  for (const std::string& line : live.views) withoutView += line.starts_with("not compressing in ") ? 1 : 0;
+  if (withoutView > 0 && state.kind != Kind::kPaused && state.kind != Kind::kInactive) {
+    state.words += withoutView == 1 ? "; one folder waits for its view" : "; " + std::to_string(withoutView) +
+                                                                             " folders wait for their views";
   }
   return state;
 }
@@ -541,21 +554,16 @@ Outcome HelperPane::startHelper() {
   return contact_.ensureHelperRunning(&problem) ? "" : problem;
 }
 
-Outcome HelperPane::pause() {
+Outcome HelperPane::pauseOutcome(bool pause) {
   bool absent = false, silent = false;
   std::string problem;
-  if (pauseOrResume(true, &absent, &silent, &problem)) return "";
+  if (pauseOrResume(pause, &absent, &silent, &problem)) return "";
   if (silent) return "zephlore-helper runs but did not answer.";
   return absent ? "zephlore-helper is not running." : "zephlore-helper did not answer: " + problem;
 }
 
-Outcome HelperPane::resume() {
-  bool absent = false, silent = false;
-  std::string problem;
-  if (pauseOrResume(false, &absent, &silent, &problem)) return "";
-  if (silent) return "zephlore-helper runs but did not answer.";
-  return absent ? "zephlore-helper is not running." : "zephlore-helper did not answer: " + problem;
-}
+Outcome HelperPane::pause() { return pauseOutcome(true); }
+Outcome HelperPane::resume() { return pauseOutcome(false); }
 
 Outcome HelperPane::quit() {
   Told told = quitHelper();

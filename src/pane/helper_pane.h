@@ -45,6 +45,9 @@ struct PaneParts {
   // "defaults.plist" writes it, which an unrelated action must not do.
   std::function<KRDefaultsController&()> defaults;
   PaneFiles files;
+  // This login's: the session bus's center, the shared settings file and
+  // the data folder's files, as the helper finds them.
+  static PaneParts standard(Env& env, Clock& clock);
 };
 
 // Whether a running helper heard what was posted.
@@ -157,6 +160,7 @@ class HelperPane final : public PaneModel {
   Outcome folderOutcome(bool adding, const std::string& path);
   Outcome switchOutcome(PaneSwitch which, bool on);
   Outcome listOutcome(ExclusionList which, bool adding, const std::string& entry);
+  Outcome pauseOutcome(bool pause);
 
   Env& env_;
   Clock& clock_;

@@ -112,7 +112,11 @@ FoldersPage::Row FoldersPage::makeRow(const std::string& path) {
 }
 
 void FoldersPage::show(Row& row, const pane::PaneFolder& folder) {
-  setRowText(row.row, folder.path, folderWords(folder));
+  std::string words = folderWords(folder);
+  if (words != row.words) {
+    setRowText(row.row, folder.path, words);
+    row.words = std::move(words);
+  }
   if (row.watch->get_active() != folder.enabled) row.watch->set_active(folder.enabled);
   row.warning->set_visible(folder.cannotHold.has_value());
   if (folder.cannotHold) {

@@ -31,6 +31,7 @@ class FoldersPage {
     GtkWidget* row = nullptr;
     Gtk::Switch* watch = nullptr;
     Gtk::Image* warning = nullptr;
+    std::string words;  // shown under the path: set again only when changed
   };
 
   void rebuild(const std::vector<pane::PaneFolder>& folders);

@@ -33,11 +33,8 @@ int main(int argc, char** argv) {
   app->signal_activate().connect([&] {
     if (!window) {
       // The one place the window takes the process's Env and shared parts.
-      model = std::make_unique<pane::HelperPane>(
-          pane::PaneParts{Env::shared(), Clock::shared(), DistributedNotificationCenter::defaultCenter(),
-                          []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
-                          pane::PaneFiles::standard()},
-          &relay, mainLoopDeliver());
+      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), Clock::shared()), &relay,
+                                                 mainLoopDeliver());
       window = std::make_unique<PreferencesWindow>(*model);
       relay.setTarget(window.get());
       app->add_window(*window);

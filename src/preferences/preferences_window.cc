@@ -84,16 +84,31 @@ PreferencesWindow::PreferencesWindow(pane::PaneModel& model)
   reloadAll();
 }
 
-PreferencesWindow::~PreferencesWindow() { pendingReload_.disconnect(); }
+PreferencesWindow::~PreferencesWindow() {
+  pendingReload_.disconnect();
+  pendingFolders_.disconnect();
+}
 
-void PreferencesWindow::foldersChanged() { folders_.reload(); }
+void PreferencesWindow::foldersChanged() { scheduleFoldersReload(); }
 
 void PreferencesWindow::helperStateChanged() {
   // The helper came back or left for good: either way it is read again.
   letGo_ = false;
   refreshHelper();
   // A folder's sweep and view come from the helper's status too.
-  folders_.reload();
+  scheduleFoldersReload();
+}
+
+void PreferencesWindow::scheduleFoldersReload() {
+  // A working helper announces savings and states many times a second, and
+  // reading a long folder list takes a while: one read for a burst.
+  if (pendingFolders_.connected() || pendingReload_.connected()) return;
+  pendingFolders_ = Glib::signal_timeout().connect(
+      [this] {
+        folders_.reload();
+        return false;
+      },
+      kFoldersReloadDelayMs);
 }
 
 void PreferencesWindow::showHistory() {
@@ -114,6 +129,7 @@ void PreferencesWindow::reloadEverything() {
 
 void PreferencesWindow::reloadAll() {
   pendingReload_.disconnect();
+  pendingFolders_.disconnect();
   folders_.reload();
   general_.reloadSettings();
   exclusions_.reload();

@@ -74,7 +74,10 @@ class PreferencesWindow : public Gtk::ApplicationWindow, public pane::PaneListen
   Gtk::Window& window() override { return *this; }
 
  private:
+  static constexpr unsigned kFoldersReloadDelayMs = 300;
+
   void reloadAll();
+  void scheduleFoldersReload();
   void refreshHelper();
 
   pane::PaneModel& model_;
@@ -86,6 +89,7 @@ class PreferencesWindow : public Gtk::ApplicationWindow, public pane::PaneListen
   GtkWidget* stack_;
   Gtk::InfoBar* banner_;
   sigc::connection pendingReload_;
+  sigc::connection pendingFolders_;
 };
 
 }  // namespace zephlore::preferences

@@ -5,10 +5,7 @@
 namespace zephlore::cli {
 
 std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env) {
-  return std::make_unique<pane::HelperPane>(pane::PaneParts{
-      env, Clock::shared(), DistributedNotificationCenter::defaultCenter(),
-      []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
-      pane::PaneFiles::standard()});
+  return std::make_unique<pane::HelperPane>(pane::PaneParts::standard(env, Clock::shared()));
 }
 
 bool reportTold(pane::Told told, const char* absent, bool* silent) {

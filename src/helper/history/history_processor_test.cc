@@ -209,6 +209,13 @@ TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   EXPECT_EQ(processor_->totalSavings(), 5'120'000u);
   EXPECT_LE(KRHelperUtil::persistentStoreCoordinator()->transactionCount() - before, 2u);
   EXPECT_EQ(posts_.size(), 2u);  // the add's save, then the burst's
+  // The save that changed the total sampled it at the helper's clock.
+  std::vector<HistorySample> samples;
+  ASSERT_TRUE(HistoryStore::readSamples(Env::system(), KRHelperUtil::databasePath(), &samples, nullptr));
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].totalSaved, 5'120'000u);
+  EXPECT_EQ(std::chrono::duration_cast<std::chrono::seconds>(samples[0].time.time_since_epoch()),
+            std::chrono::duration_cast<std::chrono::seconds>(clock_->wallNow().time_since_epoch()));
 }
 
 TEST_F(HistoryProcessorTest, UnusablePayloadsAreRefusedWithALogLine) {

@@ -188,6 +188,18 @@ bool HistoryStore::writeSample(WallTime at, std::string* problem) {
     *problem = statement.problem();
     return false;
   }
+  if (sameRow) return true;
+  // A chart of months needs no minutes: past the detail kept, a day keeps
+  // its last sample, so the table stays small for good.
+  SqliteStatement thin(db_,
+                       "DELETE FROM Samples WHERE time < ?1 AND time NOT IN "
+                       "(SELECT MAX(time) FROM Samples WHERE time < ?1 GROUP BY CAST(time / 86400 AS INTEGER));");
+  thin.bind(1, now - HistoryModel::kSampleDetailSeconds);
+  thin.step();
+  if (!thin.done()) {
+    *problem = thin.problem();
+    return false;
+  }
   return true;
 }
 

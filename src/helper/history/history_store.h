@@ -44,6 +44,8 @@ class HistoryModel {
   static constexpr int kVersion = 2;
   // Samples closer together than this share one row.
   static constexpr double kSampleSpacingSeconds = 60.0;
+  // Older samples are thinned to the last one of each day.
+  static constexpr double kSampleDetailSeconds = 30 * 86400.0;
   static constexpr const char* kResourceName = "HistoryModel.sql";
 
   // The model from its resource file; none when the file is missing.
