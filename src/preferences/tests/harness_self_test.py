@@ -5,6 +5,7 @@
 import os
 import sys
 
+sys.dont_write_bytecode = True  # no caches in the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import window_harness as h  # noqa: E402
 
