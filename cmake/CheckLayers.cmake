@@ -5,14 +5,16 @@
 # and it builds on base alone.
 set(layers base protocol platform engine view
     helper helper/bus helper/settings helper/notices helper/lifecycle helper/history helper/pipeline helper/watching
-    desktop pane cli/files cli/control cli)
+    desktop pane cli/files cli/control cli preferences)
 # Siblings in that order that must not use each other either (a layer stands
 # for its subfolders too): the view and the helper both build on the engine;
 # the command's file tools need neither the helper nor the desktop (its
 # control surface, above them, may use them: what stops a dead view's
 # advice is the same for add as for compress), nor the pane's side, which
-# the control surface and the window build on.
-set(apart "view|helper" "cli/files|helper" "cli/files|desktop" "cli/files|pane")
+# the control surface and the window build on. The preference window sits at
+# the top beside the command: it uses the pane and what lies below, never the
+# command.
+set(apart "view|helper" "cli/files|helper" "cli/files|desktop" "cli/files|pane" "cli|preferences")
 
 # Whether `layer` is `top` or one of its subfolders.
 function(within layer top out)

@@ -2,7 +2,9 @@
 # run.sh [FOLDER...]: installs what is missing, builds, and runs zephlore-helper
 # in the foreground (its log on the terminal: each folder watched, each
 # analysis with its counts, each file compressed with the bytes saved; Ctrl-C
-# ends it cleanly, status 0), watching the FOLDERs.
+# ends it cleanly, status 0), watching the FOLDERs. On a desktop (a display
+# is set) the preference window opens beside it once the helper is up;
+# ZEPHLORE_NO_WINDOW=1 leaves it closed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -27,6 +29,10 @@ if [ $# -gt 0 ]; then
   # Once the helper owns its bus name, hand it the folders and let it work.
   (gdbus wait --session --timeout 30 com.quorvane.ZephloreHelper &&
    build/bin/zephlore add "$@" && build/bin/zephlore activate) &
+fi
+
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ "${ZEPHLORE_NO_WINDOW:-0}" != 1 ]; then
+  (gdbus wait --session --timeout 30 com.quorvane.ZephloreHelper && build/bin/zephlore preferences) &
 fi
 
 exec build/bin/zephlore-helper

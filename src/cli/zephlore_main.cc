@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
   zephlore::cli::addFolderCommands(app, env, &exit_code);
   zephlore::cli::addMountCommands(app, env, &exit_code);
   zephlore::cli::addStatusCommands(app, env, &exit_code);
+  zephlore::cli::addWindowCommand(app, env, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

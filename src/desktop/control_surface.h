@@ -1,7 +1,7 @@
-// "Open Zephlore": the control surface is the zephlore command, so the menu
-// opens a terminal (x-terminal-emulator, else $TERMINAL) running
-// `zephlore folders`, and once that terminal runs asks it to show the savings
-// history ("com.quorvane.zephlore.show.history").
+// "Open Zephlore": the preference window (zephlore-preferences), and once it
+// runs the savings history is asked for ("com.quorvane.zephlore.show.history").
+// Where the window is not installed, a terminal (x-terminal-emulator, else
+// $TERMINAL) running `zephlore folders` stands in for it.
 #pragma once
 
 #include <functional>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/run_loop.h"
+#include "platform/programs.h"
 
 namespace zephlore {
 
@@ -16,14 +17,16 @@ class KRControlSurface {
  public:
   KRControlSurface() = delete;
 
-  // The terminal's command line, none when there is no terminal to run.
-  static std::vector<std::string> controlSurfaceCommand();
-  // Starts the terminal; true once its program runs. A failure is logged.
-  static bool openControlSurface();
-  // Starts the terminal, then runs `callback` on `mainLoop` if it runs.
-  static void openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::function<void()> callback);
-  // "Open Zephlore" as the menu does it: the terminal, then the history.
-  static void showHistory(RunLoop& mainLoop);
+  // The command line that opens Zephlore, with the programs looked for in
+  // `programFolder` first, then on PATH; none when there is nothing to run.
+  static std::vector<std::string> controlSurfaceCommand(const std::string& programFolder = thisProgramFolder());
+  // Starts it; true once its program runs. A failure is logged.
+  static bool openControlSurface(const std::string& programFolder = thisProgramFolder());
+  // Starts it, then runs `callback` on `mainLoop` if it runs.
+  static void openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::function<void()> callback,
+                                            const std::string& programFolder = thisProgramFolder());
+  // "Open Zephlore" as the menu does it: the window, then the history.
+  static void showHistory(RunLoop& mainLoop, const std::string& programFolder = thisProgramFolder());
 };
 
 }  // namespace zephlore

@@ -170,7 +170,14 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
   mkdir(bin.c_str(), 0755);
   testkit::writeFile(bin + "/x-terminal-emulator", "#!/bin/sh\nexit 0\n");
   chmod((bin + "/x-terminal-emulator").c_str(), 0755);
-  setenv("PATH", (bin + ":" + getenv("PATH")).c_str(), 1);
+  // And a preference window of our own, in the folder "Open Zephlore" looks
+  // in first (the helper's own, in a real run).
+  const std::string programs = home.root() + "/programs";
+  mkdir(programs.c_str(), 0755);
+  testkit::writeFile(programs + "/zephlore-preferences", "#!/bin/sh\nexit 0\n");
+  chmod((programs + "/zephlore-preferences").c_str(), 0755);
+  const std::string path = getenv("PATH");
+  setenv("PATH", (bin + ":" + path).c_str(), 1);
 
   ManualClock clock;
   RunLoop loop(clock);
@@ -180,7 +187,8 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
   controller.setWorkPauser([&](bool paused) { workPaused = paused; });
   {
     // No tray yet: the item is simply not shown anywhere.
-    KRStatusNotifierItem item(loop, [&] { controller.togglePause(); }, [&] { KRControlSurface::showHistory(loop); });
+    KRStatusNotifierItem item(loop, [&] { controller.togglePause(); },
+                              [&] { KRControlSurface::showHistory(loop, programs); });
     controller.setView(&item);
     controller.setTotalSavingsSource([] { return uint64_t{1234567}; });
     controller.setVisible(true);
@@ -208,9 +216,14 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
     EXPECT_EQ(readMenu(tray, service)[1].second, "Status: Paused");
     EXPECT_EQ(itemProperty(tray, service, "IconName"), kIconDisabled);
 
-    // "Open Zephlore": the terminal runs `zephlore folders`, then the history
-    // is asked for.
-    std::vector<std::string> command = KRControlSurface::controlSurfaceCommand();
+    // "Open Zephlore": the preference window, then the history is asked
+    // for. Without the window (none beside, none on PATH), a terminal runs
+    // `zephlore folders` instead.
+    EXPECT_EQ(KRControlSurface::controlSurfaceCommand(programs),
+              std::vector<std::string>{programs + "/zephlore-preferences"});
+    setenv("PATH", bin.c_str(), 1);
+    std::vector<std::string> command = KRControlSurface::controlSurfaceCommand(bin);
+    setenv("PATH", (bin + ":" + path).c_str(), 1);
     ASSERT_EQ(command.size(), 4u);
     EXPECT_EQ(command[0], bin + "/x-terminal-emulator");
     EXPECT_EQ(command[3], "folders");

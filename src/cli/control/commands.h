@@ -2,6 +2,7 @@
 //   pane_commands.cc    settings, activate, exclude, login, quit, ...
 //   folder_commands.cc  add, remove, folders (the watched folders)
 //   status_commands.cc  status, pause, resume (the running helper's live state)
+//   window_command.cc   preferences (opens the preference window)
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,5 +17,6 @@ namespace zephlore::cli {
 void addPaneCommands(CLI::App& app, Env& env, int* exit_code);
 void addFolderCommands(CLI::App& app, Env& env, int* exit_code);
 void addStatusCommands(CLI::App& app, Env& env, int* exit_code);
+void addWindowCommand(CLI::App& app, Env& env, int* exit_code);
 
 }  // namespace zephlore::cli

@@ -1,0 +1,104 @@
+#include "preferences/exclusions_page.h"
+
+#include <glib/gi18n.h>
+#include <gtkmm/box.h>
+
+#include "preferences/accessible.h"
+#include "preferences/rows.h"
+
+namespace zephlore::preferences {
+
+ExclusionsPage::ExclusionsPage(pane::PaneModel& model, PageHost& host) : model_(model), host_(host) {
+  page_ = adw_preferences_page_new();
+
+  paths_.removeName = N_("Remove excluded folder %s");
+  paths_.add = [this](const std::string& path) { return model_.addExcludedPath(path); };
+  paths_.remove = [this](const std::string& path) { return model_.removeExcludedPath(path); };
+  build(paths_, _("Excluded Folders"), _("Files under these folders are never compressed."),
+        _("No folders are excluded"), _("Folder to exclude"), _("Add excluded folder"), _("/path/to/folder"));
+  auto* choose = newButton(_("C_hoose…"), _("Choose folder to exclude"));
+  choose->signal_clicked().connect([this] { chooseFolder(); });
+  adw_preferences_group_set_header_suffix(ADW_PREFERENCES_GROUP(paths_.group), GTK_WIDGET(choose->gobj()));
+
+  extensions_.removeName = N_("Remove excluded extension %s");
+  extensions_.add = [this](const std::string& extension) { return model_.addExcludedExtension(extension); };
+  extensions_.remove = [this](const std::string& extension) { return model_.removeExcludedExtension(extension); };
+  build(extensions_, _("Excluded Extensions"), _("Files whose names end in these extensions are never compressed."),
+        _("No extensions are excluded"), _("Extension to exclude"), _("Add excluded extension"), _("e.g. iso"));
+}
+
+void ExclusionsPage::build(List& list, const std::string& title, const std::string& description,
+                           const std::string& emptyText, const std::string& entryName, const std::string& addName,
+                           const std::string& placeholder) {
+  list.group = newGroup(title, description);
+  list.empty = newRow(emptyText);
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(list.group), list.empty);
+
+  // Below the list (a group puts what is not a row under its rows).
+  auto* line = Gtk::make_managed<Gtk::Box>(Gtk::Orientation::HORIZONTAL, 6);
+  line->set_margin_top(6);
+  list.entry = Gtk::make_managed<Gtk::Entry>();
+  list.entry->set_hexpand(true);
+  list.entry->set_placeholder_text(placeholder);
+  setAccessibleName(*list.entry, entryName);
+  list.entry->signal_activate().connect([this, &list] { addFromEntry(list); });
+  auto* add = newButton(_("Add"), addName);
+  add->signal_clicked().connect([this, &list] { addFromEntry(list); });
+  line->append(*list.entry);
+  line->append(*add);
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(list.group), GTK_WIDGET(line->gobj()));
+  adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(list.group));
+}
+
+void ExclusionsPage::reload() {
+  show(paths_, model_.excludedPaths());
+  show(extensions_, model_.excludedExtensions());
+}
+
+void ExclusionsPage::show(List& list, const std::vector<std::string>& items) {
+  gtk_widget_set_visible(list.empty, items.empty());
+  if (items == list.shown) return;
+  for (GtkWidget* row : list.rows) adw_preferences_group_remove(ADW_PREFERENCES_GROUP(list.group), row);
+  list.rows.clear();
+  list.shown = items;
+  for (const std::string& item : items) {
+    GtkWidget* row = newRow(item);
+    Gtk::Button* remove = addIconButton(row, "list-remove-symbolic", fill(_(list.removeName), item));
+    remove->signal_clicked().connect([this, &list, item] {
+      host_.report(list.remove(item));
+      host_.scheduleReload();
+    });
+    adw_preferences_group_add(ADW_PREFERENCES_GROUP(list.group), row);
+    list.rows.push_back(row);
+  }
+}
+
+void ExclusionsPage::addFromEntry(List& list) {
+  std::string text = list.entry->get_text();
+  const auto first = text.find_first_not_of(" \t");
+  const auto last = text.find_last_not_of(" \t");
+  if (first == std::string::npos) return;
+  text = text.substr(first, last - first + 1);
+  pane::Outcome outcome = list.add(text);
+  host_.report(outcome);
+  if (outcome.empty()) list.entry->set_text("");
+  host_.scheduleReload();
+}
+
+void ExclusionsPage::chooseFolder() {
+  chooser_ = Gtk::FileChooserNative::create(_("Exclude a Folder"), host_.window(),
+                                            Gtk::FileChooser::Action::SELECT_FOLDER, _("_Exclude"), _("_Cancel"));
+  chooser_->set_modal(true);
+  chooser_->signal_response().connect([this](int response) {
+    if (response == static_cast<int>(Gtk::ResponseType::ACCEPT)) {
+      if (auto file = chooser_->get_file(); file && !file->get_path().empty()) {
+        host_.report(model_.addExcludedPath(file->get_path()));
+        host_.scheduleReload();
+      }
+    }
+    chooser_->hide();
+  });
+  chooser_->show();
+}
+
+}  // namespace zephlore::preferences

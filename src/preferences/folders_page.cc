@@ -1,0 +1,150 @@
+#include "preferences/folders_page.h"
+
+#include <glib/gi18n.h>
+
+#include "preferences/accessible.h"
+#include "preferences/rows.h"
+
+namespace zephlore::preferences {
+namespace {
+
+std::string sizeText(uint64_t bytes) {
+  gchar* text = g_format_size(bytes);
+  std::string result = text;
+  g_free(text);
+  return result;
+}
+
+// The row's second line: what it saved, then whatever else is worth saying.
+std::string folderWords(const pane::PaneFolder& folder) {
+  std::string words = fill(_("Saved %s"), sizeText(folder.savedBytes));
+  auto line = [&](const std::string& more) {
+    if (!more.empty()) words += "\n" + more;
+  };
+  if (!folder.exists) line(_("The folder is missing"));
+  if (!folder.enabled) line(_("Not watched"));
+  line(folder.sweep);
+  if (folder.cannotHold) line(fill(_("Its volume cannot hold compressed files: %s"), *folder.cannotHold));
+  line(folder.view);
+  return words;
+}
+
+}  // namespace
+
+FoldersPage::FoldersPage(pane::PaneModel& model, PageHost& host) : model_(model), host_(host) {
+  page_ = adw_preferences_page_new();
+
+  list_ = newGroup(_("Watched Folders"), _("Files in these folders are compressed in the background."));
+  auto* add = newButton(_("_Add Folder…"), _("Add folder"));
+  add->signal_clicked().connect([this] { chooseFolder(); });
+  adw_preferences_group_set_header_suffix(ADW_PREFERENCES_GROUP(list_), GTK_WIDGET(add->gobj()));
+  empty_ = newRow(_("No folders are watched"), _("Add a folder to start saving space."));
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(list_), empty_);
+  problem_ = newRow(_("The folder list cannot be read"));
+  gtk_widget_set_visible(problem_, FALSE);
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(list_), problem_);
+  adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(list_));
+
+  GtkWidget* savings = newGroup(_("Savings"));
+  totalRow_ = newRow(_("Saved in total"));
+  total_ = Gtk::make_managed<Gtk::Label>();
+  total_->add_css_class("numeric");
+  adw_action_row_add_suffix(ADW_ACTION_ROW(totalRow_), GTK_WIDGET(total_->gobj()));
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(savings), totalRow_);
+  chart_ = Gtk::make_managed<SavingsChart>();
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(savings), GTK_WIDGET(chart_->gobj()));
+  adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(savings));
+}
+
+void FoldersPage::reload() {
+  std::string problem;
+  std::vector<pane::PaneFolder> folders = model_.folders(&problem);
+  setRowText(problem_, _("The folder list cannot be read"), problem);
+  gtk_widget_set_visible(problem_, !problem.empty());
+  gtk_widget_set_visible(empty_, folders.empty() && problem.empty());
+
+  std::vector<std::string> order;
+  for (const auto& folder : folders) order.push_back(folder.path);
+  if (order != order_) rebuild(folders);
+  updating_ = true;
+  for (const auto& folder : folders) show(rows_[folder.path], folder);
+  updating_ = false;
+
+  const std::string total = sizeText(model_.totalSaved());
+  total_->set_text(total);
+  setAccessibleDescription(totalRow_, total);
+  chart_->setSamples(model_.savingsOverTime());
+}
+
+void FoldersPage::rebuild(const std::vector<pane::PaneFolder>& folders) {
+  for (auto& [path, row] : rows_) adw_preferences_group_remove(ADW_PREFERENCES_GROUP(list_), row.row);
+  rows_.clear();
+  order_.clear();
+  for (const auto& folder : folders) {
+    if (rows_.count(folder.path)) continue;
+    rows_[folder.path] = makeRow(folder.path);
+    order_.push_back(folder.path);
+  }
+}
+
+FoldersPage::Row FoldersPage::makeRow(const std::string& path) {
+  Row row;
+  row.row = newRow(path);
+  adw_action_row_set_subtitle_lines(ADW_ACTION_ROW(row.row), 0);
+  row.warning = Gtk::make_managed<Gtk::Image>();
+  row.warning->set_from_icon_name("dialog-warning-symbolic");
+  row.warning->set_visible(false);
+  adw_action_row_add_suffix(ADW_ACTION_ROW(row.row), GTK_WIDGET(row.warning->gobj()));
+  row.watch = addSwitch(row.row, fill(_("Watch folder %s"), path));
+  row.watch->property_active().signal_changed().connect([this, path, control = row.watch] {
+    if (updating_) return;
+    pane::Outcome outcome = model_.setFolderEnabled(path, control->get_active());
+    host_.report(outcome);
+    host_.scheduleReload();
+  });
+  Gtk::Button* remove = addIconButton(row.row, "user-trash-symbolic", fill(_("Remove folder %s"), path));
+  remove->signal_clicked().connect([this, path] {
+    host_.report(model_.removeFolder(path));
+    host_.scheduleReload();
+  });
+  adw_preferences_group_add(ADW_PREFERENCES_GROUP(list_), row.row);
+  return row;
+}
+
+void FoldersPage::show(Row& row, const pane::PaneFolder& folder) {
+  std::string words = folderWords(folder);
+  if (words != row.words) {
+    setRowText(row.row, folder.path, words);
+    row.words = std::move(words);
+  }
+  if (row.watch->get_active() != folder.enabled) row.watch->set_active(folder.enabled);
+  row.warning->set_visible(folder.cannotHold.has_value());
+  if (folder.cannotHold) {
+    row.warning->set_tooltip_text(*folder.cannotHold);
+    setAccessibleName(*row.warning, fill(_("Its volume cannot hold compressed files: %s"), *folder.cannotHold));
+  }
+}
+
+void FoldersPage::chooseFolder() {
+  // The native chooser: the desktop's file-chooser portal where there is one.
+  chooser_ = Gtk::FileChooserNative::create(_("Add a Folder to Watch"), host_.window(),
+                                            Gtk::FileChooser::Action::SELECT_FOLDER, _("_Add"), _("_Cancel"));
+  chooser_->set_modal(true);
+  chooser_->signal_response().connect([this](int response) {
+    if (response == static_cast<int>(Gtk::ResponseType::ACCEPT)) {
+      if (auto file = chooser_->get_file()) {
+        const std::string path = file->get_path();
+        if (path.empty()) {
+          host_.report(_("Only local folders can be watched."));
+        } else {
+          host_.report(model_.addFolder(path));
+          host_.scheduleReload();
+        }
+      }
+    }
+    chooser_->hide();
+  });
+  chooser_->show();
+}
+
+}  // namespace zephlore::preferences
