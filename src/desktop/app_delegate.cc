@@ -140,6 +140,10 @@ void KRAppDelegate::publishStatus() {
   std::string views;
   for (const std::string& line : figures.views) views += line + "\n";
   statusService_->setViews(views);
+  const bool onBattery = pausedForPower_ && menu_.paused();
+  statusService_->setWaiting(onBattery                  ? status_names::kWaitingOnBattery
+                             : figures.waitingForLoad ? status_names::kWaitingForLoad
+                                                      : "");
 }
 
 void KRAppDelegate::watchPaths() { helper_->watchFolders(); }
@@ -153,9 +157,17 @@ bool KRAppDelegate::pausedByUser() {
   return menu_.appStatus() == kStatusPaused;
 }
 
-void KRAppDelegate::pauseForPower() { menu_.pause(); }
+void KRAppDelegate::pauseForPower() {
+  pausedForPower_ = true;
+  menu_.pause();
+  publishStatus();
+}
 
-void KRAppDelegate::resumeForPower() { menu_.resume(); }
+void KRAppDelegate::resumeForPower() {
+  pausedForPower_ = false;
+  menu_.resume();
+  publishStatus();
+}
 
 void KRAppDelegate::checkOwnVersion(const Notification& notification) {
   const std::string* version = userInfoString(notification.userInfo, kVersionKey);

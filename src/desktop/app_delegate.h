@@ -89,6 +89,7 @@ class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
   bool terminating_ = false;
   bool activityTerminated_ = false;
   std::string ownVersion_;
+  bool pausedForPower_ = false;
   std::unique_ptr<KRHelperStatusService> statusService_;
   // Built once this copy knows it is the only one.
   std::unique_ptr<Helper> helper_;

@@ -75,6 +75,7 @@ void Helper::linkParts() {
   // A file refused while being written is looked at again once it settled,
   // not at the next sweep.
   compressor_.setRetryHandler([this](const std::string& path) { analyzers_.startAnalyzerWithPath(path); });
+  compressor_.setLoadWaitHandler([this](bool) { loop_.post([this] { observer_.helperChanged(); }); });
   // Programs would read a file compressed while its folder's view is down
   // as empty; and a copy whose swaps no record traces must not make any.
   compressor_.setCompressionHold([this](const std::string& path) -> std::string {
@@ -204,6 +205,7 @@ Helper::Figures Helper::figures() {
   figures.queuedFiles = compressor_.queuedFileCount();
   figures.fileInProcess = compressor_.fileInHand();
   figures.views = views_.describe();
+  figures.waitingForLoad = compressor_.waitingForLoad();
   return figures;
 }
 

@@ -59,6 +59,7 @@ class Helper {
     uint64_t queuedFiles = 0;
     std::string fileInProcess;
     std::vector<std::string> views;
+    bool waitingForLoad = false;  // the next file waits for other programs' load to fall
   };
 
   // The settings files it follows: the user's ("defaults.plist", shared

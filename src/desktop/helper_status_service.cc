@@ -25,6 +25,7 @@ constexpr const char* kIntrospection =
     "    <property name='QueuedFiles' type='t' access='read'/>"
     "    <property name='FileInProcess' type='s' access='read'/>"
     "    <property name='Views' type='s' access='read'/>"
+    "    <property name='Waiting' type='s' access='read'/>"
     "  </interface>"
     "</node>";
 
@@ -138,6 +139,9 @@ void KRHelperStatusService::setFileInProcess(const std::string& path) {
 }
 
 void KRHelperStatusService::setViews(const std::string& lines) { change(&HelperStatus::views, lines, kViews); }
+void KRHelperStatusService::setWaiting(const std::string& reason) {
+  change(&HelperStatus::waiting, reason, kWaiting);
+}
 
 HelperStatus KRHelperStatusService::status() const {
   std::lock_guard lock(mutex_);
@@ -168,6 +172,7 @@ GVariant* KRHelperStatusService::propertyValueLocked(const char* property) {
   if (strcmp(property, kQueuedFiles) == 0) return toVariant(status_.queuedFiles);
   if (strcmp(property, kFileInProcess) == 0) return toVariant(status_.fileInProcess);
   if (strcmp(property, kViews) == 0) return toVariant(status_.views);
+  if (strcmp(property, kWaiting) == 0) return toVariant(status_.waiting);
   return nullptr;
 }
 

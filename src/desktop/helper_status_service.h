@@ -36,6 +36,7 @@ struct HelperStatus {
   uint64_t queuedFiles = 0;
   std::string fileInProcess;  // empty: none
   std::string views;          // one line per view over a folder
+  std::string waiting;        // why compression waits, "" when it does not
 };
 
 class KRHelperStatusService {
@@ -58,6 +59,7 @@ class KRHelperStatusService {
   void setQueuedFiles(uint64_t count);
   void setFileInProcess(const std::string& path);
   void setViews(const std::string& lines);
+  void setWaiting(const std::string& reason);
   HelperStatus status() const;
 
   // Run on the main run loop when a client calls Pause / Resume.

@@ -254,7 +254,7 @@ HelperState HelperPane::helperState() {
   for (const std::string& line : live.views) state.views += line + "\n";
   if (live.paused) {
     state.kind = Kind::kPaused;
-    state.words = "Paused";
+    state.words = live.waiting.empty() ? "Paused" : "Paused: " + live.waiting;
   } else if (!live.active) {
     state.kind = Kind::kInactive;
     state.words = "Inactive";
@@ -268,6 +268,7 @@ HelperState HelperPane::helperState() {
     state.kind = Kind::kIdle;
     state.words = "Idle";
   }
+  if (!live.paused && live.active && !live.waiting.empty()) state.words += "; waiting: " + live.waiting;
   // A folder whose view is down is not compressed in (its files would read empty).
   size_t withoutView = 0;
   for (const std::string& line : live.views) withoutView += line.starts_with("not compressing in ") ? 1 : 0;

@@ -346,6 +346,14 @@ TEST_F(HelperPaneTest, HelperStateFollowsTheStatusObjectAndPauseCallsIt) {
   EXPECT_EQ(working.views, "/home/u: full content through its view\n");
   service->setViews("not compressing in /home/u: its view is not up\n");
   EXPECT_EQ(pane.helperState().words, "Compressing big.log; one folder waits for its view");
+  service->setViews("");
+  service->setWaiting(status_names::kWaitingForLoad);
+  EXPECT_EQ(pane.helperState().words, "Compressing big.log; waiting: other programs keep the computer busy");
+  service->setPaused(true);
+  service->setWaiting(status_names::kWaitingOnBattery);
+  EXPECT_EQ(pane.helperState().words, "Paused: on battery");
+  service->setPaused(false);
+  service->setWaiting("");
 
   std::promise<void> paused;
   service->setPauseHandler([&] {

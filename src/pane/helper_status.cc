@@ -35,6 +35,7 @@ LiveStatus decode(GVariant* all) {
   if (g_variant_lookup(dict, kTotalSavings, "t", &number)) s.savings = number;
   if (g_variant_lookup(dict, kQueuedFiles, "t", &number)) s.queued = number;
   if (g_variant_lookup(dict, kFileInProcess, "&s", &text)) s.file = text;
+  if (g_variant_lookup(dict, kWaiting, "&s", &text)) s.waiting = text;
   if (g_variant_lookup(dict, kViews, "&s", &text)) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {

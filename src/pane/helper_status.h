@@ -19,6 +19,7 @@ struct LiveStatus {
   uint64_t savings = 0, queued = 0;
   std::string file;
   std::vector<std::string> views;  // one line per view over a folder
+  std::string waiting;             // why compression waits, "" when it does not
 };
 
 // What asking the status object came to.

@@ -29,6 +29,10 @@ inline constexpr const char* kTotalSavings = "TotalSavings";    // t: bytes
 inline constexpr const char* kQueuedFiles = "QueuedFiles";      // t
 inline constexpr const char* kFileInProcess = "FileInProcess";  // s: "" when none
 inline constexpr const char* kViews = "Views";                  // s: one line per view, "" when none
+// s: why compression waits though not paused by the user, "" when it does not
+inline constexpr const char* kWaiting = "Waiting";
+inline constexpr const char* kWaitingOnBattery = "on battery";
+inline constexpr const char* kWaitingForLoad = "other programs keep the computer busy";
 
 inline constexpr const char* kPause = "Pause";
 inline constexpr const char* kResume = "Resume";

@@ -64,6 +64,7 @@ void printText(const std::optional<LiveStatus>& live, const std::optional<std::v
               << " bytes)\n"
               << "  Queued files:    " << live->queued << "\n"
               << "  File in process: " << (live->file.empty() ? "none" : live->file) << "\n";
+    if (!live->waiting.empty()) std::cout << "  Waiting:         " << live->waiting << "\n";
     if (!live->views.empty()) {
       std::cout << "Views:\n";
       for (const std::string& line : live->views) std::cout << "  " << line << "\n";
@@ -113,6 +114,7 @@ void printJson(const std::optional<LiveStatus>& live, const std::optional<std::v
     out["status"] = {{"value", live->value}, {"text", live->text}};
     out["active"] = live->active;
     out["paused"] = live->paused;
+    out["waiting"] = live->waiting.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(live->waiting);
     out["totalSavings"] = live->savings;
     out["queuedFiles"] = live->queued;
     out["fileInProcess"] = live->file.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(live->file);
