@@ -32,7 +32,9 @@ if [ $# -gt 0 ]; then
 fi
 
 if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ "${ZEPHLORE_NO_WINDOW:-0}" != 1 ]; then
-  (gdbus wait --session --timeout 30 com.quorvane.ZephloreHelper && build/bin/zephlore preferences) &
+  # Started from a subshell that ends at once: the helper (this process,
+  # after exec) is no parent to be left a finished child it never reaps.
+  ( (gdbus wait --session --timeout 30 com.quorvane.ZephloreHelper && build/bin/zephlore preferences) & )
 fi
 
 exec build/bin/zephlore-helper

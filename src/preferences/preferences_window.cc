@@ -24,8 +24,8 @@ pane::Deliver mainLoopDeliver() {
   };
 }
 
-PreferencesWindow::PreferencesWindow(pane::PaneModel& model)
-    : model_(model), folders_(model, *this), general_(model, *this), exclusions_(model, *this) {
+PreferencesWindow::PreferencesWindow(pane::PaneModel& model, unsigned foldersDelayMs)
+    : model_(model), foldersDelayMs_(foldersDelayMs), folders_(model, *this), general_(model, *this), exclusions_(model, *this) {
   set_title(_("Zephlore"));
   set_default_size(760, 680);
   set_icon_name("com.quorvane.ZephlorePreferences");
@@ -108,7 +108,7 @@ void PreferencesWindow::scheduleFoldersReload() {
         folders_.reload();
         return false;
       },
-      kFoldersReloadDelayMs);
+      foldersDelayMs_);
 }
 
 void PreferencesWindow::showHistory() {

@@ -57,7 +57,9 @@ pane::Deliver mainLoopDeliver();
 
 class PreferencesWindow : public Gtk::ApplicationWindow, public pane::PaneListener, public PageHost {
  public:
-  explicit PreferencesWindow(pane::PaneModel& model);
+  // A burst of savings and state notices is read once, `foldersDelayMs`
+  // after its first.
+  explicit PreferencesWindow(pane::PaneModel& model, unsigned foldersDelayMs = 300);
   ~PreferencesWindow() override;
 
   // pane::PaneListener
@@ -74,13 +76,12 @@ class PreferencesWindow : public Gtk::ApplicationWindow, public pane::PaneListen
   Gtk::Window& window() override { return *this; }
 
  private:
-  static constexpr unsigned kFoldersReloadDelayMs = 300;
-
   void reloadAll();
   void scheduleFoldersReload();
   void refreshHelper();
 
   pane::PaneModel& model_;
+  const unsigned foldersDelayMs_;
   bool letGo_ = false;  // the helper said it quits
   FoldersPage folders_;
   GeneralPage general_;

@@ -17,10 +17,11 @@ std::string sizeText(uint64_t bytes) {
   return result;
 }
 
-std::string dateText(int64_t unixTime) {
+// The day; the hour and minute too when the samples span a day or two.
+std::string dateText(int64_t unixTime, bool withTime) {
   GDateTime* time = g_date_time_new_from_unix_local(unixTime);
   if (!time) return "";
-  gchar* text = g_date_time_format(time, "%x");
+  gchar* text = g_date_time_format(time, withTime ? "%x %H:%M" : "%x");
   g_date_time_unref(time);
   std::string result = text ? text : "";
   g_free(text);
@@ -42,12 +43,13 @@ void SavingsChart::setSamples(std::vector<pane::SavingsSample> samples) {
   std::sort(samples.begin(), samples.end(),
             [](const pane::SavingsSample& a, const pane::SavingsSample& b) { return a.unixTime < b.unixTime; });
   samples_ = std::move(samples);
+  withTime_ = !samples_.empty() && samples_.back().unixTime - samples_.front().unixTime < 2 * 86400;
   std::string words;
   if (samples_.empty()) {
     words = _("Nothing saved yet");
   } else {
-    words = fill(fill(fill(_("From %s to %s: %s saved"), dateText(samples_.front().unixTime)).c_str(),
-                      dateText(samples_.back().unixTime)).c_str(),
+    words = fill(fill(fill(_("From %s to %s: %s saved"), dateText(samples_.front().unixTime, withTime_)).c_str(),
+                      dateText(samples_.back().unixTime, withTime_)).c_str(),
                  sizeText(samples_.back().totalSaved));
   }
   setAccessibleDescription(GTK_WIDGET(gobj()), words);
@@ -75,8 +77,8 @@ void SavingsChart::draw(const Cairo::RefPtr<Cairo::Context>& cr, int width, int 
   const double span = std::max<int64_t>(1, samples_.back().unixTime - first);
 
   auto [top, topWidth, topHeight] = layoutOf(sizeText(most));
-  auto [from, fromWidth, fromHeight] = layoutOf(dateText(first));
-  auto [to, toWidth, toHeight] = layoutOf(dateText(samples_.back().unixTime));
+  auto [from, fromWidth, fromHeight] = layoutOf(dateText(first, withTime_));
+  auto [to, toWidth, toHeight] = layoutOf(dateText(samples_.back().unixTime, withTime_));
   (void)topWidth;
   (void)fromWidth;
   (void)toHeight;

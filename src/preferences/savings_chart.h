@@ -19,6 +19,7 @@ class SavingsChart : public Gtk::DrawingArea {
   void draw(const Cairo::RefPtr<Cairo::Context>& cr, int width, int height);
 
   std::vector<pane::SavingsSample> samples_;
+  bool withTime_ = false;
 };
 
 }  // namespace zephlore::preferences
