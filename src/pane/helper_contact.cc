@@ -1,67 +1,15 @@
 #include "pane/helper_contact.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <climits>
-#include <cstdlib>
 #include <vector>
 
 #include "helper/lifecycle/updater.h"
+#include "platform/programs.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
+#include "protocol/program_names.h"
 
 namespace zephlore::pane {
 namespace {
-
-constexpr const char* kHelperProgram = "zephlore-helper";
-
-// zephlore-helper beside this program (a build folder, an installation),
-// else the first on PATH; "" when there is none.
-std::string findHelper() {
-  char buf[PATH_MAX];
-  ssize_t length = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (length > 0) {
-    std::string self(buf, static_cast<size_t>(length));
-    std::string beside = self.substr(0, self.find_last_of('/') + 1) + kHelperProgram;
-    if (access(beside.c_str(), X_OK) == 0) return beside;
-  }
-  const char* path = getenv("PATH");
-  std::string dirs = path ? path : "";
-  size_t start = 0;
-  while (start <= dirs.size()) {
-    size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = dirs.substr(start, end - start) + "/" + kHelperProgram;
-    if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
-    start = end + 1;
-  }
-  return "";
-}
-
-// Starts `program` in the background, in a session of its own, detached from
-// the command's terminal and output.
-bool startDetached(const std::string& program) {
-  const char* path = program.c_str();
-  pid_t child = fork();
-  if (child < 0) return false;
-  if (child == 0) {
-    setsid();
-    if (fork() != 0) _exit(0);
-    int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-      dup2(null, 0);
-      dup2(null, 1);
-      dup2(null, 2);
-    }
-    execl(path, path, static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 // Whether the helper answers on its status object. It takes its bus name
 // first (that decides between copies) and listens to the command's notices
@@ -93,13 +41,13 @@ bool HelperContact::ensureHelperRunning(std::string* problem) {
     waitUntilHelperListens();
     return true;
   }
-  std::string helper = findHelper();
+  const std::string helper = findProgram(thisProgramFolder(), kHelperProgram);
   if (helper.empty()) {
     *problem = "zephlore-helper is not running and was found neither beside zephlore nor on PATH";
     return false;
   }
-  if (!startDetached(helper)) {
-    *problem = "could not start " + helper;
+  if (std::string why; !startProgram({helper}, &why)) {
+    *problem = "could not start " + helper + ": " + why;
     return false;
   }
   const TimePoint deadline = clock.now() + seconds(kHelperStartTimeoutSeconds);

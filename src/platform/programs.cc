@@ -68,8 +68,12 @@ bool startProgram(const std::vector<std::string>& argv, std::string* problem) {
     // to reap and outlives a terminal that closes.
     setsid();
     if (fork() != 0) _exit(0);
-    const int null = open("/dev/null", O_RDONLY);
-    if (null >= 0) dup2(null, 0);
+    const int null = open("/dev/null", O_RDWR);
+    if (null >= 0) {
+      dup2(null, 0);
+      dup2(null, 1);
+      dup2(null, 2);
+    }
     execv(words[0], words.data());
     const int error = errno;
     (void)!write(report[1], &error, sizeof error);

@@ -15,8 +15,9 @@ std::string thisProgramFolder();
 // PATH; "" when there is none.
 std::string findProgram(const std::string& folder, const std::string& name);
 
-// Runs `argv` (argv[0] a path) in a session of its own with stdin from
-// /dev/null, and returns once it runs, without waiting for it to end (no
+// Runs `argv` (argv[0] a path) in a session of its own with its standard
+// input and output on /dev/null (it outlives the caller's terminal), and
+// returns once it runs, without waiting for it to end (no
 // child is left to reap). False with *problem saying why when it could not
 // be started.
 bool startProgram(const std::vector<std::string>& argv, std::string* problem);

@@ -4,6 +4,7 @@
 namespace zephlore {
 
 inline constexpr const char* kCommandProgram = "zephlore";
+inline constexpr const char* kHelperProgram = "zephlore-helper";
 inline constexpr const char* kPreferencesProgram = "zephlore-preferences";
 
 }  // namespace zephlore

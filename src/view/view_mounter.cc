@@ -17,7 +17,8 @@
 #include "base/log.h"
 #include "platform/env.h"
 #include "platform/fuse_availability.h"
-#include "platform/program_lookup.h"
+#include "platform/programs.h"
+#include "protocol/program_names.h"
 #include "view/mount_table.h"
 #include "view/stored_files.h"
 #include "view/underlying_tree.h"
@@ -78,7 +79,10 @@ ViewMounter::ViewMounter(std::string command) : command_(std::move(command)) {}
 
 bool ViewMounter::fuseUsable() { return zephlore::fuseUsable(); }
 
-std::string ViewMounter::defaultCommand(Env& env) { return findProgram(env, "zephlore").value_or("zephlore"); }
+std::string ViewMounter::defaultCommand() {
+  const std::string found = findProgram(thisProgramFolder(), kCommandProgram);
+  return found.empty() ? kCommandProgram : found;
+}
 
 bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   const std::string absolute = absolutePath(folder);

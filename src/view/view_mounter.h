@@ -12,7 +12,6 @@
 #include <string>
 
 #include "base/error.h"
-#include "platform/env.h"
 
 namespace zephlore::view {
 
@@ -34,7 +33,7 @@ class ViewMounter {
   static bool fuseUsable();
   // The zephlore command that serves a view: the one beside this program,
   // else the first on PATH.
-  static std::string defaultCommand(Env& env);
+  static std::string defaultCommand();
 
   // Mounts a view over `folder` unless a live one is mounted there. A view
   // left dead by a killed process is detached first (lazily, as files may

@@ -99,7 +99,7 @@ int runUnmount(Env& env, const UnmountOptions& options) {
                            folder + " puts it back, expands the files and unmounts; --force detaches it anyway)");
     }
     Error error;
-    if (!view::ViewMounter(view::ViewMounter::defaultCommand(env)).mountOver(folder, &error)) return unmountFailed(error.message);
+    if (!view::ViewMounter(view::ViewMounter::defaultCommand()).mountOver(folder, &error)) return unmountFailed(error.message);
   }
   // The stored files are reached through the view's own descriptor.
   const std::optional<view::ViewCover> cover = view::viewCovering(folder);
