@@ -12,7 +12,7 @@ PACKAGES=(
   dbus dbus-daemon attr acl pigz xfsprogs btrfs-progs e2fsprogs time
   python3-dbusmock bindfs rsync dpkg-dev autoconf automake perl
   libgtkmm-4.0-dev libadwaita-1-dev gettext
-  python3-dogtail python3-pyatspi xvfb x11-apps xauth at-spi2-core
+  python3-dogtail python3-pyatspi xvfb x11-apps xauth at-spi2-core netpbm
 )
 
 missing=()
