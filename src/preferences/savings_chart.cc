@@ -4,6 +4,7 @@
 #include <gtkmm/stylecontext.h>
 
 #include <algorithm>
+#include <ctime>
 
 #include "preferences/accessible.h"
 
@@ -43,6 +44,17 @@ void SavingsChart::setSamples(std::vector<pane::SavingsSample> samples) {
   std::sort(samples.begin(), samples.end(),
             [](const pane::SavingsSample& a, const pane::SavingsSample& b) { return a.unixTime < b.unixTime; });
   samples_ = std::move(samples);
+  // The total holds from the last sample until now, so even one sample draws
+  // a line; a sample dated ahead (a sped-up helper clock) gets a minute.
+  if (!samples_.empty()) {
+    const pane::SavingsSample last = samples_.back();
+    const int64_t now = static_cast<int64_t>(std::time(nullptr));
+    if (now > last.unixTime) {
+      samples_.push_back({now, last.totalSaved});
+    } else if (samples_.size() == 1) {
+      samples_.push_back({last.unixTime + 60, last.totalSaved});
+    }
+  }
   withTime_ = !samples_.empty() && samples_.back().unixTime - samples_.front().unixTime < 2 * 86400;
   std::string words;
   if (samples_.empty()) {
@@ -65,7 +77,7 @@ void SavingsChart::draw(const Cairo::RefPtr<Cairo::Context>& cr, int width, int 
     return std::make_tuple(layout, w, h);
   };
   if (samples_.size() < 2) {
-    auto [layout, w, h] = layoutOf(samples_.empty() ? _("Nothing saved yet") : _("Savings appear here over time"));
+    auto [layout, w, h] = layoutOf(_("Nothing saved yet"));
     cr->set_source_rgba(ink.get_red(), ink.get_green(), ink.get_blue(), 0.55);
     cr->move_to((width - w) / 2.0, (height - h) / 2.0);
     layout->show_in_cairo_context(cr);
