@@ -26,4 +26,11 @@ std::string fill(const char* format, const std::string& value) {
   return text;
 }
 
+std::string sizeText(uint64_t bytes) {
+  gchar* text = g_format_size(bytes);
+  std::string result = text;
+  g_free(text);
+  return result;
+}
+
 }  // namespace zephlore::preferences

@@ -4,6 +4,7 @@
 
 #include <gtkmm/widget.h>
 
+#include <cstdint>
 #include <string>
 
 namespace zephlore::preferences {
@@ -16,5 +17,8 @@ void setAccessibleDescription(GtkWidget* widget, const std::string& description)
 // printf-style "%s" filled with `value`, for translated names such as
 // "Remove folder %s".
 std::string fill(const char* format, const std::string& value);
+
+// A size in bytes as the rest of the desktop shows it ("1.0 MB").
+std::string sizeText(uint64_t bytes);
 
 }  // namespace zephlore::preferences

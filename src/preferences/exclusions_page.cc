@@ -4,6 +4,7 @@
 #include <gtkmm/box.h>
 
 #include "preferences/accessible.h"
+#include "preferences/folder_chooser.h"
 #include "preferences/rows.h"
 
 namespace zephlore::preferences {
@@ -86,19 +87,12 @@ void ExclusionsPage::addFromEntry(List& list) {
 }
 
 void ExclusionsPage::chooseFolder() {
-  chooser_ = Gtk::FileChooserNative::create(_("Exclude a Folder"), host_.window(),
-                                            Gtk::FileChooser::Action::SELECT_FOLDER, _("_Exclude"), _("_Cancel"));
-  chooser_->set_modal(true);
-  chooser_->signal_response().connect([this](int response) {
-    if (response == static_cast<int>(Gtk::ResponseType::ACCEPT)) {
-      if (auto file = chooser_->get_file(); file && !file->get_path().empty()) {
-        host_.report(model_.addExcludedPath(file->get_path()));
-        host_.scheduleReload();
-      }
-    }
-    chooser_->hide();
-  });
-  chooser_->show();
+  chooser_ = preferences::chooseFolder(host_.window(), _("Exclude a Folder"), _("_Exclude"),
+                                      [this](const std::string& path) {
+                                        if (path.empty()) return;
+                                        host_.report(model_.addExcludedPath(path));
+                                        host_.scheduleReload();
+                                      });
 }
 
 }  // namespace zephlore::preferences

@@ -3,17 +3,11 @@
 #include <glib/gi18n.h>
 
 #include "preferences/accessible.h"
+#include "preferences/folder_chooser.h"
 #include "preferences/rows.h"
 
 namespace zephlore::preferences {
 namespace {
-
-std::string sizeText(uint64_t bytes) {
-  gchar* text = g_format_size(bytes);
-  std::string result = text;
-  g_free(text);
-  return result;
-}
 
 // The row's second line: what it saved, then whatever else is worth saying.
 std::string folderWords(const pane::PaneFolder& folder) {
@@ -127,24 +121,15 @@ void FoldersPage::show(Row& row, const pane::PaneFolder& folder) {
 
 void FoldersPage::chooseFolder() {
   // The native chooser: the desktop's file-chooser portal where there is one.
-  chooser_ = Gtk::FileChooserNative::create(_("Add a Folder to Watch"), host_.window(),
-                                            Gtk::FileChooser::Action::SELECT_FOLDER, _("_Add"), _("_Cancel"));
-  chooser_->set_modal(true);
-  chooser_->signal_response().connect([this](int response) {
-    if (response == static_cast<int>(Gtk::ResponseType::ACCEPT)) {
-      if (auto file = chooser_->get_file()) {
-        const std::string path = file->get_path();
-        if (path.empty()) {
-          host_.report(_("Only local folders can be watched."));
-        } else {
-          host_.report(model_.addFolder(path));
-          host_.scheduleReload();
-        }
-      }
-    }
-    chooser_->hide();
-  });
-  chooser_->show();
+  chooser_ = preferences::chooseFolder(host_.window(), _("Add a Folder to Watch"), _("_Add"),
+                                      [this](const std::string& path) {
+                                        if (path.empty()) {
+                                          host_.report(_("Only local folders can be watched."));
+                                          return;
+                                        }
+                                        host_.report(model_.addFolder(path));
+                                        host_.scheduleReload();
+                                      });
 }
 
 }  // namespace zephlore::preferences

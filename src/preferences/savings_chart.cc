@@ -11,13 +11,6 @@
 namespace zephlore::preferences {
 namespace {
 
-std::string sizeText(uint64_t bytes) {
-  gchar* text = g_format_size(bytes);
-  std::string result = text;
-  g_free(text);
-  return result;
-}
-
 // The day; the hour and minute too when the samples span a day or two.
 std::string dateText(int64_t unixTime, bool withTime) {
   GDateTime* time = g_date_time_new_from_unix_local(unixTime);
