@@ -25,6 +25,7 @@
 #include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
+#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
@@ -33,6 +34,7 @@ namespace zephlore::pane {
 namespace {
 
 using namespace std::chrono_literals;
+using testkit::waitForExit;
 
 constexpr auto kWait = 10s;
 
@@ -450,16 +452,6 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
   EXPECT_EQ(samples[0].totalSaved, 1024u);
   EXPECT_EQ(samples[1].unixTime, 1'800'000'600);
   EXPECT_EQ(samples[1].totalSaved, 2024u);
-}
-
-// Blocks until `pid` has ended, at most `ms` (an event wait, not a sleep).
-bool waitForExit(pid_t pid, int ms) {
-  int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (fd < 0) return true;  // already gone
-  struct pollfd wait = {fd, POLLIN, 0};
-  bool ended = poll(&wait, 1, ms) == 1;
-  close(fd);
-  return ended;
 }
 
 TEST_F(HelperPaneTest, TheRealHelperIsStartedTakesAFolderAndQuits) {

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -140,6 +141,15 @@ HoldingChild::~HoldingChild() {
   close(release_);
   int status;
   waitpid(pid_, &status, 0);
+}
+
+bool waitForExit(pid_t pid, int ms) {
+  const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (fd < 0) return true;  // already gone
+  struct pollfd wait = {fd, POLLIN, 0};
+  const bool ended = poll(&wait, 1, ms) == 1;
+  close(fd);
+  return ended;
 }
 
 }  // namespace zephlore::testkit

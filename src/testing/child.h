@@ -73,4 +73,8 @@ class HoldingChild {
   bool ready_ = false;
 };
 
+// Blocks until process `pid` (any, not only a child) has ended, at most
+// `ms`: an event wait on its pidfd, not a sleep. False on timeout.
+bool waitForExit(pid_t pid, int ms);
+
 }  // namespace zephlore::testkit

@@ -29,6 +29,7 @@ namespace {
 
 using testkit::ProcessResult;
 using testkit::runProcess;
+using testkit::waitForExit;
 
 
 
@@ -41,16 +42,6 @@ pid_t helperPid() {
   unsigned pid = 0;
   if (result.status != 0 || sscanf(result.out.c_str(), "(uint32 %u,)", &pid) != 1) return 0;
   return static_cast<pid_t>(pid);
-}
-
-// Blocks until `pid` has ended, at most `ms` (an event wait, not a sleep).
-bool waitForExit(pid_t pid, int ms) {
-  int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (fd < 0) return true;  // already gone
-  struct pollfd wait = {fd, POLLIN, 0};
-  bool ended = poll(&wait, 1, ms) == 1;
-  close(fd);
-  return ended;
 }
 
 class FolderCommandsTest : public ::testing::Test {

@@ -33,6 +33,7 @@ namespace zephlore::e2e {
 using testkit::Child;
 using testkit::ProcessResult;
 using testkit::runProcess;
+using testkit::waitForExit;
 
 inline const std::string kBin = ZEPHLORE_BINARY_DIR "/bin/";
 
@@ -50,16 +51,6 @@ inline constexpr int kCheckerSlowdown = kUnderThreadChecker ? 4 : 1;
 inline ProcessResult zephlore(std::vector<std::string> args) {
   args.insert(args.begin(), kBin + "zephlore");
   return runProcess(args);
-}
-
-// Blocks until `pid` has ended, at most `ms`; false on timeout.
-inline bool waitForExit(pid_t pid, int ms) {
-  int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (fd < 0) return true;
-  struct pollfd wait = {fd, POLLIN, 0};
-  const bool ended = poll(&wait, 1, ms) == 1;
-  close(fd);
-  return ended;
 }
 
 inline bool waitForHelperName() {
