@@ -196,8 +196,14 @@ class HelperPaneTest : public ::testing::Test {
   std::thread service_thread{[this] { service_loop.run(); }};
   std::unique_ptr<KRHelperStatusService> service;
 
+  // The status object ends on its loop's thread, as in the helper: an
+  // announcement may be running there.
+  void endService() {
+    service_loop.postAndWait([this] { service.reset(); });
+  }
+
   void TearDown() override {
-    service.reset();
+    endService();
     service_loop.stop();
     service_thread.join();
   }
@@ -391,7 +397,7 @@ TEST_F(HelperPaneTest, NoticesAndStatusChangesReachTheListenerOnlyThroughDeliver
   service->setPaused(true);
   ASSERT_TRUE(mailbox.runUntil([&] { return listener.heard("state"); }));
   listener.calls.clear();
-  service.reset();
+  endService();
   helper_side.releaseNames();
   ASSERT_TRUE(mailbox.runUntil([&] { return listener.heard("state"); }));
 
