@@ -9,12 +9,12 @@
 
 namespace zephlore::preferences {
 
-ExclusionsPage::ExclusionsPage(pane::PaneModel& model, PageHost& host) : model_(model), host_(host) {
+ExclusionsPage::ExclusionsPage(PageHost& host) : host_(host) {
   page_ = adw_preferences_page_new();
 
   paths_.removeName = N_("Remove excluded folder %s");
-  paths_.add = [this](const std::string& path) { return model_.addExcludedPath(path); };
-  paths_.remove = [this](const std::string& path) { return model_.removeExcludedPath(path); };
+  paths_.add = &pane::PaneModel::addExcludedPath;
+  paths_.remove = &pane::PaneModel::removeExcludedPath;
   build(paths_, _("Excluded Folders"), _("Files under these folders are never compressed."),
         _("No folders are excluded"), _("Folder to exclude"), _("Add excluded folder"), _("/path/to/folder"));
   auto* choose = newButton(_("C_hoose…"), _("Choose folder to exclude"));
@@ -22,8 +22,8 @@ ExclusionsPage::ExclusionsPage(pane::PaneModel& model, PageHost& host) : model_(
   adw_preferences_group_set_header_suffix(ADW_PREFERENCES_GROUP(paths_.group), GTK_WIDGET(choose->gobj()));
 
   extensions_.removeName = N_("Remove excluded extension %s");
-  extensions_.add = [this](const std::string& extension) { return model_.addExcludedExtension(extension); };
-  extensions_.remove = [this](const std::string& extension) { return model_.removeExcludedExtension(extension); };
+  extensions_.add = &pane::PaneModel::addExcludedExtension;
+  extensions_.remove = &pane::PaneModel::removeExcludedExtension;
   build(extensions_, _("Excluded Extensions"), _("Files whose names end in these extensions are never compressed."),
         _("No extensions are excluded"), _("Extension to exclude"), _("Add excluded extension"), _("e.g. iso"));
 }
@@ -42,18 +42,18 @@ void ExclusionsPage::build(List& list, const std::string& title, const std::stri
   list.entry->set_hexpand(true);
   list.entry->set_placeholder_text(placeholder);
   setAccessibleName(*list.entry, entryName);
-  list.entry->signal_activate().connect([this, &list] { addFromEntry(list); });
   auto* add = newButton(_("Add"), addName);
-  add->signal_clicked().connect([this, &list] { addFromEntry(list); });
+  list.entry->signal_activate().connect([this, &list, add] { addFromEntry(list, add); });
+  add->signal_clicked().connect([this, &list, add] { addFromEntry(list, add); });
   line->append(*list.entry);
   line->append(*add);
   adw_preferences_group_add(ADW_PREFERENCES_GROUP(list.group), GTK_WIDGET(line->gobj()));
   adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(list.group));
 }
 
-void ExclusionsPage::reload() {
-  show(paths_, model_.excludedPaths());
-  show(extensions_, model_.excludedExtensions());
+void ExclusionsPage::showLists(const std::vector<std::string>& paths, const std::vector<std::string>& extensions) {
+  show(paths_, paths);
+  show(extensions_, extensions);
 }
 
 void ExclusionsPage::show(List& list, const std::vector<std::string>& items) {
@@ -65,33 +65,35 @@ void ExclusionsPage::show(List& list, const std::vector<std::string>& items) {
   for (const std::string& item : items) {
     GtkWidget* row = newRow(item);
     Gtk::Button* remove = addIconButton(row, "list-remove-symbolic", fill(_(list.removeName), item));
-    remove->signal_clicked().connect([this, &list, item] {
-      host_.report(list.remove(item));
-      host_.scheduleReload();
+    remove->signal_clicked().connect([this, remove, call = list.remove, item] {
+      host_.act(remove, [call, item](pane::PaneModel& model) { return (model.*call)(item); });
     });
     adw_preferences_group_add(ADW_PREFERENCES_GROUP(list.group), row);
     list.rows.push_back(row);
   }
 }
 
-void ExclusionsPage::addFromEntry(List& list) {
-  std::string text = list.entry->get_text();
-  const auto first = text.find_first_not_of(" \t");
-  const auto last = text.find_last_not_of(" \t");
+void ExclusionsPage::addFromEntry(List& list, Gtk::Widget* control) {
+  const std::string typed = list.entry->get_text();
+  const auto first = typed.find_first_not_of(" \t");
+  const auto last = typed.find_last_not_of(" \t");
   if (first == std::string::npos) return;
-  text = text.substr(first, last - first + 1);
-  pane::Outcome outcome = list.add(text);
-  host_.report(outcome);
-  if (outcome.empty()) list.entry->set_text("");
-  host_.scheduleReload();
+  const std::string text = typed.substr(first, last - first + 1);
+  host_.act(
+      control, [call = list.add, text](pane::PaneModel& model) { return (model.*call)(text); },
+      [entry = list.entry, typed](const pane::Outcome& outcome) {
+        // Cleared only if nothing else was typed meanwhile.
+        if (outcome.empty() && std::string(entry->get_text()) == typed) entry->set_text("");
+      });
 }
 
 void ExclusionsPage::chooseFolder() {
   chooser_ = preferences::chooseFolder(host_.window(), _("Exclude a Folder"), _("_Exclude"),
                                       [this](const std::string& path) {
                                         if (path.empty()) return;
-                                        host_.report(model_.addExcludedPath(path));
-                                        host_.scheduleReload();
+                                        host_.act(nullptr, [path](pane::PaneModel& model) {
+                                          return model.addExcludedPath(path);
+                                        });
                                       });
 }
 

@@ -18,9 +18,9 @@ namespace zephlore::preferences {
 
 class ExclusionsPage {
  public:
-  ExclusionsPage(pane::PaneModel& model, PageHost& host);
+  explicit ExclusionsPage(PageHost& host);
   GtkWidget* widget() const { return page_; }
-  void reload();
+  void showLists(const std::vector<std::string>& paths, const std::vector<std::string>& extensions);
 
  private:
   // One editable list.
@@ -31,17 +31,16 @@ class ExclusionsPage {
     std::vector<GtkWidget*> rows;
     std::vector<std::string> shown;
     const char* removeName = nullptr;  // "Remove excluded folder %s"
-    std::function<pane::Outcome(const std::string&)> add;
-    std::function<pane::Outcome(const std::string&)> remove;
+    pane::Outcome (pane::PaneModel::*add)(const std::string&) = nullptr;
+    pane::Outcome (pane::PaneModel::*remove)(const std::string&) = nullptr;
   };
 
   void build(List& list, const std::string& title, const std::string& description, const std::string& emptyText,
              const std::string& entryName, const std::string& addName, const std::string& placeholder);
   void show(List& list, const std::vector<std::string>& items);
-  void addFromEntry(List& list);
+  void addFromEntry(List& list, Gtk::Widget* control);
   void chooseFolder();
 
-  pane::PaneModel& model_;
   PageHost& host_;
   GtkWidget* page_;
   List paths_;

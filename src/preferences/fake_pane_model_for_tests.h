@@ -1,9 +1,17 @@
 // A pane model held in memory for the window's tests: it answers from its
-// fields and writes down every action asked of it.
+// fields and writes down every action asked of it. The window calls it on
+// its worker thread: a test changes or reads the fields through locked(),
+// and can hold every call at a gate to see the window go on without it.
 #pragma once
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "pane/pane_model.h"
@@ -12,39 +20,86 @@ namespace zephlore::preferences {
 
 class FakePaneModel : public pane::PaneModel {
  public:
+  // Changed and read through locked() once a window uses the model.
   std::vector<pane::PaneFolder> folderList;
   std::vector<pane::SavingsSample> samples;
   pane::PaneSettings values;
   pane::HelperState state;
   std::vector<std::string> paths, extensions;
-  pane::Outcome failWith;        // what every action answers ("" done)
+  pane::Outcome failWith;          // what every action answers ("" done)
   std::vector<std::string> calls;  // "setActive 0", "removeFolder /a", ...
   int helperStateReads = 0;
+  int callsOnTestThread = 0;       // calls made on the thread that made the model
 
-  std::vector<pane::PaneFolder> folders(std::string*) override { return folderList; }
+  template <typename F>
+  auto locked(F&& f) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
+  std::vector<std::string> callsMade() {
+    return locked([&] { return calls; });
+  }
+
+  // While closed, every call waits at the gate, each at most `kGateLimit`
+  // (then the gate opens by itself, so a window that calls on the test's
+  // thread fails the test instead of hanging it).
+  static constexpr std::chrono::seconds kGateLimit{5};
+  void closeGate() {
+    std::lock_guard<std::mutex> lock(gateMutex_);
+    gateClosed_ = true;
+  }
+  void openGate() {
+    {
+      std::lock_guard<std::mutex> lock(gateMutex_);
+      gateClosed_ = false;
+    }
+    gateOpened_.notify_all();
+  }
+  int waitingAtGate() {
+    std::lock_guard<std::mutex> lock(gateMutex_);
+    return waiting_;
+  }
+
+  std::vector<pane::PaneFolder> folders(std::string*) override {
+    return read([&] { return folderList; });
+  }
   uint64_t totalSaved() override {
-    uint64_t total = 0;
-    for (const auto& folder : folderList) total += folder.savedBytes;
-    return total;
+    return read([&] {
+      uint64_t total = 0;
+      for (const auto& folder : folderList) total += folder.savedBytes;
+      return total;
+    });
   }
-  std::vector<pane::SavingsSample> savingsOverTime() override { return samples; }
-  pane::PaneSettings settings() override { return values; }
+  std::vector<pane::SavingsSample> savingsOverTime() override {
+    return read([&] { return samples; });
+  }
+  pane::PaneSettings settings() override {
+    return read([&] { return values; });
+  }
   pane::HelperState helperState() override {
-    ++helperStateReads;
-    return state;
+    return read([&] {
+      ++helperStateReads;
+      return state;
+    });
   }
-  std::vector<std::string> excludedPaths() override { return paths; }
-  std::vector<std::string> excludedExtensions() override { return extensions; }
+  std::vector<std::string> excludedPaths() override {
+    return read([&] { return paths; });
+  }
+  std::vector<std::string> excludedExtensions() override {
+    return read([&] { return extensions; });
+  }
 
   pane::Outcome addFolder(const std::string& path) override { return did("addFolder " + path); }
   pane::Outcome removeFolder(const std::string& path) override {
-    std::erase_if(folderList, [&](const pane::PaneFolder& folder) { return folder.path == path; });
-    return did("removeFolder " + path);
+    return did("removeFolder " + path, [&] {
+      std::erase_if(folderList, [&](const pane::PaneFolder& folder) { return folder.path == path; });
+    });
   }
   pane::Outcome setFolderEnabled(const std::string& path, bool on) override {
-    for (auto& folder : folderList)
-      if (folder.path == path) folder.enabled = on;
-    return did("setFolderEnabled " + path + " " + std::to_string(on));
+    return did("setFolderEnabled " + path + " " + std::to_string(on), [&] {
+      for (auto& folder : folderList)
+        if (folder.path == path) folder.enabled = on;
+    });
   }
   pane::Outcome setActive(bool on) override { return set(values.active, on, "setActive"); }
   pane::Outcome setVisible(bool on) override { return set(values.visible, on, "setVisible"); }
@@ -54,8 +109,9 @@ class FakePaneModel : public pane::PaneModel {
   pane::Outcome addExcludedPath(const std::string& path) override { return did("addExcludedPath " + path); }
   pane::Outcome removeExcludedPath(const std::string& path) override { return did("removeExcludedPath " + path); }
   pane::Outcome addExcludedExtension(const std::string& extension) override {
-    if (failWith.empty()) extensions.push_back(extension);
-    return did("addExcludedExtension " + extension);
+    return did("addExcludedExtension " + extension, [&] {
+      if (failWith.empty()) extensions.push_back(extension);
+    });
   }
   pane::Outcome removeExcludedExtension(const std::string& extension) override {
     return did("removeExcludedExtension " + extension);
@@ -66,14 +122,38 @@ class FakePaneModel : public pane::PaneModel {
   pane::Outcome quit() override { return did("quit"); }
 
  private:
-  pane::Outcome did(std::string call) {
-    calls.push_back(std::move(call));
-    return failWith;
+  void passGate() {
+    std::unique_lock<std::mutex> lock(gateMutex_);
+    ++waiting_;
+    if (!gateOpened_.wait_for(lock, kGateLimit, [&] { return !gateClosed_; })) gateClosed_ = false;
+    --waiting_;
+  }
+  template <typename F>
+  std::invoke_result_t<F> read(F&& f) {
+    passGate();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (std::this_thread::get_id() == testThread_) ++callsOnTestThread;
+    return f();
+  }
+  pane::Outcome did(std::string call, const std::function<void()>& change = {}) {
+    return read([&] {
+      if (change) change();
+      calls.push_back(std::move(call));
+      return failWith;
+    });
   }
   pane::Outcome set(bool& field, bool on, const char* name) {
-    if (failWith.empty()) field = on;
-    return did(std::string(name) + " " + std::to_string(on));
+    return did(std::string(name) + " " + std::to_string(on), [&] {
+      if (failWith.empty()) field = on;
+    });
   }
+
+  const std::thread::id testThread_ = std::this_thread::get_id();
+  std::mutex mutex_;
+  std::mutex gateMutex_;
+  std::condition_variable gateOpened_;
+  bool gateClosed_ = false;
+  int waiting_ = 0;
 };
 
 }  // namespace zephlore::preferences

@@ -25,7 +25,7 @@ std::string folderWords(const pane::PaneFolder& folder) {
 
 }  // namespace
 
-FoldersPage::FoldersPage(pane::PaneModel& model, PageHost& host) : model_(model), host_(host) {
+FoldersPage::FoldersPage(PageHost& host) : host_(host) {
   page_ = adw_preferences_page_new();
 
   list_ = newGroup(_("Watched Folders"), _("Files in these folders are compressed in the background."));
@@ -33,6 +33,8 @@ FoldersPage::FoldersPage(pane::PaneModel& model, PageHost& host) : model_(model)
   add->signal_clicked().connect([this] { chooseFolder(); });
   adw_preferences_group_set_header_suffix(ADW_PREFERENCES_GROUP(list_), GTK_WIDGET(add->gobj()));
   empty_ = newRow(_("No folders are watched"), _("Add a folder to start saving space."));
+  // Shown once the first read says so.
+  gtk_widget_set_visible(empty_, FALSE);
   adw_preferences_group_add(ADW_PREFERENCES_GROUP(list_), empty_);
   problem_ = newRow(_("The folder list cannot be read"));
   gtk_widget_set_visible(problem_, FALSE);
@@ -50,9 +52,8 @@ FoldersPage::FoldersPage(pane::PaneModel& model, PageHost& host) : model_(model)
   adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(savings));
 }
 
-void FoldersPage::reload() {
-  std::string problem;
-  std::vector<pane::PaneFolder> folders = model_.folders(&problem);
+void FoldersPage::show(const std::vector<pane::PaneFolder>& folders, const std::string& problem, uint64_t totalSaved,
+                       const std::vector<pane::SavingsSample>& samples) {
   setRowText(problem_, _("The folder list cannot be read"), problem);
   gtk_widget_set_visible(problem_, !problem.empty());
   gtk_widget_set_visible(empty_, folders.empty() && problem.empty());
@@ -61,13 +62,13 @@ void FoldersPage::reload() {
   for (const auto& folder : folders) order.push_back(folder.path);
   if (order != order_) rebuild(folders);
   updating_ = true;
-  for (const auto& folder : folders) show(rows_[folder.path], folder);
+  for (const auto& folder : folders) showRow(rows_[folder.path], folder);
   updating_ = false;
 
-  const std::string total = sizeText(model_.totalSaved());
+  const std::string total = sizeText(totalSaved);
   total_->set_text(total);
   setAccessibleDescription(totalRow_, total);
-  chart_->setSamples(model_.savingsOverTime());
+  chart_->setSamples(samples);
 }
 
 void FoldersPage::rebuild(const std::vector<pane::PaneFolder>& folders) {
@@ -92,20 +93,19 @@ FoldersPage::Row FoldersPage::makeRow(const std::string& path) {
   row.watch = addSwitch(row.row, fill(_("Watch folder %s"), path));
   row.watch->property_active().signal_changed().connect([this, path, control = row.watch] {
     if (updating_) return;
-    pane::Outcome outcome = model_.setFolderEnabled(path, control->get_active());
-    host_.report(outcome);
-    host_.scheduleReload();
+    host_.act(control, [path, on = control->get_active()](pane::PaneModel& model) {
+      return model.setFolderEnabled(path, on);
+    });
   });
   Gtk::Button* remove = addIconButton(row.row, "user-trash-symbolic", fill(_("Remove folder %s"), path));
-  remove->signal_clicked().connect([this, path] {
-    host_.report(model_.removeFolder(path));
-    host_.scheduleReload();
+  remove->signal_clicked().connect([this, path, remove] {
+    host_.act(remove, [path](pane::PaneModel& model) { return model.removeFolder(path); });
   });
   adw_preferences_group_add(ADW_PREFERENCES_GROUP(list_), row.row);
   return row;
 }
 
-void FoldersPage::show(Row& row, const pane::PaneFolder& folder) {
+void FoldersPage::showRow(Row& row, const pane::PaneFolder& folder) {
   std::string words = folderWords(folder);
   if (words != row.words) {
     setRowText(row.row, folder.path, words);
@@ -127,8 +127,9 @@ void FoldersPage::chooseFolder() {
                                           host_.report(_("Only local folders can be watched."));
                                           return;
                                         }
-                                        host_.report(model_.addFolder(path));
-                                        host_.scheduleReload();
+                                        host_.act(nullptr, [path](pane::PaneModel& model) {
+                                          return model.addFolder(path);
+                                        });
                                       });
 }
 

@@ -22,9 +22,11 @@ namespace zephlore::preferences {
 
 class FoldersPage {
  public:
-  FoldersPage(pane::PaneModel& model, PageHost& host);
+  explicit FoldersPage(PageHost& host);
   GtkWidget* widget() const { return page_; }
-  void reload();
+  // Shows what the model answered (read on the window's worker).
+  void show(const std::vector<pane::PaneFolder>& folders, const std::string& problem, uint64_t totalSaved,
+            const std::vector<pane::SavingsSample>& samples);
 
  private:
   struct Row {
@@ -36,10 +38,9 @@ class FoldersPage {
 
   void rebuild(const std::vector<pane::PaneFolder>& folders);
   Row makeRow(const std::string& path);
-  void show(Row& row, const pane::PaneFolder& folder);
+  void showRow(Row& row, const pane::PaneFolder& folder);
   void chooseFolder();
 
-  pane::PaneModel& model_;
   PageHost& host_;
   GtkWidget* page_;
   GtkWidget* list_;        // the group of folder rows

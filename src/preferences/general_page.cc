@@ -7,7 +7,7 @@
 
 namespace zephlore::preferences {
 
-GeneralPage::GeneralPage(pane::PaneModel& model, PageHost& host) : model_(model), host_(host) {
+GeneralPage::GeneralPage(PageHost& host) : host_(host) {
   page_ = adw_preferences_page_new();
 
   GtkWidget* group = newGroup(_("Settings"));
@@ -34,8 +34,7 @@ GeneralPage::GeneralPage(pane::PaneModel& model, PageHost& host) : model_(model)
     settings_.push_back({one.field, one.set, control});
     control->property_active().signal_changed().connect([this, control, set = one.set] {
       if (updating_) return;
-      host_.report((model_.*set)(control->get_active()));
-      host_.scheduleReload();
+      host_.act(control, [set, on = control->get_active()](pane::PaneModel& model) { return (model.*set)(on); });
     });
     adw_preferences_group_add(ADW_PREFERENCES_GROUP(group), row);
   }
@@ -46,15 +45,13 @@ GeneralPage::GeneralPage(pane::PaneModel& model, PageHost& host) : model_(model)
   pauseResume_ = newButton(_("_Pause"), _("Pause"));
   pauseResume_->signal_clicked().connect([this] {
     if (!host_.helperReachable()) return;
-    host_.report(paused_ ? model_.resume() : model_.pause());
-    host_.scheduleReload();
+    host_.act(pauseResume_, [resume = paused_](pane::PaneModel& model) { return resume ? model.resume() : model.pause(); });
   });
   quit_ = newButton(_("_Quit Helper"), _("Quit helper"));
   quit_->add_css_class("destructive-action");
   quit_->signal_clicked().connect([this] {
     if (!host_.helperReachable()) return;
-    host_.report(model_.quit());
-    host_.scheduleReload();
+    host_.act(quit_, [](pane::PaneModel& model) { return model.quit(); });
   });
   adw_action_row_add_suffix(ADW_ACTION_ROW(helperRow_), GTK_WIDGET(pauseResume_->gobj()));
   adw_action_row_add_suffix(ADW_ACTION_ROW(helperRow_), GTK_WIDGET(quit_->gobj()));
@@ -62,8 +59,7 @@ GeneralPage::GeneralPage(pane::PaneModel& model, PageHost& host) : model_(model)
   adw_preferences_page_add(ADW_PREFERENCES_PAGE(page_), ADW_PREFERENCES_GROUP(helper));
 }
 
-void GeneralPage::reloadSettings() {
-  pane::PaneSettings values = model_.settings();
+void GeneralPage::showSettings(const pane::PaneSettings& values) {
   updating_ = true;
   for (Setting& setting : settings_) {
     if (setting.control->get_active() != values.*setting.field) setting.control->set_active(values.*setting.field);

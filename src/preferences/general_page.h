@@ -15,9 +15,9 @@ namespace zephlore::preferences {
 
 class GeneralPage {
  public:
-  GeneralPage(pane::PaneModel& model, PageHost& host);
+  explicit GeneralPage(PageHost& host);
   GtkWidget* widget() const { return page_; }
-  void reloadSettings();
+  void showSettings(const pane::PaneSettings& values);
   void showHelper(const pane::HelperState& state);
 
  private:
@@ -27,7 +27,6 @@ class GeneralPage {
     Gtk::Switch* control;
   };
 
-  pane::PaneModel& model_;
   PageHost& host_;
   GtkWidget* page_;
   std::vector<Setting> settings_;

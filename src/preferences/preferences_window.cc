@@ -6,10 +6,51 @@
 #include <gtkmm/button.h>
 #include <gtkmm/label.h>
 
+#include <memory>
+#include <utility>
+
 #include "preferences/accessible.h"
 #include "preferences/rows.h"
 
 namespace zephlore::preferences {
+
+// What one re-read found, gathered on the worker in one call.
+struct PreferencesWindow::Reading {
+  unsigned parts = 0;
+  std::vector<pane::PaneFolder> folders;
+  std::string problem;
+  uint64_t totalSaved = 0;
+  std::vector<pane::SavingsSample> samples;
+  pane::PaneSettings settings;
+  pane::HelperState state;  // not running unless read
+  std::vector<std::string> paths, extensions;
+};
+
+namespace {
+
+// A control's hold on itself while its action runs: a re-read may replace
+// the control meanwhile, so it is held weakly.
+class Busy {
+ public:
+  explicit Busy(Gtk::Widget* control) {
+    g_weak_ref_init(&ref_, control ? control->gobj() : nullptr);
+    if (control) control->set_sensitive(false);
+  }
+  ~Busy() { g_weak_ref_clear(&ref_); }
+  Busy(const Busy&) = delete;
+  Busy& operator=(const Busy&) = delete;
+  void over() {
+    if (gpointer control = g_weak_ref_get(&ref_)) {
+      gtk_widget_set_sensitive(GTK_WIDGET(control), TRUE);
+      g_object_unref(control);
+    }
+  }
+
+ private:
+  GWeakRef ref_;
+};
+
+}  // namespace
 
 pane::Deliver mainLoopDeliver() {
   return [](std::function<void()> call) {
@@ -25,7 +66,11 @@ pane::Deliver mainLoopDeliver() {
 }
 
 PreferencesWindow::PreferencesWindow(pane::PaneModel& model, unsigned foldersDelayMs)
-    : model_(model), foldersDelayMs_(foldersDelayMs), folders_(model, *this), general_(model, *this), exclusions_(model, *this) {
+    : foldersDelayMs_(foldersDelayMs),
+      folders_(*this),
+      general_(*this),
+      exclusions_(*this),
+      worker_(model, mainLoopDeliver()) {
   set_title(_("Zephlore"));
   set_default_size(760, 680);
   set_icon_name("com.quorvane.ZephlorePreferences");
@@ -65,11 +110,12 @@ PreferencesWindow::PreferencesWindow(pane::PaneModel& model, unsigned foldersDel
   banner_->add_child(*message);
   auto* start = newButton(_("_Start Helper"), _("Start helper"));
   start->add_css_class("suggested-action");
-  start->signal_clicked().connect([this] {
-    pane::Outcome outcome = model_.startHelper();
-    report(outcome);
-    if (outcome.empty()) letGo_ = false;
-    scheduleReload();
+  start->signal_clicked().connect([this, start] {
+    act(
+        start, [](pane::PaneModel& pane) { return pane.startHelper(); },
+        [this](const pane::Outcome& outcome) {
+          if (outcome.empty()) letGo_ = false;
+        });
   });
   banner_->add_action_widget(*start, 0);
   banner_->set_revealed(false);
@@ -81,12 +127,14 @@ PreferencesWindow::PreferencesWindow(pane::PaneModel& model, unsigned foldersDel
   adw_toast_overlay_set_child(ADW_TOAST_OVERLAY(overlay_), GTK_WIDGET(content->gobj()));
   gtk_window_set_child(GTK_WINDOW(gobj()), overlay_);
 
-  reloadAll();
+  requestReload(kEverything);
 }
 
 PreferencesWindow::~PreferencesWindow() {
-  pendingReload_.disconnect();
   pendingFolders_.disconnect();
+  // Waits for the call in flight (and the user's actions still queued):
+  // the model outlives the window, and the helper must hear what was asked.
+  worker_.stop();
 }
 
 void PreferencesWindow::foldersChanged() { scheduleFoldersReload(); }
@@ -94,7 +142,7 @@ void PreferencesWindow::foldersChanged() { scheduleFoldersReload(); }
 void PreferencesWindow::helperStateChanged() {
   // The helper came back or left for good: either way it is read again.
   letGo_ = false;
-  refreshHelper();
+  requestReload(kHelper);
   // A folder's sweep and view come from the helper's status too.
   scheduleFoldersReload();
 }
@@ -102,10 +150,10 @@ void PreferencesWindow::helperStateChanged() {
 void PreferencesWindow::scheduleFoldersReload() {
   // A working helper announces savings and states many times a second, and
   // reading a long folder list takes a while: one read for a burst.
-  if (pendingFolders_.connected() || pendingReload_.connected()) return;
+  if (pendingFolders_.connected()) return;
   pendingFolders_ = Glib::signal_timeout().connect(
       [this] {
-        folders_.reload();
+        requestReload(kFolders);
         return false;
       },
       foldersDelayMs_);
@@ -118,22 +166,67 @@ void PreferencesWindow::showHistory() {
 
 void PreferencesWindow::helperQuitting() {
   letGo_ = true;
-  refreshHelper();
+  showHelper(pane::HelperState{});
 }
 
 void PreferencesWindow::reloadEverything() {
   // The helper restarts after an update: it is reachable again.
   letGo_ = false;
-  reloadAll();
+  requestReload(kEverything);
 }
 
-void PreferencesWindow::reloadAll() {
-  pendingReload_.disconnect();
-  pendingFolders_.disconnect();
-  folders_.reload();
-  general_.reloadSettings();
-  exclusions_.reload();
-  refreshHelper();
+void PreferencesWindow::requestReload(unsigned parts) {
+  if (reading_) {
+    // Read after the one under way: what changed may have been missed by it.
+    readAgain_ |= parts;
+    return;
+  }
+  if (parts & kFolders) pendingFolders_.disconnect();
+  reading_ = true;
+  const bool askHelper = (parts & kHelper) && !letGo_;
+  worker_.run<Reading>(
+      [parts, askHelper](pane::PaneModel& model) {
+        Reading reading;
+        reading.parts = parts;
+        if (parts & kFolders) {
+          reading.folders = model.folders(&reading.problem);
+          reading.totalSaved = model.totalSaved();
+          reading.samples = model.savingsOverTime();
+        }
+        if (parts & kSettings) reading.settings = model.settings();
+        if (parts & kExclusions) {
+          reading.paths = model.excludedPaths();
+          reading.extensions = model.excludedExtensions();
+        }
+        if (askHelper) reading.state = model.helperState();
+        return reading;
+      },
+      [this](Reading reading) {
+        reading_ = false;
+        apply(reading);
+        if (const unsigned again = std::exchange(readAgain_, 0)) requestReload(again);
+      });
+}
+
+void PreferencesWindow::apply(const Reading& reading) {
+  if (reading.parts & kFolders) folders_.show(reading.folders, reading.problem, reading.totalSaved, reading.samples);
+  if (reading.parts & kSettings) general_.showSettings(reading.settings);
+  if (reading.parts & kExclusions) exclusions_.showLists(reading.paths, reading.extensions);
+  // Let go since it was asked for: the helper said it quits.
+  if (reading.parts & kHelper) showHelper(letGo_ ? pane::HelperState{} : reading.state);
+}
+
+void PreferencesWindow::act(Gtk::Widget* control, Action action, std::function<void(const pane::Outcome&)> then) {
+  auto busy = std::make_shared<Busy>(control);
+  worker_.run<pane::Outcome>(
+      std::move(action),
+      [this, busy, then = std::move(then)](pane::Outcome outcome) {
+        busy->over();
+        report(outcome);
+        if (then) then(outcome);
+        requestReload(kEverything);
+      },
+      PaneWorker::Kind::kAction);
 }
 
 void PreferencesWindow::report(const pane::Outcome& outcome) {
@@ -145,20 +238,9 @@ void PreferencesWindow::report(const pane::Outcome& outcome) {
   adw_toast_overlay_add_toast(ADW_TOAST_OVERLAY(overlay_), toast);
 }
 
-void PreferencesWindow::scheduleReload() {
-  if (pendingReload_.connected()) return;
-  pendingReload_ = Glib::signal_idle().connect([this] {
-    reloadAll();
-    return false;
-  });
-}
-
-void PreferencesWindow::refreshHelper() {
-  pane::HelperState state;  // not running
-  if (!letGo_) state = model_.helperState();
-  if (letGo_ || state.kind == pane::HelperState::Kind::kNotRunning) {
-    state = pane::HelperState{};
-  }
+void PreferencesWindow::showHelper(const pane::HelperState& read) {
+  pane::HelperState state = read;
+  if (state.kind == pane::HelperState::Kind::kNotRunning) state = pane::HelperState{};
   general_.showHelper(state);
   banner_->set_revealed(state.kind == pane::HelperState::Kind::kNotRunning);
 }

@@ -1,6 +1,8 @@
 // The preference window: three pages (Folders, General, Exclusions) over a
 // pane model, and a bar saying when the helper is not running with a button
-// to start it. It hears the model as its PaneListener, on the main loop.
+// to start it. It hears the model as its PaneListener, on the main loop, and
+// calls the model only on a worker thread of its own: a call may wait for
+// the helper for seconds, and the window keeps answering meanwhile.
 //
 // What a screen reader (and a test over AT-SPI) finds, by role and name (in
 // English; PATH, EXT stand for the row's own text):
@@ -41,11 +43,14 @@
 #include <gtkmm/applicationwindow.h>
 #include <gtkmm/infobar.h>
 
+#include <cstddef>
+
 #include "pane/pane_model.h"
 #include "preferences/exclusions_page.h"
 #include "preferences/folders_page.h"
 #include "preferences/general_page.h"
 #include "preferences/page_host.h"
+#include "preferences/pane_worker.h"
 
 namespace zephlore::preferences {
 
@@ -71,26 +76,38 @@ class PreferencesWindow : public Gtk::ApplicationWindow, public pane::PaneListen
 
   // PageHost
   void report(const pane::Outcome& outcome) override;
-  void scheduleReload() override;
+  void act(Gtk::Widget* control, Action action, std::function<void(const pane::Outcome&)> then = {}) override;
   bool helperReachable() const override { return !letGo_; }
   Gtk::Window& window() override { return *this; }
 
- private:
-  void reloadAll();
-  void scheduleFoldersReload();
-  void refreshHelper();
+  // For tests: calls of the window still on its worker or on their way
+  // back, or a re-read still waiting for its moment.
+  bool working() const { return worker_.pending() > 0 || pendingFolders_.connected(); }
 
-  pane::PaneModel& model_;
+ private:
+  // What one re-read asks for.
+  enum Part : unsigned { kFolders = 1, kSettings = 2, kExclusions = 4, kHelper = 8, kEverything = 15 };
+  struct Reading;
+
+  void requestReload(unsigned parts);
+  void apply(const Reading& reading);
+  void scheduleFoldersReload();
+  void showHelper(const pane::HelperState& state);
+
   const unsigned foldersDelayMs_;
   bool letGo_ = false;  // the helper said it quits
+  // One re-read at a time: what is asked meanwhile is read once after it.
+  bool reading_ = false;
+  unsigned readAgain_ = 0;
   FoldersPage folders_;
   GeneralPage general_;
   ExclusionsPage exclusions_;
   GtkWidget* overlay_;
   GtkWidget* stack_;
   Gtk::InfoBar* banner_;
-  sigc::connection pendingReload_;
   sigc::connection pendingFolders_;
+  // Last: stopped first, while everything its results touch is still there.
+  PaneWorker worker_;
 };
 
 }  // namespace zephlore::preferences

@@ -1,11 +1,14 @@
 // The window over a model in memory: what each control asks of the model,
 // what the listener's calls change, and that showing the model's values
-// never posts anything back. Needs a display (ctest runs it under xvfb-run).
+// never posts anything back, and that a model call that waits leaves the
+// window running. Needs a display (ctest runs it under xvfb-run).
 #include <adwaita.h>
 #include <gtest/gtest.h>
 #include <gtkmm/init.h>
 
+#include <chrono>
 #include <functional>
+#include <iostream>
 
 #include "preferences/fake_pane_model_for_tests.h"
 #include "preferences/preferences_window.h"
@@ -23,8 +26,24 @@ bool displayReady() {
   return ready;
 }
 
-// Runs what is ready on the main loop (the window defers its re-reads).
-void settle() {
+using namespace std::chrono_literals;
+
+// Runs the main loop until `done` holds, for at most `limit`.
+bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
+  bool expired = false;
+  const guint timer = g_timeout_add(
+      static_cast<guint>(limit.count()),
+      [](gpointer flag) {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &expired);
+  while (!done() && !expired) g_main_context_iteration(nullptr, TRUE);
+  if (!expired) g_source_remove(timer);
+  return done();
+}
+
+void runReady() {
   for (int i = 0; i < 10000 && g_main_context_iteration(nullptr, FALSE); ++i) {
   }
 }
@@ -49,6 +68,15 @@ class PreferencesWindowTest : public ::testing::Test {
     window_ = std::make_unique<PreferencesWindow>(model_, 0);
     root_ = GTK_WIDGET(window_->gobj());
     settle();
+  }
+  void TearDown() override { model_.openGate(); }
+
+  // Until the window's calls came back and their results are shown.
+  void settle() {
+    ASSERT_TRUE(runUntil([&] {
+      runReady();
+      return !window_->working();
+    })) << "the window's calls to the model did not come back";
   }
 
   GtkWidget* row(const std::string& title) {
@@ -85,7 +113,7 @@ class PreferencesWindowTest : public ::testing::Test {
 
 TEST_F(PreferencesWindowTest, FolderRowsShowTheModelAndTheirControlsAskItWithoutEchoes) {
   // Showing the model's values (the switches among them) posts nothing.
-  EXPECT_TRUE(model_.calls.empty());
+  EXPECT_TRUE(model_.callsMade().empty());
   gchar* saved = g_format_size(2'000'000);
   EXPECT_EQ(subtitle("/w/a & b"), std::string("Saved ") + saved + "\nSweeping");
   g_free(saved);
@@ -97,17 +125,18 @@ TEST_F(PreferencesWindowTest, FolderRowsShowTheModelAndTheirControlsAskItWithout
   gtk_switch_set_active(switchIn("/w/fat"), TRUE);
   settle();
   click(button(row("/w/a & b"), "Remove folder /w/a & b"));
-  EXPECT_EQ(model_.calls, (std::vector<std::string>{"setFolderEnabled /w/fat 1", "removeFolder /w/a & b"}));
+  EXPECT_EQ(model_.callsMade(), (std::vector<std::string>{"setFolderEnabled /w/fat 1", "removeFolder /w/a & b"}));
   EXPECT_EQ(row("/w/a & b"), nullptr);
   EXPECT_TRUE(gtk_switch_get_active(switchIn("/w/fat")));
 
   // A general switch the model refuses goes back to the model's value.
-  model_.failWith = "Cannot write the settings.";
+  model_.locked([&] { model_.failWith = "Cannot write the settings."; });
   gtk_switch_set_active(switchIn("Active"), FALSE);
   settle();
-  EXPECT_EQ(model_.calls.back(), "setActive 0");
+  EXPECT_EQ(model_.callsMade().back(), "setActive 0");
   EXPECT_TRUE(gtk_switch_get_active(switchIn("Active")));
-  EXPECT_EQ(model_.calls.size(), 3u);
+  EXPECT_EQ(model_.callsMade().size(), 3u);
+  EXPECT_EQ(model_.locked([&] { return model_.callsOnTestThread; }), 0);
 }
 
 TEST_F(PreferencesWindowTest, AHelperThatQuitsIsLetGoAndStartedAgainFromTheBar) {
@@ -118,22 +147,24 @@ TEST_F(PreferencesWindowTest, AHelperThatQuitsIsLetGoAndStartedAgainFromTheBar) 
   ASSERT_NE(pause, nullptr);
   EXPECT_TRUE(gtk_widget_get_sensitive(GTK_WIDGET(pause)));
 
-  const int reads = model_.helperStateReads;
+  const int reads = model_.locked([&] { return model_.helperStateReads; });
   window_->helperQuitting();
   settle();
   EXPECT_TRUE(gtk_info_bar_get_revealed(GTK_INFO_BAR(bar)));
   EXPECT_FALSE(gtk_widget_get_sensitive(GTK_WIDGET(pause)));
   EXPECT_EQ(subtitle("Helper"), "Not running");
-  EXPECT_EQ(model_.helperStateReads, reads);  // let go: not asked
+  EXPECT_EQ(model_.locked([&] { return model_.helperStateReads; }), reads);  // let go: not asked
 
-  model_.state.kind = pane::HelperState::Kind::kPaused;
-  model_.state.words = "Paused: on battery";
+  model_.locked([&] {
+    model_.state.kind = pane::HelperState::Kind::kPaused;
+    model_.state.words = "Paused: on battery";
+  });
   click(button(bar, "_Start Helper"));
-  EXPECT_EQ(model_.calls, std::vector<std::string>{"startHelper"});
+  EXPECT_EQ(model_.callsMade(), std::vector<std::string>{"startHelper"});
   EXPECT_FALSE(gtk_info_bar_get_revealed(GTK_INFO_BAR(bar)));
   EXPECT_EQ(subtitle("Helper"), "Paused: on battery");
   click(button(root_, "_Resume"));
-  EXPECT_EQ(model_.calls.back(), "resume");
+  EXPECT_EQ(model_.callsMade().back(), "resume");
 }
 
 TEST_F(PreferencesWindowTest, ExtensionsAreAddedFromTheEntryAndTheHistoryComesToTheFront) {
@@ -144,11 +175,11 @@ TEST_F(PreferencesWindowTest, ExtensionsAreAddedFromTheEntryAndTheHistoryComesTo
   gtk_editable_set_text(GTK_EDITABLE(entry), "  zip ");
   g_signal_emit_by_name(entry, "activate");
   settle();
-  EXPECT_EQ(model_.calls, std::vector<std::string>{"addExcludedExtension zip"});
+  EXPECT_EQ(model_.callsMade(), std::vector<std::string>{"addExcludedExtension zip"});
   EXPECT_STREQ(gtk_editable_get_text(GTK_EDITABLE(entry)), "");
   EXPECT_NE(row("zip"), nullptr);
   click(button(row("iso"), "Remove excluded extension iso"));
-  EXPECT_EQ(model_.calls.back(), "removeExcludedExtension iso");
+  EXPECT_EQ(model_.callsMade().back(), "removeExcludedExtension iso");
 
   GtkWidget* stack = find(root_, [](GtkWidget* w) { return ADW_IS_VIEW_STACK(w); });
   ASSERT_NE(stack, nullptr);
@@ -157,10 +188,65 @@ TEST_F(PreferencesWindowTest, ExtensionsAreAddedFromTheEntryAndTheHistoryComesTo
   EXPECT_STREQ(adw_view_stack_get_visible_child_name(ADW_VIEW_STACK(stack)), "folders");
 
   // Savings announced by the helper are read again.
-  model_.folderList.push_back({"/w/new", true, true, 5, "", std::nullopt, ""});
+  model_.locked([&] { model_.folderList.push_back({"/w/new", true, true, 5, "", std::nullopt, ""}); });
   window_->foldersChanged();
   settle();
   EXPECT_NE(row("/w/new"), nullptr);
+}
+
+TEST_F(PreferencesWindowTest, AModelCallThatWaitsLeavesTheWindowRunningAndItsResultIsShownAfter) {
+  model_.closeGate();
+  model_.locked([&] { model_.folderList.push_back({"/w/late", true, true, 7, "", std::nullopt, ""}); });
+  using Clock = std::chrono::steady_clock;
+  const auto asked = Clock::now();
+  window_->reloadEverything();
+  const auto askTook = Clock::now() - asked;
+  ASSERT_TRUE(runUntil([&] { return model_.waitingAtGate() == 1; })) << "the re-read never reached the model";
+
+  // Held inside the model: the main loop still runs, and a control still
+  // answers at once, its action queued behind the read.
+  bool ran = false;
+  g_idle_add(
+      [](gpointer flag) {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &ran);
+  EXPECT_TRUE(runUntil([&] { return ran; }, 1s));
+  const auto toggled = Clock::now();
+  gtk_switch_set_active(switchIn("Active"), FALSE);
+  const auto toggleTook = Clock::now() - toggled;
+  runReady();
+  EXPECT_FALSE(gtk_widget_get_sensitive(GTK_WIDGET(switchIn("Active"))));  // busy until done
+  EXPECT_TRUE(model_.callsMade().empty());
+  EXPECT_EQ(row("/w/late"), nullptr);
+  EXPECT_EQ(model_.waitingAtGate(), 1);
+  EXPECT_LT(askTook, 100ms);
+  EXPECT_LT(toggleTook, 100ms);
+  std::cout << "while the model was held: re-read asked in "
+            << std::chrono::duration_cast<std::chrono::microseconds>(askTook).count() << " us, switch answered in "
+            << std::chrono::duration_cast<std::chrono::microseconds>(toggleTook).count() << " us\n";
+
+  // Let go: the read is shown, then the write runs and its re-read agrees.
+  model_.openGate();
+  settle();
+  EXPECT_NE(row("/w/late"), nullptr);
+  EXPECT_EQ(model_.callsMade(), std::vector<std::string>{"setActive 0"});
+  EXPECT_FALSE(gtk_switch_get_active(switchIn("Active")));
+  EXPECT_TRUE(gtk_widget_get_sensitive(GTK_WIDGET(switchIn("Active"))));
+  EXPECT_EQ(model_.locked([&] { return model_.callsOnTestThread; }), 0);
+
+  // A window closed while a read waits: the user's write queued behind it
+  // still reaches the model, and no result is shown any more.
+  model_.closeGate();
+  window_->reloadEverything();
+  ASSERT_TRUE(runUntil([&] { return model_.waitingAtGate() == 1; }));
+  gtk_switch_set_active(switchIn("Show status icon"), FALSE);
+  std::thread opener([&] { model_.openGate(); });
+  window_.reset();
+  opener.join();
+  runReady();
+  EXPECT_EQ(model_.callsMade().back(), "setVisible 0");
 }
 
 }  // namespace
