@@ -4,6 +4,8 @@
 // and can hold every call at a gate to see the window go on without it.
 #pragma once
 
+#include <glib.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -125,6 +127,8 @@ class FakePaneModel : public pane::PaneModel {
   void passGate() {
     std::unique_lock<std::mutex> lock(gateMutex_);
     ++waiting_;
+    // A test waiting for this runs the main loop: wake it to look.
+    g_main_context_wakeup(nullptr);
     if (!gateOpened_.wait_for(lock, kGateLimit, [&] { return !gateClosed_; })) gateClosed_ = false;
     --waiting_;
   }

@@ -111,7 +111,9 @@ void FoldersPage::showRow(Row& row, const pane::PaneFolder& folder) {
     setRowText(row.row, folder.path, words);
     row.words = std::move(words);
   }
-  if (row.watch->get_active() != folder.enabled) row.watch->set_active(folder.enabled);
+  // A switch whose change is still on its way shows the user's choice; the
+  // re-read after it shows what came of it.
+  if (row.watch->get_sensitive() && row.watch->get_active() != folder.enabled) row.watch->set_active(folder.enabled);
   row.warning->set_visible(folder.cannotHold.has_value());
   if (folder.cannotHold) {
     row.warning->set_tooltip_text(*folder.cannotHold);

@@ -62,6 +62,8 @@ GeneralPage::GeneralPage(PageHost& host) : host_(host) {
 void GeneralPage::showSettings(const pane::PaneSettings& values) {
   updating_ = true;
   for (Setting& setting : settings_) {
+    // One still being changed shows the user's choice until its re-read.
+    if (!setting.control->get_sensitive()) continue;
     if (setting.control->get_active() != values.*setting.field) setting.control->set_active(values.*setting.field);
   }
   updating_ = false;

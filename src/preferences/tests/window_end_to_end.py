@@ -7,12 +7,15 @@
 #   - an excluded folder added on the Exclusions page keeps its files plain
 #     while the rest of the watched folder is compressed;
 #   - with no helper running the window says so, and its Start button starts one;
+#   - with a helper that holds its bus name but answers nothing (stopped), the
+#     window's calls wait on its worker and the window keeps answering;
 #   - the time from the window's start until it lists 100 folders.
 # A PNG of each page is written to the screenshot folder.
 #
 # Usage: window_end_to_end.py --bin BUILD/bin --screenshots DIR [SCENARIO...]
 import argparse
 import os
+import signal
 import subprocess
 import sys
 import time
@@ -184,6 +187,53 @@ def scenario_not_running(args):
         h.log("PASS not running")
 
 
+def scenario_silent_helper(args):
+    import pyatspi
+
+    with h.Session(args.bin) as session:
+        helper = session.start_helper()
+        session.start_window()
+        app = h.find_application(APP)
+        tabs = {title: h.find(app, title, "page tab") for title in ("Folders", "General", "Exclusions")}
+
+        def switch_to(title):
+            """Seconds until the page is in front."""
+            started = time.monotonic()
+            h.act(tabs[title])
+            h.wait_until("the %s page in front" % title,
+                         lambda: tabs[title].getState().contains(pyatspi.STATE_SELECTED), 30)
+            return time.monotonic() - started
+
+        switch_to("General")
+        pause = h.find(app, "Pause", "push button")
+        helper_row = h.find(app, "Helper", "list item")
+        h.wait_until("the helper shown running", lambda: pause.getState().contains(pyatspi.STATE_SENSITIVE), 60)
+        usual = switch_to("Exclusions")
+        switch_to("General")
+        os.kill(helper.pid, signal.SIGSTOP)
+        try:
+            # Pause asks the stopped helper, and the re-read after it asks
+            # again: each waits for the bus's timeout. Meanwhile a person
+            # moves to another page and back.
+            pressed = time.monotonic()
+            h.act(pause)
+            returned = time.monotonic() - pressed
+            switched = [switch_to("Exclusions"), switch_to("Folders")]
+            h.wait_until("the window to say the helper does not answer",
+                         lambda: "Not answering" in (helper_row.description or ""), 60)
+            answered = time.monotonic() - pressed
+            h.log("TIMING: a page switch takes %.3f s; with the helper stopped, pressing Pause returned after "
+                  "%.3f s, page switches meanwhile took %s s, the window said the helper does not answer "
+                  "after %.2f s" % (usual, returned, " and ".join("%.3f" % t for t in switched), answered))
+            # The bus waits 1.5 s per call to the helper: a window that
+            # waited on its main loop would switch pages only after them.
+            assert max(switched) < usual + 1.0, "the window froze while the helper did not answer"
+            assert answered >= 1.5, "the helper's silence was not waited for (%.2f s)" % answered
+        finally:
+            os.kill(helper.pid, signal.SIGCONT)
+        h.log("PASS silent helper")
+
+
 def scenario_hundred_folders(args):
     with h.Session(args.bin) as session:
         session.start_helper()
@@ -219,6 +269,7 @@ SCENARIOS = {
     "pages": scenario_folders_general_exclusions,
     "not-running": scenario_not_running,
     "hundred": scenario_hundred_folders,
+    "silent-helper": scenario_silent_helper,
 }
 
 
