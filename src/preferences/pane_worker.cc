@@ -22,8 +22,8 @@ void PaneWorker::post(Job job, Kind kind) {
 void PaneWorker::stop() {
   if (!thread_.joinable()) return;
   *alive_ = false;
-  std::vector<Queued> dropped;  // let go of outside the lock, on this thread
   {
+    std::vector<Queued> dropped;  // let go of outside the lock, on this thread
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
     std::deque<Queued> kept;
