@@ -22,7 +22,8 @@ struct PreferencesWindow::Reading {
   uint64_t totalSaved = 0;
   std::vector<pane::SavingsSample> samples;
   pane::PaneSettings settings;
-  pane::HelperState state;  // not running unless read
+  bool helperAsked = false;  // false while the window had let go of the helper
+  pane::HelperState state;
   std::vector<std::string> paths, extensions;
 };
 
@@ -198,6 +199,7 @@ void PreferencesWindow::requestReload(unsigned parts) {
           reading.paths = model.excludedPaths();
           reading.extensions = model.excludedExtensions();
         }
+        reading.helperAsked = askHelper;
         if (askHelper) reading.state = model.helperState();
         return reading;
       },
@@ -212,8 +214,15 @@ void PreferencesWindow::apply(const Reading& reading) {
   if (reading.parts & kFolders) folders_.show(reading.folders, reading.problem, reading.totalSaved, reading.samples);
   if (reading.parts & kSettings) general_.showSettings(reading.settings);
   if (reading.parts & kExclusions) exclusions_.showLists(reading.paths, reading.extensions);
-  // Let go since it was asked for: the helper said it quits.
-  if (reading.parts & kHelper) showHelper(letGo_ ? pane::HelperState{} : reading.state);
+  // Let go since it was asked for: the helper said it quits. Back since
+  // then: the read asked for meanwhile shows it.
+  if (reading.parts & kHelper) {
+    if (letGo_) {
+      showHelper(pane::HelperState{});
+    } else if (reading.helperAsked) {
+      showHelper(reading.state);
+    }
+  }
 }
 
 void PreferencesWindow::act(Gtk::Widget* control, Action action, std::function<void(const pane::Outcome&)> then) {
