@@ -5,7 +5,9 @@
 # clock sped up, and the window; plus what a person (or a screen reader) does
 # with it: find things by accessible name, press, type, look.
 #
-# Every wait polls with a deadline; nothing sleeps for a fixed time. Every
+# Every wait checks again when something happens that could change its
+# answer (a signal on the private session bus, an event on the accessibility
+# bus), within a deadline; nothing sleeps for a fixed time. Every
 # process started here is ended on every way out (an exception, SIGTERM from
 # ctest's timeout); the tmpfs lives in a mount namespace of the harness's own,
 # so even a SIGKILL cannot leave it mounted.
@@ -28,7 +30,9 @@ SKIP = 77
 # A loaded 2-core CI machine runs several suites at once: the waits are
 # generous; ZEPHLORE_TEST_WAIT_SCALE stretches them further.
 WAIT_SCALE = float(os.environ.get("ZEPHLORE_TEST_WAIT_SCALE", "1"))
-POLL_INTERVAL = 0.05
+# The longest a wait blocks between two checks when no event came: a safety
+# net for a change that announces itself nowhere, not the pace of the waits.
+EVENT_WAIT_BOUND = 0.5
 
 _libc = ctypes.CDLL(None, use_errno=True)
 _PR_SET_PDEATHSIG = 1
@@ -50,22 +54,77 @@ class WaitTimeout(AssertionError):
     pass
 
 
+# Set by every signal and event this process hears; the waits check again.
+_woken = False
+# The connections and listeners that wake the waits, kept while the test runs.
+_event_sources = []
+
+
+def _wake(*_args):
+    global _woken
+    _woken = True
+
+
+def hear_session_bus(address):
+    """Every signal on the bus at `address` (the helper's PropertiesChanged
+    and notices, names coming and going) wakes the waits."""
+    from gi.repository import Gio
+
+    connection = Gio.DBusConnection.new_for_address_sync(
+        address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION,
+        None, None)
+    connection.signal_subscribe(None, None, None, None, None, Gio.DBusSignalFlags.NONE, _wake)
+    _event_sources.append(connection)
+
+
+def hear_accessibility_events():
+    """Changes of the windows' accessible objects wake the waits (once per
+    process)."""
+    import pyatspi
+
+    if pyatspi.Registry in _event_sources:
+        return
+    pyatspi.Registry.registerEventListener(_wake, "object:state-changed", "object:children-changed",
+                                           "object:property-change", "object:text-changed",
+                                           "object:visible-data-changed", "focus:")
+    _event_sources.append(pyatspi.Registry)
+
+
+def _wait_for_event(limit):
+    """Runs this process's GLib main context, where signals and events are
+    delivered, until one arrives or `limit` seconds passed."""
+    from gi.repository import GLib
+
+    context = GLib.MainContext.default()
+    expired = []
+    timer = GLib.timeout_add(max(1, int(limit * 1000)), lambda: expired.append(True) or False)
+    while not _woken and not expired:
+        context.iteration(True)
+    if not expired:
+        GLib.source_remove(timer)
+
+
 def wait_until(what, probe, timeout=30.0):
     """Calls probe() until it returns something true; returns that value.
+    Between calls it waits for a signal or an event (see _wait_for_event).
     Raises WaitTimeout naming `what` once `timeout` seconds (scaled) passed."""
+    global _woken
     deadline = time.monotonic() + timeout * WAIT_SCALE
     last_error = None
     while True:
+        # Cleared before the check: what arrives during it is not lost.
+        _woken = False
         try:
             value = probe()
             if value:
                 return value
         except Exception as error:  # an accessible object that went away, a bus hiccup
             last_error = error
-        if time.monotonic() >= deadline:
+        left = deadline - time.monotonic()
+        if left <= 0:
             detail = " (last error: %r)" % (last_error,) if last_error else ""
             raise WaitTimeout("timed out after %gs waiting for %s%s" % (timeout * WAIT_SCALE, what, detail))
-        time.sleep(POLL_INTERVAL)
+        _wait_for_event(min(EVENT_WAIT_BOUND, left))
 
 
 def _die_with_parent():
@@ -274,6 +333,7 @@ class Session:
         finally:
             os.close(read_fd)
         self._set("DBUS_SESSION_BUS_ADDRESS", address)
+        hear_session_bus(address)
 
     def _start_accessibility_bus(self):
         # Its own process group: the launcher starts the accessibility bus's
@@ -438,13 +498,14 @@ def dogtail_tree():
     config.defaultDelay = 0
     config.actionDelay = 0
     config.typingDelay = 0.01
-    config.searchBackoffDuration = POLL_INTERVAL
+    config.searchBackoffDuration = 0
     config.searchCutoffCount = 1
     config.fatalErrors = True
     from dogtail import tree
 
     # dogtail sends uncaught exceptions to its own log: put them back on stderr.
     sys.excepthook = sys.__excepthook__
+    hear_accessibility_events()
     return tree
 
 
