@@ -13,7 +13,7 @@
 
 #include "base/log.h"
 #include "engine/compressed_file_info.h"
-#include "engine/file_content_reader.h"
+#include "engine/content_for_tests.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_uncompressor.h"
@@ -91,10 +91,7 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
     if (ok) {
       CompressedFileInfo info;
       EXPECT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, &error) && info.state == CompressionState::kCompressed);
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path_, &error);
-      std::string content(kData.size(), '\0');
-      size_t got = 0;
-      EXPECT_TRUE(reader && reader->read(0, content.data(), content.size(), &got, &error) && content == kData);
+      EXPECT_TRUE(contentOf(path_) == kData);
       // Only a failed removal of the original data leaves it beside the file.
       if (fault.op != "unlink") {
         EXPECT_THAT(listFolder(dir_.path()), ElementsAre("file"));

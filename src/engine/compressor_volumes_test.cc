@@ -13,7 +13,8 @@
 #include <cstring>
 #include <random>
 
-#include "engine/file_content_reader.h"
+#include "engine/content_for_tests.h"
+#include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hfs_refusal_codes.h"
 #include "engine/hfs_uncompressor.h"
@@ -62,11 +63,8 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
       EXPECT_EQ(llistxattr(path.c_str(), names, sizeof names), 10);  // "user.note" alone
     } else {
       ASSERT_TRUE(compressed) << error.describe();
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
-      ASSERT_TRUE(reader && reader->isCompressed()) << error.describe();
-      std::string content(data.size(), '\0');
-      size_t got = 0;
-      EXPECT_TRUE(reader->read(0, content.data(), content.size(), &got, &error) && content == data);
+      EXPECT_EQ(testkit::stateOf(path), CompressionState::kCompressed);
+      EXPECT_TRUE(testkit::contentOf(path) == data);
       ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error)) << error.describe();
       EXPECT_TRUE(testkit::readFile(path) == data);
     }

@@ -10,7 +10,7 @@
 
 #include "base/log.h"
 #include "engine/compressed_file_info.h"
-#include "engine/file_content_reader.h"
+#include "engine/content_for_tests.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
@@ -35,15 +35,6 @@ void giveMetadata(const std::string& path) {
   acl_free(acl);
   const struct timespec times[2] = {{1600000000, 123456789}, {1500000000, 987654321}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
-}
-
-std::string contentOf(const std::string& path) {
-  Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
-  std::string content(reader ? reader->size() : 0, '\0');
-  size_t got = 0;
-  if (!reader || !reader->read(0, content.data(), content.size(), &got, &error)) return "<" + error.describe() + ">";
-  return content;
 }
 
 TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEverySizeThatMatters) {

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "engine/compressed_file_info.h"
-#include "engine/file_content_reader.h"
+#include "engine/content_for_tests.h"
 #include "engine/file_repair.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
@@ -294,13 +294,7 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
       } else {
         ++ours;
         EXPECT_EQ(st.st_uid, caller ? caller->uid() : 0u);
-        Error error;
-        std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), name, &error);
-        ASSERT_NE(reader, nullptr) << error.describe();
-        std::string content(reader->size(), '\0');
-        size_t got = 0;
-        ASSERT_TRUE(reader->read(0, content.data(), content.size(), &got, &error));
-        EXPECT_TRUE(content == ourData) << name;
+        EXPECT_TRUE(contentOf(name) == ourData) << name;
       }
       unlink(name.c_str());
     }

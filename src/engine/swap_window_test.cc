@@ -85,27 +85,39 @@ class SwapWindowTest : public ::testing::Test {
   std::thread opener_;
 };
 
-TEST_F(SwapWindowTest, AnOpenerJustBeforeTheExchangeKeepsItsWritesInAPlainFile) {
-  openerAt("exchange");
-  Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
-  joinOpener();
-  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
-  EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
-  CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
-  EXPECT_EQ(info.state, CompressionState::kPlain);
-  EXPECT_TRUE(onlyTheFileIsLeft());
-}
-
-TEST_F(SwapWindowTest, AnOpenerBeforeTheCopyIsNamedStopsTheSwap) {
-  openerAt("linkTmpFile");
-  Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
-  joinOpener();
-  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
-  EXPECT_EQ(readFile(path_), kData + kAppendedByWriter);
-  EXPECT_TRUE(onlyTheFileIsLeft());
+// Compressing, the writer's bytes stay in the plain file; expanding, they go
+// into the compressed file at the name (written after compression).
+TEST_F(SwapWindowTest, AnOpenerInTheWindowKeepsItsWritesAtTheName) {
+  const struct {
+    const char* op;
+    bool expand;
+    CompressionState state;
+    std::string content;
+  } cases[] = {
+      {"exchange", false, CompressionState::kPlain, kData + kAppendedByWriter},
+      {"linkTmpFile", false, CompressionState::kPlain, kData + kAppendedByWriter},
+      {"exchange", true, CompressionState::kMixed, kAppendedByWriter},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.op) + (c.expand ? " expanding" : " compressing"));
+    unlink(path_.c_str());
+    writeFile(path_, kData);
+    if (c.expand) {
+      ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+    }
+    openerAt(c.op);
+    Error error;
+    EXPECT_FALSE(c.expand ? QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error)
+                          : QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
+    joinOpener();
+    env_.clear();
+    EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
+    EXPECT_EQ(readFile(path_), c.content);
+    CompressedFileInfo info;
+    ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
+    EXPECT_EQ(info.state, c.state);
+    EXPECT_TRUE(onlyTheFileIsLeft());
+  }
 }
 
 TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothingAfterTheSwap) {
@@ -156,22 +168,6 @@ TEST_F(SwapWindowTest, WithoutLeasesProcIsTrustedOnlyWhereNobodyElseMayWrite) {
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
   EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error)) << error.describe();
   EXPECT_EQ(readFile(path_), kData);
-}
-
-TEST_F(SwapWindowTest, AnOpenerJustBeforeAnExpansionIsSwappedInWritesIntoTheFileAtTheName) {
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
-  openerAt("exchange");
-  Error error;
-  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error));
-  joinOpener();
-  EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
-  // The writer appended to the compressed file: written after compression,
-  // and nothing lost.
-  CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
-  EXPECT_EQ(info.state, CompressionState::kMixed);
-  EXPECT_EQ(readFile(path_), kAppendedByWriter);
-  EXPECT_TRUE(onlyTheFileIsLeft());
 }
 
 }  // namespace
