@@ -16,7 +16,7 @@
 
 #include "base/log.h"
 #include "engine/compressed_file_info.h"
-#include "engine/file_content_reader.h"
+#include "engine/content_for_tests.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hfs_compressed_file_representation.h"
 #include "engine/hooked_env_for_tests.h"
@@ -146,13 +146,7 @@ TEST(CompressorCrashHeavyTest, KilledAnywhereEveryFileKeepsItsContent) {
 
     for (size_t i = 0; i < names.size(); ++i) {
       SCOPED_TRACE(names[i]);
-      Error error;
-      std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), dir / names[i], &error);
-      ASSERT_NE(reader, nullptr) << error.describe();
-      std::string content(reader->size(), '\0');
-      size_t got = 0;
-      ASSERT_TRUE(reader->read(0, content.data(), content.size(), &got, &error)) << error.describe();
-      ASSERT_TRUE(content == originals[i].content) << "content lost";
+      ASSERT_TRUE(contentOf(dir / names[i]) == originals[i].content) << "content lost";
       FileSnapshot now = FileSnapshot::take(dir / names[i]);
       EXPECT_EQ(now.st.st_mode, originals[i].st.st_mode);
       EXPECT_EQ(now.st.st_mtim.tv_nsec, originals[i].st.st_mtim.tv_nsec);

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "base/clock.h"
+#include "engine/xattr_metadata_store.h"
 #include "platform/env.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
@@ -17,6 +19,7 @@ namespace {
 using testkit::ScratchDir;
 using testkit::writeFile;
 using Helper = KRExtendedAttributesHelper;
+using Store = RZXattrMetadataStore;
 
 void setMtime(const std::string& path, time_t sec, long nsec) {
   const struct timespec times[2] = {{0, UTIME_OMIT}, {sec, nsec}};
@@ -64,16 +67,29 @@ TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
   EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::shared(), dir / "missing"));
 }
 
-TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCounts) {
+// The store beneath the helper: written and removed raw, failing with the errno.
+TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCountsAndTheStoreGivesTheErrno) {
   ScratchDir dir;
-  writeFile(dir / "f", "");
-  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(Env::shared(), dir / "f"));
-  const FileRef file = FileRef::atPath(dir / "f");
+  const std::string path = dir / "f";
+  writeFile(path, "");
+  const FileRef file = FileRef::atPath(path);
+  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
   ASSERT_EQ(Env::shared().setxattr(file, "com.apple.ResourceFork", "r", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), dir / "f"));
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
   ASSERT_EQ(Env::shared().removexattr(file, "com.apple.ResourceFork"), 0);
   ASSERT_EQ(Env::shared().setxattr(file, "com.apple.decmpfs", "d", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), dir / "f"));
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
+
+  Error error;
+  ASSERT_TRUE(Store::setData(Env::shared(), std::vector<uint8_t>{0, 1, 2}, "raw", path, false, &error));
+  EXPECT_EQ(Env::shared().getxattrValue(file, "raw"), (std::vector<uint8_t>{0, 1, 2}));
+  ASSERT_TRUE(Store::removeKey(Env::shared(), "raw", path, false, &error));
+  EXPECT_FALSE(Store::removeKey(Env::shared(), "raw", path, false, &error));
+  EXPECT_EQ(error.domain, kXattrErrorDomain);
+  EXPECT_EQ(error.code, ENODATA);
+  EXPECT_FALSE(Store::setData(Env::shared(), "x", 1, "k", dir / "missing", false, &error));
+  EXPECT_EQ(error.code, ENOENT);
+  EXPECT_TRUE(error.message.empty());
 }
 
 TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {

@@ -9,6 +9,7 @@
 #include "engine/compressed_fork_reader.h"
 #include "engine/decmpfs_header.h"
 #include "engine/engine_test_support.h"
+#include "engine/hfs_compression_structs_helper.h"
 #include "engine/hfs_error_codes.h"
 #include "engine/hfs_refusal_codes.h"
 
@@ -101,6 +102,11 @@ TEST(ForkImageWriter, MatchesIndependentlyBuiltForks) {
     EXPECT_EQ(sha256Hex(fdFork.contents()), g.forkSha256);
     EXPECT_EQ(expandAll(fork, g.size, 2), data);
   }
+  // The edges the forks cannot reach: truncation toward zero, no overflow at the top.
+  using H = QVHFSCompressionStructsHelper;
+  EXPECT_EQ(H::blocksRequiredForUncompressedSize(-1), 0u);
+  EXPECT_EQ(H::blocksRequiredForUncompressedSize(INT64_MAX), (uint64_t(INT64_MAX) >> 16) + 1);
+  EXPECT_EQ(H::createPerBlockHeadersForBlocks(0), nullptr);
 }
 
 TEST(ForkImageWriter, ParallelOutputIsIdenticalAroundBlockBoundaries) {

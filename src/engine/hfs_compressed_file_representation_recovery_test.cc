@@ -30,9 +30,13 @@ void compress(const std::string& path, bool halfMade = false) {
   }
 }
 
-TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatIsNotAndClearsTheCopies) {
+class QVHFSCompressedFileRepresentationRecoveryTest : public ::testing::Test {
+ protected:
   ScopedRuntimeDir runtime;
   ScratchDir dir;
+};
+
+TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatIsNotAndClearsTheCopies) {
   const std::string data = compressibleData(3 * 65536 + 5);
   EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), dir / "gone", 5));
 
@@ -87,9 +91,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatI
 
 // A program still writes the half-made file: neither expanded nor replaced
 // by the original beside it, so what it writes stays at the name.
-TEST(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftForALaterRun) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftForALaterRun) {
   const std::string data = compressibleData(3 * 65536 + 5);
   const std::string half = dir / "half";
   writeFile(half, data);
@@ -104,9 +106,7 @@ TEST(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftFor
   EXPECT_TRUE(readFile(copyNameOf(half)) == data);
 }
 
-TEST(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursBesideTheFile) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursBesideTheFile) {
   const std::string path = dir / "file";
   writeFile(path, "content");
   writeFile(dir / "victim", "must stay");

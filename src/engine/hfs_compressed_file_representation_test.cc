@@ -37,9 +37,13 @@ void giveMetadata(const std::string& path) {
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
 }
 
-TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEverySizeThatMatters) {
+class QVHFSCompressedFileRepresentationTest : public ::testing::Test {
+ protected:
   ScopedRuntimeDir runtime;
   ScratchDir dir;
+};
+
+TEST_F(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEverySizeThatMatters) {
   const std::string path = dir / "file.txt";
   for (size_t size : {0, 1, 4095, 4096, 65536, 65537, 3 * 65536 + 7, 3 << 20}) {
     SCOPED_TRACE(size);
@@ -92,11 +96,9 @@ TEST(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAtEv
 
 // A fork the original system wrote for a real file: ours must be the same
 // bytes, through the whole path (image, attribute pieces, header, flag).
-TEST(QVHFSCompressedFileRepresentationTest, WritesTheReferenceForkByteForByte) {
-  ScopedRuntimeDir runtime;
+TEST_F(QVHFSCompressedFileRepresentationTest, WritesTheReferenceForkByteForByte) {
   const std::string testdata = std::string(ZEPHLORE_SOURCE_DIR) + "/../shared/testdata/macos-zlib-fork/";
   const std::string original = readFile(testdata + "zlib.expected");
-  ScratchDir dir;
   const std::string path = dir / "words";
   writeFile(path, original);
   Error error;
@@ -113,9 +115,7 @@ TEST(QVHFSCompressedFileRepresentationTest, WritesTheReferenceForkByteForByte) {
 
 // Every file the engine must not rewrite is refused with its own error and
 // left exactly as it was.
-TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
   auto expectRefused = [&](const std::string& path, int code, const std::string& message) {
     SCOPED_TRACE(path);
     struct stat st;
@@ -159,9 +159,7 @@ TEST(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
   expectRefused(target, kHFSErrorWrittenAfterCompression, "was written after it was compressed");
 }
 
-TEST(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessChangesOrWrites) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessChangesOrWrites) {
   const std::string path = dir / "busy.log";
   writeFile(path, compressibleData(200000));
   std::vector<std::string> lines;
@@ -206,9 +204,7 @@ TEST(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcessCh
 // Read from a file, the fork waits in an unnamed copy beside it: saved where
 // nothing is (as when the file went away meanwhile) first, then in place,
 // which uses up that copy.
-TEST(QVHFSCompressedFileRepresentationTest, SavesWhereNothingIsThenInPlace) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationTest, SavesWhereNothingIsThenInPlace) {
   const std::string data = compressibleData(300000);
   writeFile(dir / "source", data);
   Error error;
@@ -226,9 +222,7 @@ TEST(QVHFSCompressedFileRepresentationTest, SavesWhereNothingIsThenInPlace) {
 
 // A symbolic link planted at the copy's name is never followed or replaced;
 // a copy of our own left by a crash is.
-TEST(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFollowed) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFollowed) {
   const std::string path = dir / "file";
   writeFile(path, compressibleData(100000));
   writeFile(dir / "victim", "must stay");

@@ -16,10 +16,14 @@ using namespace testkit;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// Each refusal leaves the file exactly as it was, compressed or not.
-TEST(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
+class QVHFSUncompressorTest : public ::testing::Test {
+ protected:
   ScopedRuntimeDir runtime;
   ScratchDir dir;
+};
+
+// Each refusal leaves the file exactly as it was, compressed or not.
+TEST_F(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
   const std::string path = dir / "file";
   auto expectRefused = [&](bool ignoreFlag, int code, const std::string& message) {
     const FileSnapshot before = FileSnapshot::take(path);
@@ -53,9 +57,7 @@ TEST(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
   expectRefused(true, kHFSErrorNotCompressed, "Source file is not compressed at " + path);
 }
 
-TEST(QVHFSUncompressorTest, ExpandsToAnotherPathWithTheAttributesButNotTheMarkers) {
-  ScopedRuntimeDir runtime;
-  ScratchDir dir;
+TEST_F(QVHFSUncompressorTest, ExpandsToAnotherPathWithTheAttributesButNotTheMarkers) {
   const std::string data = compressibleData(150000);
   const std::string source = dir / "source";
   writeFile(source, data);

@@ -45,11 +45,16 @@ std::vector<uint8_t> readAll(AttributeForkReader& reader) {
   return out;
 }
 
-TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
+// A fresh empty file on tmpfs for each test.
+class AttributeForkTest : public ::testing::Test {
+ protected:
   ScratchDir dir;
   const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+  const FileRef file = (writeFile(path, ""), FileRef::atPath(path));
+};
+using AttributeForkWriterTest = AttributeForkTest;
+
+TEST_F(AttributeForkTest, RoundTripsAroundPieceBoundaries) {
   for (size_t size : {size_t{0}, size_t{1}, size_t{65535}, size_t{65536}, size_t{65537},
                       size_t{3 * 65536 + 7}}) {
     SCOPED_TRACE(size);
@@ -86,11 +91,7 @@ TEST(AttributeFork, RoundTripsAroundPieceBoundaries) {
   EXPECT_EQ(readAll(*reader), image);
 }
 
-TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
-  ScratchDir dir;
-  const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+TEST_F(AttributeForkTest, RewriteAndRemoveLeaveNoStalePiece) {
   Env& env = Env::shared();
   const std::vector<uint8_t> big = noise(3 * 65536 + 7, 1);
   Error error;
@@ -122,11 +123,7 @@ TEST(AttributeFork, RewriteAndRemoveLeaveNoStalePiece) {
   EXPECT_FALSE(AttributeFork::pieceIndex("com.apple.ResourceForks"));
 }
 
-TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
-  ScratchDir dir;
-  const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+TEST_F(AttributeForkTest, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   Error error;
   ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, &error));
 
@@ -147,11 +144,7 @@ TEST(AttributeFork, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'o', 'l', 'd', ' ', 'f', 'o', 'r', 'k'}));
 }
 
-TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
-  ScratchDir dir;
-  const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+TEST_F(AttributeForkTest, AFailedWriteLeavesNoPieceBehind) {
   const std::vector<uint8_t> fork = noise(3 * 65536 + 7, 2);
   Error error;
   ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
@@ -178,11 +171,7 @@ TEST(AttributeFork, AFailedWriteLeavesNoPieceBehind) {
 
 // The way the fork writer streams: the middle first in odd-sized runs, the
 // end, then the front; pieces are stored as soon as they are whole.
-TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
-  ScratchDir dir;
-  const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+TEST_F(AttributeForkWriterTest, StoresPiecesAsTheyCompleteInAnyOrder) {
   ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, nullptr));
   const std::vector<uint8_t> fork = noise(4 * 65536 + 300, 5);
   Error error;
@@ -232,11 +221,7 @@ TEST(AttributeForkWriter, StoresPiecesAsTheyCompleteInAnyOrder) {
   }
 }
 
-TEST(AttributeFork, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
-  ScratchDir dir;
-  const std::string path = dir / "f";
-  writeFile(path, "");
-  const FileRef file = FileRef::atPath(path);
+TEST_F(AttributeForkTest, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
   Env& env = Env::shared();
   const std::vector<uint8_t> fork = noise(3 * 65536, 3);
   Error error;
