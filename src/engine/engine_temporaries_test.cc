@@ -21,7 +21,6 @@ namespace zephlore {
 namespace {
 
 using namespace testkit;
-using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }

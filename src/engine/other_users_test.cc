@@ -3,7 +3,6 @@
 // another user swaps in is never converted. Real users, real processes.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -34,7 +33,6 @@ namespace zephlore {
 namespace {
 
 using namespace testkit;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using Rep = QVHFSCompressedFileRepresentation;
 
