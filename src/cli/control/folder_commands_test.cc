@@ -56,9 +56,25 @@ class FolderCommandsTest : public ::testing::Test {
     }
   }
 
+  // Asks the helper on the bus to add `folder`; true once it saved its
+  // history after that, within 10 s.
+  bool postFoldersAndWaitForTheSave(const std::string& folder) {
+    RunLoop loop;
+    bool saved = false, late = false;
+    auto observer = center_->addObserver(kSavingsChangedNotification, [&](const Notification&) { saved = true; }, loop);
+    center_->postNotificationName(kFoldersNotification, {{kFoldersToAddKey, std::vector<std::string>{folder}}},
+                                  false);
+    center_->flush();
+    loop.performAfterDelay(seconds(10), [&] { late = true; });
+    loop.runUntil([&] { return saved || late; });
+    center_->removeObserver(observer);
+    return saved;
+  }
+
   testkit::TestHome home_;
   testkit::TestSessionBus bus_{home_.root()};
   testkit::ShmFolder shm_;
+  ScopedShared<DistributedNotificationCenter> center_;  // on this test's bus
 };
 
 TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToShow) {
@@ -96,19 +112,9 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
 
   // Its own version changes nothing: the folder notice after it is still
   // handled by the same process.
-  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
-  DistributedNotificationCenter& center = *fresh_center;
-  RunLoop loop;
-  bool saved = false;
-  auto observer = center.addObserver(kSavingsChangedNotification,
-                                     [&](const Notification&) { saved = true; }, loop);
-  center.postNotificationName(kVersionNotification, {{kVersionKey, std::string(ZEPHLORE_VERSION)}},
-                              false);
-  center.postNotificationName(kFoldersNotification,
-                              {{kFoldersToAddKey, std::vector<std::string>{shm_.make("v")}}}, false);
-  center.flush();
-  loop.runUntil([&] { return saved; });
-  center.removeObserver(observer);
+  DistributedNotificationCenter& center = *center_;
+  center.postNotificationName(kVersionNotification, {{kVersionKey, std::string(ZEPHLORE_VERSION)}}, false);
+  EXPECT_TRUE(postFoldersAndWaitForTheSave(shm_.make("v")));
   EXPECT_EQ(helperPid(), first);
 
   center.postNotificationName(kVersionNotification, {{kVersionKey, "0.0.0 "}}, false);
@@ -171,20 +177,7 @@ TEST_F(FolderCommandsTest, PathsAreNormalisedAndADeletedWatchedFolderCanBeRemove
   const std::string watched = shm_.make("x/w");
   ASSERT_EQ(testkit::runZephlore({"add", watched}).status, 0);
 
-  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
-  DistributedNotificationCenter& center = *fresh_center;
-  RunLoop loop;
-  bool saved = false;
-  auto observer = center.addObserver(kSavingsChangedNotification,
-                                     [&](const Notification&) { saved = true; }, loop);
-  center.postNotificationName(kFoldersNotification,
-                              {{kFoldersToAddKey, std::vector<std::string>{watched + "/..//./"}}}, false);
-  center.flush();
-  bool late = false;
-  loop.performAfterDelay(seconds(10), [&] { late = true; });
-  loop.runUntil([&] { return saved || late; });
-  center.removeObserver(observer);
-  ASSERT_TRUE(saved) << "the helper did not save after the change";
+  ASSERT_TRUE(postFoldersAndWaitForTheSave(watched + "/..//./")) << "the helper did not save after the change";
   auto watchedFolders = [&] {
     std::map<std::string, bool> folders;
     const nlohmann::json shown = nlohmann::json::parse(testkit::runZephlore({"folders", "--json"}).out);

@@ -26,8 +26,7 @@
 #include <vector>
 
 #include "cli/control/helper_process_test_support.h"
-#include "view/mount_table.h"
-#include "view/underlying_tree.h"
+#include "cli/control/view_process_test_support.h"
 
 namespace zephlore::e2e {
 namespace {
@@ -82,18 +81,6 @@ bool excludedByRules(const std::string& relative) {
   };
   return ("/" + relative).find("/.") != std::string::npos || endsWith(".db") || endsWith("-journal") ||
          endsWith(".tar");
-}
-
-pid_t viewProcess(const std::string& folder) {
-  std::optional<view::ViewCover> cover = view::viewCovering(folder);
-  if (!cover || cover->mountPoint != folder) return 0;
-  return static_cast<pid_t>(atoi(cover->beneath.c_str() + 6));  // "/proc/PID/fd/N"
-}
-
-int viewsMountedOn(const std::string& folder) {
-  int count = 0;
-  for (const view::ViewMountEntry& entry : view::viewMounts()) count += entry.mountPoint == folder;
-  return count;
 }
 
 // Reads the helper's standard error on a thread of its own while the test
@@ -168,68 +155,10 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     return started;
   }
 
-  // Where in the helpers' log and in the script a file last changed, to
-  // explain a file left plain.
-  struct LastChange {
-    int step = -1;
-    std::string what;
-    size_t logAt = 0;
-  };
-  void noteChange(const std::string& relative, const std::string& what) {
-    lastChange_[relative] = {step_, what, log().size()};
-  }
-  // Everything the log says about `relative` and its folder, kills included,
-  // with the moment of its last change marked.
-  std::string storyOf(const std::string& relative) {
-    const std::string path = at(relative);
-    const std::string folder = fs::path(path).parent_path().string();
-    const LastChange& change = lastChange_[relative];
-    std::string all = log(), story;
-    bool marked = false;
-    std::string lastTold;
-    int repeats = 0;
-    size_t start = 0;
-    while (start < all.size()) {
-      size_t end = all.find('\n', start);
-      if (end == std::string::npos) end = all.size();
-      if (!marked && change.step >= 0 && start >= change.logAt) {
-        story += "  >>> last change: step " + std::to_string(change.step) + " " + change.what + "\n";
-        marked = true;
-      }
-      const std::string line = all.substr(start, end - start);
-      // Analyses of the file, its folder, and the folders above that took in
-      // their subfolders.
-      bool aboutFolder = false;
-      for (fs::path above = fs::path(folder); !aboutFolder && above.string().size() >= watched_.size();
-           above = above.parent_path()) {
-        const std::string name = above.string();
-        const bool own = name == folder;
-        aboutFolder = line == "Analysing " + name + (own ? "" : " and its subfolders") ||
-                      line.rfind("Analysed " + name + ":", 0) == 0 || line.rfind("Analysis of " + name + " ", 0) == 0;
-      }
-      // A run of the same line (the file's own retries) is told once.
-      if (line == lastTold) {
-        ++repeats;
-      } else if (line.find(path) != std::string::npos || aboutFolder || line.rfind("--- test:", 0) == 0) {
-        if (repeats > 0) story += "  (the line above " + std::to_string(repeats) + " times more)\n";
-        repeats = 0;
-        lastTold = line;
-        story += "  " + line + "\n";
-      }
-      start = end + 1;
-    }
-    if (repeats > 0) story += "  (the line above " + std::to_string(repeats) + " times more)\n";
-    if (!marked) story += "  >>> last change: step " + std::to_string(change.step) + " " + change.what + "\n";
-    std::string kills = "  view kills before steps:";
-    for (int s : viewKillSteps_) kills += " " + std::to_string(s);
-    return story + kills + "\n";
-  }
-
   void write(const std::string& relative, const std::string& data) {
     fs::create_directories(fs::path(at(relative)).parent_path());
     testkit::writeFile(at(relative), data);
     files_[relative] = data;
-    noteChange(relative, "written");
   }
   // As editors save: a new file beside the old one, renamed over it.
   void saveByRename(const std::string& relative, const std::string& data) {
@@ -237,7 +166,6 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     testkit::writeFile(staged, data);
     ASSERT_EQ(rename(staged.c_str(), at(relative).c_str()), 0) << relative << ": " << strerror(errno);
     files_[relative] = data;
-    noteChange(relative, "saved by rename");
   }
   void run(std::vector<std::string> argv) {
     ProcessResult r = runProcess(argv);
@@ -271,7 +199,6 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     const size_t before = pump_->text().size();
     const pid_t view = viewProcess(watched_);
     ASSERT_GT(view, 0) << "no view over " << watched_;
-    viewKillSteps_.push_back(step_);
     const auto killed = std::chrono::steady_clock::now();
     kill(view, SIGKILL);
     ASSERT_TRUE(pump_->waitFor("is back", before, 10'000))
@@ -297,7 +224,6 @@ class HelperCampaignHeavy : public HelperEndToEnd {
     const std::string chunk = textOf(500 + rng() % 3000, rng());
     if (::write(appender_, chunk.data(), chunk.size()) == static_cast<ssize_t>(chunk.size())) {
       files_[appenderPath_] += chunk;
-      noteChange(appenderPath_, "appended slowly");
     } else {
       ++appendsRefused_;
       appenderLeft_ = 0;
@@ -361,8 +287,6 @@ class HelperCampaignHeavy : public HelperEndToEnd {
   int appenderLeft_ = 0;
   int helperKills_ = 0, appendsRefused_ = 0, mappedReads_ = 0;
   int step_ = -1;
-  std::vector<int> viewKillSteps_;
-  std::map<std::string, LastChange> lastChange_;
   std::vector<long long> restoredMs_;
 };
 
@@ -443,7 +367,6 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
       case 2:
         run({"sed", "-i", "s/alpha/ALPHA/g", at(file)});
         replaceAll(files_[file], "alpha", "ALPHA");
-        noteChange(file, "sed -i");
         ++done["sed -i"];
         break;
       case 3: {
@@ -453,7 +376,6 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
         ASSERT_EQ(::write(fd, more.data(), more.size()), static_cast<ssize_t>(more.size())) << file;
         close(fd);
         files_[file] += more;
-        noteChange(file, "appended");
         ++done["appends"];
         break;
       }
@@ -461,7 +383,6 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
         const size_t size = files_[file].size() * (rng() % 4) / 4;
         run({"truncate", "-s", std::to_string(size), at(file)});
         files_[file].resize(size);
-        noteChange(file, "truncated to " + std::to_string(size));
         ++done["truncates"];
         break;
       }
@@ -478,10 +399,7 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
       case 6: {
         const size_t back = rng() % commits.size();
         git({"checkout", "-q", commitIds[back], "--", "."});
-        for (const auto& [name, data] : commits[back]) {
-          files_["project/" + name] = data;
-          noteChange("project/" + name, "git checkout");
-        }
+        for (const auto& [name, data] : commits[back]) files_["project/" + name] = data;
         ++done["git checkouts"];
         if (rng() % 3 == 0) {
           git({"gc", "-q"});
@@ -493,10 +411,7 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
         const std::string into = "unpacked/" + std::to_string(unpacked++);
         fs::create_directories(at(into));
         run({"tar", "xf", archive, "-C", at(into)});
-        for (const auto& [name, data] : archived) {
-          files_[into + "/" + name] = data;
-          noteChange(into + "/" + name, "tar x");
-        }
+        for (const auto& [name, data] : archived) files_[into + "/" + name] = data;
         ++done["tar x"];
         break;
       }
@@ -552,9 +467,7 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
                                        [this](const std::string& name) { return !slowlyAppended_.count(name); });
   const long leftByHeldWriter = left.end() - heldOpen;
   left.erase(heldOpen, left.end());
-  std::string stories;
-  for (size_t i = 0; i < std::min<size_t>(left.size(), 5); ++i) stories += left[i] + ":\n" + storyOf(left[i]);
-  EXPECT_TRUE(left.empty()) << left.size() << " files left plain, the first: " << left.front() << "\n" << stories;
+  EXPECT_TRUE(left.empty()) << left.size() << " files left plain, the first: " << left.front() << "\n" << log();
   EXPECT_EQ(summary.value("engine_temporaries", -1), 0) << summary.dump();
   EXPECT_EQ(summary.value("errors", -1), 0) << summary.dump();
   EXPECT_EQ(summary.value("mixed_files_count", -1), 0) << summary.dump();

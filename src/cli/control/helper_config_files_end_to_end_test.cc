@@ -7,7 +7,7 @@
 #include <sys/un.h>
 
 #include <cstring>
-#include <map>
+#include <sstream>
 
 #include "cli/control/helper_process_test_support.h"
 
@@ -15,17 +15,11 @@ namespace zephlore::e2e {
 namespace {
 
 enum class Kind { kFifo, kSocket, kDirectory, kLinkToFifo, kLinkToRegularFile };
-
-const char* kindName(Kind kind) {
-  switch (kind) {
-    case Kind::kFifo: return "FIFO";
-    case Kind::kSocket: return "socket";
-    case Kind::kDirectory: return "directory";
-    case Kind::kLinkToFifo: return "link to a FIFO";
-    case Kind::kLinkToRegularFile: return "link to a regular file";
-  }
-  return "?";
-}
+const std::pair<Kind, const char*> kKinds[] = {{Kind::kFifo, "FIFO"},
+                                               {Kind::kSocket, "socket"},
+                                               {Kind::kDirectory, "directory"},
+                                               {Kind::kLinkToFifo, "link to a FIFO"},
+                                               {Kind::kLinkToRegularFile, "link to a regular file"}};
 
 bool makeSocket(const std::string& path) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -48,13 +42,9 @@ ProcessResult boundedZephlore(const std::vector<std::string>& args) {
 
 size_t linesNaming(const std::string& log, const std::string& path, const std::string& words) {
   size_t count = 0;
-  size_t start = 0;
-  while (start < log.size()) {
-    size_t end = log.find('\n', start);
-    if (end == std::string::npos) end = log.size();
-    const std::string line = log.substr(start, end - start);
-    if (line.find(path) != std::string::npos && line.find(words) != std::string::npos) ++count;
-    start = end + 1;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    count += line.find(path) != std::string::npos && line.find(words) != std::string::npos;
   }
   return count;
 }
@@ -109,8 +99,8 @@ class HelperConfigFiles : public HelperEndToEnd {
 TEST_F(HelperConfigFiles, ObjectsThatAreNotRegularFilesAtEverySettingsPathAreRefusedAndLeftAlone) {
   // The settings "view-off" wrote, as the content of a linked regular file.
   const std::string defaults = testkit::readFile(home_.dataFolder() + "/defaults.plist");
-  for (Kind kind : {Kind::kFifo, Kind::kSocket, Kind::kDirectory, Kind::kLinkToFifo, Kind::kLinkToRegularFile}) {
-    SCOPED_TRACE(kindName(kind));
+  for (const auto& [kind, kindName] : kKinds) {
+    SCOPED_TRACE(kindName);
     clearFolders();
     for (const std::string& path : settingsPaths()) {
       place(kind, path, path.ends_with("/defaults.plist") ? defaults : "");

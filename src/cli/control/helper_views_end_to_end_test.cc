@@ -15,24 +15,10 @@
 #include <string>
 
 #include "cli/control/helper_process_test_support.h"
-#include "view/mount_table.h"
-#include "view/underlying_tree.h"
+#include "cli/control/view_process_test_support.h"
 
 namespace zephlore::e2e {
 namespace {
-
-int viewsMountedOn(const std::string& folder) {
-  int count = 0;
-  for (const view::ViewMountEntry& entry : view::viewMounts()) count += entry.mountPoint == folder;
-  return count;
-}
-
-// The process serving the view over `folder`, 0 when none does.
-pid_t viewProcess(const std::string& folder) {
-  std::optional<view::ViewCover> cover = view::viewCovering(folder);
-  if (!cover || cover->mountPoint != folder) return 0;
-  return static_cast<pid_t>(atoi(cover->beneath.c_str() + 6));  // "/proc/PID/fd/N"
-}
 
 // The children of `parent` that ended and were never waited for.
 std::string defunctChildrenOf(pid_t parent) {
@@ -135,6 +121,9 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
   ASSERT_GE(restoredMs, 0) << "the view was not mounted again; helper:\n" << endHelper();
   fprintf(stderr, "the view was back %lld ms after its process was killed\n", restoredMs);
   EXPECT_EQ(testkit::readFile(watched_ + "/report.txt"), original) << "read through the folder's own path";
+  struct stat st;
+  ASSERT_EQ(stat((watched_ + "/report.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, static_cast<off_t>(original.size()));
   EXPECT_EQ(viewsMountedOn(watched_), 1);
   EXPECT_NE(helper_->err().find("*** ZephloreHelper: the view over " + watched_ + " ended"), std::string::npos)
       << helper_->err();
@@ -204,6 +193,7 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
   const std::string moved = folder_.path() + "/Moved";
   EXPECT_NE(rename(watched_.c_str(), moved.c_str()), 0) << "a mount point moved";
   ASSERT_EQ(zephlore({"remove", watched_}).status, 0);
+  EXPECT_NE(viewLine(statusJson()).find("report.txt is compressed"), std::string::npos) << viewLine(statusJson());
   folders = zephlore({"folders"});
   EXPECT_NE(folders.out.find(watched_ + "\n  not watched, saved "), std::string::npos) << folders.out;
   EXPECT_EQ(folders.out.find("never"), std::string::npos) << "the folder was swept:\n" << folders.out;

@@ -30,8 +30,6 @@ using testkit::TestHome;
 using testkit::TestSessionBus;
 using testkit::writeFile;
 
-
-
 std::optional<bool> fileBool(const std::string& path, const char* key) {
   PlistReadResult file = readPlistFile(Env::system(), path);
   if (!file.root) return std::nullopt;

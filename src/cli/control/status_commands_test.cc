@@ -25,7 +25,6 @@ using testkit::runProcess;
 using testkit::TestHome;
 using testkit::TestSessionBus;
 
-
 // Runs the command while `loop` serves the calls it causes on this thread.
 ProcessResult zephloreServedBy(RunLoop& loop, std::vector<std::string> args) {
   ProcessResult result;

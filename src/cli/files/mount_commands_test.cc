@@ -518,19 +518,6 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
   EXPECT_FALSE(hasAttribute(source_ + "/doc", "user.com.apple.decmpfs"));
 }
 
-TEST_F(MountCommands, MountInTheBackgroundAndUnmount) {
-  writeFile(source_ + "/a", compressibleData(90000));
-  compress(source_);
-  LazyUnmount unmounter{mountPoint_};
-  auto r = runZephlore({"mount", source_, mountPoint_});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(readFile(mountPoint_ + "/a").size(), 90000u);
-  EXPECT_NE(runZephlore({"mount", source_, mountPoint_}).status, 0);  // already there
-  r = runZephlore({"unmount", mountPoint_});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(runZephlore({"mount", "--over", source_, mountPoint_}).status, 2);
-}
-
 TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt) {
   const std::string text = compressibleData(80000, 17);
   writeFile(source_ + "/draft", text);

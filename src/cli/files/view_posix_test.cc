@@ -58,7 +58,7 @@ std::string mountOptionsOf(const std::string& mountPoint) {
   return "";
 }
 
-TEST_F(OneFileView, EachDashOTakesOneCommaSeparatedListAndThePathsStayTheCommands) {
+TEST_F(OneFileView, MountsInTheBackgroundWithEachDashOAsOneListAndUnmounts) {
   auto r = runZephlore({"mount", "-o", "ro,noatime", "-o", "nosuid", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
   const std::string options = mountOptionsOf(shown);
@@ -68,6 +68,11 @@ TEST_F(OneFileView, EachDashOTakesOneCommaSeparatedListAndThePathsStayTheCommand
   EXPECT_EQ(testkit::readFile(shown + "/a"), "text");
   EXPECT_LT(open((shown + "/a").c_str(), O_WRONLY | O_CLOEXEC), 0);
   EXPECT_EQ(errno, EROFS);
+  EXPECT_NE(runZephlore({"mount", source, shown}).status, 0);  // already there
+  r = runZephlore({"unmount", shown});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(mountOptionsOf(shown), "");
+  EXPECT_EQ(runZephlore({"mount", "--over", source, shown}).status, 2);
 }
 
 // What user `user` meets at `path`: its content, or the error.

@@ -1,0 +1,28 @@
+// The views over a folder as the end-to-end tests look at them.
+#pragma once
+
+#include <stdlib.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "view/mount_table.h"
+#include "view/underlying_tree.h"
+
+namespace zephlore::e2e {
+
+inline int viewsMountedOn(const std::string& folder) {
+  int count = 0;
+  for (const view::ViewMountEntry& entry : view::viewMounts()) count += entry.mountPoint == folder;
+  return count;
+}
+
+// The process serving the view over `folder`, 0 when none does.
+inline pid_t viewProcess(const std::string& folder) {
+  std::optional<view::ViewCover> cover = view::viewCovering(folder);
+  if (!cover || cover->mountPoint != folder) return 0;
+  return static_cast<pid_t>(atoi(cover->beneath.c_str() + 6));  // "/proc/PID/fd/N"
+}
+
+}  // namespace zephlore::e2e
