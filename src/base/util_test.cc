@@ -196,14 +196,15 @@ class ScopedTimeZone {
 };
 
 TEST(UtilDates, RenderedInLocalTimeWithStyles) {
-  ScopedTimeZone zone("UTC0");
+  ScopedTimeZone zone("ABC-11");  // 11 hours ahead of UTC
   const WallTime date = WallTime(std::chrono::seconds(1705326330));  // Mon 2024-01-15 13:45:30 UTC
-  // The C locale writes dates month first.
-  EXPECT_EQ(KRUtil::stringWithDate(date), "January 15, 2024");
-  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kShort, DateStyle::kNone), "01/15/24");
+  // The C locale writes dates month first; here it is already Tuesday.
+  EXPECT_EQ(KRUtil::stringWithDate(date), "January 16, 2024");
+  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kShort, DateStyle::kNone), "01/16/24");
   EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kFull, DateStyle::kLong),
-            "Monday, January 15, 2024 13:45:30 UTC");
-  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kMedium), "13:45:30");
+            "Tuesday, January 16, 2024 00:45:30 ABC");
+  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kMedium), "00:45:30");
+  EXPECT_EQ(KRUtil::stringWithDate(date, DateStyle::kNone, DateStyle::kNone), "");
 }
 
 }  // namespace

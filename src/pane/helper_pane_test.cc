@@ -5,11 +5,6 @@
 #include "pane/helper_pane.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -25,7 +20,7 @@
 #include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"
-#include "testing/child.h"
+#include "testing/delivery_queue.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
@@ -34,7 +29,6 @@ namespace zephlore::pane {
 namespace {
 
 using namespace std::chrono_literals;
-using testkit::waitForExit;
 
 constexpr auto kWait = 10s;
 
@@ -102,52 +96,6 @@ class BusRecorder {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Heard> heard_;
-};
-
-// A window's main loop in miniature: what the pane delivers waits here
-// until the test runs it.
-class Mailbox {
- public:
-  Deliver deliver() {
-    return [this](std::function<void()> fn) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      pending_.push_back(std::move(fn));
-      changed_.notify_all();
-    };
-  }
-  // Waits, at most kWait, until something was delivered.
-  bool waitForDelivery() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWait, [&] { return !pending_.empty(); });
-  }
-  // Runs what was delivered so far.
-  void drain() {
-    std::vector<std::function<void()>> batch;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      batch.swap(pending_);
-    }
-    for (auto& fn : batch) fn();
-  }
-  // Runs what was delivered until `done`, for at most kWait.
-  bool runUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    for (;;) {
-      std::vector<std::function<void()>> batch;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!changed_.wait_until(lock, deadline, [&] { return !pending_.empty() || done(); })) return done();
-        batch.swap(pending_);
-      }
-      for (auto& fn : batch) fn();
-      if (done()) return true;
-    }
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::function<void()>> pending_;
 };
 
 class RecordingListener : public PaneListener {
@@ -374,7 +322,7 @@ TEST_F(HelperPaneTest, HelperStateFollowsTheStatusObjectAndPauseCallsIt) {
 }
 
 TEST_F(HelperPaneTest, NoticesAndStatusChangesReachTheListenerOnlyThroughDeliver) {
-  Mailbox mailbox;
+  testkit::DeliveryQueue mailbox;
   RecordingListener listener;
   std::optional<HelperPane> pane;
   pane.emplace(parts(), &listener, mailbox.deliver());
@@ -458,47 +406,6 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
   EXPECT_EQ(samples[0].totalSaved, 1024u);
   EXPECT_EQ(samples[1].unixTime, 1'800'000'600);
   EXPECT_EQ(samples[1].totalSaved, 2024u);
-}
-
-TEST_F(HelperPaneTest, TheRealHelperIsStartedTakesAFolderAndQuits) {
-  using Kind = HelperState::Kind;
-  Mailbox mailbox;
-  RecordingListener listener;
-  HelperPane pane(parts(), &listener, mailbox.deliver());
-  // Mounts no views: they would outlive the helper.
-  ASSERT_EQ(pane.setTransparentView(false), "");
-  ASSERT_EQ(pane.startHelper(), "");
-  const pid_t pid = static_cast<pid_t>(helperProcessId(center.connection(), 5000));
-  ASSERT_NE(pid, 0);
-  struct Stop {
-    pid_t pid;
-    ~Stop() {
-      if (!waitForExit(pid, 0)) {
-        kill(pid, SIGTERM);
-        waitForExit(pid, 10'000);
-      }
-    }
-  } stop{pid};
-  EXPECT_NE(pane.helperState().kind, Kind::kNotRunning);
-
-  testkit::ShmFolder shm;
-  const std::string folder = shm.make("Videos");
-  ASSERT_EQ(pane.addFolder(folder), "");
-  // The helper saves the change and says so; the window reads it again.
-  std::optional<std::vector<PaneFolder>> seen;
-  ASSERT_TRUE(mailbox.runUntil([&] {
-    if (!listener.heard("folders")) return false;
-    listener.calls.clear();
-    seen = pane.readFolders(nullptr);
-    return seen && seen->size() == 1 && (*seen)[0].enabled;
-  }));
-  EXPECT_EQ((*seen)[0].path, folder);
-
-  listener.calls.clear();
-  ASSERT_EQ(pane.quit(), "");
-  ASSERT_TRUE(mailbox.runUntil([&] { return listener.heard("state") && !center.nameHasOwner(kHelperBusName); }));
-  EXPECT_EQ(pane.helperState().kind, Kind::kNotRunning);
-  EXPECT_TRUE(waitForExit(pid, 10'000));
 }
 
 }  // namespace

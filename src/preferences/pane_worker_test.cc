@@ -9,58 +9,17 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "preferences/fake_pane_model_for_tests.h"
+#include "testing/delivery_queue.h"
 
 namespace zephlore::preferences {
 namespace {
 
 using namespace std::chrono_literals;
-
-// A main loop of the test's own: what the worker delivers waits here until
-// the test runs it.
-class TestLoop {
- public:
-  pane::Deliver deliver() {
-    return [this](std::function<void()> call) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        calls_.push_back(std::move(call));
-      }
-      arrived_.notify_all();
-    };
-  }
-  // Runs delivered calls until `count` ran, waiting at most 5 s in all.
-  bool run(size_t count) {
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    for (size_t done = 0; done < count; ++done) {
-      std::function<void()> call;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!arrived_.wait_until(lock, deadline, [&] { return !calls_.empty(); })) return false;
-        call = std::move(calls_.front());
-        calls_.pop_front();
-      }
-      call();
-    }
-    return true;
-  }
-  size_t waiting() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::deque<std::function<void()>> calls_;
-};
 
 bool waitFor(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + 5s;
@@ -74,7 +33,7 @@ bool waitFor(const std::function<bool()>& condition) {
 TEST(PaneWorkerTest, RunsCallsInOrderOffTheCallersThreadAndHandsResultsToTheMainLoop) {
   FakePaneModel model;
   model.extensions = {"iso"};
-  TestLoop loop;
+  testkit::DeliveryQueue loop;
   PaneWorker worker(model, loop.deliver());
   std::vector<std::string> seen;
   worker.run<pane::Outcome>([](pane::PaneModel& m) { return m.addExcludedExtension("zip"); },
@@ -92,7 +51,7 @@ TEST(PaneWorkerTest, RunsCallsInOrderOffTheCallersThreadAndHandsResultsToTheMain
 
 TEST(PaneWorkerTest, StoppingWaitsForTheCallInFlightKeepsActionsAndDropsReadsAndResults) {
   FakePaneModel model;
-  TestLoop loop;
+  testkit::DeliveryQueue loop;
   PaneWorker worker(model, loop.deliver());
   model.closeGate();
   int shown = 0;

@@ -1,16 +1,12 @@
 #!/usr/bin/python3
-# The private desktop the preference window's end-to-end tests run in: a
-# mount namespace and tmpfs of their own holding HOME and the XDG folders,
-# Xvfb, a private session bus, the accessibility bus, the real helper with its
-# clock sped up, and the window; plus what a person (or a screen reader) does
-# with it: find things by accessible name, press, type, look.
-#
-# Every wait checks again when something happens that could change its
-# answer (a signal on the private session bus, an event on the accessibility
-# bus), within a deadline; nothing sleeps for a fixed time. Every
-# process started here is ended on every way out (an exception, SIGTERM from
-# ctest's timeout); the tmpfs lives in a mount namespace of the harness's own,
-# so even a SIGKILL cannot leave it mounted.
+# The private desktop the preference window's end-to-end tests run in (a
+# tmpfs in a mount namespace of its own holding HOME and the XDG folders,
+# Xvfb, a private session bus, the accessibility bus, the real helper, the
+# window), and what a person or a screen reader does with it. Waits check
+# again on each bus signal or accessibility event, within a deadline; every
+# process started here is ended on every way out, and even a SIGKILL cannot
+# leave the tmpfs mounted.
+import collections
 import contextlib
 import ctypes
 import importlib.util
@@ -146,9 +142,9 @@ def _read_line(fd, timeout, what):
     return data.decode().strip()
 
 
-def missing_requirements(need_root=True):
+def missing_requirements():
     """Why this machine cannot run the window tests, or None."""
-    if need_root and os.geteuid() != 0:
+    if os.geteuid() != 0:
         return "needs root (a tmpfs and a mount namespace of its own); CI runs as root"
     for program in ("Xvfb", "dbus-daemon", "xwd", "xwdtopnm", "pnmcrop", "pnmtopng"):
         if shutil.which(program) is None:
@@ -179,16 +175,10 @@ BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 
 
 class Session:
-    """The private desktop. Use as a context manager:
+    """The private desktop, as a context manager."""
 
-        with Session(bin_dir) as s:
-            s.start_helper(); app = s.start_window(); ...
-    """
-
-    def __init__(self, bin_dir=None, tmpfs=True, screen="1280x900x24"):
+    def __init__(self, bin_dir):
         self.bin_dir = bin_dir
-        self.want_tmpfs = tmpfs
-        self.screen = screen
         self.processes = []  # (name, Popen, kill whole group)
         self.root = None
         self.mounted = False
@@ -223,19 +213,17 @@ class Session:
         raise SystemExit("ended by signal %d" % signum)
 
     def _make_root(self):
-        if self.want_tmpfs:
-            # A mount namespace of our own: the tmpfs ends with the last
-            # process in it, whatever happens to this one.
-            if _libc.unshare(_CLONE_NEWNS) != 0:
-                skip("cannot make a mount namespace: %s" % os.strerror(ctypes.get_errno()))
-            if _libc.mount(b"none", b"/", None, _MS_REC | _MS_PRIVATE, None) != 0:
-                skip("cannot make mounts private: %s" % os.strerror(ctypes.get_errno()))
+        # A mount namespace of our own: the tmpfs ends with the last process
+        # in it, whatever happens to this one.
+        if _libc.unshare(_CLONE_NEWNS) != 0:
+            skip("cannot make a mount namespace: %s" % os.strerror(ctypes.get_errno()))
+        if _libc.mount(b"none", b"/", None, _MS_REC | _MS_PRIVATE, None) != 0:
+            skip("cannot make mounts private: %s" % os.strerror(ctypes.get_errno()))
         self.root = tempfile.mkdtemp(prefix="zephlore-window-")
         os.chmod(self.root, 0o755)
-        if self.want_tmpfs:
-            if _libc.mount(b"zephlore-window-test", self.root.encode(), b"tmpfs", 0, b"size=512m") != 0:
-                skip("cannot mount a tmpfs: %s" % os.strerror(ctypes.get_errno()))
-            self.mounted = True
+        if _libc.mount(b"zephlore-window-test", self.root.encode(), b"tmpfs", 0, b"size=512m") != 0:
+            skip("cannot mount a tmpfs: %s" % os.strerror(ctypes.get_errno()))
+        self.mounted = True
 
     def path(self, *parts):
         return os.path.join(self.root, *parts)
@@ -271,8 +259,7 @@ class Session:
             os.makedirs(folder, exist_ok=True)
             os.chmod(folder, mode)
             env[name] = folder
-        if self.bin_dir:
-            env["PATH"] = self.bin_dir + ":" + env["PATH"]
+        env["PATH"] = self.bin_dir + ":" + env["PATH"]
         self.env = env
         # This process reads the accessibility bus too (pyatspi), with
         # nothing from the caller's desktop left over.
@@ -285,32 +272,19 @@ class Session:
         self.env[name] = value
         os.environ[name] = value
 
-    def spawn(self, name, args, group=False, log_file=True, env_extra=None, **kwargs):
-        env = dict(self.env)
-        env.update(env_extra or {})
-        out = subprocess.DEVNULL
-        if log_file:
-            out = open(self.path(name + ".log"), "ab")
-        process = subprocess.Popen(args, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                                   preexec_fn=_die_with_parent, start_new_session=group,
-                                   **kwargs)
-        if log_file:
-            out.close()
+    def spawn(self, name, args, group=False, env_extra=None, **kwargs):
+        env = dict(self.env, **(env_extra or {}))
+        with open(self.path(name + ".log"), "ab") as out:
+            process = subprocess.Popen(args, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
+                                       preexec_fn=_die_with_parent, start_new_session=group, **kwargs)
         self.processes.append((name, process, group))
         return process
-
-    def log_of(self, name):
-        try:
-            with open(self.path(name + ".log"), errors="replace") as f:
-                return f.read()
-        except OSError:
-            return ""
 
     def _start_xvfb(self):
         read_fd, write_fd = os.pipe()
         # -displayfd: Xvfb picks a free display and writes its number once it
         # accepts clients.
-        self.spawn("xvfb", ["Xvfb", "-displayfd", str(write_fd), "-nolisten", "tcp", "-screen", "0", self.screen,
+        self.spawn("xvfb", ["Xvfb", "-displayfd", str(write_fd), "-nolisten", "tcp", "-screen", "0", "1280x900x24",
                             "-br", "-noreset"], pass_fds=(write_fd,))
         os.close(write_fd)
         try:
@@ -366,7 +340,7 @@ class Session:
     # ---- the helper, the command, the window ----
 
     def program(self, name):
-        return os.path.join(self.bin_dir, name) if self.bin_dir else name
+        return os.path.join(self.bin_dir, name)
 
     def zephlore(self, *args, timeout=60, check=True):
         result = subprocess.run([self.program("zephlore"), *args], env=self.env, stdin=subprocess.DEVNULL,
@@ -402,9 +376,6 @@ class Session:
         self.window = self.spawn("window", [self.program("zephlore-preferences"), *args],
                                  env_extra={"ZEPHLORE_CLOCK_SPEED": "1000"})
         return self.window, started
-
-    def start_program(self, name, args):
-        return self.spawn(name, args)
 
     # ---- taking down ----
 
@@ -543,11 +514,11 @@ def _matches(node, name, role, showing):
 
 
 def find_all(root, name=None, role=None, showing=False):
-    """Every node below root with that name and role (None: any)."""
-    found = []
-    pending = [root]
+    """Yields each node below root with that name and role (None: any),
+    nearest first: a search that wants one reads no more of the tree."""
+    pending = collections.deque([root])
     while pending:
-        node = pending.pop(0)
+        node = pending.popleft()
         try:
             children = list(node.children)
         except Exception:
@@ -557,18 +528,17 @@ def find_all(root, name=None, role=None, showing=False):
                 continue
             try:
                 if _matches(child, name, role, showing):
-                    found.append(child)
+                    yield child
             except Exception:
                 continue
             pending.append(child)
-    return found
 
 
 def find(root, name=None, role=None, showing=False, timeout=30):
     """The first node below root with that name (and role), once there."""
     what = "%s named %r" % (role or "a node", name)
     try:
-        return wait_until(what, lambda: next(iter(find_all(root, name, role, showing)), None), timeout)
+        return wait_until(what, lambda: next(find_all(root, name, role, showing), None), timeout)
     except WaitTimeout as error:
         raise WaitTimeout("%s; the tree:\n%s" % (error, describe(root))) from None
 
