@@ -16,7 +16,6 @@
 
 #include "desktop/helper_status_service.h"
 #include "helper/history/history_store.h"
-#include "helper/history/history_test_support.h"
 #include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
 #include "protocol/notification_names.h"

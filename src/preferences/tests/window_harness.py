@@ -184,8 +184,6 @@ class Session:
         self.mounted = False
         self.env = {}
         self.display = None
-        self.helper = None
-        self.window = None
         self._old_handlers = {}
 
     # ---- setting up ----
@@ -353,13 +351,12 @@ class Session:
     def zephlore_json(self, *args):
         return json.loads(self.zephlore(*args, "--json").stdout)
 
-    def start_helper(self, clock_speed=1000):
+    def start_helper(self):
         # Views outlive the helper: the window's tests keep them off.
         self.zephlore("view-off")
-        self.helper = self.spawn("helper", [self.program("zephlore-helper")],
-                                 env_extra={"ZEPHLORE_CLOCK_SPEED": str(clock_speed)})
+        helper = self.spawn("helper", [self.program("zephlore-helper")], env_extra={"ZEPHLORE_CLOCK_SPEED": "1000"})
         self.wait_helper_running()
-        return self.helper
+        return helper
 
     def wait_helper_running(self):
         wait_until("the helper's bus name", lambda: self.name_has_owner("com.quorvane.ZephloreHelper"), 60)
@@ -369,13 +366,12 @@ class Session:
                                   "org.freedesktop.DBus.Properties", "Get",
                                   ("com.quorvane.ZephloreHelper", name), "(ss)")[0]
 
-    def start_window(self, args=(), app_name=None):
-        """Starts the preference window; returns its Popen and the monotonic
-        time it was started."""
+    def start_window(self):
+        """Starts the preference window; returns the monotonic time it was
+        started."""
         started = time.monotonic()
-        self.window = self.spawn("window", [self.program("zephlore-preferences"), *args],
-                                 env_extra={"ZEPHLORE_CLOCK_SPEED": "1000"})
-        return self.window, started
+        self.spawn("window", [self.program("zephlore-preferences")], env_extra={"ZEPHLORE_CLOCK_SPEED": "1000"})
+        return started
 
     # ---- taking down ----
 
