@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "testing/bounded_wait.h"
 
 namespace zephlore {
 namespace {
@@ -187,7 +188,8 @@ TEST(RunLoop, ShutdownReleasesWaitingHops) {
   std::atomic<int> ran{0};
   bool answer = true;
   std::thread worker([&] { answer = loop.postAndWait([&] { ++ran; }); });
-  while (loop.pendingCalls() == 0) std::this_thread::yield();  // the hop is queued
+  const auto until = std::chrono::steady_clock::now() + testkit::kWaitLimit;
+  while (loop.pendingCalls() == 0 && std::chrono::steady_clock::now() < until) std::this_thread::yield();
   loop.shutdown();
   worker.join();
   EXPECT_FALSE(answer);
