@@ -113,25 +113,5 @@ TEST(ManualClock, WaitUntilEndsOnReadinessOrDeadline) {
   EXPECT_FALSE(clock.waitUntil(lock, cv, clock.now(), [&] { return ready; }));
 }
 
-TEST(Clock, SharedClockIsInstalledAndRestored) {
-  Clock* system = &Clock::shared();
-  {
-    ScopedManualClock manual;
-    EXPECT_EQ(&Clock::shared(), &*manual);
-    const TimePoint before = Clock::shared().now();
-    manual->advance(17h);
-    EXPECT_EQ(Clock::shared().now() - before, 17h);
-  }
-  EXPECT_EQ(&Clock::shared(), system);
-
-  // The real clock: a deadline already past is not waited for.
-  SystemClock& real = static_cast<SystemClock&>(*system);
-  EXPECT_EQ(real.realTimeUntil(real.now() - 1s), Duration(0));
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::unique_lock lock(mutex);
-  EXPECT_TRUE(real.waitUntil(lock, cv, real.now() + 1h, [] { return true; }));
-}
-
 }  // namespace
 }  // namespace zephlore
