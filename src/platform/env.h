@@ -202,6 +202,52 @@ class Env {
   // path cannot be examined.
   virtual std::optional<VolumeDescription> describeVolume(const std::string& path) = 0;
 
+  // --- Descriptors and names beneath an open directory, as the system has them
+  //
+  // Thin calls with the system's own arguments and results (the view passes
+  // them straight through). Names are relative to `dir_fd`; they are not
+  // mapped by PathMappingEnv, so AT_FDCWD and absolute paths are not for these.
+
+  // fcntl(F_DUPFD_CLOEXEC).
+  virtual int duplicate(int fd) = 0;
+  virtual int fdatasync(int fd) = 0;
+  virtual int fstatvfs(int fd, struct statvfs* st) = 0;
+  virtual off_t lseek(int fd, off_t offset, int whence) = 0;
+  // flock(2) with the caller's operation (LOCK_SH, LOCK_EX, LOCK_UN, LOCK_NB).
+  virtual int flock(int fd, int operation) = 0;
+  virtual int fallocate(int fd, int mode, off_t offset, off_t length) = 0;
+  // splice(2) of up to `n` bytes of the file `fd` from *offset (moved on)
+  // into the pipe `pipe_fd`.
+  virtual ssize_t spliceToPipe(int fd, loff_t* offset, int pipe_fd, size_t n, unsigned flags) = 0;
+  // getdents64(2): the next records of the directory open as `fd`, from the
+  // descriptor's position (lseek() moves it to a record's d_off); 0 at the end.
+  virtual ssize_t readDirectoryRecords(int fd, void* buf, size_t n) = 0;
+  virtual ssize_t readLinkAt(int dir_fd, const char* name, char* buf, size_t n) = 0;
+  virtual int mkdirAt(int dir_fd, const char* name, mode_t mode) = 0;
+  // mknodat(2); a FIFO too (S_IFIFO in `mode`).
+  virtual int mknodAt(int dir_fd, const char* name, mode_t mode, dev_t device) = 0;
+  virtual int symlinkAt(const char* target, int dir_fd, const char* name) = 0;
+  // unlinkat(2); AT_REMOVEDIR for a directory.
+  virtual int unlinkAt(int dir_fd, const char* name, int flags) = 0;
+  // renameat2(2) (RENAME_NOREPLACE, RENAME_EXCHANGE).
+  virtual int renameAt(int from_dir_fd, const char* from, int to_dir_fd, const char* to,
+                       unsigned flags) = 0;
+  virtual int linkAt(int from_dir_fd, const char* from, int to_dir_fd, const char* to, int flags) = 0;
+  // fchmodat(2), which always follows a final symbolic link.
+  virtual int chmodAt(int dir_fd, const char* name, mode_t mode) = 0;
+  virtual int chownAt(int dir_fd, const char* name, uid_t uid, gid_t gid, int flags) = 0;
+  virtual int utimensAt(int dir_fd, const char* name, const struct timespec times[2], int flags) = 0;
+  // Extended attributes of any namespace, by their full names ("user.tag",
+  // "security.selinux"), of `name` beneath `dir_fd` ("." the directory
+  // itself); a final symbolic link is not followed. As l*xattr(2).
+  virtual ssize_t getxattrAt(int dir_fd, const char* name, const char* attribute, void* buf,
+                             size_t n) = 0;
+  virtual int setxattrAt(int dir_fd, const char* name, const char* attribute, const void* value,
+                         size_t n, int flags) = 0;
+  // The full names, each ending in a zero byte; the size needed when `n` is 0.
+  virtual ssize_t listxattrAt(int dir_fd, const char* name, char* list, size_t n) = 0;
+  virtual int removexattrAt(int dir_fd, const char* name, const char* attribute) = 0;
+
   // --- Conveniences built on the calls above ---------------------------------
 
   // Reads up to `n` bytes at `offset`, retrying short reads. Returns the bytes

@@ -75,7 +75,49 @@
     ({path}, -1), plain)                                                                         \
   X(int, access, (const std::string& path, int mode), (path, mode), ({path}, -1), plain)         \
   X(std::optional<VolumeDescription>, describeVolume, (const std::string& path), (path),        \
-    ({path}, -1), plain)
+    ({path}, -1), plain)                                                                           \
+  X(int, duplicate, (int fd), (fd), ({}, fd), plain)                                             \
+  X(int, fdatasync, (int fd), (fd), ({}, fd), plain)                                             \
+  X(int, fstatvfs, (int fd, struct statvfs* st), (fd, st), ({}, fd), plain)                      \
+  X(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), ({}, fd), plain)     \
+  X(int, flock, (int fd, int operation), (fd, operation), ({}, fd), plain)                       \
+  X(int, fallocate, (int fd, int mode, off_t offset, off_t length), (fd, mode, offset, length),  \
+    ({}, fd), plain)                                                                             \
+  X(ssize_t, spliceToPipe, (int fd, loff_t* offset, int pipe_fd, size_t n, unsigned flags),     \
+    (fd, offset, pipe_fd, n, flags), ({}, fd), plain)                                            \
+  X(ssize_t, readDirectoryRecords, (int fd, void* buf, size_t n), (fd, buf, n), ({}, fd), plain) \
+  X(ssize_t, readLinkAt, (int dir_fd, const char* name, char* buf, size_t n),                   \
+    (dir_fd, name, buf, n), ({name}, dir_fd), plain)                                             \
+  X(int, mkdirAt, (int dir_fd, const char* name, mode_t mode), (dir_fd, name, mode),            \
+    ({name}, dir_fd), plain)                                                                     \
+  X(int, mknodAt, (int dir_fd, const char* name, mode_t mode, dev_t device),                    \
+    (dir_fd, name, mode, device), ({name}, dir_fd), plain)                                       \
+  X(int, symlinkAt, (const char* target, int dir_fd, const char* name), (target, dir_fd, name),  \
+    ({name}, dir_fd), plain)                                                                     \
+  X(int, unlinkAt, (int dir_fd, const char* name, int flags), (dir_fd, name, flags),            \
+    ({name}, dir_fd), plain)                                                                     \
+  X(int, renameAt,                                                                               \
+    (int from_dir_fd, const char* from, int to_dir_fd, const char* to, unsigned flags),         \
+    (from_dir_fd, from, to_dir_fd, to, flags), ({from, to}, from_dir_fd), plain)                 \
+  X(int, linkAt, (int from_dir_fd, const char* from, int to_dir_fd, const char* to, int flags), \
+    (from_dir_fd, from, to_dir_fd, to, flags), ({from, to}, from_dir_fd), plain)                 \
+  X(int, chmodAt, (int dir_fd, const char* name, mode_t mode), (dir_fd, name, mode),            \
+    ({name}, dir_fd), plain)                                                                     \
+  X(int, chownAt, (int dir_fd, const char* name, uid_t uid, gid_t gid, int flags),              \
+    (dir_fd, name, uid, gid, flags), ({name}, dir_fd), plain)                                    \
+  X(int, utimensAt, (int dir_fd, const char* name, const struct timespec times[2], int flags),  \
+    (dir_fd, name, times, flags), ({name}, dir_fd), plain)                                       \
+  X(ssize_t, getxattrAt,                                                                         \
+    (int dir_fd, const char* name, const char* attribute, void* buf, size_t n),                 \
+    (dir_fd, name, attribute, buf, n), ({name, attribute}, dir_fd), plain)                       \
+  X(int, setxattrAt,                                                                             \
+    (int dir_fd, const char* name, const char* attribute, const void* value, size_t n,          \
+     int flags),                                                                                 \
+    (dir_fd, name, attribute, value, n, flags), ({name, attribute}, dir_fd), plain)              \
+  X(ssize_t, listxattrAt, (int dir_fd, const char* name, char* list, size_t n),                 \
+    (dir_fd, name, list, n), ({name}, dir_fd), plain)                                            \
+  X(int, removexattrAt, (int dir_fd, const char* name, const char* attribute),                  \
+    (dir_fd, name, attribute), ({name, attribute}, dir_fd), plain)
 
 // Expands a parenthesized list: ZEPHLORE_ENV_UNPACK (a, b) is a, b.
 #define ZEPHLORE_ENV_UNPACK(...) __VA_ARGS__

@@ -6,6 +6,7 @@
 #include <sys/acl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -343,6 +344,74 @@ class LinuxEnv final : public Env {
 
   int access(const std::string& path, int mode) override {
     return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS | AT_SYMLINK_NOFOLLOW);
+  }
+
+  int duplicate(int fd) override { return ::fcntl(fd, F_DUPFD_CLOEXEC, 0); }
+  int fdatasync(int fd) override { return ::fdatasync(fd); }
+  int fstatvfs(int fd, struct statvfs* st) override { return ::fstatvfs(fd, st); }
+  off_t lseek(int fd, off_t offset, int whence) override { return ::lseek(fd, offset, whence); }
+  int flock(int fd, int operation) override { return ::flock(fd, operation); }
+  int fallocate(int fd, int mode, off_t offset, off_t length) override {
+    return ::fallocate(fd, mode, offset, length);
+  }
+  ssize_t spliceToPipe(int fd, loff_t* offset, int pipe_fd, size_t n, unsigned flags) override {
+    return ::splice(fd, offset, pipe_fd, nullptr, n, flags);
+  }
+  ssize_t readDirectoryRecords(int fd, void* buf, size_t n) override {
+    return ::syscall(SYS_getdents64, fd, buf, n);
+  }
+  ssize_t readLinkAt(int dir_fd, const char* name, char* buf, size_t n) override {
+    return ::readlinkat(dir_fd, name, buf, n);
+  }
+  int mkdirAt(int dir_fd, const char* name, mode_t mode) override {
+    return ::mkdirat(dir_fd, name, mode);
+  }
+  int mknodAt(int dir_fd, const char* name, mode_t mode, dev_t device) override {
+    return ::mknodat(dir_fd, name, mode, device);
+  }
+  int symlinkAt(const char* target, int dir_fd, const char* name) override {
+    return ::symlinkat(target, dir_fd, name);
+  }
+  int unlinkAt(int dir_fd, const char* name, int flags) override {
+    return ::unlinkat(dir_fd, name, flags);
+  }
+  int renameAt(int from_dir_fd, const char* from, int to_dir_fd, const char* to,
+               unsigned flags) override {
+    return ::renameat2(from_dir_fd, from, to_dir_fd, to, flags);
+  }
+  int linkAt(int from_dir_fd, const char* from, int to_dir_fd, const char* to, int flags) override {
+    return ::linkat(from_dir_fd, from, to_dir_fd, to, flags);
+  }
+  int chmodAt(int dir_fd, const char* name, mode_t mode) override {
+    return ::fchmodat(dir_fd, name, mode, 0);
+  }
+  int chownAt(int dir_fd, const char* name, uid_t uid, gid_t gid, int flags) override {
+    return ::fchownat(dir_fd, name, uid, gid, flags);
+  }
+  int utimensAt(int dir_fd, const char* name, const struct timespec times[2], int flags) override {
+    return ::utimensat(dir_fd, name, times, flags);
+  }
+
+  // The attribute calls have no form relative to a descriptor before Linux
+  // 6.13; the descriptor's /proc link reaches the directory instead.
+  ssize_t getxattrAt(int dir_fd, const char* name, const char* attribute, void* buf,
+                     size_t n) override {
+    return ::lgetxattr(beneath(dir_fd, name).c_str(), attribute, buf, n);
+  }
+  int setxattrAt(int dir_fd, const char* name, const char* attribute, const void* value,
+                 size_t n, int flags) override {
+    return ::lsetxattr(beneath(dir_fd, name).c_str(), attribute, value, n, flags);
+  }
+  ssize_t listxattrAt(int dir_fd, const char* name, char* list, size_t n) override {
+    return ::llistxattr(beneath(dir_fd, name).c_str(), list, n);
+  }
+  int removexattrAt(int dir_fd, const char* name, const char* attribute) override {
+    return ::lremovexattr(beneath(dir_fd, name).c_str(), attribute);
+  }
+
+ private:
+  static std::string beneath(int dir_fd, const char* name) {
+    return "/proc/self/fd/" + std::to_string(dir_fd) + "/" + name;
   }
 };
 

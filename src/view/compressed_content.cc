@@ -72,7 +72,7 @@ CompressedContent::~CompressedContent() = default;
 std::shared_ptr<CompressedContent> CompressedContent::open(Env& env, int fd, const struct stat& st, uint64_t size,
                                                            std::string name, InflatedBlockCache& cache,
                                                            BlockPrefetcher& prefetcher, Error* error) {
-  UniqueFd own(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  UniqueFd own(env.duplicate(fd));
   if (!own) {
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotOpen, std::string("Could not open the file: ") + strerror(errno));
     return nullptr;

@@ -80,7 +80,7 @@ int pipeHolding(const std::vector<CompressedContent::Piece>& pieces, size_t tota
   return p.readEnd.get();
 }
 
-int pipeFromFile(int fd, off_t offset, size_t size, size_t* got) {
+int pipeFromFile(Env& env, int fd, off_t offset, size_t size, size_t* got) {
   ThreadPipe& p = threadPipe;
   // An offset within a page may take one buffer more.
   if (!p.ready() || size + kPage > p.pages * kPage) return -1;
@@ -88,7 +88,7 @@ int pipeFromFile(int fd, off_t offset, size_t size, size_t* got) {
   size_t done = 0;
   loff_t at = offset;
   while (done < size) {
-    const ssize_t n = splice(fd, &at, p.writeEnd.get(), nullptr, size - done, SPLICE_F_NONBLOCK);
+    const ssize_t n = env.spliceToPipe(fd, &at, p.writeEnd.get(), size - done, SPLICE_F_NONBLOCK);
     if (n == 0) break;  // the end of the file
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {

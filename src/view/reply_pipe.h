@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "platform/env.h"
 #include "view/compressed_content.h"
 
 namespace zephlore::view {
@@ -26,6 +27,6 @@ int pipeHolding(const std::vector<CompressedContent::Piece>& pieces, size_t tota
 // is thus taken while the call holds the file: handed the file itself,
 // libfuse would read it after the call, and a release on another thread
 // could close it meanwhile as far as thread checkers can tell.
-int pipeFromFile(int fd, off_t offset, size_t size, size_t* got);
+int pipeFromFile(Env& env, int fd, off_t offset, size_t size, size_t* got);
 
 }  // namespace zephlore::view

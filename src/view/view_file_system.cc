@@ -4,9 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fuse3/fuse.h>
-#include <sys/file.h>
 #include <sys/statvfs.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,7 +54,7 @@ struct OpenFile {
   }
 
  private:
-  bool swappedOut() const;
+  bool swappedOut(ViewFileSystem& view) const;
   void follow(ViewFileSystem& view);
 
   std::mutex mutex;  // guards what is served
@@ -79,10 +77,15 @@ struct UsedFile {
   OpenFile* file;
 };
 
+// A directory read in batches of records; offsets handed to the kernel are
+// the records' own (d_off), which lseek() goes back to.
 struct OpenDirectory {
-  DIR* dir = nullptr;
-  struct dirent* entry = nullptr;  // read but not yet handed out
-  off_t offset = 0;
+  explicit OpenDirectory(UniqueFd directory) : fd(std::move(directory)) {}
+  UniqueFd fd;
+  off_t offset = 0;   // where the next record handed out comes from
+  size_t filled = 0;  // bytes of records read
+  size_t at = 0;      // the next record not yet handed out
+  alignas(struct dirent64) char records[32 * 1024];
 };
 
 ViewFileSystem& fs() { return *static_cast<ViewFileSystem*>(fuse_get_context()->private_data); }
@@ -148,14 +151,14 @@ bool isCandidate(const struct stat& st) { return S_ISREG(st.st_mode) && st.st_si
 
 Served OpenFile::served(ViewFileSystem& view) {
   std::lock_guard lock(mutex);
-  if (follows && swappedOut()) follow(view);
+  if (follows && swappedOut(view)) follow(view);
   return Served{fd.get(), compressed};
 }
 
 // A swap beneath the view unlinks the file it replaces.
-bool OpenFile::swappedOut() const {
+bool OpenFile::swappedOut(ViewFileSystem& view) const {
   struct stat st;
-  return fstat(fd.get(), &st) == 0 && st.st_nlink == 0;
+  return view.env().fstat(fd.get(), &st) == 0 && st.st_nlink == 0;
 }
 
 void OpenFile::follow(ViewFileSystem& view) {
@@ -163,9 +166,10 @@ void OpenFile::follow(ViewFileSystem& view) {
   const std::optional<std::string> path = view.keptPages().pathOf(shown);
   if (!path) return;
   // Without waiting on a swap in progress: this call serves the file it has.
-  UniqueFd next(openat(view.rootFd(), rel(path->c_str()), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  Env& env = view.env();
+  UniqueFd next(env.openAt(view.rootFd(), rel(path->c_str()), O_RDONLY | O_NONBLOCK));
   struct stat st;
-  if (!next || fstat(next.get(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+  if (!next || env.fstat(next.get(), &st) != 0 || !S_ISREG(st.st_mode)) return;
   std::shared_ptr<CompressedContent> content;
   if (std::optional<uint64_t> size = view.compressedSize(FileRef::descriptor(next.get()), st)) {
     Error error;
@@ -191,7 +195,8 @@ void tellOtherNames(const struct stat& st, const char* path) {
 // After a change to the file at `path` (or open as `fi`).
 void changedThrough(const char* path, fuse_file_info* fi) {
   struct stat st;
-  const int r = fi ? fstat(served(fi).fd, &st) : fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW);
+  Env& env = fs().env();
+  const int r = fi ? env.fstat(served(fi).fd, &st) : env.fstatAt(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW);
   if (r == 0 && st.st_nlink > 1) tellOtherNames(st, path);
 }
 
@@ -227,12 +232,12 @@ void* viewInit(fuse_conn_info* conn, fuse_config* cfg) {
 int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
   if (fi) {
     const Served file = served(fi);
-    if (fstat(file.fd, st) != 0) return -errno;
+    if (fs().env().fstat(file.fd, st) != 0) return -errno;
     if (file.compressed) showContentSize(st, file.compressed->size());
     if (path && st->st_nlink > 1) fs().linkNames().seen(path, *st);
     return 0;
   }
-  if (fstatat(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (fs().env().fstatAt(fs().rootFd(), rel(path), st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
   if (st->st_nlink > 1) fs().linkNames().seen(path, *st);
   if (isCandidate(*st)) {
     if (std::optional<uint64_t> size = fs().compressedSize(path, *st)) showContentSize(st, *size);
@@ -241,7 +246,7 @@ int viewGetattr(const char* path, struct stat* st, fuse_file_info* fi) {
 }
 
 int viewReadlink(const char* path, char* buf, size_t size) {
-  ssize_t n = readlinkat(fs().rootFd(), rel(path), buf, size - 1);
+  ssize_t n = fs().env().readLinkAt(fs().rootFd(), rel(path), buf, size - 1);
   if (n < 0) return -errno;
   buf[n] = '\0';
   return 0;
@@ -250,27 +255,28 @@ int viewReadlink(const char* path, char* buf, size_t size) {
 int viewMknod(const char* path, mode_t mode, dev_t rdev) {
   AsCaller caller;
   if (caller.refused()) return -EACCES;
-  if (S_ISFIFO(mode)) return result(mkfifoat(fs().rootFd(), rel(path), mode));
-  return result(mknodat(fs().rootFd(), rel(path), mode, rdev));
+  // A FIFO too: mkfifoat is mknodat with S_IFIFO, which `mode` has.
+  return result(fs().env().mknodAt(fs().rootFd(), rel(path), mode, S_ISFIFO(mode) ? 0 : rdev));
 }
 
 int viewMkdir(const char* path, mode_t mode) {
   AsCaller caller;
   if (caller.refused()) return -EACCES;
-  return result(mkdirat(fs().rootFd(), rel(path), mode));
+  return result(fs().env().mkdirAt(fs().rootFd(), rel(path), mode));
 }
 
 int viewUnlink(const char* path) {
+  Env& env = fs().env();
   struct stat st;
-  const bool linked = fstatat(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_nlink > 1;
-  if (unlinkat(fs().rootFd(), rel(path), 0) != 0) return -errno;
+  const bool linked = env.fstatAt(fs().rootFd(), rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_nlink > 1;
+  if (env.unlinkAt(fs().rootFd(), rel(path), 0) != 0) return -errno;
   fs().keptPages().removed(path);
   if (linked) tellOtherNames(st, path);
   return 0;
 }
 
 int viewRmdir(const char* path) {
-  if (unlinkat(fs().rootFd(), rel(path), AT_REMOVEDIR) != 0) return -errno;
+  if (fs().env().unlinkAt(fs().rootFd(), rel(path), AT_REMOVEDIR) != 0) return -errno;
   fs().keptPages().removed(path);
   return 0;
 }
@@ -278,16 +284,17 @@ int viewRmdir(const char* path) {
 int viewSymlink(const char* target, const char* path) {
   AsCaller caller;
   if (caller.refused()) return -EACCES;
-  return result(symlinkat(target, fs().rootFd(), rel(path)));
+  return result(fs().env().symlinkAt(target, fs().rootFd(), rel(path)));
 }
 
 int viewRename(const char* from, const char* to, unsigned int flags) {
   // The file moved changes (its change time), and one it replaces loses a link.
+  Env& env = fs().env();
+  const int root = fs().rootFd();
   struct stat moved, replaced;
-  const bool movedLinked = fstatat(fs().rootFd(), rel(from), &moved, AT_SYMLINK_NOFOLLOW) == 0 && moved.st_nlink > 1;
-  const bool replacedLinked =
-      fstatat(fs().rootFd(), rel(to), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && replaced.st_nlink > 1;
-  if (renameat2(fs().rootFd(), rel(from), fs().rootFd(), rel(to), flags) != 0) return -errno;
+  const bool movedLinked = env.fstatAt(root, rel(from), &moved, AT_SYMLINK_NOFOLLOW) == 0 && moved.st_nlink > 1;
+  const bool replacedLinked = env.fstatAt(root, rel(to), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && replaced.st_nlink > 1;
+  if (env.renameAt(root, rel(from), root, rel(to), flags) != 0) return -errno;
   if (movedLinked) tellOtherNames(moved, from);
   if (replacedLinked) tellOtherNames(replaced, to);
   if (flags & RENAME_EXCHANGE) {
@@ -300,7 +307,7 @@ int viewRename(const char* from, const char* to, unsigned int flags) {
 }
 
 int viewLink(const char* from, const char* to) {
-  if (linkat(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0) != 0) return -errno;
+  if (fs().env().linkAt(fs().rootFd(), rel(from), fs().rootFd(), rel(to), 0) != 0) return -errno;
   // Each name is a file of its own to the kernel: the one linked from (seen
   // perhaps while it was the only one) and the others have a new link count.
   fuse_invalidate_path(fuse_get_context()->fuse, from);
@@ -309,15 +316,17 @@ int viewLink(const char* from, const char* to) {
 }
 
 int viewChmod(const char* path, mode_t mode, fuse_file_info* fi) {
-  const int r = fi ? fchmod(served(fi).fd, mode) : fchmodat(fs().rootFd(), rel(path), mode, 0);
+  Env& env = fs().env();
+  const int r = fi ? env.fchmod(served(fi).fd, mode) : env.chmodAt(fs().rootFd(), rel(path), mode);
   if (r != 0) return -errno;
   changedThrough(path, fi);
   return 0;
 }
 
 int viewChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
+  Env& env = fs().env();
   const int r =
-      fi ? fchown(served(fi).fd, uid, gid) : fchownat(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW);
+      fi ? env.fchown(served(fi).fd, uid, gid) : env.chownAt(fs().rootFd(), rel(path), uid, gid, AT_SYMLINK_NOFOLLOW);
   if (r != 0) return -errno;
   changedThrough(path, fi);
   return 0;
@@ -327,20 +336,23 @@ int viewTruncate(const char* path, off_t size, fuse_file_info* fi) {
   if (fi) {
     const Served file = served(fi);
     if (file.compressed) return -EBADF;
-    if (ftruncate(file.fd, size) != 0) return -errno;
+    if (fs().env().ftruncate(file.fd, static_cast<uint64_t>(size)) != 0) return -errno;
     changedThrough(path, fi);
     return 0;
   }
   if (int r = fs().expandBeforeWriting(path); r != 0) return r;
-  UniqueFd fd(openat(fs().rootFd(), rel(path), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  Env& env = fs().env();
+  UniqueFd fd(env.openAt(fs().rootFd(), rel(path), O_WRONLY | O_NONBLOCK));
   if (!fd) return -errno;
-  if (ftruncate(fd.get(), size) != 0) return -errno;
+  if (env.ftruncate(fd.get(), static_cast<uint64_t>(size)) != 0) return -errno;
   changedThrough(path, nullptr);
   return 0;
 }
 
 int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* fi) {
-  const int r = fi ? futimens(served(fi).fd, ts) : utimensat(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW);
+  Env& env = fs().env();
+  const int r =
+      fi ? env.futimens(served(fi).fd, ts) : env.utimensAt(fs().rootFd(), rel(path), ts, AT_SYMLINK_NOFOLLOW);
   if (r != 0) return -errno;
   changedThrough(path, fi);
   return 0;
@@ -349,17 +361,18 @@ int viewUtimens(const char* path, const struct timespec ts[2], fuse_file_info* f
 // Opens the file, creating it as the caller (see AsCaller); with errno set
 // on failure.
 UniqueFd createAsCaller(const char* path, int flags, mode_t mode) {
+  Env& env = fs().env();
   const int root = fs().rootFd();
   AsCaller caller;
-  if (!caller.refused()) return UniqueFd(openat(root, rel(path), flags, mode));
+  if (!caller.refused()) return UniqueFd(env.openAt(root, rel(path), flags, mode));
   // Another user's open of a file that is there is theirs to make.
   struct stat st;
-  if (fstatat(root, rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (env.fstatAt(root, rel(path), &st, AT_SYMLINK_NOFOLLOW) == 0) {
     if (flags & O_EXCL) {
       errno = EEXIST;
       return UniqueFd();
     }
-    return UniqueFd(openat(root, rel(path), flags & ~O_CREAT, 0));
+    return UniqueFd(env.openAt(root, rel(path), flags & ~O_CREAT, 0));
   }
   errno = EACCES;
   return UniqueFd();
@@ -379,10 +392,11 @@ int openOrCreate(const char* path, fuse_file_info* fi, bool create, mode_t mode)
       if (int r = view.expandBeforeWriting(path); r != 0) return r;
     }
     auto file = std::make_unique<OpenFile>();
-    UniqueFd fd = create ? createAsCaller(path, flags, mode) : UniqueFd(openat(view.rootFd(), rel(path), flags, mode));
+    UniqueFd fd =
+        create ? createAsCaller(path, flags, mode) : UniqueFd(view.env().openAt(view.rootFd(), rel(path), flags, mode));
     if (!fd) return -errno;
     struct stat st;
-    if (fstat(fd.get(), &st) != 0) return -errno;
+    if (view.env().fstat(fd.get(), &st) != 0) return -errno;
     std::shared_ptr<CompressedContent> compressed;
     if (S_ISREG(st.st_mode)) {
       const FileRef ref = FileRef::descriptor(fd.get());
@@ -453,14 +467,14 @@ int viewReadBuf(const char*, fuse_bufvec** bufp, size_t size, off_t offset, fuse
   } else {
     // A plain file's bytes go by reference too, taken before the call ends.
     size_t got = 0;
-    const int fd = fs().splicing() ? pipeFromFile(file.fd, offset, size, &got) : -1;
+    const int fd = fs().splicing() ? pipeFromFile(fs().env(), file.fd, offset, size, &got) : -1;
     if (fd >= 0) {
       buf.flags = FUSE_BUF_IS_FD;
       buf.fd = fd;
       buf.size = got;
     } else {
       buf.mem = std::malloc(size > 0 ? size : 1);
-      const ssize_t n = buf.mem ? pread(file.fd, buf.mem, size, offset) : -1;
+      const ssize_t n = buf.mem ? fs().env().pread(file.fd, buf.mem, size, static_cast<uint64_t>(offset)) : -1;
       if (n < 0) {
         const int error = buf.mem ? errno : ENOMEM;
         std::free(buf.mem);
@@ -478,6 +492,21 @@ int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi)
   UsedFile used = openFile(fi);
   const Served file = used->served(fs());
   if (file.compressed) return -EBADF;
+  // Without splice reads from the kernel (not asked for) a write arrives in
+  // memory: written beneath as a program's write would be, short or failed.
+  if (in->count == 1 && !(in->buf[0].flags & FUSE_BUF_IS_FD)) {
+    const fuse_buf& from = in->buf[0];
+    size_t done = 0;
+    while (done < from.size) {
+      const ssize_t n = fs().env().pwrite(file.fd, static_cast<const char*>(from.mem) + done, from.size - done,
+                                          static_cast<uint64_t>(offset) + done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return done > 0 ? static_cast<int>(done) : -errno;
+      if (n == 0) break;
+      done += static_cast<size_t>(n);
+    }
+    return static_cast<int>(done);
+  }
   fuse_bufvec out{};
   out.count = 1;
   out.buf[0].size = fuse_buf_size(in);
@@ -487,7 +516,7 @@ int viewWriteBuf(const char*, fuse_bufvec* in, off_t offset, fuse_file_info* fi)
   return static_cast<int>(fuse_buf_copy(&out, in, FUSE_BUF_SPLICE_NONBLOCK));
 }
 
-int viewStatfs(const char*, struct statvfs* st) { return result(fstatvfs(fs().rootFd(), st)); }
+int viewStatfs(const char*, struct statvfs* st) { return result(fs().env().fstatvfs(fs().rootFd(), st)); }
 
 int viewRelease(const char*, fuse_file_info* fi) {
   auto* file = reinterpret_cast<OpenFile*>(fi->fh);
@@ -499,24 +528,25 @@ int viewRelease(const char*, fuse_file_info* fi) {
 
 int viewFsync(const char*, int datasync, fuse_file_info* fi) {
   const int fd = served(fi).fd;
-  return result(datasync ? fdatasync(fd) : fsync(fd));
+  Env& env = fs().env();
+  return result(datasync ? env.fdatasync(fd) : env.fsync(fd));
 }
 
 int viewSetxattr(const char* path, const char* name, const char* value, size_t size, int flags) {
   // Writing the layout through the view would make a mixed file.
   if (isLayoutAttribute(name)) return -EPERM;
-  return result(lsetxattr(fs().underlyingPath(path).c_str(), name, value, size, flags));
+  return result(fs().env().setxattrAt(fs().rootFd(), rel(path), name, value, size, flags));
 }
 
 int viewGetxattr(const char* path, const char* name, char* value, size_t size) {
   if (isLayoutAttribute(name)) return -ENODATA;
-  ssize_t n = lgetxattr(fs().underlyingPath(path).c_str(), name, value, size);
+  ssize_t n = fs().env().getxattrAt(fs().rootFd(), rel(path), name, value, size);
   return n < 0 ? -errno : static_cast<int>(n);
 }
 
 int viewListxattr(const char* path, char* list, size_t size) {
   std::vector<char> names(kXattrListMax);
-  ssize_t n = llistxattr(fs().underlyingPath(path).c_str(), names.data(), names.size());
+  ssize_t n = fs().env().listxattrAt(fs().rootFd(), rel(path), names.data(), names.size());
   if (n < 0) return -errno;
   const size_t kept = removeLayoutAttributes(names.data(), static_cast<size_t>(n));
   if (size == 0) return static_cast<int>(kept);
@@ -527,89 +557,87 @@ int viewListxattr(const char* path, char* list, size_t size) {
 
 int viewRemovexattr(const char* path, const char* name) {
   if (isLayoutAttribute(name)) return -ENODATA;
-  return result(lremovexattr(fs().underlyingPath(path).c_str(), name));
+  return result(fs().env().removexattrAt(fs().rootFd(), rel(path), name));
 }
 
 int viewOpendir(const char* path, fuse_file_info* fi) {
-  int fd = openat(fs().rootFd(), rel(path), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return -errno;
-  auto directory = std::make_unique<OpenDirectory>();
-  directory->dir = fdopendir(fd);
-  if (!directory->dir) {
-    int err = errno;
-    close(fd);
-    return -err;
-  }
-  fi->fh = reinterpret_cast<uint64_t>(directory.release());
+  UniqueFd fd(fs().env().openAt(fs().rootFd(), rel(path), O_RDONLY | O_DIRECTORY));
+  if (!fd) return -errno;
+  fi->fh = reinterpret_cast<uint64_t>(new OpenDirectory(std::move(fd)));
   return 0;
 }
 
 int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fuse_file_info* fi,
                 fuse_readdir_flags flags) {
+  Env& env = fs().env();
   OpenDirectory& d = openDirectory(fi);
+  const int dirFd = d.fd.get();
   if (offset != d.offset) {
-    seekdir(d.dir, offset);
-    d.entry = nullptr;
+    if (env.lseek(dirFd, offset, SEEK_SET) < 0) return -errno;
+    d.filled = d.at = 0;
     d.offset = offset;
   }
-  const int dirFd = dirfd(d.dir);
   while (true) {
-    if (!d.entry) {
-      d.entry = readdir(d.dir);
-      if (!d.entry) break;
+    if (d.at >= d.filled) {
+      const ssize_t n = env.readDirectoryRecords(dirFd, d.records, sizeof d.records);
+      if (n <= 0) break;  // the end, or a failure that ends the listing as readdir's did
+      d.filled = static_cast<size_t>(n);
+      d.at = 0;
     }
+    const auto* entry = reinterpret_cast<const struct dirent64*>(d.records + d.at);
+    const size_t length = entry->d_reclen;
+    const off_t next = entry->d_off;
     // The copy a conversion builds beside a file lives for moments: a
     // program listing the folder (git add -A, a backup) would find it gone
     // when it opens it. Left over after a crash it is still reached by its
     // name, and zephlore repair and info -r show it.
-    if (EngineTemporaries::isTemporaryName(d.entry->d_name)) {
-      d.entry = nullptr;
-      d.offset = telldir(d.dir);
+    if (EngineTemporaries::isTemporaryName(entry->d_name)) {
+      d.at += length;
+      d.offset = next;
       continue;
     }
     struct stat st{};
     fuse_fill_dir_flags fill = static_cast<fuse_fill_dir_flags>(0);
-    if ((flags & FUSE_READDIR_PLUS) && fstatat(dirFd, d.entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if ((flags & FUSE_READDIR_PLUS) && env.fstatAt(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
       if (isCandidate(st)) {
-        const FileRef entry = FileRef::atPath(proc(dirFd) + "/" + d.entry->d_name);
-        if (std::optional<uint64_t> size = fs().compressedSize(entry, st)) {
+        const FileRef file = FileRef::atPath(proc(dirFd) + "/" + entry->d_name);
+        if (std::optional<uint64_t> size = fs().compressedSize(file, st)) {
           showContentSize(&st, *size);
         }
       }
     } else {
       st = {};
-      st.st_ino = d.entry->d_ino;
-      st.st_mode = static_cast<mode_t>(d.entry->d_type) << 12;
+      st.st_ino = entry->d_ino;
+      st.st_mode = static_cast<mode_t>(entry->d_type) << 12;
     }
-    const off_t next = telldir(d.dir);
-    if (filler(buf, d.entry->d_name, &st, next, fill)) break;
-    d.entry = nullptr;
+    if (filler(buf, entry->d_name, &st, next, fill)) break;
+    d.at += length;
     d.offset = next;
   }
   return 0;
 }
 
 int viewReleasedir(const char*, fuse_file_info* fi) {
-  OpenDirectory* d = reinterpret_cast<OpenDirectory*>(fi->fh);
-  closedir(d->dir);
-  delete d;
+  delete &openDirectory(fi);
   return 0;
 }
 
 int viewFsyncdir(const char*, int datasync, fuse_file_info* fi) {
-  const int fd = dirfd(openDirectory(fi).dir);
-  return result(datasync ? fdatasync(fd) : fsync(fd));
+  const int fd = openDirectory(fi).fd.get();
+  Env& env = fs().env();
+  return result(datasync ? env.fdatasync(fd) : env.fsync(fd));
 }
 
-int viewAccess(const char* path, int mask) { return result(faccessat(fs().rootFd(), rel(path), mask, 0)); }
+// Asked only of a view without default_permissions: every view has them, and the kernel checks.
+int viewAccess(const char* path, int mask) { return result(fs().env().accessAt(fs().rootFd(), rel(path), mask)); }
 
-int viewFlock(const char*, fuse_file_info* fi, int op) { return result(flock(served(fi).fd, op)); }
+int viewFlock(const char*, fuse_file_info* fi, int op) { return result(fs().env().flock(served(fi).fd, op)); }
 
 int viewFallocate(const char*, int mode, off_t offset, off_t length, fuse_file_info* fi) {
   const Served file = served(fi);
   if (file.compressed) return -EBADF;
-  return result(fallocate(file.fd, mode, offset, length));
+  return result(fs().env().fallocate(file.fd, mode, offset, length));
 }
 
 off_t viewLseek(const char*, off_t offset, int whence, fuse_file_info* fi) {
@@ -620,7 +648,7 @@ off_t viewLseek(const char*, off_t offset, int whence, fuse_file_info* fi) {
     if (offset < 0 || offset >= size) return -ENXIO;
     return whence == SEEK_DATA ? offset : size;
   }
-  off_t r = lseek(file.fd, offset, whence);
+  off_t r = fs().env().lseek(file.fd, offset, whence);
   return r < 0 ? -errno : r;
 }
 
@@ -739,7 +767,7 @@ int ViewFileSystem::expandBeforeWriting(const char* path) {
   Error error;
   for (int attempt = 0; attempt < 5; ++attempt) {
     struct stat st;
-    if (fstatat(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
+    if (env_.fstatAt(root_.get(), rel(path), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : -errno;
     if (!compressedSize(path, st)) return 0;
     error = Error();
     if (QVHFSUncompressor::expandInPlacePath(env_, underlyingPath(path), &error)) return 0;

@@ -56,7 +56,9 @@ int runView(Env& env, const ViewMountOptions& options) {
   }
 
   // Opened before the mount covers it: the tree stays reachable through it.
-  UniqueFd root(open(source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // Links resolved first: the folder a link names is shown, as open(2) would.
+  const std::optional<std::string> resolved = env.realPath(source);
+  UniqueFd root(resolved ? env.open(*resolved, O_RDONLY | O_DIRECTORY) : -1);
   if (!root) return failed("cannot open " + source + ": " + strerror(errno));
 
   // Modes reach us with the caller's umask already applied.
