@@ -22,7 +22,7 @@ namespace {
 // view ending.
 class ProcessViews final : public view::ViewMounter {
  public:
-  ProcessViews() : ViewMounter("unused") {}
+  ProcessViews() : ViewMounter(Env::shared(), "unused") {}
   bool mountOver(const std::string& folder, Error* error) override {
     ++mounts;
     if (!mountWorks) return fail(error, "posix", EIO, "cannot mount a view over " + folder + ": refused");

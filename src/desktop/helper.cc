@@ -36,7 +36,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
                    .ownRewrites = &ownRewrites_,
                    .settings = &settings_.own}),
       watcher_(loop, env, &compressor_),
-      views_(std::make_unique<view::ViewMounter>(view::ViewMounter::defaultCommand()), loop, map, env) {
+      views_(std::make_unique<view::ViewMounter>(env, view::ViewMounter::defaultCommand()), loop, map, env) {
   linkParts();
 }
 

@@ -19,6 +19,14 @@ std::string thisProgramFolder() {
   return self.substr(0, self.find_last_of('/'));
 }
 
+std::string findReadableFile(const std::vector<std::string>& folders, const std::string& name) {
+  for (const std::string& folder : folders) {
+    std::string path = folder + "/" + name;
+    if (access(path.c_str(), R_OK) == 0) return path;
+  }
+  return "";
+}
+
 std::string findProgram(const std::string& folder, const std::string& name) {
   if (!folder.empty()) {
     const std::string beside = folder + "/" + name;

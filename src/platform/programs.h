@@ -15,6 +15,9 @@ std::string thisProgramFolder();
 // PATH; "" when there is none.
 std::string findProgram(const std::string& folder, const std::string& name);
 
+// The first `folder/name` of `folders` this process may read; "" when none.
+std::string findReadableFile(const std::vector<std::string>& folders, const std::string& name);
+
 // Runs `argv` (argv[0] a path) in a session of its own with its standard
 // input and output on /dev/null (it outlives the caller's terminal), and
 // returns once it runs, without waiting for it to end (no

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/env.h"
+
 namespace zephlore::view {
 
 struct CompressedFiles {
@@ -15,6 +17,6 @@ struct CompressedFiles {
 
 // Walks `root` (a path that reaches the stored files, e.g. beneath a view)
 // without following symbolic links, and stops once `enough` are found.
-CompressedFiles compressedFilesIn(const std::string& root, size_t enough = SIZE_MAX);
+CompressedFiles compressedFilesIn(Env& env, const std::string& root, size_t enough = SIZE_MAX);
 
 }  // namespace zephlore::view

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,14 +67,14 @@ int run(const std::vector<std::string>& args, std::string* errors) {
 // Whether the view on `mountPoint` lost its process. statfs always asks the
 // view's process, where stat may answer from the attributes the kernel keeps
 // for a second.
-bool viewIsDead(const std::string& mountPoint) {
+bool viewIsDead(Env& env, const std::string& mountPoint) {
   struct statvfs st;
-  return statvfs(mountPoint.c_str(), &st) != 0 && errno == ENOTCONN;
+  return env.statvfs(mountPoint, &st) != 0 && errno == ENOTCONN;
 }
 
 }  // namespace
 
-ViewMounter::ViewMounter(std::string command) : command_(std::move(command)) {}
+ViewMounter::ViewMounter(Env& env, std::string command) : env_(env), command_(std::move(command)) {}
 
 bool ViewMounter::fuseUsable() { return zephlore::fuseUsable(); }
 
@@ -87,7 +86,7 @@ std::string ViewMounter::defaultCommand() {
 bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   const std::string absolute = absolutePath(folder);
   if (isViewMounted(absolute)) {
-    if (!viewIsDead(absolute)) return true;
+    if (!viewIsDead(env_, absolute)) return true;
     // A dead view answers every look with ENOTCONN: detached, the folder's
     // path shows the stored files again, and the new view opens those.
     Error detached;
@@ -128,7 +127,8 @@ std::optional<ServingView> ViewMounter::servingView(const std::string& folder) c
 }
 
 int ViewMounter::openTree(const ServingView& view) const {
-  return open(view.beneath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // "/." steps through the descriptor's link to the tree.
+  return env_.open(view.beneath + "/.", O_PATH | O_DIRECTORY);
 }
 
 int ViewMounter::watchProcess(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
@@ -138,7 +138,7 @@ std::string ViewMounter::beneath(const std::string& folder) const { return pathB
 bool ViewMounter::unmountIfUnused(const std::string& folder, std::string* why) {
   const std::string absolute = absolutePath(folder);
   if (!isViewMounted(absolute)) return true;
-  const CompressedFiles compressed = compressedFilesIn(pathBeneathViews(absolute), 1);
+  const CompressedFiles compressed = compressedFilesIn(env_, pathBeneathViews(absolute), 1);
   if (compressed.count > 0) {
     *why = "its view stays: " + absolute + "/" + compressed.first +
            " is compressed, and programs would read it empty without the view";

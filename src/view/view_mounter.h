@@ -12,6 +12,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "platform/env.h"
 
 namespace zephlore::view {
 
@@ -24,8 +25,8 @@ struct ServingView {
 
 class ViewMounter {
  public:
-  // `command` runs views (see defaultCommand).
-  explicit ViewMounter(std::string command);
+  // `command` runs views (see defaultCommand); `env` reaches the folders.
+  ViewMounter(Env& env, std::string command);
   virtual ~ViewMounter() = default;
 
   // Whether this process can mount views: /dev/fuse is there and usable,
@@ -70,6 +71,7 @@ class ViewMounter {
   // Logs, once, that views lock other users out (see othersLockedOutAdvice).
   void noteIfOthersLockedOut(const std::string& mountPoint);
 
+  Env& env_;
   std::string command_;
   std::atomic<bool> toldOthersLockedOut_{false};
 };

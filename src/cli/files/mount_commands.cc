@@ -75,7 +75,7 @@ size_t expandBeneath(Env& env, const std::string& beneath) {
   ConversionSafety safety(env);
   std::unique_ptr<FileAction> action = makeDecompressAction(env, &safety);
   runFiles(env, {beneath}, run, *action);
-  return view::compressedFilesIn(beneath).count;
+  return view::compressedFilesIn(env, beneath).count;
 }
 
 int runUnmount(Env& env, const UnmountOptions& options) {
@@ -99,7 +99,7 @@ int runUnmount(Env& env, const UnmountOptions& options) {
                            folder + " puts it back, expands the files and unmounts; --force detaches it anyway)");
     }
     Error error;
-    if (!view::ViewMounter(view::ViewMounter::defaultCommand()).mountOver(folder, &error)) return unmountFailed(error.message);
+    if (!view::ViewMounter(env, view::ViewMounter::defaultCommand()).mountOver(folder, &error)) return unmountFailed(error.message);
   }
   // The stored files are reached through the view's own descriptor.
   const std::optional<view::ViewCover> cover = view::viewCovering(folder);
@@ -109,7 +109,7 @@ int runUnmount(Env& env, const UnmountOptions& options) {
                          "--force unmounts anyway");
   }
   const std::string beneath = cover->beneath + "/.";
-  size_t left = view::compressedFilesIn(beneath).count;
+  size_t left = view::compressedFilesIn(env, beneath).count;
   if (left > 0 && !options.expand) {
     unmountFailed(folder + " holds " + filesCount(left) + ": without the view, programs read " +
                   (left == 1 ? "it" : "them") + " as empty, and saving one from a program writes an empty file "

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/env.h"
 #include "testing/zephlore_command.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
@@ -579,7 +580,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   mkdir((source_ + "/sub").c_str(), 0755);
   writeFile(source_ + "/sub/report", text);
   compress(source_);
-  view::ViewMounter mounter(testkit::zephloreBinary());
+  view::ViewMounter mounter(Env::shared(), testkit::zephloreBinary());
   LazyUnmount unmounter{source_};
   Error error;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;

@@ -1,7 +1,5 @@
 #include "helper/settings/resources.h"
 
-#include <unistd.h>
-
 #include <vector>
 
 #include "platform/programs.h"
@@ -27,11 +25,7 @@ std::vector<std::string> resourceFolders() {
 
 std::string resourcePath(const std::string& name) {
   static const std::vector<std::string> folders = resourceFolders();
-  for (const std::string& folder : folders) {
-    std::string path = folder + "/" + name;
-    if (access(path.c_str(), R_OK) == 0) return path;
-  }
-  return "";
+  return findReadableFile(folders, name);
 }
 
 }  // namespace zephlore
