@@ -55,14 +55,24 @@ class DistributedNotificationCenterTest : public ::testing::Test {
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
 };
 
-TEST_F(DistributedNotificationCenterTest, NoticeFromAnotherProcessReachesTheMainThreadIntact) {
+// Signals sent by another process, as any script could: each reaches only
+// the observers of its name, on the main thread, with the payload intact.
+TEST_F(DistributedNotificationCenterTest, SignalsFromAnotherProcessReachTheirObserversIntact) {
   ASSERT_TRUE(center.isConnected());
   LogLines log;
-  std::vector<Notification> received;
+  std::vector<Notification> folders, active;
+  std::vector<std::string> quit_seen, version_values;
   std::thread::id handler_thread;
   center.addObserver(kFoldersNotification, [&](const Notification& note) {
     handler_thread = std::this_thread::get_id();
-    received.push_back(note);
+    folders.push_back(note);
+  });
+  center.addObserver(kActiveStatusNotification, [&](const Notification& note) { active.push_back(note); });
+  center.addObserver(kHelperShouldQuitNotification, [&](const Notification& note) { quit_seen.push_back(note.name); });
+  center.addObserver(kVersionNotification, [&](const Notification& note) {
+    EXPECT_EQ(note.name, kVersionNotification);
+    const std::string* version = userInfoString(note.userInfo, kVersionKey);
+    version_values.push_back(version ? *version : "(none)");
   });
   // Strings, arrays of strings (also empty ones and non-ASCII text) arrive
   // as they were sent; a number is not part of the wire format and is left
@@ -70,11 +80,21 @@ TEST_F(DistributedNotificationCenterTest, NoticeFromAnotherProcessReachesTheMain
   emitFromAnotherProcess(kFoldersNotification,
                          "{'foldersToAdd': <['/home/a b', '/Mus\u00e9e']>, 'foldersToRemove': "
                          "<@as []>, 'note': <'x'>, 'count': <int32 5>}");
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !received.empty(); }));
+  // A name nobody observes, a prefix of an observed one.
+  emitFromAnotherProcess("com.quorvane.zephlore");
+  emitFromAnotherProcess(kVersionNotification, "{'version': <'1.2 '>}");
+  emitFromAnotherProcess(kVersionNotification);  // no "version": the handler decides
+  // Hand-made: only a name; then a list where the dictionary belongs.
+  emitFromAnotherProcess(kActiveStatusNotification, "", nullptr);
+  emitFromAnotherProcess(kActiveStatusNotification, "['x']", "true");
+  // The last one arriving means the earlier ones have been delivered (one
+  // sender after another, in order).
+  emitFromAnotherProcess(kHelperShouldQuitNotification);
+  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !quit_seen.empty(); }));
 
   EXPECT_EQ(handler_thread, std::this_thread::get_id());
-  ASSERT_EQ(received.size(), 1u);
-  const Notification& note = received[0];
+  ASSERT_EQ(folders.size(), 1u);
+  const Notification& note = folders[0];
   EXPECT_EQ(note.name, kFoldersNotification);
   ASSERT_NE(userInfoStrings(note.userInfo, kFoldersToAddKey), nullptr);
   EXPECT_EQ(*userInfoStrings(note.userInfo, kFoldersToAddKey),
@@ -84,38 +104,19 @@ TEST_F(DistributedNotificationCenterTest, NoticeFromAnotherProcessReachesTheMain
   ASSERT_NE(userInfoString(note.userInfo, "note"), nullptr);
   EXPECT_EQ(*userInfoString(note.userInfo, "note"), "x");
   EXPECT_EQ(note.userInfo.count("count"), 0u);
+  EXPECT_EQ(quit_seen, std::vector<std::string>{kHelperShouldQuitNotification});
+  EXPECT_EQ(version_values, (std::vector<std::string>{"1.2 ", "(none)"}));
+  ASSERT_EQ(active.size(), 2u);
+  for (const Notification& hand_made : active) {
+    EXPECT_EQ(hand_made.name, kActiveStatusNotification);
+    EXPECT_TRUE(hand_made.userInfo.empty());
+  }
   std::vector<std::string> lines = log.get();
-  ASSERT_EQ(lines.size(), 1u);
+  ASSERT_EQ(lines.size(), 3u);
   EXPECT_NE(lines[0].find("count"), std::string::npos);
 }
 
-TEST_F(DistributedNotificationCenterTest, ObserversSeeOnlyTheirOwnNames) {
-  std::vector<std::string> quit_seen;
-  std::vector<std::string> version_seen;
-  std::vector<std::string> version_values;
-  center.addObserver(kHelperShouldQuitNotification,
-                     [&](const Notification& note) { quit_seen.push_back(note.name); });
-  center.addObserver(kVersionNotification, [&](const Notification& note) {
-    version_seen.push_back(note.name);
-    const std::string* version = userInfoString(note.userInfo, kVersionKey);
-    version_values.push_back(version ? *version : "(none)");
-  });
-  // A name nobody observes, a prefix of an observed one, then both observed
-  // names. The last one arriving means the earlier ones have been delivered
-  // (one sender after another, in order).
-  emitFromAnotherProcess("com.quorvane.zephlore");
-  emitFromAnotherProcess(kVersionNotification, "{'version': <'1.2 '>}");
-  emitFromAnotherProcess(kVersionNotification);  // no "version": the handler decides
-  emitFromAnotherProcess(kHelperShouldQuitNotification);
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !quit_seen.empty(); }));
-
-  EXPECT_EQ(quit_seen, std::vector<std::string>{kHelperShouldQuitNotification});
-  EXPECT_EQ(version_seen,
-            (std::vector<std::string>{kVersionNotification, kVersionNotification}));
-  EXPECT_EQ(version_values, (std::vector<std::string>{"1.2 ", "(none)"}));
-}
-
-TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadAndRemovedObserversStayQuiet) {
+TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadRemovedObserversStayQuietAndCopiesAreCounted) {
   std::vector<Notification> kept;
   int removed_calls = 0;
   auto removed = center.addObserver(kSavingsChangedNotification,
@@ -139,63 +140,43 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadAndRemovedObserversS
   EXPECT_EQ(*userInfoString(kept[0].userInfo, "path"), "/a");
   EXPECT_EQ(*userInfoStrings(kept[0].userInfo, "list"), (std::vector<std::string>{"x", "y"}));
   EXPECT_EQ(kept[0].userInfo.count("bad"), 0u);  // not UTF-8: left out, not a crash
-}
 
-TEST_F(DistributedNotificationCenterTest, HandMadeSignalsAreReadLeniently) {
-  LogLines log;
-  std::vector<Notification> received;
-  center.addObserver(kActiveStatusNotification,
-                     [&](const Notification& note) { received.push_back(note); });
-  // Only a name; then a list where the dictionary belongs.
-  emitFromAnotherProcess(kActiveStatusNotification, "", nullptr);
-  emitFromAnotherProcess(kActiveStatusNotification, "['x']", "true");
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return received.size() == 2; }));
-
-  for (const Notification& note : received) {
-    EXPECT_EQ(note.name, kActiveStatusNotification);
-    EXPECT_TRUE(note.userInfo.empty());
-  }
-  EXPECT_EQ(log.get().size(), 2u);
-}
-
-TEST_F(DistributedNotificationCenterTest, CountsTheCopiesThatOwnTheHelperName) {
+  // The copies that own the helper's name, queued behind the first.
   EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
   EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 0);
   center.ownName(kHelperBusName);
   EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 1);
   EXPECT_TRUE(center.nameHasOwner(kHelperBusName));
-
   DistributedNotificationCenter second_copy(bus.address());
   second_copy.ownName(kHelperBusName);
   EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), 2);
 }
 
+// No bus address and no $XDG_RUNTIME_DIR/bus, or an address with no daemon.
 TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
-  TestHome home;  // no bus address, no $XDG_RUNTIME_DIR/bus
+  TestHome home;
   LogLines log;
-  ScopedShared<DistributedNotificationCenter> fresh_center;
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
-  EXPECT_FALSE(center.isConnected());
-  int calls = 0;
-  center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; });
-  center.postNotificationName(kHelperShouldQuitNotification);
-  EXPECT_FALSE(center.flush());
-  EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), -1);
-  EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
-  RunLoop::main().runUntilIdle();
-  EXPECT_EQ(calls, 0);
+  {
+    ScopedShared<DistributedNotificationCenter> fresh_center;
+    DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+    EXPECT_FALSE(center.isConnected());
+    int calls = 0;
+    center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; });
+    center.postNotificationName(kHelperShouldQuitNotification);
+    EXPECT_FALSE(center.flush());
+    EXPECT_EQ(center.queuedOwnerCount(kHelperBusName), -1);
+    EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
+    RunLoop::main().runUntilIdle();
+    EXPECT_EQ(calls, 0);
+  }
   std::vector<std::string> lines = log.get();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("No D-Bus session bus"), std::string::npos);
-}
 
-TEST(DistributedNotificationCenterWithoutBusTest, AnAddressWithNoDaemonIsNoBus) {
-  TestHome home;
-  LogLines log;
   DistributedNotificationCenter center("unix:path=" + home.root() + "/no-such-socket");
   EXPECT_FALSE(center.isConnected());
   center.postNotificationName(kHelperShouldQuitNotification);
-  EXPECT_EQ(log.get().size(), 1u);
+  EXPECT_EQ(log.get().size(), 2u);
 }
 
 }  // namespace

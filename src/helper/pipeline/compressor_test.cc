@@ -10,8 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <condition_variable>
+#include <optional>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -24,6 +23,7 @@
 #include "helper/lifecycle/file_in_process_watchdog.h"
 #include "helper/pipeline/pipeline_test_support.h"
 #include "platform/thread_priority.h"
+#include "testing/bounded_wait.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
@@ -68,6 +68,24 @@ class CompressorTest : public ::testing::Test {
     clock->advance(seconds(s));
     loop.runUntilIdle();
   }
+  void runBatch() {
+    loop.runUntilIdle();  // the queue's tick is set from the addition on
+    advance(KRCompressor::kTickDelay);
+    finishBatches();
+  }
+  // A compressor whose engine reads through `env`, as the helper's does
+  // through the process's Env; each file handed back is queued again.
+  std::unique_ptr<KRCompressor> compressorThrough(Env& env) {
+    sharedEnv.reset();
+    sharedEnv.emplace(&env);
+    auto made = std::make_unique<KRCompressor>(
+        loop, env, KRCompressorParts{.compressionQueue = &queue, .load = &load, .record = &watchdog});
+    made->setFolderWatchTest([](const std::string&) { return true; });
+    made->setRetryHandler([this, c = made.get()](const std::string& path) {
+      handedBack.emplace_back(path, c->addFiles({path}));
+    });
+    return made;
+  }
 
   const std::string& home = testkit::processTestHome();
   testkit::ScratchDir dir;
@@ -82,7 +100,16 @@ class CompressorTest : public ::testing::Test {
   std::mutex watchedLock;
   std::string watched = dir.path() + "/";
   std::atomic<uint64_t> savings{0};
+  std::vector<std::pair<std::string, uint64_t>> handedBack;  // path, files it queued again
+  std::optional<ScopedSharedEnv> sharedEnv;
 };
+
+// Another writer appending just before the engine reads: the file changes under it.
+void appendLine(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  (void)!::write(fd, "more lines\n", 11);
+  ::close(fd);
+}
 
 TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFinished) {
   EXPECT_EQ(compressor.addFiles({}), 0u);
@@ -273,9 +300,7 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   mkdir(becameDirectory.c_str(), 0755);
   unlink(becameLink.c_str());
   ASSERT_EQ(symlink(linked.c_str(), becameLink.c_str()), 0);
-  loop.runUntilIdle();
-  advance(5.0);
-  finishBatches();
+  runBatch();
 
   kill(writer, SIGKILL);
   waitpid(writer, nullptr, 0);
@@ -337,12 +362,6 @@ TEST_F(CompressorTest, UnwatchedFolderGives8000AndAnEmptiedQueueStillEndsWithCom
   EXPECT_EQ(testkit::readFile(files[0]), testkit::compressibleData(8192, 0));
 }
 
-}  // namespace
-}  // namespace zephlore
-
-namespace zephlore {
-namespace {
-
 // A file that grows under the engine's read is refused; once it has been
 // left alone for the settle time it is handed back (not left for the next
 // sweep), a few times in a row at most; refusals for other reasons are not.
@@ -354,37 +373,19 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
   const std::string noise = dir / "noise";
   testkit::writeFile(noise, testkit::randomData(100000, 5));
   std::atomic<bool> growNextRead{true};
-  // The writer appends just before the engine reads: the file changes under it.
   testkit::HookedEnv env([&](const char* op) {
-    if (std::string_view(op) != "pread") return;
-    std::string inHand = growNextRead.exchange(false) ? growing : "";
-    if (inHand.empty()) return;
-    const int fd = ::open(inHand.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    (void)!::write(fd, "more lines\n", 11);
-    ::close(fd);
+    if (std::string_view(op) == "pread" && growNextRead.exchange(false)) appendLine(growing);
   });
-  KRCompressor busy(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
-  // The engine reads the source through the process's Env.
-  std::optional<ScopedSharedEnv> readsThrough(&env);
-  busy.setFolderWatchTest([](const std::string&) { return true; });
-  std::vector<std::string> handedBack;
-  busy.setRetryHandler([&](const std::string& path) {
-    handedBack.push_back(path);
-    busy.addFiles({path});
-  });
-  auto runBatch = [&] {
-    loop.runUntilIdle();  // the queue's tick is set from the addition on
-    advance(KRCompressor::kTickDelay);
-    finishBatches();
-  };
+  std::unique_ptr<KRCompressor> busy = compressorThrough(env);
+  using HandedBack = std::vector<std::pair<std::string, uint64_t>>;
 
-  busy.addFiles({growing, noise});
+  busy->addFiles({growing, noise});
   runBatch();
   EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing)) << "refused while it grew";
   advance(KRCompressor::kBusyRetryDelay - 0.1);
   EXPECT_TRUE(handedBack.empty());
   advance(0.2);
-  EXPECT_EQ(handedBack, std::vector<std::string>{growing}) << "the noise is not tried again";
+  EXPECT_EQ(handedBack, (HandedBack{{growing, 1}})) << "the noise is not tried again";
   runBatch();
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
   EXPECT_EQ(testkit::readFile(growing), "") << "its data is in the compressed form now";
@@ -393,20 +394,10 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
   // never given up: an hour apart at the most.
   handedBack.clear();
   testkit::HookedEnv alwaysGrowing([&](const char* op) {
-    if (std::string_view(op) != "pread") return;
-    const int fd = ::open(endless.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    (void)!::write(fd, "more lines\n", 11);
-    ::close(fd);
+    if (std::string_view(op) == "pread") appendLine(endless);
   });
-  KRCompressor writtenForever(loop, alwaysGrowing, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
-  readsThrough.reset();
-  readsThrough.emplace(&alwaysGrowing);
-  writtenForever.setFolderWatchTest([](const std::string&) { return true; });
-  writtenForever.setRetryHandler([&](const std::string& path) {
-    handedBack.push_back(path);
-    writtenForever.addFiles({path});
-  });
-  writtenForever.addFiles({endless});
+  std::unique_ptr<KRCompressor> writtenForever = compressorThrough(alwaysGrowing);
+  writtenForever->addFiles({endless});
   for (int refusals = 1; refusals <= 4; ++refusals) {
     runBatch();
     const double wait = KRCompressor::busyRetryDelay(refusals);
@@ -418,7 +409,6 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
   }
   EXPECT_EQ(KRCompressor::busyRetryDelay(100), KRCompressor::kMaxBusyRetryDelay);
   EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), endless));
-  readsThrough.reset();
 }
 
 // A file the batch is done with is no longer in process though the batch
@@ -431,58 +421,37 @@ TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
   testkit::writeFile(growing, testkit::compressibleData(100000, 6));
   testkit::writeFile(slow, testkit::compressibleData(100000, 7));
   std::atomic<bool> growNextRead{true};
-  std::mutex gateLock;
-  std::condition_variable gateChanged;
-  bool inSlow = false, released = false;
+  testkit::BoundedLatch inSlow(1), released(1);
   KRCompressor* compressorOf = nullptr;
   testkit::HookedEnv env([&](const char* op) {
     if (std::string_view(op) != "pread") return;
-    if (growNextRead.exchange(false)) {
-      const int fd = ::open(growing.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-      (void)!::write(fd, "more lines\n", 11);
-      ::close(fd);
-      return;
-    }
+    if (growNextRead.exchange(false)) return appendLine(growing);
     // The batch's next file takes as long as the test wants.
     if (compressorOf->fileInHand() != slow) return;
-    std::unique_lock lock(gateLock);
-    inSlow = true;
-    gateChanged.notify_all();
-    gateChanged.wait(lock, [&] { return released; });
+    inSlow.countDown();
+    EXPECT_TRUE(released.wait());
   });
-  KRCompressor busy(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
-  compressorOf = &busy;
-  std::optional<ScopedSharedEnv> readsThrough(&env);
-  busy.setFolderWatchTest([](const std::string&) { return true; });
-  std::vector<std::pair<std::string, uint64_t>> retried;  // path, files it queued
-  busy.setRetryHandler([&](const std::string& path) { retried.emplace_back(path, busy.addFiles({path})); });
+  std::unique_ptr<KRCompressor> busy = compressorThrough(env);
+  compressorOf = busy.get();
 
-  busy.addFiles({growing, slow});
+  busy->addFiles({growing, slow});
   loop.runUntilIdle();
   advance(KRCompressor::kTickDelay);
-  {
-    std::unique_lock lock(gateLock);
-    ASSERT_TRUE(gateChanged.wait_for(lock, std::chrono::seconds(20), [&] { return inSlow; }));
-  }
-  EXPECT_FALSE(busy.isInProcess(growing)) << "refused and done with";
-  EXPECT_TRUE(busy.isInProcess(slow));
+  ASSERT_TRUE(inSlow.wait());
+  EXPECT_FALSE(busy->isInProcess(growing)) << "refused and done with";
+  EXPECT_TRUE(busy->isInProcess(slow));
   loop.runUntilIdle();
   advance(KRCompressor::kBusyRetryDelay + 0.1);
-  EXPECT_EQ(retried, (std::vector<std::pair<std::string, uint64_t>>{{growing, 1}}));
-  EXPECT_EQ(busy.queuedFiles(), std::vector<std::string>{growing});
-  {
-    std::lock_guard lock(gateLock);
-    released = true;
-  }
-  gateChanged.notify_all();
+  EXPECT_EQ(handedBack, (std::vector<std::pair<std::string, uint64_t>>{{growing, 1}}));
+  EXPECT_EQ(busy->queuedFiles(), std::vector<std::string>{growing});
+  released.countDown();
   finishBatches();
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), slow));
-  EXPECT_EQ(busy.queuedFiles(), std::vector<std::string>{growing}) << "its batch's end does not take it out";
-  EXPECT_EQ(busy.filesBeingCompressedCount(), 0u);
+  EXPECT_EQ(busy->queuedFiles(), std::vector<std::string>{growing}) << "its batch's end does not take it out";
+  EXPECT_EQ(busy->filesBeingCompressedCount(), 0u);
   advance(KRCompressor::kTickDelay);
   finishBatches();
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
-  readsThrough.reset();
 }
 
 // An editor's save renamed over the name right after the swap: the plain
@@ -500,28 +469,19 @@ TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
     if (::getxattr(note.c_str(), "user.com.apple.decmpfs", nullptr, 0) < 0) return;
     saved = ::rename(saving.c_str(), note.c_str()) == 0;
   });
-  KRCompressor racing(loop, env, {.compressionQueue = &queue, .load = &load, .record = &watchdog});
-  std::optional<ScopedSharedEnv> readsThrough(&env);
-  racing.setFolderWatchTest([](const std::string&) { return true; });
-  std::vector<std::string> retried;
-  racing.setRetryHandler([&](const std::string& path) {
-    retried.push_back(path);
-    racing.addFiles({path});
-  });
-  racing.addFiles({note});
-  loop.runUntilIdle();
-  advance(KRCompressor::kTickDelay);
-  finishBatches();
+  std::unique_ptr<KRCompressor> racing = compressorThrough(env);
+  racing->addFiles({note});
+  runBatch();
   ASSERT_TRUE(saved.load()) << "the save did not land after the swap";
   EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
   EXPECT_FALSE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), note)) << "not marked as ours";
   EXPECT_EQ(testkit::readFile(note), testkit::compressibleData(90000, 9));
   advance(KRCompressor::kBusyRetryDelay + 0.1);
-  EXPECT_EQ(retried, std::vector<std::string>{note});
+  EXPECT_EQ(handedBack.size(), 1u);
+  EXPECT_EQ(handedBack[0].first, note);
   advance(KRCompressor::kTickDelay);
   finishBatches();
   EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
-  readsThrough.reset();
 }
 
 }  // namespace

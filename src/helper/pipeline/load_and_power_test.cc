@@ -55,14 +55,22 @@ class FakeTree {
   ScratchDir root_;
 };
 
-TEST(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
-  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(1'000'000'000), "1000MHz");
-  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(1'000'000'001), "1.00GHz");
-  EXPECT_EQ(KRSystemLoadHandler::clockSpeedString(2'400'000'000), "2.40GHz");
+class SystemLoadHandlerTest : public ::testing::Test {
+ protected:
+  // One sampling period on, or `s` seconds.
+  void tick(double s = 2.0) {
+    clock.advance(seconds(s));
+    loop.runUntilIdle();
+  }
 
   FakeTree tree;
   ManualClock clock;
-  RunLoop loop(clock);
+  RunLoop loop{clock};
+  std::vector<std::string> lines;
+  ScopedLogCapture capture{[this](const std::string& line) { lines.push_back(line); }};
+};
+
+TEST_F(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
   KRSystemLoadHandler handler(tree.counters(), loop);
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);
   loop.runUntilIdle();
@@ -73,105 +81,76 @@ TEST(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
 
   // cpu0 fully busy, cpu1 untouched: the average of 1.0 and 0.0.
   tree.setCpu(100, 0, 0, 0);
-  clock.advance(seconds(1.9));
-  loop.runUntilIdle();
+  tick(1.9);
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);
-  clock.advance(seconds(0.1));
-  loop.runUntilIdle();
+  tick(0.1);
   EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.5f);
 
   // 5120 bytes against the floor of 10000; then a burst becomes the maximum.
   tree.setDiskSectors(10);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.512f);
   EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 10000u);
   tree.setDiskSectors(10 + 80);  // 40960 bytes
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 1.0f);
   EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 40960u);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.0f);
 
   // Garbled counters end sampling with one line; the loads drop to 0.0.
-  std::vector<std::string> lines;
-  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
   tree.setCpu(200, 0, 0, 0);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_GT(handler.currentCPULoad(), 0.0f);
   put(tree.path("proc/stat"), "cpu0 12");
   put(tree.path("proc/diskstats"), "garbage");
-  for (int i = 0; i < 3; ++i) {
-    clock.advance(seconds(2.0));
-    loop.runUntilIdle();
-  }
+  for (int i = 0; i < 3; ++i) tick();
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);
   EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
   EXPECT_EQ(lines.size(), 2u);  // one for each counter, once
 }
 
-TEST(SystemLoadHandlerTest, MissingCountersMeanNoSamplingAndNoLoad) {
-  ScratchDir empty;
-  ManualClock clock;
-  RunLoop loop(clock);
-  std::vector<std::string> lines;
-  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  KRSystemLoadHandler handler(std::make_unique<KernelLoadCounters>(empty / "proc", empty / "sys"), loop);
-  loop.runUntilIdle();
-  clock.advance(seconds(10));
-  loop.runUntilIdle();
-  EXPECT_EQ(handler.currentCPULoad(), 0.0f);
-  EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
-  EXPECT_EQ(lines.size(), 2u);  // one for the processors, one for the disks
-}
-
-// An ARM board's /proc/cpuinfo has no "cpu MHz" and a virtual machine often
-// has no cpufreq: this machine has both kinds of counters, so the tree is
-// faked. The loads are sampled all the same.
-TEST(SystemLoadHandlerTest, SamplesWithoutAClockSpeed) {
-  FakeTree tree;
+// An ARM board's /proc/cpuinfo has no "cpu MHz", a virtual machine often has
+// no cpufreq, a container may lack the processor counters or all of them:
+// what is there is sampled, what is missing is no load and one line.
+TEST_F(SystemLoadHandlerTest, MissingCountersMeanNoLoadAndTheRestIsStillSampled) {
   put(tree.path("proc/cpuinfo"), "processor\t: 0\nBogoMIPS\t: 48.00\nCPU implementer\t: 0x41\n");
-  ManualClock clock;
-  RunLoop loop(clock);
-  std::vector<std::string> lines;
-  ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
   KRSystemLoadHandler handler(tree.counters(), loop);
   loop.runUntilIdle();
   EXPECT_EQ(handler.clockSpeed(), "unknown");
   EXPECT_EQ(handler.cpuCount(), 2);
   tree.setCpu(100, 0, 100, 0);
   tree.setDiskSectors(40);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_FLOAT_EQ(handler.currentCPULoad(), 1.0f);
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 1.0f);  // 20480 bytes, the busiest 2 s so far
   EXPECT_TRUE(lines.empty());
 
-  // Without processor counters the disks are still sampled.
   ScratchDir bare;
   put(bare / "proc/diskstats", "   8       0 sda 0 0 0 0 0 0 0 0 0 0 0\n");
   std::filesystem::create_directories(bare / "sys/block/sda/device");
   KRSystemLoadHandler disksOnly(std::make_unique<KernelLoadCounters>(bare / "proc", bare / "sys"), loop);
   loop.runUntilIdle();
   put(bare / "proc/diskstats", "   8       0 sda 0 0 40 0 0 0 0 0 0 0 0\n");
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_EQ(disksOnly.currentCPULoad(), 0.0f);
   EXPECT_FLOAT_EQ(disksOnly.currentDiskLoad(), 1.0f);
+
+  lines.clear();
+  ScratchDir empty;
+  KRSystemLoadHandler nothing(std::make_unique<KernelLoadCounters>(empty / "proc", empty / "sys"), loop);
+  tick(10);
+  EXPECT_EQ(nothing.currentCPULoad(), 0.0f);
+  EXPECT_EQ(nothing.currentDiskLoad(), 0.0f);
+  EXPECT_EQ(lines.size(), 2u);  // one for the processors, one for the disks
 }
 
 // The gate yields to other programs: the helper's own compression and its
 // views' work are taken out of the busy time, or the helper would hold
 // itself back whenever it is working.
-TEST(SystemLoadHandlerTest, TheHelperAndItsViewsAreNotOtherProgramsLoad) {
-  FakeTree tree;
+TEST_F(SystemLoadHandlerTest, TheHelperAndItsViewsAreNotOtherProgramsLoad) {
   tree.setProcess("self", 10, 5);
   tree.setProcess("4242", 100, 0);
-  ManualClock clock;
-  RunLoop loop(clock);
   KRSystemLoadHandler handler(tree.counters(), loop);
   loop.runUntilIdle();
   // One 2 s sample: both processors' busy ticks so far, and the helper's
@@ -180,8 +159,7 @@ TEST(SystemLoadHandlerTest, TheHelperAndItsViewsAreNotOtherProgramsLoad) {
     tree.setCpu(busy, 0, busy, 0);
     tree.setProcess("self", self, self - 5);
     tree.setProcess("4242", view, 0);
-    clock.advance(seconds(2.0));
-    loop.runUntilIdle();
+    tick();
     return handler.currentCPULoad();
   };
 
@@ -200,8 +178,7 @@ TEST(SystemLoadHandlerTest, TheHelperAndItsViewsAreNotOtherProgramsLoad) {
   put(tree.path("proc/4242/stat"), "garbled");
   tree.setCpu(800, 0, 700, 100);
   tree.setProcess("self", 330, 325);
-  clock.advance(seconds(2.0));
-  loop.runUntilIdle();
+  tick();
   EXPECT_FLOAT_EQ(handler.currentCPULoad(), 0.75f - 40.0f / 400.0f);
 }
 
