@@ -14,7 +14,6 @@
 #include "desktop/control_surface.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "protocol/notification_names.h"
-#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
@@ -121,25 +120,20 @@ std::vector<std::pair<int32_t, std::string>> readMenu(FakeTrayWatcher& tray, con
                               g_variant_new("(ii^as)", 0, -1, noProperties));
   std::vector<std::pair<int32_t, std::string>> rows;
   if (!reply) return rows;
-  GVariant* layout = g_variant_get_child_value(reply, 1);
-  GVariant* children = g_variant_get_child_value(layout, 2);
-  for (gsize i = 0; i < g_variant_n_children(children); ++i) {
-    GVariant* boxed = g_variant_get_child_value(children, i);
-    GVariant* child = g_variant_get_variant(boxed);
+  GVariantIter* children = nullptr;
+  g_variant_get(reply, "(u(ia{sv}av))", nullptr, nullptr, nullptr, &children);
+  GVariant* child = nullptr;
+  while (g_variant_iter_next(children, "v", &child)) {
     int32_t id = 0;
     GVariant* properties = nullptr;
-    g_variant_get_child(child, 0, "i", &id);
-    properties = g_variant_get_child_value(child, 1);
-    const gchar* label = nullptr;
-    std::string text;
-    if (g_variant_lookup(properties, "label", "&s", &label)) text = label;
-    rows.emplace_back(id, text);
+    g_variant_get(child, "(i@a{sv}av)", &id, &properties, nullptr);
+    const gchar* label = "";
+    g_variant_lookup(properties, "label", "&s", &label);
+    rows.emplace_back(id, label);
     g_variant_unref(properties);
     g_variant_unref(child);
-    g_variant_unref(boxed);
   }
-  g_variant_unref(children);
-  g_variant_unref(layout);
+  g_variant_iter_free(children);
   g_variant_unref(reply);
   return rows;
 }

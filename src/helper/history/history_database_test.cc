@@ -10,10 +10,8 @@
 #include "base/run_loop.h"
 #include "base/util.h"
 #include "helper/history/history_test_support.h"
-#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"
-#include "testing/session_bus.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -113,18 +111,16 @@ TEST_F(HelperUtilTest, RecordsSurviveCloseAndRestartAndCloseTwiceIsHarmless) {
   EXPECT_EQ(found->size(), 1u);
   EXPECT_FALSE(context->fetch("historyForNothing", {}, &error));
   EXPECT_NE(error.message.find("historyForNothing"), std::string::npos);
-}
 
-TEST_F(HelperUtilTest, EnabledDefaultsToTrueInTheSchemaItself) {
-  ASSERT_NE(KRHelperUtil::managedObjectContext(), nullptr);
+  // A row written by another program without "enabled": the schema's default.
   SqliteConnection other;
   ASSERT_TRUE(other.open(path_, SQLITE_OPEN_READWRITE, nullptr));
   ASSERT_TRUE(other.exec("INSERT INTO History (folder) VALUES ('/x');", nullptr));
   KRHelperUtil::resetForTesting();
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
-  ASSERT_EQ(context->allObjects().size(), 1u);
-  EXPECT_TRUE(context->allObjects()[0]->record().enabled);
-  EXPECT_EQ(context->allObjects()[0]->record().savings, 0u);
+  context = KRHelperUtil::managedObjectContext();
+  ASSERT_EQ(context->allObjects().size(), 2u);
+  EXPECT_TRUE(context->allObjects()[1]->record().enabled);
+  EXPECT_EQ(context->allObjects()[1]->record().savings, 0u);
 }
 
 TEST_F(HelperUtilTest, ASaveBlockedByAnotherWriterKeepsItsChangesForTheNextSave) {

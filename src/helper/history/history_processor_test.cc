@@ -14,10 +14,8 @@
 #include "helper/history/history_database.h"
 #include "helper/history/history_test_support.h"
 #include "protocol/notification_names.h"
-#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"
-#include "testing/session_bus.h"
 #include "testing/test_home.h"
 
 namespace zephlore {

@@ -88,38 +88,27 @@ TEST(Scheduler, ThreeAnalysesRunTwoAtATimeInSubmissionOrder) {
   EXPECT_EQ(tracker.peak(), 2);
 }
 
-TEST(Scheduler, CompressionsNeverOverlapAndKeepOrder) {
+TEST(Scheduler, CompressionsNeverOverlapKeepOrderAndRunBesideAnAnalysis) {
   Tracker tracker;
-  testkit::BoundedLatch hold(1);
+  // The first compression and the analysis each wait for the other to have
+  // started: they can only end if both run at once on their own queues.
+  testkit::BoundedLatch both(2), analysisDone(1);
   KRScheduler scheduler;
   for (int i = 0; i < 5; ++i) {
     scheduler.queueCompressionOperation({[&, i] {
       tracker.started(i);
       if (i == 0) {
-        EXPECT_TRUE(hold.wait());  // everything queues up behind the first
+        EXPECT_TRUE(both.arriveAndWait());  // everything queues up behind the first
       }
       tracker.finished(i);
     }, nullptr});
   }
-  ASSERT_TRUE(tracker.waitStarted(1));
-  hold.countDown();
+  scheduler.queueAnalysisOperation({[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { analysisDone.countDown(); }});
+  ASSERT_TRUE(analysisDone.wait());
   scheduler.compressionQueue().waitUntilAllOperationsAreFinished();
   EXPECT_EQ(tracker.peak(), 1);
   EXPECT_EQ(tracker.startedOrder(), (std::vector<int>{0, 1, 2, 3, 4}));
   EXPECT_EQ(tracker.finishedOrder(), (std::vector<int>{0, 1, 2, 3, 4}));
-}
-
-TEST(Scheduler, AnAnalysisAndACompressionRunSideBySide) {
-  // Each waits for the other to have started: it can only end if both run
-  // at once on their own queues.
-  testkit::BoundedLatch both(2);
-  testkit::BoundedLatch done(2);
-  KRScheduler scheduler;
-  scheduler.queueAnalysisOperation(
-      {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
-  scheduler.queueCompressionOperation(
-      {[&] { EXPECT_TRUE(both.arriveAndWait()); }, [&] { done.countDown(); }});
-  ASSERT_TRUE(done.wait());
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include "helper/pipeline/system_load_handler.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
-#include "testing/test_home.h"
 
 namespace zephlore {
 namespace {

@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -19,10 +18,8 @@
 #include "protocol/notification_names.h"
 #include "platform/path_mapping_env.h"
 #include "testing/private_tmpfs.h"
-#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/process_clock.h"
-#include "testing/session_bus.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -58,6 +55,9 @@ class PathAnalyzerTest : public ::testing::Test {
   PathAnalyzerTest() {
     RunLoop::main().runUntilIdle();  // made on the manual clock, bound to this thread
     mkdir(root().c_str(), 0755);
+    analyzers.setLinks(links());
+  }
+  KRPathAnalyzerLinks links() {
     KRPathAnalyzerLinks links;
     links.watchedPathForPath = [this](const std::string&) { return root(); };
     links.addFilesToCompress = [this](const std::vector<std::string>& files) {
@@ -70,7 +70,7 @@ class PathAnalyzerTest : public ::testing::Test {
     };
     links.closeDatabase = [this] { ++database_closed; };
     links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
-    analyzers.setLinks(links);
+    return links;
   }
 
   void SetUp() override {
@@ -257,15 +257,9 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
   PathMappingEnv beneath(Env::shared(), views);
   // The engine's attribute reads use the process's Env, as in the helper.
   ScopedSharedEnv processEnv(&beneath);
-  KRPathAnalyzerLinks links;
-  links.watchedPathForPath = [&](const std::string&) { return shown.path(); };
-  links.addFilesToCompress = [this](const std::vector<std::string>& files) {
-    std::lock_guard lock(mutex);
-    for (const std::string& f : files) queued.insert(f);
-    return files.size();
-  };
-  links.addAnalysisOperation = [this](Operation op) { scheduler.queueAnalysisOperation(std::move(op)); };
-  KRPathAnalyzers beneathViews(RunLoop::main(), beneath, links);
+  KRPathAnalyzerLinks shownLinks = links();
+  shownLinks.watchedPathForPath = [&](const std::string&) { return shown.path(); };
+  KRPathAnalyzers beneathViews(RunLoop::main(), beneath, shownLinks);
 
   auto analyzer = beneathViews.startAnalyzerWithPath(shown.path(), true);
   runUntil([&] { return analyzer->analysisIsFinished(); });
