@@ -55,7 +55,7 @@ class CrashController : public ::testing::Test {
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(CrashController, FaultOnTheMainThreadSavesThenDiesOfTheSameSignal) {
+TEST_F(CrashController, AFaultOrAWorkersAbortIsSavedOnTheMainThreadThenEndsByTheSameSignal) {
   EXPECT_EXIT(
       {
         static SavingDelegate delegate;
@@ -72,9 +72,8 @@ TEST_F(CrashController, FaultOnTheMainThreadSavesThenDiesOfTheSameSignal) {
         exit(recurseForever(0));
       },
       ::testing::KilledBySignal(SIGSEGV), "saved on the main thread for signal 11");
-}
 
-TEST_F(CrashController, AbortOnAWorkerIsCarriedToTheMainThreadBeforeTheProcessDies) {
+  // An abort on a worker is carried to the main thread before the process dies.
   EXPECT_EXIT(
       {
         static SavingDelegate delegate;
