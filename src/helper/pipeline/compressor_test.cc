@@ -4,9 +4,7 @@
 #include "helper/pipeline/compressor.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -24,6 +22,7 @@
 #include "helper/pipeline/pipeline_test_support.h"
 #include "platform/thread_priority.h"
 #include "testing/bounded_wait.h"
+#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
@@ -283,18 +282,8 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
 
   compressor.addFiles({noise, smallNoise, linked, vanished, becameDirectory, becameLink, beingWritten});
   // Another process has it open for writing (our own descriptors do not count).
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t writer = fork();
-  if (writer == 0) {
-    const int fd = open(beingWritten.c_str(), O_WRONLY);
-    (void)!write(ready[1], &fd, sizeof fd);
-    pause();
-    _exit(0);
-  }
-  int writerFd = -1;
-  ASSERT_EQ(read(ready[0], &writerFd, sizeof writerFd), static_cast<ssize_t>(sizeof writerFd));
-  ASSERT_GE(writerFd, 0);
+  testkit::Child writer({"sh", "-c", "exec 3>>'" + beingWritten + "'; echo open; exec sleep 600"});
+  ASSERT_TRUE(writer.waitForLine());
   unlink(vanished.c_str());
   unlink(becameDirectory.c_str());
   mkdir(becameDirectory.c_str(), 0755);
@@ -302,10 +291,6 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   ASSERT_EQ(symlink(linked.c_str(), becameLink.c_str()), 0);
   runBatch();
 
-  kill(writer, SIGKILL);
-  waitpid(writer, nullptr, 0);
-  close(ready[0]);
-  close(ready[1]);
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(done.size(), 7u);
   EXPECT_EQ(done[0].errorCode, 704);
