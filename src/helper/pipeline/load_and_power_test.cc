@@ -73,8 +73,6 @@ TEST_F(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
   KRSystemLoadHandler handler(tree.counters(), loop);
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);
   loop.runUntilIdle();
-  EXPECT_EQ(handler.clockSpeed(), "1000MHz");
-  EXPECT_EQ(handler.cpuCount(), 2);
   EXPECT_EQ(handler.currentCPULoad(), 0.0f);  // unchanged counters: idle, not a division by zero
   EXPECT_EQ(handler.currentDiskLoad(), 0.0f);
 
@@ -89,11 +87,9 @@ TEST_F(SystemLoadHandlerTest, SamplesEvery2SecondsFromTheKernelCounters) {
   tree.setDiskSectors(10);
   tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.512f);
-  EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 10000u);
   tree.setDiskSectors(10 + 80);  // 40960 bytes
   tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 1.0f);
-  EXPECT_EQ(handler.maxDiskActivityInAPeriod(), 40960u);
   tick();
   EXPECT_FLOAT_EQ(handler.currentDiskLoad(), 0.0f);
 
@@ -116,8 +112,6 @@ TEST_F(SystemLoadHandlerTest, MissingCountersMeanNoLoadAndTheRestIsStillSampled)
   put(tree.path("proc/cpuinfo"), "processor\t: 0\nBogoMIPS\t: 48.00\nCPU implementer\t: 0x41\n");
   KRSystemLoadHandler handler(tree.counters(), loop);
   loop.runUntilIdle();
-  EXPECT_EQ(handler.clockSpeed(), "unknown");
-  EXPECT_EQ(handler.cpuCount(), 2);
   tree.setCpu(100, 0, 100, 0);
   tree.setDiskSectors(40);
   tick();
