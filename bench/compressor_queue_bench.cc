@@ -132,7 +132,7 @@ Timing runCommand(const std::vector<std::string>& argv) {
 // The queue as the helper runs it, with time for the debounce skipped.
 class QueueRun {
  public:
-  QueueRun() : useClock_(), loop_(*useClock_), compressor_(loop_, Env::system(), {.compressionQueue = &queue_}) {
+  QueueRun() : loop_(useClock_), compressor_(loop_, Env::system(), {.compressionQueue = &queue_}) {
     compressor_.setFolderWatchTest([](const std::string&) { return true; });
   }
   ~QueueRun() {
@@ -146,7 +146,7 @@ class QueueRun {
   // One batch; false when nothing is left.
   bool step() {
     if (compressor_.queuedFiles().empty() && compressor_.filesBeingCompressedCount() == 0) return false;
-    useClock_->advance(seconds(KRCompressor::kTickDelay));
+    useClock_.advance(seconds(KRCompressor::kTickDelay));
     loop_.runUntilIdle();
     queue_.waitUntilAllOperationsAreFinished();
     loop_.runUntilIdle();
@@ -155,7 +155,7 @@ class QueueRun {
 
  private:
   // No load gauge: the queue never waits for a quiet machine.
-  ScopedManualClock useClock_;
+  ManualClock useClock_;
   RunLoop loop_;
   OperationQueue queue_{1};
   KRCompressor compressor_;

@@ -32,17 +32,16 @@ struct Setting {
     root = "/dev/shm/zephlore-history-bench-" + std::to_string(getpid());
     std::filesystem::create_directories(root + "/data");
     setenv("XDG_DATA_HOME", (root + "/data").c_str(), 1);
-    Clock::setShared(&clock);
-    RunLoop::main().runUntilIdle();  // this thread is the main thread
+    loop.runUntilIdle();  // this thread is the main thread
     KRUtil::applicationSupportFolder();
-    // The setting lives as long as the process (the main run loop keeps its
-    // clock); the folder goes at exit.
+    // The setting lives as long as the process; the folder goes at exit.
     std::atexit([] {
       std::error_code ignored;
       std::filesystem::remove_all(setting().root, ignored);
     });
   }
   ManualClock clock;
+  RunLoop loop{clock};
   std::string root;
 };
 
@@ -56,7 +55,7 @@ KRHistoryProcessor& processor() {
     KRHistoryProcessor::Hooks hooks;
     hooks.postSavingsChanged = [] {};
     hooks.helperActive = [] { return false; };
-    return new KRHistoryProcessor(RunLoop::main(), Env::system(), hooks);
+    return new KRHistoryProcessor(setting().loop, Env::system(), hooks);
   }();
   return *p;
 }
@@ -83,12 +82,12 @@ void BM_AddSavingsBurstFromAWorker(benchmark::State& state) {
     std::thread worker([&] {
       for (int i = 0; i < 10'000; ++i) processor().addSavingsForPath(4096, folder + "/file");
       done = true;
-      RunLoop::main().post([] {});
+      s.loop.post([] {});
     });
-    RunLoop::main().runUntil([&] { return done.load(); });
+    s.loop.runUntil([&] { return done.load(); });
     worker.join();
     s.clock.advance(seconds(KRHistoryProcessor::kSaveDelaySeconds));
-    RunLoop::main().runUntilIdle();
+    s.loop.runUntilIdle();
     mainMs += threadCpuMs() - cpuBefore;
     transactions += static_cast<double>(store->transactionCount() - before);
   }

@@ -59,7 +59,8 @@ long rssKiB() {
 struct Bench {
   std::string base = "/tmp/zephlore-bench-XXXXXX";
   std::string root;
-  ScopedManualClock clock;  // far ahead of the files: no settle waits
+  ManualClock clock;  // far ahead of the files: no settle waits
+  RunLoop loop{clock};  // the helper's main loop; this thread runs it
 
   Bench() {
     mkdtemp(base.data());
@@ -86,7 +87,7 @@ struct Bench {
         }
       }
     }
-    RunLoop::main().runUntilIdle();
+    loop.runUntilIdle();
     KRPathAnalyzerLinks links;
     links.watchedPathForPath = [this](const std::string&) { return root; };
     links.addFilesToCompress = [this](const std::vector<std::string>& files) {
@@ -108,7 +109,7 @@ struct Bench {
   std::atomic<size_t> handed_over{0};
   std::optional<Steady::time_point> first_handover;
   KRScheduler scheduler;
-  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
+  KRPathAnalyzers analyzers{loop, Env::system()};
 };
 
 Bench& bench() {
@@ -122,7 +123,7 @@ void BM_FullRecheckAgainstFind(benchmark::State& state) {
   for (auto _ : state) {
     auto t = Steady::now();
     b.analyzers.startAnalyzerWithPath(b.root, true);
-    RunLoop::main().runUntil([&b] { return b.analyzers.analyzersCount() == 0; });
+    b.loop.runUntil([&b] { return b.analyzers.analyzersCount() == 0; });
     walk_ms = msSince(t);
     t = Steady::now();
     if (system(("find '" + b.root + "' -type f -size +4k > /dev/null").c_str()) != 0) state.SkipWithError("find");
@@ -179,7 +180,7 @@ void BM_WriteToHandOverLatency(benchmark::State& state) {
   KRWatcherFolderLinks folders;
   folders.watchPaths = [folder] { return std::vector<std::string>{folder}; };
   KRWatcherHistoryLinks history;
-  history.folderSweepDate = [](const std::string&) -> std::optional<WallTime> { return Clock::shared().wallNow(); };
+  history.folderSweepDate = [&b](const std::string&) -> std::optional<WallTime> { return b.clock.wallNow(); };
   history.progressForFolder = [](const std::string&) { return 100; };
   KRPathWatcherEvents::Options options;
   options.journal_path = b.base + "/latency.journal";
@@ -193,7 +194,7 @@ void BM_WriteToHandOverLatency(benchmark::State& state) {
     const auto t = Steady::now();
     // Another process writes the file (our own writes are not reported).
     if (system(("head -c 8192 /dev/zero > '" + folder + "/file'").c_str()) != 0) state.SkipWithError("write");
-    RunLoop::main().runUntil([&] { return b.first_handover.has_value(); });
+    b.loop.runUntil([&] { return b.first_handover.has_value(); });
     latency_ms = std::chrono::duration<double, std::milli>(*b.first_handover - t).count();
   }
   state.counters["latency_ms"] = latency_ms;

@@ -1,28 +1,10 @@
 #include "base/clock.h"
 
 #include <algorithm>
-#include <atomic>
 #include <thread>
 #include <vector>
 
 namespace zephlore {
-namespace {
-
-std::atomic<Clock*> g_shared{nullptr};
-
-SystemClock& systemClock() {
-  static SystemClock* clock = new SystemClock;  // never destroyed
-  return *clock;
-}
-
-}  // namespace
-
-Clock& Clock::shared() {
-  Clock* c = g_shared.load(std::memory_order_acquire);
-  return c ? *c : systemClock();
-}
-
-void Clock::setShared(Clock* clock) { g_shared.store(clock, std::memory_order_release); }
 
 // --- SystemClock ----------------------------------------------------------
 

@@ -1,7 +1,7 @@
 // One injectable clock for every "now" and every wait of the system.
 //
-// The helper runs on SystemClock. Tests install a ManualClock and drive time
-// forward themselves, so that a 30 s settle wait or a 17-hour sweep timer runs
+// Each program's main makes its clock and hands it to the parts that need
+// it. Tests pass a ManualClock and drive time forward themselves, so that a 30 s settle wait or a 17-hour sweep timer runs
 // in microseconds and no test ever sleeps for real.
 #pragma once
 
@@ -60,12 +60,6 @@ class Clock {
   // in poll() can look at its timers again. Returns an id for removal.
   virtual uint64_t addAdvanceObserver(std::function<void()> observer) = 0;
   virtual void removeAdvanceObserver(uint64_t id) = 0;
-
-  // The process-wide clock: SystemClock unless a test installed another.
-  static Clock& shared();
-  // Installs `clock` as the shared clock (nullptr restores the system clock).
-  // The caller keeps ownership and must outlive every user of it.
-  static void setShared(Clock* clock);
 };
 
 class SystemClock final : public Clock {
@@ -122,18 +116,6 @@ class ManualClock final : public Clock {
   uint64_t next_id_ = 1;
   std::vector<Waiter*> waiters_;
   std::vector<std::pair<uint64_t, std::function<void()>>> observers_;
-};
-
-// Installs a ManualClock as the shared clock for the lifetime of a test.
-class ScopedManualClock {
- public:
-  ScopedManualClock() { Clock::setShared(&clock_); }
-  ~ScopedManualClock() { Clock::setShared(nullptr); }
-  ManualClock& operator*() { return clock_; }
-  ManualClock* operator->() { return &clock_; }
-
- private:
-  ManualClock clock_;
 };
 
 }  // namespace zephlore

@@ -23,11 +23,6 @@ RunLoop::~RunLoop() {
   clock_.removeAdvanceObserver(advance_observer_);
 }
 
-RunLoop& RunLoop::main() {
-  static RunLoop* loop = new RunLoop(Clock::shared());  // never destroyed
-  return *loop;
-}
-
 RunLoop::TimerId RunLoop::addTimer(TimePoint deadline, Timer timer) {
   TimerId id;
   {

@@ -28,14 +28,10 @@ class RunLoop {
   using TimerId = uint64_t;
   using WatchId = uint64_t;
 
-  explicit RunLoop(Clock& clock = Clock::shared());
+  explicit RunLoop(Clock& clock);
   ~RunLoop();
   RunLoop(const RunLoop&) = delete;
   RunLoop& operator=(const RunLoop&) = delete;
-
-  // The helper's main run loop (created on first use with the shared clock,
-  // never destroyed). Tests that install a ManualClock must do so first.
-  static RunLoop& main();
 
   // Runs `fn` once, `delay` from now, on the loop's thread.
   TimerId performAfterDelay(Duration delay, std::function<void()> fn);

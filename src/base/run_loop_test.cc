@@ -133,8 +133,8 @@ TEST(RunLoop, ZeroDelayReArmingDoesNotStarvePostedCalls) {
 }
 
 TEST(RunLoop, PostAndWaitFromManyWorkersAtOnce) {
-  ScopedManualClock manual;
-  RunLoop loop;
+  ManualClock manual;
+  RunLoop loop(manual);
   std::thread loop_thread([&] { loop.run(); });
 
   constexpr int kWorkers = 8;
@@ -177,7 +177,7 @@ TEST(RunLoop, PostAndWaitFromManyWorkersAtOnce) {
   // A delayed call made from a worker fires when the test moves time.
   std::atomic<bool> fired{false};
   std::thread([&] { loop.performAfterDelay(30s, [&] { fired = true; loop.stop(); }); }).join();
-  manual->advance(30s);
+  manual.advance(30s);
   loop_thread.join();
   EXPECT_TRUE(fired);
 }

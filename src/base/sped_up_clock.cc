@@ -67,20 +67,18 @@ std::optional<double> parseClockSpeed(const std::string& text, std::string* prob
   return speed;
 }
 
-double installClockSpeedFromEnvironment() {
+ClockFromEnvironment::ClockFromEnvironment() {
   const char* text = getenv("ZEPHLORE_CLOCK_SPEED");
-  if (!text) return 1;
+  if (!text) return;
   std::string problem;
   std::optional<double> speed = parseClockSpeed(text, &problem);
   if (!speed) {
     KRLog("ZEPHLORE_CLOCK_SPEED ignored: %s", problem.c_str());
-    return 1;
+    return;
   }
-  if (*speed == 1) return 1;
-  static SpedUpClock* clock = new SpedUpClock(Clock::shared(), *speed);  // never destroyed
-  Clock::setShared(clock);
+  if (*speed == 1) return;
+  sped_up_.emplace(system_, *speed);
   KRLog("ZEPHLORE_CLOCK_SPEED: time runs %g times faster (a testing aid)", *speed);
-  return *speed;
 }
 
 }  // namespace zephlore

@@ -8,7 +8,6 @@
 // (or more); one written before looks older only by the time since.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -47,10 +46,21 @@ class SpedUpClock final : public Clock {
 // None, with the reason, for anything else.
 std::optional<double> parseClockSpeed(const std::string& text, std::string* problem);
 
-// Reads ZEPHLORE_CLOCK_SPEED and, when it asks for a speed other than 1,
-// installs a sped-up system clock as the shared one (never removed). Call
-// first in main, before anything reads the shared clock. A bad value is
-// logged and ignored. Returns the speed in force.
-double installClockSpeedFromEnvironment();
+// The helper's clock, made once in its main: the system clock, sped up when
+// ZEPHLORE_CLOCK_SPEED asks for a speed other than 1. A bad value is logged
+// and ignored.
+class ClockFromEnvironment {
+ public:
+  ClockFromEnvironment();
+  ClockFromEnvironment(const ClockFromEnvironment&) = delete;
+  ClockFromEnvironment& operator=(const ClockFromEnvironment&) = delete;
+
+  Clock& clock() { return sped_up_ ? static_cast<Clock&>(*sped_up_) : system_; }
+  double speed() const { return sped_up_ ? sped_up_->speed() : 1; }
+
+ private:
+  SystemClock system_;
+  std::optional<SpedUpClock> sped_up_;  // refers to system_
+};
 
 }  // namespace zephlore

@@ -43,7 +43,7 @@ TEST(SpedUpClock, WaitsAreShorterAndAgesLongerByTheSpeed) {
   waiter.join();
 }
 
-TEST(SpedUpClock, EnvironmentInstallsOnlyANumberAboveZero) {
+TEST(SpedUpClock, EnvironmentSpeedsUpOnlyForANumberAboveZero) {
   std::string problem;
   EXPECT_EQ(parseClockSpeed("2.5", &problem), 2.5);
   for (const char* bad : {"", "fast", "10x", "0", "-4", "inf", "nan", "1e999"}) {
@@ -52,14 +52,19 @@ TEST(SpedUpClock, EnvironmentInstallsOnlyANumberAboveZero) {
     EXPECT_NE(problem.find("not a number above 0"), std::string::npos) << bad;
   }
   setenv("ZEPHLORE_CLOCK_SPEED", "nonsense", 1);
-  EXPECT_EQ(installClockSpeedFromEnvironment(), 1);
-  EXPECT_EQ(dynamic_cast<SpedUpClock*>(&Clock::shared()), nullptr);
+  {
+    ClockFromEnvironment made;
+    EXPECT_EQ(made.speed(), 1);
+    EXPECT_NE(dynamic_cast<SystemClock*>(&made.clock()), nullptr);
+  }
   setenv("ZEPHLORE_CLOCK_SPEED", "50", 1);
-  EXPECT_EQ(installClockSpeedFromEnvironment(), 50);
-  auto* installed = dynamic_cast<SpedUpClock*>(&Clock::shared());
-  ASSERT_NE(installed, nullptr);
-  EXPECT_EQ(installed->speed(), 50);
-  Clock::setShared(nullptr);
+  {
+    ClockFromEnvironment made;
+    EXPECT_EQ(made.speed(), 50);
+    auto* sped_up = dynamic_cast<SpedUpClock*>(&made.clock());
+    ASSERT_NE(sped_up, nullptr);
+    EXPECT_EQ(sped_up->speed(), 50);
+  }
   unsetenv("ZEPHLORE_CLOCK_SPEED");
 }
 

@@ -47,8 +47,8 @@ std::string KRUtil::getPrettySize(uint64_t bytes) {
 
 // --- File age and group membership -------------------------------------------
 
-double KRUtil::timeIntervalSinceTime(int64_t time) {
-  const auto now = std::chrono::floor<std::chrono::seconds>(Clock::shared().wallNow());
+double KRUtil::timeIntervalSinceTime(const Clock& clock, int64_t time) {
+  const auto now = std::chrono::floor<std::chrono::seconds>(clock.wallNow());
   return static_cast<double>(now.time_since_epoch().count() - time);
 }
 

@@ -41,8 +41,8 @@ class KRUtil {
 
   // --- File age and group membership -------------------------------------
 
-  // The current time in whole seconds (from the shared clock) minus `time`.
-  static double timeIntervalSinceTime(int64_t time);
+  // The current time on `clock`, in whole seconds, minus `time`.
+  static double timeIntervalSinceTime(const Clock& clock, int64_t time);
   // True when `gid` is one of the process's supplementary groups.
   static bool processGroupsInclude(gid_t gid);
 

@@ -161,14 +161,14 @@ TEST(UtilPrettySize, BytesThenDecimalUnitsInSinglePrecision) {
   for (const auto& [bytes, shown] : cases) EXPECT_EQ(KRUtil::getPrettySize(bytes), shown) << bytes;
 }
 
-TEST(UtilFileAge, WholeSecondsOnTheSharedClock) {
-  ScopedManualClock clock;
+TEST(UtilFileAge, WholeSecondsOnTheGivenClock) {
+  ManualClock clock;
   const int64_t now = static_cast<int64_t>(time(nullptr));
-  clock->setWall(WallTime(std::chrono::seconds(now)) + std::chrono::milliseconds(900));
-  EXPECT_EQ(KRUtil::timeIntervalSinceTime(now - 30), 30.0);
-  EXPECT_EQ(KRUtil::timeIntervalSinceTime(now + 5), -5.0);
-  clock->advance(std::chrono::seconds(45));
-  EXPECT_EQ(KRUtil::timeIntervalSinceTime(now), 45.0);
+  clock.setWall(WallTime(std::chrono::seconds(now)) + std::chrono::milliseconds(900));
+  EXPECT_EQ(KRUtil::timeIntervalSinceTime(clock, now - 30), 30.0);
+  EXPECT_EQ(KRUtil::timeIntervalSinceTime(clock, now + 5), -5.0);
+  clock.advance(std::chrono::seconds(45));
+  EXPECT_EQ(KRUtil::timeIntervalSinceTime(clock, now), 45.0);
 }
 
 TEST(UtilGroups, SupplementaryGroupsOnly) {

@@ -2,6 +2,7 @@
 // the background helper.
 #include <CLI/CLI.hpp>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "cli/control/commands.h"
 #include "cli/files/commands.h"
@@ -12,13 +13,14 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("zephlore ") + ZEPHLORE_VERSION);
   int exit_code = 0;
-  // The one place the command takes the process's Env; its parts get it from here.
+  // The one place the command takes the process's Env and makes its clock; its parts get them from here.
   zephlore::Env& env = zephlore::Env::shared();
-  zephlore::cli::addFileCommands(app, env, &exit_code);
-  zephlore::cli::addPaneCommands(app, env, &exit_code);
-  zephlore::cli::addFolderCommands(app, env, &exit_code);
-  zephlore::cli::addMountCommands(app, env, &exit_code);
-  zephlore::cli::addStatusCommands(app, env, &exit_code);
+  zephlore::SystemClock clock;
+  zephlore::cli::addFileCommands(app, env, clock, &exit_code);
+  zephlore::cli::addPaneCommands(app, env, clock, &exit_code);
+  zephlore::cli::addFolderCommands(app, env, clock, &exit_code);
+  zephlore::cli::addMountCommands(app, env, clock, &exit_code);
+  zephlore::cli::addStatusCommands(app, env, clock, &exit_code);
   zephlore::cli::addWindowCommand(app, env, &exit_code);
   try {
     app.parse(argc, argv);

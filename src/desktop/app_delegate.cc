@@ -50,7 +50,7 @@ void KRAppDelegate::awakeFromNib() {
   // 2. After an update, say so once.
   KRHelperDefaults& helperDefaults = KRHelperDefaults::sharedHelperDefaults();
   if (helperDefaults.shouldRelaunchPrefs()) {
-    helperDefaults.setShouldRelaunchPrefs(false);
+    helperDefaults.setShouldRelaunchPrefs(false, loop_);
     bus.postNotificationName(kRestartingAfterUpdateNotification, {}, true);
   }
 
@@ -78,15 +78,17 @@ void KRAppDelegate::checkIntegrityOfPreviousRun() { helper_->recoverPreviousRun(
 void KRAppDelegate::listenToPrefPane() {
   DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
   KRUpdater& updater = KRUpdater::sharedUpdater();
-  bus.addObserver(kHelperShouldQuitNotification, [this](const Notification& n) { getReadyToQuit(n); });
-  bus.addObserver(kShouldCheckForUpdatesNotification, [this](const Notification& n) { checkForUpdates(n); });
-  bus.addObserver(kEnableUpdatesNotification, [&updater](const Notification&) { updater.enableAutomaticUpdates(); });
+  bus.addObserver(kHelperShouldQuitNotification, [this](const Notification& n) { getReadyToQuit(n); }, loop_);
+  bus.addObserver(kShouldCheckForUpdatesNotification, [this](const Notification& n) { checkForUpdates(n); },
+                  loop_);
+  bus.addObserver(kEnableUpdatesNotification,
+                  [&updater](const Notification&) { updater.enableAutomaticUpdates(); }, loop_);
   bus.addObserver(kDisableUpdatesNotification,
-                  [&updater](const Notification&) { updater.disableAutomaticUpdates(); });
-  bus.addObserver(kVisibilityNotification, [this](const Notification&) { updateVisibility(); });
-  bus.addObserver(kActiveStatusNotification, [this](const Notification&) { updateActiveStatus(); });
-  bus.addObserver(kVersionNotification, [this](const Notification& n) { checkOwnVersion(n); });
-  bus.addObserver(kFoldersNotification, [this](const Notification& n) { helper_->foldersChanged(n); });
+                  [&updater](const Notification&) { updater.disableAutomaticUpdates(); }, loop_);
+  bus.addObserver(kVisibilityNotification, [this](const Notification&) { updateVisibility(); }, loop_);
+  bus.addObserver(kActiveStatusNotification, [this](const Notification&) { updateActiveStatus(); }, loop_);
+  bus.addObserver(kVersionNotification, [this](const Notification& n) { checkOwnVersion(n); }, loop_);
+  bus.addObserver(kFoldersNotification, [this](const Notification& n) { helper_->foldersChanged(n); }, loop_);
 }
 
 void KRAppDelegate::connectDesktop() {

@@ -67,7 +67,7 @@ class FolderViewsTest : public ::testing::Test {
     queue.waitUntilAllOperationsAreFinished();
   }
   void advance(double s) {
-    clock->advance(seconds(s));
+    clock.advance(seconds(s));
     loop.runUntilIdle();
   }
   bool compressed(const std::string& file) {
@@ -78,10 +78,10 @@ class FolderViewsTest : public ::testing::Test {
   const std::string& home = testkit::processTestHome();
   testkit::ScratchDir dir;
   const std::string folder = dir.path();
-  ScopedManualClock clock;
-  testkit::FixedLoad load{*clock};
-  RunLoop loop{*clock};
-  testkit::NotificationRecorder recorder{*clock};
+  ManualClock clock;
+  testkit::FixedLoad load{clock};
+  RunLoop loop{clock};
+  testkit::NotificationRecorder recorder{clock};
   OperationQueue queue{1};
   KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load}};
   ProcessViews* mounter = new ProcessViews();

@@ -26,7 +26,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       record_(env, dataFolder),
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop),
-      exclusions_(env),
+      exclusions_(env, loop),
       history_(loop, env, {.helperActive = [this] { return settings_.user.helperActive(); }}),
       analyzers_(loop, env),
       compressor_(loop, env,
@@ -98,7 +98,7 @@ void Helper::linkParts() {
     return static_cast<size_t>(compressor_.addFiles(files));
   };
   analyzerLinks.isFileInProcess = [this](const std::string& path) { return compressor_.isInProcess(path); };
-  analyzerLinks.closeDatabase = [] { KRHelperUtil::closeDatabase(); };
+  analyzerLinks.closeDatabase = [&loop = loop_] { KRHelperUtil::closeDatabase(loop); };
   analyzerLinks.addAnalysisOperation = [this](Operation operation) {
     scheduler_.queueAnalysisOperation(std::move(operation));
   };

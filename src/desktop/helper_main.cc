@@ -57,10 +57,11 @@ int main() {
   // Dates and text widths follow the user's locale; numbers keep "1.02 KB".
   setlocale(LC_CTYPE, "");
   setlocale(LC_TIME, "");
-  // Before anything reads the clock (a testing aid; unset, real time).
-  installClockSpeedFromEnvironment();
-
-  RunLoop& loop = RunLoop::main();
+  // The helper's one clock (sped up by ZEPHLORE_CLOCK_SPEED, a testing aid)
+  // and its main run loop; both live until the process ends, as worker
+  // threads may still read them when main returns.
+  auto* clock = new ClockFromEnvironment();
+  RunLoop& loop = *new RunLoop(clock->clock());
   loop.bindThread();  // start-up runs on the loop's own thread
 
   // Without a data folder there is nowhere to keep the settings, the history

@@ -44,7 +44,7 @@ class KRHelperStatusService {
   static constexpr double kAnnounceInterval = 0.25;
 
   // `connection` may be none (no bus): the setters then only keep the values.
-  explicit KRHelperStatusService(GDBusConnection* connection, RunLoop& loop = RunLoop::main(),
+  KRHelperStatusService(GDBusConnection* connection, RunLoop& loop,
                                  GlibThread& thread = desktopThread());
   ~KRHelperStatusService();
   KRHelperStatusService(const KRHelperStatusService&) = delete;

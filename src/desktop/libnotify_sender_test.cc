@@ -25,7 +25,6 @@ TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
   ASSERT_TRUE(server.ready());
   auto sender = std::make_shared<LibnotifySender>();
   ScopedNoticeSender installed(sender);
-  RunLoop::main().runUntilIdle();
   KRUtil::applicationSupportFolder();
   std::string noise;
   for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));

@@ -15,16 +15,16 @@ namespace {
 constexpr const char* kUncompressedSizeKey = "uncompressedSize";
 constexpr const char* kLastCompressedKey = "lastCompressed";
 
-double nowSeconds() { return toSeconds(Clock::shared().wallNow().time_since_epoch()); }
+double nowSeconds(const Clock& clock) { return toSeconds(clock.wallNow().time_since_epoch()); }
 
 }  // namespace
 
 KRCompressionSignature KRCompressionSignature::signatureWithUncompressedSize(
-    uint64_t uncompressedSize) {
-  return KRCompressionSignature(uncompressedSize, nowSeconds());
+    uint64_t uncompressedSize, const Clock& clock) {
+  return KRCompressionSignature(uncompressedSize, nowSeconds(clock));
 }
 
-double KRCompressionSignature::age() const { return nowSeconds() - lastCompressed_; }
+double KRCompressionSignature::age(const Clock& clock) const { return nowSeconds(clock) - lastCompressed_; }
 
 std::vector<uint8_t> KRCompressionSignature::archive() const {
   PlistPtr dict(plist_new_dict());

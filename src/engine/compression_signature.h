@@ -9,6 +9,8 @@
 #include <optional>
 #include <vector>
 
+#include "base/clock.h"
+
 namespace zephlore {
 
 class KRCompressionSignature {
@@ -17,8 +19,8 @@ class KRCompressionSignature {
   KRCompressionSignature(uint64_t uncompressedSize, double lastCompressed)
       : uncompressedSize_(uncompressedSize), lastCompressed_(lastCompressed) {}
 
-  // Compressed now (by the shared clock).
-  static KRCompressionSignature signatureWithUncompressedSize(uint64_t uncompressedSize);
+  // Compressed now on `clock`.
+  static KRCompressionSignature signatureWithUncompressedSize(uint64_t uncompressedSize, const Clock& clock);
   static KRCompressionSignature signatureWithUncompressedSizeLastCompressedTimeStamp(
       uint64_t uncompressedSize, double lastCompressed) {
     return KRCompressionSignature(uncompressedSize, lastCompressed);
@@ -26,8 +28,8 @@ class KRCompressionSignature {
 
   uint64_t uncompressedSize() const { return uncompressedSize_; }
   double lastCompressed() const { return lastCompressed_; }
-  // Seconds from lastCompressed to now.
-  double age() const;
+  // Seconds from lastCompressed to now on `clock`.
+  double age(const Clock& clock) const;
 
   // The archived form: a binary property list.
   std::vector<uint8_t> archive() const;

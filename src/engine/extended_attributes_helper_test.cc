@@ -93,11 +93,11 @@ TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCountsAndTheStoreGive
 }
 
 TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
-  ScopedManualClock clock;
-  const auto signature = KRCompressionSignature::signatureWithUncompressedSize(123456789012ull);
+  ManualClock clock;
+  const auto signature = KRCompressionSignature::signatureWithUncompressedSize(123456789012ull, clock);
   EXPECT_EQ(signature.lastCompressed(), 1.8e9);
-  clock->advance(seconds(90.5));
-  EXPECT_DOUBLE_EQ(signature.age(), 90.5);
+  clock.advance(seconds(90.5));
+  EXPECT_DOUBLE_EQ(signature.age(clock), 90.5);
 
   const std::vector<uint8_t> archive = signature.archive();
   ASSERT_GT(archive.size(), 8u);

@@ -90,7 +90,8 @@ class BusRecorder {
  private:
   DistributedNotificationCenter center_;
   std::function<std::string(const std::string&)> snapshot_;
-  RunLoop loop_;
+  SystemClock clock_;
+  RunLoop loop_{clock_};
   std::thread thread_;
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -123,7 +124,7 @@ class HelperPaneTest : public ::testing::Test {
  protected:
   std::string data(const std::string& name) const { return home.dataFolder() + "/" + name; }
   PaneParts parts() {
-    return {Env::system(), Clock::shared(), center,
+    return {Env::system(), clock, center,
             [this]() -> KRDefaultsController& { return *defaults; }, PaneFiles::standard()};
   }
   // A helper that owns its name and answers on its status object.
@@ -138,8 +139,9 @@ class HelperPaneTest : public ::testing::Test {
   ScopedShared<DistributedNotificationCenter> fresh_center;
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   ScopedShared<KRDefaultsController> defaults{Env::system()};
+  SystemClock clock;
   // The status object's announcements run here.
-  RunLoop service_loop;
+  RunLoop service_loop{clock};
   std::thread service_thread{[this] { service_loop.run(); }};
   std::unique_ptr<KRHelperStatusService> service;
 

@@ -34,7 +34,7 @@ void shell(const std::string& command) {
 
 class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Kind> {
  protected:
-  FileEventStreamTest() : loop(*clock), journal(Env::shared(), journal_dir / "events.journal") {
+  FileEventStreamTest() : loop(clock), journal(Env::shared(), journal_dir / "events.journal") {
     mkdir(root().c_str(), 0755);
   }
 
@@ -57,7 +57,7 @@ class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Ki
   // Reads what the kernel queued, then lets the latency pass.
   void settle() {
     loop.runUntilIdle();
-    clock->advance(seconds(3.0));
+    clock.advance(seconds(3.0));
     loop.runUntilIdle();
   }
 
@@ -74,7 +74,7 @@ class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Ki
     return false;
   }
 
-  ScopedManualClock clock;
+  ManualClock clock;
   ScratchDir dir;
   ScratchDir journal_dir;
   RunLoop loop;
@@ -88,10 +88,10 @@ TEST_P(FileEventStreamTest, GroupsChangesPerDirectoryAfterTheLatencyAndFollowsNe
   ASSERT_TRUE(stream) << "no kernel source";
   shell("for i in 1 2 3; do echo x > '" + root() + "/f$i'; done; mkdir '" + root() + "/new'");
   loop.runUntilIdle();
-  clock->advance(seconds(2.9));
+  clock.advance(seconds(2.9));
   loop.runUntilIdle();
   EXPECT_TRUE(batches.empty()) << "still within the latency";
-  clock->advance(seconds(0.1));
+  clock.advance(seconds(0.1));
   loop.runUntilIdle();
   ASSERT_EQ(batches.size(), 1u);
   ASSERT_EQ(batches[0].size(), 2u) << "one event per directory: the root, and the folder that appeared";
@@ -203,8 +203,8 @@ bool lowerInotifyLimitInOwnNamespace() {
 
 int markLimitScenario() {
   if (!lowerInotifyLimitInOwnNamespace()) return 2;
-  ScopedManualClock clock;
-  RunLoop loop(*clock);
+  ManualClock clock;
+  RunLoop loop(clock);
   ScratchDir dir;
   EventJournal journal(Env::shared(), dir / "events.journal");
   const std::string root = dir / "root";
@@ -224,12 +224,12 @@ int markLimitScenario() {
       lines[0].find("/proc/sys/fs/inotify/max_user_watches") == std::string::npos) {
     return 4;
   }
-  clock->advance(std::chrono::minutes(29));
+  clock.advance(std::chrono::minutes(29));
   loop.runUntilIdle();
   if (!delivered.empty()) return 5;
-  clock->advance(std::chrono::minutes(1));
+  clock.advance(std::chrono::minutes(1));
   loop.runUntilIdle();
-  clock->advance(seconds(3.0));
+  clock.advance(seconds(3.0));
   loop.runUntilIdle();
   if (delivered.size() != 1 || delivered[0].path != root || delivered[0].flags != kFileEventMustScanSubDirs) return 6;
   return 0;
@@ -302,8 +302,8 @@ TEST(MountWatcher, ParsesEscapedMountPointsAndPostsRealMounts) {
       "garbage\n");
   EXPECT_EQ(points, (std::set<std::string>{"/", "/media/my disk"}));
 
-  ScopedManualClock clock;
-  RunLoop loop(*clock);
+  ManualClock clock;
+  RunLoop loop(clock);
   ScratchDir dir;
   const std::string mnt = dir / "mnt with space";
   mkdir(mnt.c_str(), 0755);

@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
   auto app = Gtk::Application::create(kApplicationId);
   // Declared before the window: the window uses the model to its end.
   ListenerRelay relay;
+  SystemClock clock;
   std::unique_ptr<pane::HelperPane> model;
   std::unique_ptr<PreferencesWindow> window;
   // libadwaita's styles, and its style manager following the desktop's
@@ -33,7 +34,7 @@ int main(int argc, char** argv) {
   app->signal_activate().connect([&] {
     if (!window) {
       // The one place the window takes the process's Env and shared parts.
-      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), Clock::shared()), &relay,
+      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), clock), &relay,
                                                  mainLoopDeliver());
       window = std::make_unique<PreferencesWindow>(*model);
       relay.setTarget(window.get());

@@ -4,8 +4,8 @@
 
 namespace zephlore::cli {
 
-std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env) {
-  return std::make_unique<pane::HelperPane>(pane::PaneParts::standard(env, Clock::shared()));
+std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock) {
+  return std::make_unique<pane::HelperPane>(pane::PaneParts::standard(env, clock));
 }
 
 bool reportTold(pane::Told told, const char* absent, bool* silent) {

@@ -6,11 +6,12 @@
 #include <memory>
 
 #include "pane/helper_pane.h"
+#include "base/clock.h"
 #include "platform/env.h"
 
 namespace zephlore::cli {
 
-std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env);
+std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock);
 
 inline constexpr const char* kAppliedAtStart = "zephlore-helper is not running; it applies the change when it starts.";
 

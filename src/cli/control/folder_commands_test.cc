@@ -59,7 +59,8 @@ class FolderCommandsTest : public ::testing::Test {
   // Asks the helper on the bus to add `folder`; true once it saved its
   // history after that, within 10 s.
   bool postFoldersAndWaitForTheSave(const std::string& folder) {
-    RunLoop loop;
+    SystemClock clock;
+    RunLoop loop(clock);
     bool saved = false, late = false;
     auto observer = center_->addObserver(kSavingsChangedNotification, [&](const Notification&) { saved = true; }, loop);
     center_->postNotificationName(kFoldersNotification, {{kFoldersToAddKey, std::vector<std::string>{folder}}},

@@ -111,9 +111,9 @@ struct ListCommand {
   const char* argumentKind;  // "a path"
 };
 
-void editList(Env& env, int* exit_code, const ListCommand& command, bool adding,
+void editList(Env& env, Clock& clock, int* exit_code, const ListCommand& command, bool adding,
               const std::vector<std::string>& arguments) {
-  ListEdit edit = makeCommandPane(env)->editExclusions(command.list, adding, arguments);
+  ListEdit edit = makeCommandPane(env, clock)->editExclusions(command.list, adding, arguments);
   switch (edit.status) {
     case ListEdit::Status::kNoDataFolder:
       std::cerr << "zephlore: no data folder for the " << command.what << "\n";
@@ -163,7 +163,7 @@ void listEntries(Env& env, int* exit_code, const ListCommand& command) {
   for (const std::string& entry : *list) std::cout << entry << "\n";
 }
 
-void addListCommand(CLI::App& app, Env& env, int* exit_code, const char* name, const char* description,
+void addListCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code, const char* name, const char* description,
                     const char* argument_name, const char* argument_help,
                     const ListCommand& command) {
   CLI::App* group = app.add_subcommand(name, description);
@@ -174,15 +174,15 @@ void addListCommand(CLI::App& app, Env& env, int* exit_code, const char* name, c
         adding ? "add" : "remove",
         std::string(adding ? "Add to the " : "Remove from the ") + command.what);
     sub->add_option(argument_name, *arguments, argument_help)->required();
-    sub->callback([=, &env] { editList(env, exit_code, command, adding, *arguments); });
+    sub->callback([=, &env, &clock] { editList(env, clock, exit_code, command, adding, *arguments); });
   }
   group->add_subcommand("list", std::string("Print the ") + command.what + ", one per line")
       ->callback([=, &env] { listEntries(env, exit_code, command); });
 }
 
 // Writes a switch and tells the helper, saying `done` in between.
-void applySwitch(Env& env, int* exit_code, PaneSwitch which, bool on, const char* done) {
-  pane::SwitchResult result = makeCommandPane(env)->applySwitch(which, on);
+void applySwitch(Env& env, Clock& clock, int* exit_code, PaneSwitch which, bool on, const char* done) {
+  pane::SwitchResult result = makeCommandPane(env, clock)->applySwitch(which, on);
   if (!result.saved) {
     std::cerr << "zephlore: " << result.problem << "\n";
     *exit_code = 1;
@@ -193,7 +193,7 @@ void applySwitch(Env& env, int* exit_code, PaneSwitch which, bool on, const char
 }
 
 // The four on/off settings of the helper, each a command of its own.
-void addSwitchCommands(CLI::App& app, Env& env, int* exit_code) {
+void addSwitchCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   struct Switch {
     const char* name;
     const char* description;
@@ -219,22 +219,22 @@ void addSwitchCommands(CLI::App& app, Env& env, int* exit_code) {
        PaneSwitch::kTransparentView, false, "zephlore-helper mounts no new views."},
   };
   for (const Switch& entry : kSwitches) {
-    app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry, &env] {
-      applySwitch(env, exit_code, entry.which, entry.value, entry.done);
+    app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry, &env, &clock] {
+      applySwitch(env, clock, exit_code, entry.which, entry.value, entry.done);
     });
   }
 }
 
-void addLoginCommand(CLI::App& app, Env& env, int* exit_code) {
+void addLoginCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   auto login_state = std::make_shared<std::string>();
   CLI::App* login = app.add_subcommand(
       "login", "Start zephlore-helper at login or not (an autostart entry of the desktop)");
   login->add_option("state", *login_state, "on or off")
       ->required()
       ->check(CLI::IsMember({"on", "off"}));
-  login->callback([=, &env] {
+  login->callback([=, &env, &clock] {
     bool on = *login_state == "on";
-    pane::SwitchResult result = makeCommandPane(env)->applySwitch(PaneSwitch::kRunAtLogin, on);
+    pane::SwitchResult result = makeCommandPane(env, clock)->applySwitch(PaneSwitch::kRunAtLogin, on);
     if (!result.saved) {
       std::cerr << "zephlore: " << result.problem << "\n";
       *exit_code = 1;
@@ -246,15 +246,15 @@ void addLoginCommand(CLI::App& app, Env& env, int* exit_code) {
   });
 }
 
-void addUpdatesCommand(CLI::App& app, Env& env, int* exit_code) {
+void addUpdatesCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   auto updates_action = std::make_shared<std::string>();
   CLI::App* updates = app.add_subcommand(
       "updates", "Turn automatic update checks on or off, or ask for a check now");
   updates->add_option("action", *updates_action, "on, off or check")
       ->required()
       ->check(CLI::IsMember({"on", "off", "check"}));
-  updates->callback([=, &env] {
-    std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env);
+  updates->callback([=, &env, &clock] {
+    std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
     if (*updates_action == "check") {
       bool told = reportTold(pane->askToCheckForUpdates(), "zephlore-helper is not running; nothing was checked.");
       if (told) std::cout << "Asked zephlore-helper to check for updates.\n";
@@ -272,12 +272,12 @@ void addUpdatesCommand(CLI::App& app, Env& env, int* exit_code) {
   });
 }
 
-void addExclusionCommands(CLI::App& app, Env& env, int* exit_code) {
-  addListCommand(app, env, exit_code, "exclude",
+void addExclusionCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+  addListCommand(app, env, clock, exit_code, "exclude",
                  "Folders and files zephlore-helper never compresses (by path prefix)", "PATH",
                  "Folders or files; relative paths are taken from the working folder",
                  ListCommand{"excluded paths", ExclusionList::kPaths, "a path"});
-  addListCommand(app, env, exit_code, "exclude-ext",
+  addListCommand(app, env, clock, exit_code, "exclude-ext",
                  "File extensions zephlore-helper never compresses (any case)", "EXT",
                  "Extensions such as jpg, .JPG or ..jpg (all the same)",
                  ListCommand{"excluded extensions", ExclusionList::kExtensions, "a file extension"});
@@ -285,18 +285,18 @@ void addExclusionCommands(CLI::App& app, Env& env, int* exit_code) {
 
 }  // namespace
 
-void addPaneCommands(CLI::App& app, Env& env, int* exit_code) {
+void addPaneCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   app.add_subcommand("settings",
                      "Show every setting of zephlore-helper and the file it is kept in")
       ->callback([&env] { showSettings(env); });
-  addSwitchCommands(app, env, exit_code);
-  addLoginCommand(app, env, exit_code);
-  addUpdatesCommand(app, env, exit_code);
-  addExclusionCommands(app, env, exit_code);
+  addSwitchCommands(app, env, clock, exit_code);
+  addLoginCommand(app, env, clock, exit_code);
+  addUpdatesCommand(app, env, clock, exit_code);
+  addExclusionCommands(app, env, clock, exit_code);
   app.add_subcommand("quit", "Ask zephlore-helper to finish the file in hand and quit")
-      ->callback([exit_code, &env] {
+      ->callback([exit_code, &env, &clock] {
         bool silent = false;
-        bool told = reportTold(makeCommandPane(env)->quitHelper(), "zephlore-helper is not running.", &silent);
+        bool told = reportTold(makeCommandPane(env, clock)->quitHelper(), "zephlore-helper is not running.", &silent);
         if (told) std::cout << "Asked zephlore-helper to quit.\n";
         if (silent) *exit_code = 1;
       });

@@ -44,13 +44,15 @@ class PaneCommandsTest : public ::testing::Test {
   TestSessionBus bus{home.root()};
   ScopedShared<DistributedNotificationCenter> fresh_center;
   DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  SystemClock clock;  // the commands run for real
+  RunLoop loop{clock};
 };
 
 TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
   // The observer runs on a loop of its own, so it reads the file while the
   // command may still be running: a notice posted before the write would
   // find the old value.
-  RunLoop observer_loop;
+  RunLoop observer_loop{clock};
   std::promise<std::optional<bool>> seen;
   center.addObserver(
       kActiveStatusNotification,
@@ -61,7 +63,7 @@ TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
       observer_loop);
   std::thread observer([&] { observer_loop.run(); });
   center.ownName(kHelperBusName);  // a helper is "running"
-  KRHelperStatusService listening(center.connection());  // and listens
+  KRHelperStatusService listening(center.connection(), loop);  // and listens
 
   ProcessResult result = testkit::runZephlore({"deactivate"});
   std::optional<bool> active = seen.get_future().get();
@@ -96,7 +98,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
         kEnableUpdatesNotification, kShouldCheckForUpdatesNotification, kExcludedPathsNotification,
         kExcludedExtensionsNotification, kHelperShouldQuitNotification,
         kHelperShouldKeepAliveNotification, "test.sentinel"}) {
-    center.addObserver(name, [&](const Notification& note) { received.push_back(note.name); });
+    center.addObserver(name, [&](const Notification& note) { received.push_back(note.name); }, loop);
   }
   for (const Step& step : steps) {
     received.clear();
@@ -108,7 +110,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
     // A sentinel from a later process arrives after everything the command
     // posted, so a missing or extra notice shows here instead of hanging.
     center.postNotificationName("test.sentinel");
-    ASSERT_TRUE(RunLoop::main().runUntil(
+    ASSERT_TRUE(loop.runUntil(
         [&] { return !received.empty() && received.back() == "test.sentinel"; }));
     EXPECT_EQ(received, (std::vector<std::string>{step.name, "test.sentinel"})) << step.args[0];
     // Without a helper on the bus the command says so.
@@ -117,22 +119,22 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
 }
 
 TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
-  KRExclusionsProcessor processor{Env::system()};
+  KRExclusionsProcessor processor{Env::system(), loop};
   EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
   ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});
   ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return processor.isExcluded("/x/x.jpg"); }));
+  ASSERT_TRUE(loop.runUntil([&] { return processor.isExcluded("/x/x.jpg"); }));
   EXPECT_TRUE(processor.isExcluded("/x/PHOTO.Jpg"));
 
   std::filesystem::create_directories(home.root() + "/Pictures/raw");
   result = testkit::runZephlore({"exclude", "add", home.root() + "/Pictures/raw/"});
   ASSERT_EQ(result.status, 0) << result.err;
   ASSERT_TRUE(
-      RunLoop::main().runUntil([&] { return processor.isExcluded(home.root() + "/Pictures/raw/a"); }));
+      loop.runUntil([&] { return processor.isExcluded(home.root() + "/Pictures/raw/a"); }));
 
   result = testkit::runZephlore({"exclude-ext", "remove", ".jpg"});
   ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !processor.isExcluded("/x/x.jpg"); }));
+  ASSERT_TRUE(loop.runUntil([&] { return !processor.isExcluded("/x/x.jpg"); }));
 }
 
 TEST_F(PaneCommandsTest, ListsAreEditedByMeaningNotByText) {

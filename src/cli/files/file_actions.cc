@@ -73,7 +73,8 @@ class CrashRecordKeeper : public QVHFSCompressedFileRepresentationDelegate {
 
 class CompressAction : public FileAction {
  public:
-  CompressAction(Env& env, bool verify, ConversionSafety* safety) : env_(env), verify_(verify), safety_(safety) {}
+  CompressAction(Env& env, const Clock& clock, bool verify, ConversionSafety* safety)
+      : env_(env), clock_(clock), verify_(verify), safety_(safety) {}
 
   std::optional<FileResult> check(const WalkEntry& entry, bool dry_run) override {
     Error error;
@@ -124,7 +125,7 @@ class CompressAction : public FileAction {
     int64_t uncompressed = 0;
     if (!representation->saveToHFSCompressedFile(job.path, &error, &saved, &uncompressed)) return std::nullopt;
     KRExtendedAttributesHelper::setCompressionSignature(
-        env_, KRCompressionSignature::signatureWithUncompressedSize(size), job.path);
+        env_, KRCompressionSignature::signatureWithUncompressedSize(size, clock_), job.path);
     FileResult r;
     r.path = job.path;
     r.outcome = Outcome::kConverted;
@@ -140,6 +141,7 @@ class CompressAction : public FileAction {
   }
 
   Env& env_;
+  const Clock& clock_;
   bool verify_;
   ConversionSafety* safety_;
 };
@@ -192,8 +194,8 @@ class DecompressAction : public FileAction {
 
 }  // namespace
 
-std::unique_ptr<FileAction> makeCompressAction(Env& env, bool verify, ConversionSafety* safety) {
-  return std::make_unique<CompressAction>(env, verify, safety);
+std::unique_ptr<FileAction> makeCompressAction(Env& env, const Clock& clock, bool verify, ConversionSafety* safety) {
+  return std::make_unique<CompressAction>(env, clock, verify, safety);
 }
 std::unique_ptr<FileAction> makeDecompressAction(Env& env, ConversionSafety* safety) {
   return std::make_unique<DecompressAction>(env, safety);

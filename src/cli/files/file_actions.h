@@ -12,7 +12,7 @@ class ConversionSafety;
 
 // `verify`: inflate each block again before the compressed copy replaces the
 // file. `safety`: the run's record and clean-up (none on a dry run).
-std::unique_ptr<FileAction> makeCompressAction(Env& env, bool verify, ConversionSafety* safety);
+std::unique_ptr<FileAction> makeCompressAction(Env& env, const Clock& clock, bool verify, ConversionSafety* safety);
 std::unique_ptr<FileAction> makeDecompressAction(Env& env, ConversionSafety* safety);
 
 }  // namespace zephlore::cli

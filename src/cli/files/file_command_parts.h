@@ -3,12 +3,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/clock.h"
 #include "platform/env.h"
 
 namespace zephlore::cli {
 
-void addCompressCommands(CLI::App& app, Env& env, int* exit_code);  // compress, decompress
-void addRepairCommand(CLI::App& app, Env& env, int* exit_code);
+void addCompressCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code);  // compress, decompress
+void addRepairCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code);
 void addInfoCommand(CLI::App& app, Env& env, int* exit_code);
 void addCatCommand(CLI::App& app, Env& env, int* exit_code);
 

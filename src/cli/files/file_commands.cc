@@ -4,9 +4,9 @@
 
 namespace zephlore::cli {
 
-void addFileCommands(CLI::App& app, Env& env, int* exit_code) {
-  addCompressCommands(app, env, exit_code);
-  addRepairCommand(app, env, exit_code);
+void addFileCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+  addCompressCommands(app, env, clock, exit_code);
+  addRepairCommand(app, env, clock, exit_code);
   addInfoCommand(app, env, exit_code);
   addCatCommand(app, env, exit_code);
 }

@@ -63,12 +63,12 @@ std::string formatProgress(const ProgressSnapshot& s, int width) {
   return line;
 }
 
-ProgressLine::ProgressLine(FILE* out) : out_(out) {}
+ProgressLine::ProgressLine(FILE* out, Clock& clock) : out_(out), clock_(clock) {}
 
 ProgressLine::~ProgressLine() { stop(); }
 
 void ProgressLine::start() {
-  started_ = Clock::shared().now();
+  started_ = clock_.now();
   thread_ = std::thread([this] { run(); });
 }
 
@@ -91,11 +91,10 @@ void ProgressLine::printAbove(FILE* stream, const std::string& text) {
 }
 
 void ProgressLine::run() {
-  Clock& clock = Clock::shared();
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
     drawLocked();
-    clock.waitUntil(lock, wake_, clock.now() + kRedrawInterval, [this] { return stopping_; });
+    clock_.waitUntil(lock, wake_, clock_.now() + kRedrawInterval, [this] { return stopping_; });
   }
 }
 
@@ -109,7 +108,7 @@ void ProgressLine::drawLocked() {
   // The count runs ahead of the work but is read a moment apart from it.
   if (s.files_total < s.files_done) s.files_total = s.files_done;
   if (s.bytes_total < s.bytes_done) s.bytes_total = s.bytes_done;
-  s.elapsed = Clock::shared().now() - started_;
+  s.elapsed = clock_.now() - started_;
   const std::string line = formatProgress(s, terminalWidth(out_));
   fprintf(out_, "\r%s\x1b[K", line.c_str());
   fflush(out_);

@@ -36,7 +36,7 @@ class ProgressLine {
  public:
   // Draws on `out` (a terminal) until stop(). The counts come from the
   // setters below, called from any thread.
-  explicit ProgressLine(FILE* out);
+  ProgressLine(FILE* out, Clock& clock);
   ~ProgressLine();
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
@@ -65,6 +65,7 @@ class ProgressLine {
   void eraseLocked();
 
   FILE* out_;
+  Clock& clock_;
   TimePoint started_{};
   std::atomic<uint64_t> files_done_{0}, bytes_done_{0}, files_total_{0}, bytes_total_{0};
   std::atomic<bool> totals_final_{false};

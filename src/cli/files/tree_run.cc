@@ -119,14 +119,13 @@ std::string resultLine(const FileResult& r, Operation op) {
   return line + "\n";
 }
 
-int runFiles(Env& env, const std::vector<std::string>& paths, const RunOptions& given, FileAction& action,
+int runFiles(Env& env, Clock& clock, const std::vector<std::string>& paths, const RunOptions& given, FileAction& action,
              RunStreams streams) {
   RunOptions options = given;
   if (options.jobs <= 0) options.jobs = defaultJobs();
   raiseOpenFileLimit();
   InterruptHandler interrupt;
   const std::atomic<bool>& stop = InterruptHandler::stopFlag();
-  Clock& clock = Clock::shared();
   const TimePoint started = clock.now();
   RunSummary summary(options.op, options.dry_run);
 
@@ -135,7 +134,7 @@ int runFiles(Env& env, const std::vector<std::string>& paths, const RunOptions& 
   std::atomic<bool> counter_stop{false};
   const WalkOptions walk_options{options.recursive, options.cross_volumes};
   if (options.progress) {
-    progress = std::make_unique<ProgressLine>(streams.err);
+    progress = std::make_unique<ProgressLine>(streams.err, clock);
     progress->start();
     counter = std::thread([&] {
       CountingVisitor visitor(*progress, action);

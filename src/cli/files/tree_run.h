@@ -57,7 +57,7 @@ struct RunStreams {
 
 // Returns the exit status: 0 all converted or skipped, 1 any failed,
 // 128 + signal when interrupted.
-int runFiles(Env& env, const std::vector<std::string>& paths, const RunOptions& options, FileAction& action,
+int runFiles(Env& env, Clock& clock, const std::vector<std::string>& paths, const RunOptions& options, FileAction& action,
              RunStreams streams = {});
 
 // The text line for one file ("compressed  PATH  1.20 MB -> 300 KB (25.0 %)").

@@ -67,11 +67,9 @@ class DistributedNotificationCenter {
   // export must live where the helper's name is owned. None without a bus.
   GDBusConnection* connection() const { return connection_; }
 
-  // Observes `name` from any sender. `handler` runs on `loop` (the main
-  // RunLoop unless told otherwise). When this returns the bus routes the
+  // Observes `name` from any sender. `handler` runs on `loop`. When this returns the bus routes the
   // name to us, so a notice posted afterwards by anyone reaches the handler.
-  ObserverId addObserver(const std::string& name, Handler handler,
-                         RunLoop& loop = RunLoop::main());
+  ObserverId addObserver(const std::string& name, Handler handler, RunLoop& loop);
   // Stops delivery, also of notices already on their way to the loop.
   void removeObserver(ObserverId id);
 

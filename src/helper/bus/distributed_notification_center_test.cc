@@ -49,6 +49,8 @@ void emitFromAnotherProcess(const std::string& name, const std::string& userInfo
 
 class DistributedNotificationCenterTest : public ::testing::Test {
  protected:
+  SystemClock clock;
+  RunLoop loop{clock};  // outlives the centre, whose observers it runs
   TestHome home;
   TestSessionBus bus{home.root()};
   ScopedShared<DistributedNotificationCenter> fresh_center;
@@ -66,14 +68,14 @@ TEST_F(DistributedNotificationCenterTest, SignalsFromAnotherProcessReachTheirObs
   center.addObserver(kFoldersNotification, [&](const Notification& note) {
     handler_thread = std::this_thread::get_id();
     folders.push_back(note);
-  });
-  center.addObserver(kActiveStatusNotification, [&](const Notification& note) { active.push_back(note); });
-  center.addObserver(kHelperShouldQuitNotification, [&](const Notification& note) { quit_seen.push_back(note.name); });
+  }, loop);
+  center.addObserver(kActiveStatusNotification, [&](const Notification& note) { active.push_back(note); }, loop);
+  center.addObserver(kHelperShouldQuitNotification, [&](const Notification& note) { quit_seen.push_back(note.name); }, loop);
   center.addObserver(kVersionNotification, [&](const Notification& note) {
     EXPECT_EQ(note.name, kVersionNotification);
     const std::string* version = userInfoString(note.userInfo, kVersionKey);
     version_values.push_back(version ? *version : "(none)");
-  });
+  }, loop);
   // Strings, arrays of strings (also empty ones and non-ASCII text) arrive
   // as they were sent; a number is not part of the wire format and is left
   // out with one logged line.
@@ -90,7 +92,7 @@ TEST_F(DistributedNotificationCenterTest, SignalsFromAnotherProcessReachTheirObs
   // The last one arriving means the earlier ones have been delivered (one
   // sender after another, in order).
   emitFromAnotherProcess(kHelperShouldQuitNotification);
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !quit_seen.empty(); }));
+  ASSERT_TRUE(loop.runUntil([&] { return !quit_seen.empty(); }));
 
   EXPECT_EQ(handler_thread, std::this_thread::get_id());
   ASSERT_EQ(folders.size(), 1u);
@@ -120,9 +122,9 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadRemovedObserversStay
   std::vector<Notification> kept;
   int removed_calls = 0;
   auto removed = center.addObserver(kSavingsChangedNotification,
-                                    [&](const Notification&) { ++removed_calls; });
+                                    [&](const Notification&) { ++removed_calls; }, loop);
   center.addObserver(kSavingsChangedNotification,
-                     [&](const Notification& note) { kept.push_back(note); });
+                     [&](const Notification& note) { kept.push_back(note); }, loop);
   center.removeObserver(removed);
 
   std::thread poster([&] {
@@ -133,7 +135,7 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadRemovedObserversStay
     center.flush();
   });
   poster.join();
-  ASSERT_TRUE(RunLoop::main().runUntil([&] { return !kept.empty(); }));
+  ASSERT_TRUE(loop.runUntil([&] { return !kept.empty(); }));
 
   EXPECT_EQ(removed_calls, 0);
   ASSERT_EQ(kept.size(), 1u);
@@ -150,16 +152,18 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadRemovedObserversStay
 TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
   TestHome home;
   LogLines log;
+  SystemClock clock;
+  RunLoop loop(clock);
   {
     ScopedShared<DistributedNotificationCenter> fresh_center;
     DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
     EXPECT_FALSE(center.isConnected());
     int calls = 0;
-    center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; });
+    center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; }, loop);
     center.postNotificationName(kHelperShouldQuitNotification);
     EXPECT_FALSE(center.flush());
     EXPECT_FALSE(center.nameHasOwner(kHelperBusName));
-    RunLoop::main().runUntilIdle();
+    loop.runUntilIdle();
     EXPECT_EQ(calls, 0);
   }
   std::vector<std::string> lines = log.get();

@@ -131,10 +131,9 @@ HistoryContext* KRHelperUtil::managedObjectContext() {
   return s.context.get();
 }
 
-void KRHelperUtil::closeDatabase() {
-  RunLoop& loop = RunLoop::main();
-  if (!loop.isLoopThread()) {
-    loop.postAndWait([] { closeDatabase(); });
+void KRHelperUtil::closeDatabase(RunLoop& mainLoop) {
+  if (!mainLoop.isLoopThread()) {
+    mainLoop.postAndWait([&mainLoop] { closeDatabase(mainLoop); });
     return;
   }
   Stack& s = stack();

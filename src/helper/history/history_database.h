@@ -11,6 +11,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "base/run_loop.h"
 #include "helper/history/history_store.h"
 #include "platform/env.h"
 
@@ -37,8 +38,8 @@ class KRHelperUtil {
   // The context, or none (reported; the next call tries again).
   static HistoryContext* managedObjectContext();
   // Saves pending changes (a failure is ignored) and drops the context; the
-  // store stays. Hops to the main run loop when called elsewhere.
-  static void closeDatabase();
+  // store stays. Hops to `mainLoop` when called on another thread.
+  static void closeDatabase(RunLoop& mainLoop);
 
   // Data folder + "history.db"; "" without a data folder.
   static std::string databasePath();

@@ -11,7 +11,6 @@
 #include "base/util.h"
 #include "helper/history/history_test_support.h"
 #include "testing/files.h"
-#include "testing/process_clock.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -24,7 +23,7 @@ class HelperUtilTest : public ::testing::Test {
  protected:
   void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
-    RunLoop::main().runUntilIdle();  // this thread is the main thread
+    loop_.runUntilIdle();  // this thread is the main thread
     KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
     KRUtil::applicationSupportFolder();
     path_ = KRHelperUtil::databasePath();
@@ -37,7 +36,8 @@ class HelperUtilTest : public ::testing::Test {
     return db.queryInt("PRAGMA user_version;", nullptr);
   }
 
-  testkit::ProcessManualClock clock_;  // before the main run loop is made
+  ManualClock clock_;
+  RunLoop loop_{clock_};
   TestHome home_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
   ScopedNoticeSender scoped_{sender_};
@@ -89,8 +89,8 @@ TEST_F(HelperUtilTest, RecordsSurviveCloseAndRestartAndCloseTwiceIsHarmless) {
   HistoryStore* store = KRHelperUtil::persistentStoreCoordinator();
   const uint64_t before = store->transactionCount();
 
-  KRHelperUtil::closeDatabase();
-  KRHelperUtil::closeDatabase();
+  KRHelperUtil::closeDatabase(loop_);
+  KRHelperUtil::closeDatabase(loop_);
   EXPECT_EQ(store->transactionCount(), before + 1);
 
   KRHelperUtil::resetForTesting();

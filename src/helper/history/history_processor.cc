@@ -90,7 +90,7 @@ std::optional<FolderList> KRHistoryProcessor::folders() {
   FolderList list;
   for (HistoryContext::Object* object : *enabled) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath(env_);
+    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock());
     if (resolved && !resolved->empty() && isDirectoryPath(env_, *resolved)) {
       list.push_back(QVPathString::stringByCanonicalizingPath(env_, *resolved));
     } else if (alias.originalAliasInfo()) {
@@ -351,7 +351,7 @@ void KRHistoryProcessor::foldersChanged(const FolderList& toAdd, const FolderLis
         continue;
       }
       Error error;
-      std::optional<HTAlias> alias = HTAlias::aliasWithPath(env_, path, &error);
+      std::optional<HTAlias> alias = HTAlias::aliasWithPath(env_, loop_.clock(), path, &error);
       if (!alias) {
         KRLog("Folder %s cannot be watched: %s", path.c_str(), error.message.c_str());
         continue;
@@ -370,7 +370,7 @@ void KRHistoryProcessor::resolveAliases() {
   if (!ctx) return;
   for (HistoryContext::Object* object : ctx->allObjects()) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath(env_);
+    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock());
     if (resolved && !resolved->empty()) {
       std::string path = QVPathString::stringByCanonicalizingPath(env_, *resolved);
       const std::string& folder = object->record().folder;
@@ -380,7 +380,7 @@ void KRHistoryProcessor::resolveAliases() {
       }
       object->setFolder(path);
       // A fresh record finds it at once next time instead of searching.
-      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, path)) {
+      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), path)) {
         object->setFolderAlias(fresh->aliasData());
       }
       continue;
@@ -389,7 +389,7 @@ void KRHistoryProcessor::resolveAliases() {
     const std::string recorded = alias.originalAliasInfo()->pathString;
     struct stat st;
     if (recorded.empty() || env_.stat(recorded, &st) != 0) continue;
-    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, recorded)) {
+    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), recorded)) {
       object->setFolderAlias(fresh->aliasData());
       object->setFolder(recorded);
     }

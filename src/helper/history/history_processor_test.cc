@@ -15,7 +15,6 @@
 #include "helper/history/history_test_support.h"
 #include "protocol/notification_names.h"
 #include "testing/files.h"
-#include "testing/process_clock.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -30,25 +29,26 @@ class HistoryProcessorTest : public ::testing::Test {
  protected:
   void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
-    RunLoop::main().runUntilIdle();  // this thread is the main thread
+    loop_.runUntilIdle();  // this thread is the main thread
     KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
     KRUtil::applicationSupportFolder();
     KRHistoryProcessor::Hooks hooks;
-    hooks.postSavingsChanged = [this] { posts_.push_back(clock_->now()); };
+    hooks.postSavingsChanged = [this] { posts_.push_back(clock_.now()); };
     hooks.setWatchPaths = [this](const std::optional<FolderList>& list) { watched_ = list; };
     hooks.helperActive = [] { return true; };
-    processor_ = std::make_unique<KRHistoryProcessor>(RunLoop::main(), Env::system(), hooks);
+    processor_ = std::make_unique<KRHistoryProcessor>(loop_, Env::system(), hooks);
   }
 
   void advance(double s) {
-    clock_->advance(seconds(s));
-    RunLoop::main().runUntilIdle();
+    clock_.advance(seconds(s));
+    loop_.runUntilIdle();
   }
   void add(const std::string& path) { processor_->foldersChanged({path}, {}); }
   void remove(const std::string& path) { processor_->foldersChanged({}, {path}); }
   FolderList folders() { return processor_->folders().value_or(FolderList{}); }
 
-  testkit::ProcessManualClock clock_;  // before the main run loop is made
+  ManualClock clock_;
+  RunLoop loop_{clock_};  // the helper's main loop; this thread runs it
   TestHome home_;
   ShmFolder shm_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
@@ -96,7 +96,7 @@ TEST_F(HistoryProcessorTest, SavingsStayAfterARemoveAndComeBackWithTheFolder) {
 
   processor_->setProgressForFolder(100, folder);
   processor_->justSweptFolder(folder);
-  EXPECT_EQ(processor_->folderSweepDate(folder), clock_->wallNow());
+  EXPECT_EQ(processor_->folderSweepDate(folder), clock_.wallNow());
   remove(folder);
   EXPECT_EQ(processor_->folders(), std::nullopt);
   EXPECT_EQ(processor_->totalSavings(), 4096u);
@@ -176,7 +176,7 @@ TEST_F(HistoryProcessorTest, TwoFolderNoticesInQuickSuccessionGiveOneSaveAfterTh
   processor_->foldersChanged(first);
   advance(0.1);
   processor_->foldersChanged(second);
-  const TimePoint secondAt = clock_->now();
+  const TimePoint secondAt = clock_.now();
   advance(0.19);
   EXPECT_TRUE(posts_.empty());
   advance(0.01);
@@ -199,9 +199,9 @@ TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   std::thread worker([&] {
     for (int i = 0; i < 10'000; ++i) processor_->addSavingsForPath(512, folder + "/f");
     done = true;
-    RunLoop::main().post([] {});
+    loop_.post([] {});
   });
-  RunLoop::main().runUntil([&] { return done.load(); });
+  loop_.runUntil([&] { return done.load(); });
   worker.join();
   advance(0.2);
   EXPECT_EQ(processor_->totalSavings(), 5'120'000u);
@@ -213,7 +213,7 @@ TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   ASSERT_EQ(samples.size(), 1u);
   EXPECT_EQ(samples[0].totalSaved, 5'120'000u);
   EXPECT_EQ(std::chrono::duration_cast<std::chrono::seconds>(samples[0].time.time_since_epoch()),
-            std::chrono::duration_cast<std::chrono::seconds>(clock_->wallNow().time_since_epoch()));
+            std::chrono::duration_cast<std::chrono::seconds>(clock_.wallNow().time_since_epoch()));
 }
 
 TEST_F(HistoryProcessorTest, UnusablePayloadsAreRefusedWithALogLine) {

@@ -85,8 +85,8 @@ std::string computeVolumeIdentity(Env& env, dev_t device, const std::string& pat
 // updates slow; an identity is kept for a short while per device number.
 class IdentityCache {
  public:
-  std::string identity(Env& env, dev_t device, const std::string& path) {
-    const TimePoint now = Clock::shared().now();
+  std::string identity(Env& env, const Clock& clock, dev_t device, const std::string& path) {
+    const TimePoint now = clock.now();
     {
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = entries_.find(device);
@@ -112,15 +112,15 @@ IdentityCache& identityCache() {
 // watched folders; a failed search is remembered for a few seconds.
 class MissCache {
  public:
-  bool recentlyMissed(const std::vector<uint8_t>& bytes) {
+  bool recentlyMissed(const Clock& clock, const std::vector<uint8_t>& bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = misses_.find(bytes);
-    return it != misses_.end() && it->second > Clock::shared().now();
+    return it != misses_.end() && it->second > clock.now();
   }
-  void remember(const std::vector<uint8_t>& bytes) {
+  void remember(const Clock& clock, const std::vector<uint8_t>& bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (misses_.size() > 256) misses_.clear();
-    misses_[bytes] = Clock::shared().now() + seconds(5.0);
+    misses_[bytes] = clock.now() + seconds(5.0);
   }
 
  private:
@@ -133,13 +133,13 @@ MissCache& missCache() {
   return *cache;
 }
 
-bool matches(Env& env, const AliasInfo& info, const std::string& path) {
+bool matches(Env& env, const Clock& clock, const AliasInfo& info, const std::string& path) {
   std::optional<NodeFacts> facts = directoryFacts(env, path);
   if (!facts || facts->inode != info.nodeID) return false;
   if (info.birthTimeNs != 0 && facts->birthTimeNs != 0 && facts->birthTimeNs != info.birthTimeNs) {
     return false;
   }
-  return identityCache().identity(env, facts->device, path) == info.volumeNameString;
+  return identityCache().identity(env, clock, facts->device, path) == info.volumeNameString;
 }
 
 // The subdirectories of `dir` (never through a link) whose inode is `inode`,
@@ -155,7 +155,8 @@ void subdirectories(Env& env, const std::string& dir, std::optional<uint64_t> in
   }
 }
 
-std::optional<std::string> searchBelow(Env& env, const std::string& root, const AliasInfo& info) {
+std::optional<std::string> searchBelow(Env& env, const Clock& clock, const std::string& root,
+                                       const AliasInfo& info) {
   std::optional<NodeFacts> rootFacts = directoryFacts(env, root);
   if (!rootFacts) return std::nullopt;
   std::deque<std::string> queue{root};
@@ -169,7 +170,7 @@ std::optional<std::string> searchBelow(Env& env, const std::string& root, const 
     for (auto& [child, st] : children) {
       // Never onto another volume.
       if (st.st_dev != rootFacts->device) continue;
-      if (st.st_ino == info.nodeID && matches(env, info, child)) return child;
+      if (st.st_ino == info.nodeID && matches(env, clock, info, child)) return child;
       queue.push_back(std::move(child));
     }
   }
@@ -237,7 +238,7 @@ std::optional<AliasInfo> HTAlias::aliasInfoForAliasData(const std::vector<uint8_
   return info;
 }
 
-std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const std::string& path, Error* error) {
+std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const Clock& clock, const std::string& path, Error* error) {
   std::optional<NodeFacts> facts;
   struct stat st;
   if (!path.empty() && path[0] == '/' && env.stat(path, &st) == 0) {
@@ -254,7 +255,7 @@ std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const std::string& path,
   AliasInfo info;
   info.pathString = path;
   info.targetNameString = nameOf(path);
-  info.volumeNameString = identityCache().identity(env, facts->device, path);
+  info.volumeNameString = identityCache().identity(env, clock, facts->device, path);
   info.nodeID = facts->inode;
   info.birthTimeNs = facts->birthTimeNs;
   struct stat parent;
@@ -262,38 +263,38 @@ std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const std::string& path,
   return HTAlias(encode(info));
 }
 
-std::optional<std::string> HTAlias::fullPath(Env& env) const {
+std::optional<std::string> HTAlias::fullPath(Env& env, const Clock& clock) const {
   if (!info_ || info_->pathString.empty() || info_->pathString[0] != '/') return std::nullopt;
   const AliasInfo& info = *info_;
-  if (matches(env, info, info.pathString)) return info.pathString;
+  if (matches(env, clock, info, info.pathString)) return info.pathString;
 
   // Renamed in place: the parent still holds it under another name.
   const std::string parent = parentOf(info.pathString);
   std::vector<std::pair<std::string, struct stat>> candidates;
   if (!parent.empty()) subdirectories(env, parent, info.nodeID, &candidates);
   for (const auto& [candidate, st] : candidates) {
-    if (matches(env, info, candidate)) return candidate;
+    if (matches(env, clock, info, candidate)) return candidate;
   }
 
   // Moved: search below the nearest ancestor that still exists.
-  if (missCache().recentlyMissed(bytes_)) return std::nullopt;
+  if (missCache().recentlyMissed(clock, bytes_)) return std::nullopt;
   std::string ancestor = parent;
   while (!ancestor.empty() && !directoryFacts(env, ancestor)) ancestor = parentOf(ancestor);
   std::optional<std::string> found =
-      ancestor.empty() ? std::nullopt : searchBelow(env, ancestor, info);
-  if (!found) missCache().remember(bytes_);
+      ancestor.empty() ? std::nullopt : searchBelow(env, clock, ancestor, info);
+  if (!found) missCache().remember(clock, bytes_);
   return found;
 }
 
-bool HTAlias::sameFolderAs(Env& env, const HTAlias& other) const {
-  std::optional<std::string> mine = fullPath(env);
-  return mine && mine == other.fullPath(env);
+bool HTAlias::sameFolderAs(Env& env, const Clock& clock, const HTAlias& other) const {
+  std::optional<std::string> mine = fullPath(env, clock);
+  return mine && mine == other.fullPath(env, clock);
 }
 
-std::string HTAlias::volumeIdentityForPath(Env& env, const std::string& path) {
+std::string HTAlias::volumeIdentityForPath(Env& env, const Clock& clock, const std::string& path) {
   struct stat st;
   if (env.stat(path, &st) != 0) return "";
-  return identityCache().identity(env, st.st_dev, path);
+  return identityCache().identity(env, clock, st.st_dev, path);
 }
 
 }  // namespace zephlore

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/error.h"
 #include "platform/env.h"
 
@@ -55,14 +56,15 @@ class HTAlias {
 
   // None (error -43, file not found, in the OS-status domain) when nothing
   // is at the path.
-  static std::optional<HTAlias> aliasWithPath(Env& env, const std::string& path, Error* error = nullptr);
+  static std::optional<HTAlias> aliasWithPath(Env& env, const Clock& clock, const std::string& path,
+                                              Error* error = nullptr);
   static HTAlias aliasWithData(const std::vector<uint8_t>& bytes) { return HTAlias(bytes); }
 
   const std::vector<uint8_t>& aliasData() const { return bytes_; }
   void setAliasData(std::vector<uint8_t> bytes);
 
   // The current path of the folder, or none.
-  std::optional<std::string> fullPath(Env& env) const;
+  std::optional<std::string> fullPath(Env& env, const Clock& clock) const;
 
   // The record's description; none when the bytes are not a record.
   const std::optional<AliasInfo>& originalAliasInfo() const { return info_; }
@@ -70,12 +72,12 @@ class HTAlias {
 
   // Both resolve to the same path; an unresolvable alias is the same as
   // nothing, not even itself.
-  bool sameFolderAs(Env& env, const HTAlias& other) const;
+  bool sameFolderAs(Env& env, const Clock& clock, const HTAlias& other) const;
 
   // The identity of the volume holding `path`: "uuid:<UUID>" where the file
   // system has one, else "<source> <type>" from the mount table. "" when the
   // path cannot be examined.
-  static std::string volumeIdentityForPath(Env& env, const std::string& path);
+  static std::string volumeIdentityForPath(Env& env, const Clock& clock, const std::string& path);
 
  private:
   std::vector<uint8_t> bytes_;

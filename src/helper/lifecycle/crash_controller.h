@@ -38,9 +38,9 @@ class KRCrashController {
   // Call on the main thread, whose run loop is `loop`. The first call creates
   // the controller and installs the handlers; later calls change nothing
   // (the delegate is not replaced).
-  static void startHandlingCrashes(RunLoop& loop = RunLoop::main());
+  static void startHandlingCrashes(RunLoop& loop);
   static void startHandlingCrashesWithDelegate(KRCrashControllerDelegate* delegate,
-                                               RunLoop& loop = RunLoop::main());
+                                               RunLoop& loop);
   // None before startHandlingCrashes*().
   static KRCrashController* sharedCrashController();
 

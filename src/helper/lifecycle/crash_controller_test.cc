@@ -53,13 +53,16 @@ int recurseForever(int depth) {
 class CrashController : public ::testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  SystemClock clock;
+  RunLoop loop{clock};  // the main thread's, in the child that dies
 };
 
 TEST_F(CrashController, AFaultOrAWorkersAbortIsSavedOnTheMainThreadThenEndsByTheSameSignal) {
   EXPECT_EXIT(
       {
         static SavingDelegate delegate;
-        KRCrashController::startHandlingCrashesWithDelegate(&delegate);
+        KRCrashController::startHandlingCrashesWithDelegate(&delegate, loop);
         faultOnThisThread();
       },
       ::testing::KilledBySignal(SIGSEGV), "saved on the main thread for signal 11, guard armed");
@@ -68,7 +71,7 @@ TEST_F(CrashController, AFaultOrAWorkersAbortIsSavedOnTheMainThreadThenEndsByThe
   EXPECT_EXIT(
       {
         static SavingDelegate delegate;
-        KRCrashController::startHandlingCrashesWithDelegate(&delegate);
+        KRCrashController::startHandlingCrashesWithDelegate(&delegate, loop);
         exit(recurseForever(0));
       },
       ::testing::KilledBySignal(SIGSEGV), "saved on the main thread for signal 11");
@@ -77,9 +80,9 @@ TEST_F(CrashController, AFaultOrAWorkersAbortIsSavedOnTheMainThreadThenEndsByThe
   EXPECT_EXIT(
       {
         static SavingDelegate delegate;
-        KRCrashController::startHandlingCrashesWithDelegate(&delegate);
+        KRCrashController::startHandlingCrashesWithDelegate(&delegate, loop);
         std::thread([] { abort(); }).detach();
-        RunLoop::main().run();
+        loop.run();
       },
       ::testing::KilledBySignal(SIGABRT), "saved on the main thread for signal 6, guard armed");
 }
@@ -93,7 +96,7 @@ TEST_F(CrashController, AHangingCrashPathStillEndsByTheSignal) {
   EXPECT_EXIT(
       {
         static SavingDelegate delegate(/*hang=*/true);
-        KRCrashController::startHandlingCrashesWithDelegate(&delegate);
+        KRCrashController::startHandlingCrashesWithDelegate(&delegate, loop);
         faultOnThisThread();
       },
       ::testing::KilledBySignal(SIGSEGV), "guard armed");
@@ -104,9 +107,9 @@ TEST_F(CrashController, AHangingCrashPathStillEndsByTheSignal) {
 TEST_F(CrashController, OnlyTheDelegateForwardsAndOnlyRealSignals) {
   EXPECT_EXIT(
       {
-        KRCrashController::startHandlingCrashes();
+        KRCrashController::startHandlingCrashes(loop);
         SavingDelegate late;
-        KRCrashController::startHandlingCrashesWithDelegate(&late);
+        KRCrashController::startHandlingCrashesWithDelegate(&late, loop);
         KRCrashController* controller = KRCrashController::sharedCrashController();
         if (controller->delegate() != nullptr) exit(1);
         controller->setLastSignalReceived(0);

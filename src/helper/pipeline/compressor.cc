@@ -326,7 +326,7 @@ bool KRCompressor::compressQueuedFile(const std::string& path, const HFSCompress
 
 void KRCompressor::recordCompressed(const std::string& path, uint64_t saved, uint64_t uncompressedSize) {
   KRExtendedAttributesHelper::setCompressionSignature(
-      env_, KRCompressionSignature::signatureWithUncompressedSize(uncompressedSize), path);
+      env_, KRCompressionSignature::signatureWithUncompressedSize(uncompressedSize, mainLoop_.clock()), path);
   SavingsRecorder recorder;
   {
     std::lock_guard lock(hooksLock_);

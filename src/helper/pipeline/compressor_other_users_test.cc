@@ -27,17 +27,17 @@ using namespace testkit;
 // refusal's code ("0" when none), then "compressed" or "plain".
 std::string compressAs(const LocalUser& user, const std::string& path, const std::string& dataFolder) {
   return user.run([&] {
-    ScopedManualClock clock;
-    FixedLoad load{*clock};
-    RunLoop loop{*clock};
-    NotificationRecorder recorder{*clock};
+    ManualClock clock;
+    FixedLoad load{clock};
+    RunLoop loop{clock};
+    NotificationRecorder recorder{clock};
     OperationQueue queue{1};
     KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
     KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
     compressor.setFolderWatchTest([](const std::string&) { return true; });
     compressor.addFiles({path});
     loop.runUntilIdle();
-    clock->advance(seconds(KRCompressor::kTickDelay));
+    clock.advance(seconds(KRCompressor::kTickDelay));
     loop.runUntilIdle();
     queue.waitUntilAllOperationsAreFinished();
     loop.runUntilIdle();

@@ -70,8 +70,8 @@ TEST(CompressorQueueCrashHeavy, Child) {
     const bool critical = stat(record.c_str(), &st) == 0 && st.st_size > 0;
     reportAndWait(Step{++index, critical});
   });
-  ScopedManualClock clock;
-  RunLoop loop(*clock);
+  ManualClock clock;
+  RunLoop loop(clock);
   OperationQueue queue(1);
   KRCompressor compressor(loop, env, {.compressionQueue = &queue, .record = &watchdog});
   compressor.setFolderWatchTest([](const std::string&) { return true; });
@@ -81,7 +81,7 @@ TEST(CompressorQueueCrashHeavy, Child) {
   compressor.addFiles(paths);
   loop.runUntilIdle();
   while (!compressor.queuedFiles().empty() || compressor.filesBeingCompressedCount() > 0) {
-    clock->advance(seconds(KRCompressor::kTickDelay));
+    clock.advance(seconds(KRCompressor::kTickDelay));
     loop.runUntilIdle();
     queue.waitUntilAllOperationsAreFinished();
     loop.runUntilIdle();

@@ -64,7 +64,7 @@ class CompressorTest : public ::testing::Test {
     loop.runUntilIdle();
   }
   void advance(double s) {
-    clock->advance(seconds(s));
+    clock.advance(seconds(s));
     loop.runUntilIdle();
   }
   void runBatch() {
@@ -88,10 +88,10 @@ class CompressorTest : public ::testing::Test {
 
   const std::string& home = testkit::processTestHome();
   testkit::ScratchDir dir;
-  ScopedManualClock clock;
-  FixedLoad load{*clock};
-  RunLoop loop{*clock};
-  NotificationRecorder recorder{*clock};
+  ManualClock clock;
+  FixedLoad load{clock};
+  RunLoop loop{clock};
+  NotificationRecorder recorder{clock};
   OperationQueue queue{1};
   const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
   KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
@@ -139,7 +139,7 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
       kFileWillCompressNotification, nullptr,
       [&](const Notification&) { inHandWhenTaken.push_back(compressor.fileInHand()); });
 
-  const TimePoint start = clock->now();
+  const TimePoint start = clock.now();
   loop.runUntilIdle();
   advance(4.9);
   EXPECT_EQ(compressor.queuedFiles().size(), 120u);
@@ -196,12 +196,12 @@ TEST_F(CompressorTest, BusyProcessorIsRetestedEvery2SecondsAndExactly070Passes) 
   loop.runUntilIdle();
   advance(5.0);
   load.waitForReads(1);
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
   EXPECT_TRUE(compressor.waitingForLoad());
   advance(1.5);
   advance(0.5);
   load.waitForReads(2);
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
   load.setCPULoad(0.70f);
   advance(2.0);
   recorder.waitFor(kFileCompressedNotification, 1);
@@ -223,7 +223,7 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
   loop.runUntilIdle();
   advance(5.0);
   load.waitForReads(3);
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
 
   compressor.pauseCompression();
   queue.waitUntilAllOperationsAreFinished();
@@ -336,7 +336,7 @@ TEST_F(CompressorTest, UnwatchedFolderGives8000AndAnEmptiedQueueStillEndsWithCom
   loop.runUntilIdle();
   advance(5.0);
   load.waitForReads(1);
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
   unwatchAll();
   load.setCPULoad(0.0f);
   advance(2.0);

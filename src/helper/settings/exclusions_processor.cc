@@ -20,14 +20,14 @@ std::string lowercase(std::string text) {
 
 }  // namespace
 
-KRExclusionsProcessor::KRExclusionsProcessor(Env& env)
+KRExclusionsProcessor::KRExclusionsProcessor(Env& env, RunLoop& loop)
     : env_(env),
       center_(DistributedNotificationCenter::defaultCenter()),
       paths_observer_(center_.addObserver(kExcludedPathsNotification,
-                                          [this](const Notification&) { excludedPathsUpdate(); })),
+                                          [this](const Notification&) { excludedPathsUpdate(); }, loop)),
       extensions_observer_(center_.addObserver(
           kExcludedExtensionsNotification,
-          [this](const Notification&) { excludedExtensionsUpdate(); })) {
+          [this](const Notification&) { excludedExtensionsUpdate(); }, loop)) {
   readFiles();
 }
 

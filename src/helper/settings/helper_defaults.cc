@@ -98,8 +98,7 @@ void KRHelperDefaults::setLocked(const char* key, plist_t value) {
   changed_.insert(key);
 }
 
-void KRHelperDefaults::scheduleSynchronize() {
-  RunLoop& loop = RunLoop::main();
+void KRHelperDefaults::scheduleSynchronize(RunLoop& loop) {
   loop.cancelPerform(this, "synchronize");
   loop.performAfterDelay(this, "synchronize", Duration(0), [this] { synchronize(); });
 }
@@ -124,12 +123,12 @@ bool KRHelperDefaults::shouldRelaunchPrefs() const {
       .value_or(false);
 }
 
-void KRHelperDefaults::setShouldRelaunchPrefs(bool relaunch) {
+void KRHelperDefaults::setShouldRelaunchPrefs(bool relaunch, RunLoop& loop) {
   {
     std::lock_guard lock(mutex_);
     setLocked(kShouldRelaunchPrefsKey, plist_new_bool(relaunch ? 1 : 0));
   }
-  scheduleSynchronize();
+  scheduleSynchronize(loop);
 }
 
 bool KRHelperDefaults::useSeamlessFileSwitch() const {
@@ -139,12 +138,12 @@ bool KRHelperDefaults::useSeamlessFileSwitch() const {
       .value_or(true);
 }
 
-void KRHelperDefaults::setUseSeamlessFileSwitch(bool use) {
+void KRHelperDefaults::setUseSeamlessFileSwitch(bool use, RunLoop& loop) {
   {
     std::lock_guard lock(mutex_);
     setLocked(kUseSeamlessFileSwitchKey, plist_new_bool(use ? 1 : 0));
   }
-  scheduleSynchronize();
+  scheduleSynchronize(loop);
 }
 
 }  // namespace zephlore

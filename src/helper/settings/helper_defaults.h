@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 
+#include "base/run_loop.h"
 #include "base/shared_instance.h"
 #include "helper/settings/plist_file.h"
 
@@ -36,15 +37,15 @@ class KRHelperDefaults {
   uint64_t lastEventID() const;
   bool setLastEventID(uint64_t eventID);
 
-  // Fallback false. The setter keeps the value and writes it on the main run
-  // loop's next turn (or at the next synchronize()).
+  // Fallback false. The setter keeps the value and writes it on `loop`'s
+  // next turn (or at the next synchronize()).
   bool shouldRelaunchPrefs() const;
-  void setShouldRelaunchPrefs(bool relaunch);
+  void setShouldRelaunchPrefs(bool relaunch, RunLoop& loop);
 
   // Fallback true: the compressor may swap file contents in one step where
   // the file system allows it. Set by hand, never by the helper.
   bool useSeamlessFileSwitch() const;
-  void setUseSeamlessFileSwitch(bool use);
+  void setUseSeamlessFileSwitch(bool use, RunLoop& loop);
 
   // Reads the file again (changes made by hand since are taken in), lays the
   // values changed here over it and writes the result if anything changed.
@@ -58,7 +59,7 @@ class KRHelperDefaults {
   bool synchronizeLocked();
   plist_t valueLocked(const char* key) const;
   void setLocked(const char* key, plist_t value);
-  void scheduleSynchronize();
+  void scheduleSynchronize(RunLoop& loop);
 
   Env& env_;
   std::string path_;

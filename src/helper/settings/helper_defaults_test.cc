@@ -44,10 +44,12 @@ TEST_F(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWrittenBeforeTheNextTur
   EXPECT_TRUE(defaults.useSeamlessFileSwitch());
   EXPECT_FALSE(std::filesystem::exists(path()));
 
-  defaults.setShouldRelaunchPrefs(true);
+  ManualClock clock;
+  RunLoop loop(clock);
+  defaults.setShouldRelaunchPrefs(true, loop);
   EXPECT_TRUE(defaults.shouldRelaunchPrefs());
   EXPECT_FALSE(std::filesystem::exists(path()));
-  RunLoop::main().runUntilIdle();
+  loop.runUntilIdle();
   EXPECT_EQ(plistBoolValue(fileValue("shouldRelaunchPrefs")), true);
 }
 

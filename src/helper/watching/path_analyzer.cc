@@ -256,7 +256,7 @@ void KRPathAnalyzer::analyzePath() {
 double KRPathAnalyzer::secondsSinceChangeOf(const std::string& path) {
   struct stat st;
   if (env_.lstat(path, &st) != 0) return -1.0;
-  return KRUtil::timeIntervalSinceTime(S_ISDIR(st.st_mode) ? st.st_mtime : st.st_ctime);
+  return KRUtil::timeIntervalSinceTime(analyzers_.mainLoop_.clock(), S_ISDIR(st.st_mode) ? st.st_mtime : st.st_ctime);
 }
 
 int KRPathAnalyzer::checkEntry(const WalkEntry& entry) {
@@ -280,7 +280,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   if (S_ISREG(st.st_mode)) {
     // A file must have been left alone for a while before it is judged.
     for (;;) {
-      const double t = KRUtil::timeIntervalSinceTime(st.st_ctim.tv_sec);
+      const double t = KRUtil::timeIntervalSinceTime(analyzers_.mainLoop_.clock(), st.st_ctim.tv_sec);
       if (t >= kFileSettle) break;
       analyzers_.mainLoop_.clock().sleepFor(seconds(std::round(kFileSettle + 0.5 - std::max(t, 0.0))));
       if (env_.fstatAt(entry.dir_fd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
@@ -297,7 +297,7 @@ int KRPathAnalyzer::checkFile(const WalkEntry& walked) {
   if (checkCompressCandidate(env_, entry, /*may_change=*/true, &error) != CandidateRejection::kNone) return 0;
   if (auto signature = KRExtendedAttributesHelper::compressionSignatureAtPath(env_, path)) {
     // Rewritten since we compressed it: not again too soon.
-    const double age = signature->age();
+    const double age = signature->age(analyzers_.mainLoop_.clock());
     if (age < kRecentSignature) return 0;
     if (signature->uncompressedSize() == static_cast<uint64_t>(st.st_size) && age <= kUnchangedSignature) return 0;
   }

@@ -19,7 +19,6 @@
 #include "platform/path_mapping_env.h"
 #include "testing/private_tmpfs.h"
 #include "testing/files.h"
-#include "testing/process_clock.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -53,7 +52,7 @@ struct Recorder : KRPathAnalyzerDelegate {
 class PathAnalyzerTest : public ::testing::Test {
  protected:
   PathAnalyzerTest() {
-    RunLoop::main().runUntilIdle();  // made on the manual clock, bound to this thread
+    loop.runUntilIdle();  // binds the loop to this thread
     mkdir(root().c_str(), 0755);
     analyzers.setLinks(links());
   }
@@ -80,11 +79,11 @@ class PathAnalyzerTest : public ::testing::Test {
   std::string root() const { return dir / "watched"; }
 
   void runUntil(const std::function<bool()>& done) {
-    if (!done()) RunLoop::main().runUntil(done);
+    if (!done()) loop.runUntil(done);
   }
   void runUntilNoAnalyzers() {
     runUntil([this] { return analyzers.analyzersCount() == 0; });
-    RunLoop::main().runUntilIdle();  // the reports posted before the end
+    loop.runUntilIdle();  // the reports posted before the end
   }
   // Reports every queued file processed, as the compressor would.
   void processQueued() {
@@ -103,14 +102,15 @@ class PathAnalyzerTest : public ::testing::Test {
   }
 
   testkit::TestHome home;
-  testkit::ProcessManualClock clock;
+  ManualClock clock;
+  RunLoop loop{clock};  // the helper's main loop; this thread runs it
   AnalyzerTmpfs dir;
   std::mutex mutex;
   std::condition_variable changed;
   std::set<std::string> queued;
   std::vector<size_t> handed_over;
   int database_closed = 0;
-  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
+  KRPathAnalyzers analyzers{loop, Env::system()};
   // Last: its analyses end before what they use goes away.
   KRScheduler scheduler;
 };
@@ -157,13 +157,13 @@ TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed
 TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
   write(root() + "/file", 5000);
   // The folder changed 10 s ago: walked only after the rest of its 30 s.
-  touchDirectory(root(), *clock, 10);
+  touchDirectory(root(), clock, 10);
   auto analyzer = analyzers.startAnalyzerWithPath(root());
-  clock->waitForSleepers(1);
-  clock->advance(seconds(20));
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
+  clock.advance(seconds(20));
+  clock.waitForSleepers(1);
   EXPECT_TRUE(queuedFiles().empty());
-  clock->advance(seconds(1));
+  clock.advance(seconds(1));
   runUntil([&] { return analyzer->analysisIsFinished(); });
   EXPECT_EQ(queuedFiles().size(), 1u);
   processQueued();
@@ -172,20 +172,20 @@ TEST_F(PathAnalyzerTest, SettleWaitsTakeTheRemainingTime) {
   // A file changed 10 s ago is judged after the rest of its 15 s.
   struct stat st;
   ASSERT_EQ(lstat((root() + "/file").c_str(), &st), 0);
-  clock->setWall(WallTime(std::chrono::seconds(st.st_ctim.tv_sec + 10)));
-  touchDirectory(root(), *clock, 100);
+  clock.setWall(WallTime(std::chrono::seconds(st.st_ctim.tv_sec + 10)));
+  touchDirectory(root(), clock, 100);
   analyzer = analyzers.startAnalyzerWithPath(root());
-  clock->waitForSleepers(1);
-  clock->advance(seconds(5));
-  clock->waitForSleepers(1);
+  clock.waitForSleepers(1);
+  clock.advance(seconds(5));
+  clock.waitForSleepers(1);
   EXPECT_TRUE(queuedFiles().empty());
-  clock->advance(seconds(1));
+  clock.advance(seconds(1));
   runUntil([&] { return analyzer->analysisIsFinished(); });
   EXPECT_EQ(queuedFiles().size(), 1u);
 }
 
 TEST_F(PathAnalyzerTest, RepeatedEventsFoldIntoOneRecursiveRecheck) {
-  touchDirectory(root(), *clock, 0);  // holds the first walk in its settle wait
+  touchDirectory(root(), clock, 0);  // holds the first walk in its settle wait
   Recorder recorder;
   auto first = analyzers.startAnalyzerWithPath(root(), false, &recorder, 10);
   EXPECT_EQ(analyzers.startAnalyzerWithPath(root(), false, &recorder, 10), first) << "the same event twice";
@@ -198,8 +198,8 @@ TEST_F(PathAnalyzerTest, RepeatedEventsFoldIntoOneRecursiveRecheck) {
   EXPECT_TRUE(first->recheckMustBeRecursive());
   EXPECT_EQ(analyzers.analyzersCount(), 1u);
 
-  clock->waitForSleepers(1);
-  clock->advance(seconds(31));
+  clock.waitForSleepers(1);
+  clock.advance(seconds(31));
   runUntil([&] { return analyzers.analyzerForPath(root()) != first; });
   auto again = analyzers.analyzerForPath(root());
   ASSERT_TRUE(again);
@@ -259,7 +259,7 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
   ScopedSharedEnv processEnv(&beneath);
   KRPathAnalyzerLinks shownLinks = links();
   shownLinks.watchedPathForPath = [&](const std::string&) { return shown.path(); };
-  KRPathAnalyzers beneathViews(RunLoop::main(), beneath, shownLinks);
+  KRPathAnalyzers beneathViews(loop, beneath, shownLinks);
 
   auto analyzer = beneathViews.startAnalyzerWithPath(shown.path(), true);
   runUntil([&] { return analyzer->analysisIsFinished(); });
@@ -267,7 +267,7 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
                                                   shown.path() + "/a/b/deep"}));
   processQueued();
   runUntil([&] { return beneathViews.analyzersCount() == 0; });
-  RunLoop::main().runUntilIdle();
+  loop.runUntilIdle();
   close(held);
 }
 

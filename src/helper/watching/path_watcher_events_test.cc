@@ -16,7 +16,6 @@
 #include "testing/files.h"
 #include "testing/private_tmpfs.h"
 #include "helper/lifecycle/scheduler.h"
-#include "testing/process_clock.h"
 #include "testing/test_home.h"
 
 namespace zephlore {
@@ -29,7 +28,7 @@ void shell(const std::string& command) { ASSERT_EQ(system(command.c_str()), 0) <
 class PathWatcherEventsTest : public ::testing::Test {
  protected:
   PathWatcherEventsTest() {
-    RunLoop::main().runUntilIdle();
+    loop.runUntilIdle();
     mkdir(folder().c_str(), 0755);
     KRPathAnalyzerLinks links;
     links.watchedPathForPath = [this](const std::string&) { return folder(); };
@@ -80,7 +79,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     };
     history.progressForFolder = [](const std::string&) { return 100; };
     history.setProgressForFolder = [this](int p, const std::string&) { progress.push_back(p); };
-    history.justSweptFolder = [this](const std::string& f) { sweep_dates[f] = clock->wallNow(); };
+    history.justSweptFolder = [this](const std::string& f) { sweep_dates[f] = clock.wallNow(); };
     history.resolveAliases = [this] { ++aliases_resolved; };
     history.mountStatusDidChangeForPath = [this](const std::string& p) { mount_changes.push_back(p); };
     KRPathWatcherEvents::Options options;
@@ -92,14 +91,14 @@ class PathWatcherEventsTest : public ::testing::Test {
   }
 
   void runUntil(const std::function<bool()>& done) {
-    if (!done()) RunLoop::main().runUntil(done);
+    if (!done()) loop.runUntil(done);
   }
   void settle() {
-    RunLoop::main().runUntilIdle();
-    clock->advance(seconds(3.0));
-    RunLoop::main().runUntilIdle();  // the batch is delivered, analyses start
+    loop.runUntilIdle();
+    clock.advance(seconds(3.0));
+    loop.runUntilIdle();  // the batch is delivered, analyses start
     runUntil([this] { return analyzers.analyzersCount() == 0; });
-    RunLoop::main().runUntilIdle();
+    loop.runUntilIdle();
   }
   size_t compressedCount() {
     std::lock_guard lock(mutex);
@@ -109,7 +108,8 @@ class PathWatcherEventsTest : public ::testing::Test {
   bool hold_analyses = false;
   testkit::TestHome home;
   ScopedShared<KRHelperDefaults> defaults{Env::system()};  // its domain file in this test's home
-  testkit::ProcessManualClock clock;
+  ManualClock clock;
+  RunLoop loop{clock};  // the helper's main loop; this thread runs it
   TmpfsDir dir;
   std::mutex mutex;
   std::set<std::string> compressed;
@@ -123,7 +123,7 @@ class PathWatcherEventsTest : public ::testing::Test {
   int sweep_checks = 0;  // one per folder at each successful start
   std::vector<std::string> mount_changes;
   PathMap views;  // empty but in one test
-  KRPathAnalyzers analyzers{RunLoop::main(), Env::system()};
+  KRPathAnalyzers analyzers{loop, Env::system()};
   KRScheduler scheduler;  // its analyses end before the registry goes
   std::unique_ptr<KRPathWatcherEvents> events;
 };
@@ -188,8 +188,8 @@ TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsI
                           {std::string(1100, 'x'), 0, 22}});
   EXPECT_EQ(analyzers.analyzersCount(), 0u);
   EXPECT_EQ(events->lastEventReceived(), 22u);
-  clock->advance(seconds(0.1));
-  RunLoop::main().runUntilIdle();
+  clock.advance(seconds(0.1));
+  loop.runUntilIdle();
   EXPECT_EQ(aliases_resolved, 1);
   EXPECT_EQ(set_watch_paths, 1);
 }
@@ -200,7 +200,7 @@ TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsAtOrAroundTheFoldersRestart
   // Saved while no helper ran: no event will ever tell of it.
   shell("head -c 9000 /dev/zero > '" + folder() + "/saved-meanwhile'");
   makeEvents({folder()});
-  sweep_dates[folder()] = clock->wallNow();
+  sweep_dates[folder()] = clock.wallNow();
   events->startWatching();
   EXPECT_EQ(sweep_checks, 1);
   settle();
@@ -249,13 +249,13 @@ class ThrottleTest : public PathWatcherEventsTest {
     Operation op = std::move(held.front());
     held.pop_front();
     op.completion();
-    RunLoop::main().runUntilIdle();
+    loop.runUntilIdle();
   }
 };
 
 TEST_F(ThrottleTest, FiveHundredAndOneAnalyzersStopTheStreamWhichRestartsAt199) {
   makeEvents({folder()});
-  sweep_dates[folder()] = clock->wallNow();  // swept just now: no sweep at later starts
+  sweep_dates[folder()] = clock.wallNow();  // swept just now: no sweep at later starts
   events->startWatching();
   ASSERT_TRUE(events->isWatching());
   // The run's own first check of the folder.
@@ -288,15 +288,15 @@ TEST_F(ThrottleTest, AnEventOlderThanARunningAnalysisIsLeftToIt) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
   };
   std::vector<FileEvent> before{{folder(), 0, 0}};
-  events->journal().record(before, {static_cast<uint64_t>(st.st_dev)}, nanos(clock->wallNow()) - 1'000'000'000);
+  events->journal().record(before, {static_cast<uint64_t>(st.st_dev)}, nanos(clock.wallNow()) - 1'000'000'000);
   // A sweep (no event id) begins now; its id comes from the journal.
   events->analyzePath(folder(), true);
   held.front().work();
   auto sweeping = analyzers.analyzerForPath(folder());
   ASSERT_TRUE(sweeping && sweeping->analysisStartDate());
-  clock->advance(seconds(1.0));
+  clock.advance(seconds(1.0));
   std::vector<FileEvent> after{{folder(), 0, 0}};
-  events->journal().record(after, {static_cast<uint64_t>(st.st_dev)}, nanos(clock->wallNow()));
+  events->journal().record(after, {static_cast<uint64_t>(st.st_dev)}, nanos(clock.wallNow()));
 
   events->analyzePathUnlessAnalysisStartedAfterEventId(folder(), before[0].id);
   EXPECT_FALSE(sweeping->mustRecheckPathAfterCompletion()) << "the sweep began after that event";

@@ -43,12 +43,12 @@ TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLate
   mkdir((dir / "gone").c_str(), 0755);
   testkit::writeFile(dir / "kept/f", testkit::compressibleData(8192));
   testkit::writeFile(dir / "gone/f", testkit::compressibleData(8192));
-  ScopedManualClock clock;
-  RunLoop loop(*clock);
+  ManualClock clock;
+  RunLoop loop(clock);
   KRCompressor compressor(loop, Env::system());
   KRPathWatcher watcher(loop, Env::system(), &compressor);
   compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
-  testkit::NotificationRecorder recorder(*clock);
+  testkit::NotificationRecorder recorder(clock);
 
   watcher.setWatchPaths(std::vector<std::string>{dir / "kept", dir / "gone"});
   EXPECT_EQ(compressor.addFiles({dir / "kept/f", dir / "gone/f"}), 2u);
@@ -58,10 +58,10 @@ TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLate
   EXPECT_FALSE(watcher.haveNewPaths());
 
   watcher.setWatchPaths(std::vector<std::string>{dir / "kept"});
-  clock->advance(seconds(0.09));
+  clock.advance(seconds(0.09));
   loop.runUntilIdle();
   EXPECT_EQ(compressor.queuedFiles().size(), 2u);
-  clock->advance(seconds(0.01));
+  clock.advance(seconds(0.01));
   loop.runUntilIdle();
   EXPECT_EQ(compressor.queuedFiles(), (std::vector<std::string>{dir / "kept/f"}));
   auto dropped = recorder.named(kFileCompressedNotification);
