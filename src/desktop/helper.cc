@@ -49,7 +49,7 @@ Helper::~Helper() {
 }
 
 void Helper::linkParts() {
-  rules_.loadExclusionRules(env_);
+  rules_.loadExclusionRules(env_, dataFolder_);
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
   KRFolderViews::Hooks viewHooks;
@@ -158,6 +158,7 @@ void Helper::start() {
   eventOptions.map = &map_;
   eventOptions.ownRewrites = &ownRewrites_;
   eventOptions.settings = &settings_.own;
+  eventOptions.journal_path = dataFolder_ + "/events.journal";
   watcher_.startEvents(analyzers_, std::move(links), eventOptions);
 }
 

@@ -46,7 +46,7 @@ bool KRExclusionRules::exactRuleMatchedForPath(const std::string& path) const {
   return exact_rules_.contains(path);
 }
 
-void KRExclusionRules::loadExclusionRules(Env& env) {
+void KRExclusionRules::loadExclusionRules(Env& env, const std::string& dataFolder) {
   loadRulesAt(env, kSystemRulesPath);
   std::string own = resourcePath(kHelperRulesName);
   if (own.empty()) {
@@ -54,9 +54,7 @@ void KRExclusionRules::loadExclusionRules(Env& env) {
   } else {
     loadRulesAt(env, own);
   }
-  if (std::optional<std::string> folder = KRUtil::applicationSupportFolder()) {
-    addRuleForPathPrefix(*folder + "/");
-  }
+  if (!dataFolder.empty()) addRuleForPathPrefix(dataFolder + "/");
 }
 
 void KRExclusionRules::loadRulesAt(Env& env, const std::string& path) {

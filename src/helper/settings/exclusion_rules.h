@@ -33,9 +33,9 @@ class KRExclusionRules {
   bool componentRuleMatchedForPath(const std::string& path) const;
   bool exactRuleMatchedForPath(const std::string& path) const;
 
-  // The system file, then the helper's own, then the data folder itself (its
+  // The system file, then the helper's own, then `dataFolder` itself (its
   // database and records must never be rewritten under the helper's feet).
-  void loadExclusionRules(Env& env);
+  void loadExclusionRules(Env& env, const std::string& dataFolder);
   // Adds the rules of one file; a missing or unreadable file adds nothing
   // (anything but a missing file is logged).
   void loadRulesAt(Env& env, const std::string& path);

@@ -76,7 +76,7 @@ TEST(ExclusionRulesTest, MissingAndBadRuleFilesAddNothing) {
 TEST(ExclusionRulesTest, TheShippedRulesKeepProgramDataAndCompressedFormatsPlain) {
   TestHome home;
   KRExclusionRules rules;
-  rules.loadExclusionRules(Env::system());
+  rules.loadExclusionRules(Env::system(), home.dataFolder());
   EXPECT_GT(rules.ruleCount(), 100u);
   for (const std::string& path : std::vector<std::string>{
            "/usr/lib/libz.so.1", "/etc/fstab", "/var/lib/dpkg/status",

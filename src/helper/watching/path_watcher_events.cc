@@ -12,11 +12,6 @@
 namespace zephlore {
 namespace {
 
-std::string defaultJournalPath() {
-  auto folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/events.journal" : std::string();
-}
-
 double secondsSince1970(WallTime t) { return toSeconds(t.time_since_epoch()); }
 
 }  // namespace
@@ -28,8 +23,8 @@ KRPathWatcherEvents::KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFo
       analyzers_(analyzers),
       options_(std::move(options)),
       loop_(analyzers.mainLoop()) {
-  const std::string journal = options_.journal_path.empty() ? defaultJournalPath() : options_.journal_path;
-  journal_ = std::make_unique<EventJournal>(env(), journal.empty() ? std::string("/dev/null") : journal);
+  journal_ = std::make_unique<EventJournal>(
+      env(), options_.journal_path.empty() ? std::string("/dev/null") : options_.journal_path);
   last_event_received_ = lastEventProcessed();
   pending_events_.reserve(600);
   count_observer_ = analyzers_.addAnalyzersCountObserver([this] { throttle(); });

@@ -60,7 +60,7 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   static constexpr size_t kMaxPathBytes = 1024;
 
   struct Options {
-    std::string journal_path;  // "" for the data folder's "events.journal"
+    std::string journal_path;  // the event journal's file (in the data folder)
     DirectoryWatcher::Kind backend = DirectoryWatcher::Kind::kAny;
     double latency = kLatency;
     bool watch_mounts = true;
