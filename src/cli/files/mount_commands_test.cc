@@ -56,8 +56,8 @@ bool hasAttribute(const std::string& path, const char* name) {
 // view is unmounted and its process reaped: nothing stays mounted.
 class MountedView {
  public:
-  explicit MountedView(std::vector<std::string> args, std::string mountPoint)
-      : mountPoint_(std::move(mountPoint)) {
+  // The mount point is the last argument.
+  explicit MountedView(std::vector<std::string> args) : mountPoint_(args.back()) {
     args.insert(args.begin(), {"mount", "-f"});
     child_ = std::make_unique<Child>(testkit::zephloreCommand(args));
     ready_ = child_->waitForLine();  // printed once the view is mounted
@@ -116,6 +116,12 @@ class MountCommands : public ::testing::Test {
     mkdir(source_.c_str(), 0755);
     mkdir(mountPoint_.c_str(), 0755);
   }
+  // A view of the source at the mount point, or over the source itself.
+  void mountView(bool overTheSource = false) {
+    view_ = std::make_unique<MountedView>(overTheSource ? std::vector<std::string>{"--over", source_}
+                                                        : std::vector<std::string>{source_, mountPoint_});
+    ASSERT_TRUE(view_->ready()) << view_->child().err();
+  }
   void compress(const std::string& path) {
     auto r = runZephlore({"compress", "-r", "-q", path});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -124,19 +130,24 @@ class MountCommands : public ::testing::Test {
   ScratchDir runtime_;
   ScratchDir dir_;  // declared before any view, so views go first
   std::string source_, mountPoint_;
+  std::unique_ptr<MountedView> view_;
 };
+
+constexpr bool kOverTheSource = true;
 
 TEST_F(MountCommands, RealTreeReadsAndCopiesOutAsTheOriginal) {
   const std::string original = dir_ / "original";
-  ASSERT_EQ(sh("mkdir -p " + original + " && cp -a /usr/include/linux /usr/include/c++ /usr/include/x86_64-linux-gnu "
-               "/usr/share/doc " + original + "/ 2>/dev/null; cp -a " + original + "/. " + source_),
+  // Thousands of headers and package documents (text, gzip, HTML, images,
+  // links), nested: most of what the whole of /usr would show, in a third of
+  // the bytes.
+  ASSERT_EQ(sh("mkdir -p " + original + " && cp -a /usr/include/linux /usr/share/doc/lib* " + original +
+               "/ 2>/dev/null; cp -a " + original + "/. " + source_),
             0);
   compress(source_);
   auto info = runZephlore({"info", "-r", "--json", source_});
   ASSERT_NE(info.out.find("\"compressed\""), std::string::npos);
 
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
   // Every file reads at full content and every size is the original's.
   EXPECT_EQ(sh("diff -r --no-dereference " + original + " " + mountPoint_), 0);
   EXPECT_EQ(sh("cd " + original + " && find . -type f -printf '%p %s\\n' | sort > ../sizes.orig && cd " +
@@ -152,7 +163,7 @@ TEST_F(MountCommands, RealTreeReadsAndCopiesOutAsTheOriginal) {
     EXPECT_NE(sh("getfattr -R -h -d -m - " + copy + " 2>/dev/null | grep -q -e com.apple -e zephlore.flags"), 0)
         << copy;
   }
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
 }
 
 TEST_F(MountCommands, WritersSeeTheContentAndLeavePlainFiles) {
@@ -161,8 +172,7 @@ TEST_F(MountCommands, WritersSeeTheContentAndLeavePlainFiles) {
   compress(source_);
   ASSERT_TRUE(hasAttribute(source_ + "/appended", "user.com.apple.decmpfs"));
 
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
   const std::string m = mountPoint_;
   EXPECT_EQ(sh("echo tail >> " + m + "/appended"), 0);
   EXPECT_EQ(sh("sed -i s/alpha/ALPHA/g " + m + "/edited"), 0);
@@ -183,15 +193,14 @@ TEST_F(MountCommands, WritersSeeTheContentAndLeavePlainFiles) {
     EXPECT_FALSE(hasAttribute(beneath, "user.com.apple.decmpfs")) << e.name;
     EXPECT_FALSE(hasAttribute(beneath, "user.com.apple.ResourceFork")) << e.name;
   }
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
 }
 
 TEST_F(MountCommands, LayoutAttributesAreHiddenAndOthersPassThrough) {
   writeFile(source_ + "/doc", compressibleData(100000));
   ASSERT_EQ(setxattr((source_ + "/doc").c_str(), "user.tag", "blue", 4, 0), 0);
   compress(source_);
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
   const std::string doc = mountPoint_ + "/doc";
 
   char names[4096];
@@ -222,7 +231,7 @@ TEST_F(MountCommands, LayoutAttributesAreHiddenAndOthersPassThrough) {
   EXPECT_EQ(listing.find(copyName), std::string::npos) << listing;
   EXPECT_NE(listing.find(".zephlore-notes"), std::string::npos) << listing;
   EXPECT_EQ(readFile(mountPoint_ + "/" + copyName), "a conversion's copy");
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
 }
 
 // The fork's header is big-endian, its block table little-endian.
@@ -252,8 +261,7 @@ TEST_F(MountCommands, CorruptBlockFailsAloneWithEIO) {
   for (size_t i = size1 / 2; i < size1 / 2 + 32; ++i) fork[block1 + i] = static_cast<char>(~fork[block1 + i]);
   ASSERT_EQ(lsetxattr(file.c_str(), "user.com.apple.ResourceFork", fork.data(), fork.size(), 0), 0);
 
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
   int fd = open((mountPoint_ + "/damaged").c_str(), O_RDONLY);
   ASSERT_GE(fd, 0);
   char buf[4096];
@@ -270,11 +278,11 @@ TEST_F(MountCommands, CorruptBlockFailsAloneWithEIO) {
   }
   close(fd);
   EXPECT_NE(sh("cat " + mountPoint_ + "/damaged > /dev/null 2>&1"), 0);
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
   // One line for the bad block, however often it was asked for.
   size_t lines = 0;
-  for (size_t at = 0; (at = view.child().err().find("Block 1 of", at)) != std::string::npos; ++at) ++lines;
-  EXPECT_EQ(lines, 1u) << view.child().err();
+  for (size_t at = 0; (at = view_->child().err().find("Block 1 of", at)) != std::string::npos; ++at) ++lines;
+  EXPECT_EQ(lines, 1u) << view_->child().err();
 }
 
 // The kernel keeps what it read of a compressed file from one open to the
@@ -288,8 +296,7 @@ TEST_F(MountCommands, AFileReplacedBeneathReadsAsItsNewContent) {
   compress(source_);
   compress(dir_ / "next");
   ASSERT_EQ(sh("touch -r " + source_ + "/doc " + dir_ / "next/doc"), 0);
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
   const std::string doc = mountPoint_ + "/doc";
   EXPECT_TRUE(readFile(doc) == first);
   EXPECT_TRUE(readFile(doc) == first);
@@ -302,7 +309,7 @@ TEST_F(MountCommands, AFileReplacedBeneathReadsAsItsNewContent) {
   ASSERT_EQ(rename((dir_ / "third").c_str(), (source_ + "/doc").c_str()), 0);
   EXPECT_TRUE(readFile(mountPoint_ + "/moved") == second);
   EXPECT_TRUE(readFile(doc) == first);
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
 }
 
 // A reader racing a writer that truncates and rewrites files through the
@@ -313,8 +320,7 @@ TEST_F(MountCommands, AReaderRacingATruncatingWriterNeverSeesZeros) {
   const std::vector<std::string> names = {"plain", "packed"};
   for (const std::string& name : names) writeFile(source_ + "/" + name, compressibleData(150000, 41));
   compress(source_ + "/packed");
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView());
 
   std::atomic<bool> writing{true};
   std::atomic<int> zeroReads{0};
@@ -370,22 +376,21 @@ TEST_F(MountCommands, AReaderRacingATruncatingWriterNeverSeesZeros) {
   EXPECT_GT(bytesRead, 0u);
   EXPECT_TRUE(readFile(mountPoint_ + "/plain") == last[0]);
   EXPECT_TRUE(readFile(mountPoint_ + "/packed") == last[1]);
-  EXPECT_EQ(view.unmount(), 0) << view.child().err();
+  EXPECT_EQ(view_->unmount(), 0) << view_->child().err();
 }
 
 TEST_F(MountCommands, KilledViewAnswersENOTCONNUntilUnmountedOrRestarted) {
   const std::string text = compressibleData(150000, 5);
   writeFile(source_ + "/kept", text);
   compress(source_);
-  MountedView view({source_, mountPoint_}, mountPoint_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
-  view.killHard();
+  ASSERT_NO_FATAL_FAILURE(mountView());
+  view_->killHard();
   struct stat st;
   errno = 0;
   EXPECT_NE(stat((mountPoint_ + "/kept").c_str(), &st), 0);
   EXPECT_EQ(errno, ENOTCONN);
   // The next start takes the place of the dead view.
-  MountedView again({source_, mountPoint_}, mountPoint_);
+  MountedView again({source_, mountPoint_});
   ASSERT_TRUE(again.ready()) << again.child().err();
   EXPECT_TRUE(readFile(mountPoint_ + "/kept") == text);
   again.killHard();
@@ -404,15 +409,14 @@ TEST_F(MountCommands, OverAFolderItsOwnPathsReadFullAndEverythingPassesThrough) 
   const std::string text = compressibleData(120000, 11);
   writeFile(source_ + "/letter", text);
   compress(source_);
-  MountedView view({"--over", source_}, source_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView(kOverTheSource));
   EXPECT_TRUE(readFile(source_ + "/letter") == text);
   const std::string s = source_;
   EXPECT_EQ(sh("cd " + s + " && mkdir d && mkfifo d/fifo && ln letter d/hard && ln -s letter link && "
                "printf 'x\\ny' > \"$(printf 'new\\nline')\" && printf z > \"$(printf 'bad\\377name')\" && mv d e && chmod 600 e/hard && touch -d 2001-01-01 e && "
                "test \"$(stat -c %h e/hard)\" = 2 && test -p e/fifo && test \"$(cat link | wc -c)\" = 120000"),
             0);
-  EXPECT_EQ(view.unmount(), 0);
+  EXPECT_EQ(view_->unmount(), 0);
   // Beneath, the file is still compressed, under both names.
   EXPECT_TRUE(runZephlore({"cat", source_ + "/e/hard"}).out == text);
   struct stat st;
@@ -469,12 +473,11 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
   const std::string text = compressibleData(120000, 52);
   writeFile(source_ + "/doc", text);
   compress(source_);
-  MountedView view({"--over", source_}, source_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView(kOverTheSource));
   // A program that keeps a file open in the view when it dies.
   const int held = open((source_ + "/doc").c_str(), O_RDONLY);
   ASSERT_GE(held, 0);
-  view.killHard();
+  view_->killHard();
   const std::string advice = "put it back with: zephlore mount --over " + source_;
   for (std::vector<std::string> command : std::vector<std::vector<std::string>>{
            {"info", source_ + "/doc"}, {"compress", "-r", source_}, {"decompress", source_ + "/doc"},
@@ -522,8 +525,7 @@ TEST_F(MountCommands, AKilledViewIsNamedWithTheCommandThatPutsItBack) {
 TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt) {
   const std::string text = compressibleData(80000, 17);
   writeFile(source_ + "/draft", text);
-  MountedView view({"--over", source_}, source_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView(kOverTheSource));
   int writer = open((source_ + "/draft").c_str(), O_WRONLY | O_APPEND);
   ASSERT_GE(writer, 0);
   auto r = runZephlore({"compress", "-v", source_ + "/draft"});
@@ -535,7 +537,7 @@ TEST_F(MountCommands, AFileOpenForWritingThroughTheViewIsNotCompressedBeneathIt)
   r = runZephlore({"compress", source_ + "/draft"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(readFile(source_ + "/draft") == text + "more");
-  EXPECT_EQ(view.unmount(), 0) << view.child().err();
+  EXPECT_EQ(view_->unmount(), 0) << view_->child().err();
   EXPECT_TRUE(hasAttribute(source_ + "/draft", "user.com.apple.decmpfs"));
 }
 
@@ -546,8 +548,7 @@ TEST_F(MountCommands, InfoCatAndRepairLookBeneathAView) {
   writeFile(source_ + "/doc", text);
   writeFile(source_ + "/written", text);
   compress(source_);
-  MountedView view({"--over", source_}, source_);
-  ASSERT_TRUE(view.ready()) << view.child().err();
+  ASSERT_NO_FATAL_FAILURE(mountView(kOverTheSource));
   const std::string beneath = view::pathBeneathViews(source_);
   ASSERT_NE(beneath, source_);
   // A program that opened the file before the view wrote beside its fork.
@@ -572,7 +573,7 @@ TEST_F(MountCommands, InfoCatAndRepairLookBeneathAView) {
   EXPECT_FALSE(hasAttribute(beneath + "/written", "user.com.apple.decmpfs"));
   EXPECT_EQ(readFile(source_ + "/written"), "new");
   EXPECT_TRUE(readFile(source_ + "/written.zephlore-recovered") == text);
-  EXPECT_EQ(view.unmount(), 0) << view.child().err();
+  EXPECT_EQ(view_->unmount(), 0) << view_->child().err();
 }
 
 TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUnderIt) {
