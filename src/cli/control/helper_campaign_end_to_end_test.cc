@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "cli/control/helper_process_test_support.h"
+#include "cli/control/tree_info_test_support.h"
 #include "cli/control/view_process_test_support.h"
 
 namespace zephlore::e2e {
@@ -254,23 +255,14 @@ class HelperCampaignHeavy : public HelperEndToEnd {
 
   // The plain files the helper should have compressed, from `zephlore info`.
   std::vector<std::string> uncompressedCandidates(nlohmann::json* summary) {
+    TreeInfo info = treeInfo(watched_, /*eachFile=*/true);
+    *summary = info.summary;
     std::vector<std::string> left;
-    ProcessResult r = zephlore({"info", "-r", "-v", "--json", watched_});
-    size_t start = 0;
-    while (start < r.out.size()) {
-      size_t end = r.out.find('\n', start);
-      if (end == std::string::npos) end = r.out.size();
-      nlohmann::json line = nlohmann::json::parse(r.out.substr(start, end - start), nullptr, false);
-      start = end + 1;
-      if (!line.is_object()) continue;
-      if (line["type"] == "summary") {
-        *summary = line;
-        continue;
-      }
-      const std::string path = line.value("path", "");
+    for (const nlohmann::json& file : info.files) {
+      const std::string path = file.value("path", "");
       const std::string relative = path.size() > watched_.size() ? path.substr(watched_.size() + 1) : path;
-      if (line["state"] == "plain" && line.value("uncompressed_size", uint64_t{0}) >= 4096 &&
-          !line["attributes"].value("exclude", false) && !excludedByRules(relative)) {
+      if (file["state"] == "plain" && file.value("uncompressed_size", uint64_t{0}) >= 4096 &&
+          !file["attributes"].value("exclude", false) && !excludedByRules(relative)) {
         left.push_back(relative);
       }
     }
@@ -454,11 +446,11 @@ TEST_F(HelperCampaignHeavy, AWeekOfWorkThroughTheViewWithTheHelperAndTheViewKill
     status = statusJson();
     // Walking the tree while the helper works would only slow it down.
     if (idle(status)) left = uncompressedCandidates(&summary);
-  } while ((!idle(status) || unexplained(left) != 0 || summary.is_null()) &&
+  } while ((!idle(status) || unexplained(left) != 0 || summary.empty()) &&
            std::chrono::steady_clock::now() < deadline);
   const auto settled = std::chrono::steady_clock::now();
 
-  ASSERT_FALSE(summary.is_null()) << "the helper never settled; its status: " << status.dump() << "\n" << log();
+  ASSERT_FALSE(summary.empty()) << "the helper never settled; its status: " << status.dump() << "\n" << log();
   // Known gap: a file the helper found open for writing is tried again only
   // kMaxBusyRetries times, kBusyRetryDelay apart; a writer holding it open
   // longer leaves it plain until it next changes, as closing it is no event

@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "cli/control/helper_process_test_support.h"
+#include "cli/control/tree_info_test_support.h"
 #include "testing/notification_server.h"
 
 namespace zephlore::e2e {
@@ -198,15 +199,7 @@ TEST_F(HelperEndToEnd, FolderSavingsAfterASweepAreWhatInfoMeasuresBeneath) {
   ASSERT_EQ(unlink((watched + "/first.txt").c_str()), 0);
 
   ASSERT_TRUE(startHelper());
-  auto measured = [&] {
-    // One object a line, the sums last.
-    std::istringstream lines(zephlore({"info", "-r", "--json", watched}).out);
-    for (std::string line; std::getline(lines, line);) {
-      nlohmann::json item = nlohmann::json::parse(line, nullptr, false);
-      if (item.is_object() && item.value("type", "") == "summary") return item.value("saved_bytes", uint64_t{1});
-    }
-    return uint64_t{1};
-  };
+  auto measured = [&] { return treeInfo(watched).summary.value("saved_bytes", uint64_t{1}); };
   auto recorded = [&] {
     nlohmann::json folders = nlohmann::json::parse(zephlore({"folders", "--json"}).out, nullptr, false);
     return folders.is_object() ? folders.value("totalSavings", uint64_t{0}) : 0;

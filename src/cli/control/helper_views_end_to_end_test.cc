@@ -11,10 +11,12 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "cli/control/helper_process_test_support.h"
+#include "cli/control/tree_info_test_support.h"
 #include "cli/control/view_process_test_support.h"
 
 namespace zephlore::e2e {
@@ -52,6 +54,40 @@ std::string viewLine(const nlohmann::json& status) {
   return status.is_object() && status["views"].size() == 1 ? status["views"][0].get<std::string>() : status.dump();
 }
 
+// Notes of some kilobytes in folders nested up to three deep, with what each holds.
+struct NestedNotes {
+  std::map<std::string, std::string> files;
+  uint32_t seed = 10;
+  void writeSome(const std::string& dir, int count) {
+    ASSERT_TRUE(mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) << dir;
+    for (int i = 0; i < count; ++i, ++seed) {
+      const std::string path = dir + "/note" + std::to_string(seed) + ".txt";
+      files[path] = testkit::compressibleData(20'000 + 1'000 * (seed % 7), seed);
+      testkit::writeFile(path, files[path]);
+    }
+  }
+};
+
+// Asks the helper until it has nothing left in hand (neither analysing nor
+// compressing, nothing queued), for at most 30 s; then counts the compressed
+// files beneath the view once, true when there are `count`. Walking the tree
+// while the helper works would open its files under its swaps.
+bool waitForCompressedFiles(const std::string& folder, size_t count, int64_t* seen) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::chrono::steady_clock::now() < deadline) {
+    nlohmann::json status = statusJson();
+    if (!status.is_object()) continue;
+    const std::string state = status["status"].value("text", "");
+    if (state == "Analyzing" || state == "Compressing" || status.value("queuedFiles", 1) != 0 ||
+        !status["fileInProcess"].is_null()) {
+      continue;
+    }
+    *seen = treeInfo(folder).summary.value("compressed_files", int64_t{-1});
+    if (*seen >= static_cast<int64_t>(count)) return true;
+  }
+  return false;
+}
+
 class HelperViews : public HelperEndToEnd {
  protected:
   void TearDown() override {
@@ -72,12 +108,19 @@ class HelperViews : public HelperEndToEnd {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - killed).count();
   }
 
-  // Views on, a helper watching "Documents", and "report.txt" written there.
-  void watchDocumentsWithAView(const std::string& report) {
-    ASSERT_EQ(zephlore({"view-on"}).status, 0);
-    ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
+  // Views on, a helper watching "Documents" (with `notes` there before it
+  // was added), and "report.txt" written there.
+  void watchDocumentsWithAView(const std::string& report, NestedNotes* notes = nullptr) {
     watched_ = folder_.path() + "/Documents";
     ASSERT_EQ(mkdir(watched_.c_str(), 0755), 0);
+    if (notes != nullptr) {
+      notes->writeSome(watched_, 4);
+      for (const char* dir : {"/letters", "/letters/2025", "/letters/2025/spring", "/reports", "/reports/q1"}) {
+        notes->writeSome(watched_ + dir, 5);
+      }
+    }
+    ASSERT_EQ(zephlore({"view-on"}).status, 0);
+    ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
     ASSERT_EQ(zephlore({"add", watched_}).status, 0);
     testkit::writeFile(watched_ + "/report.txt", report);
   }
@@ -213,13 +256,21 @@ TEST_F(HelperViews, AKilledViewIsMountedAgainAndANewHelperAdoptsTheViewItFinds) 
 
 // The helper and its view killed together: the next helper finds a dead
 // view (its process gone or a zombie nobody reaps) and must put a live one
-// back, whether the view died before it started or just after.
+// back, whether the view died before it started or just after. Beneath the
+// view the helper works on the whole tree: files nested in it before it was
+// added, and files written into nested folders while no helper ran, are all
+// compressed and read in full.
 TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) {
   if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no usable /dev/fuse here";
   const std::string original = testkit::compressibleData(300'000, 7);
-  ASSERT_NO_FATAL_FAILURE(watchDocumentsWithAView(original));
+  NestedNotes notes;
+  ASSERT_NO_FATAL_FAILURE(watchDocumentsWithAView(original, &notes));
   const std::string report = watched_ + "/report.txt";
-  ASSERT_TRUE(waitForSavingsAbove(0)) << "nothing compressed; helper:\n" << endHelper();
+  notes.files[report] = original;
+  int64_t seen = 0;
+  ASSERT_TRUE(waitForCompressedFiles(watched_, notes.files.size(), &seen))
+      << seen << " of " << notes.files.size() << " files compressed after the folder was added; helper:\n"
+      << endHelper();
   std::string logs;
   auto toldItIsBack = [this] {
     return helper_->waitForErrorOutput(
@@ -253,6 +304,11 @@ TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) 
     // The view killed as the new helper starts, before or after it adopted it.
     const pid_t next = viewProcess(watched_);
     killHelper();
+    if (round == 0) {
+      for (const char* dir : {"/letters/2025/spring", "/reports/q2", "/reports/q2/drafts"}) {
+        ASSERT_NO_FATAL_FAILURE(notes.writeSome(watched_ + dir, 3));
+      }
+    }
     ASSERT_TRUE(startHelper()) << "the helper did not take its bus name";
     kill(next, SIGKILL);
     const long long again = waitForALiveViewOtherThan(next, report, original);
@@ -260,6 +316,23 @@ TEST_F(HelperViews, ANewHelperPutsBackAViewKilledTogetherWithThePreviousHelper) 
     fprintf(stderr, "killed as the new helper started: a live view was back after %lld ms\n", again);
     ASSERT_TRUE(toldItIsBack()) << "round " << round << ":\n" << logs << endHelper();
   }
+
+  ASSERT_TRUE(waitForCompressedFiles(watched_, notes.files.size(), &seen))
+      << seen << " of " << notes.files.size() << " files compressed after the restarts; helper:\n"
+      << logs << endHelper();
+  ProcessResult shown = zephlore({"status"});
+  EXPECT_EQ(shown.out.find("/proc/"), std::string::npos) << shown.out;
+  // Every program reads them at full content through the view.
+  for (const auto& [path, content] : notes.files) {
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+    EXPECT_EQ(st.st_size, static_cast<off_t>(content.size())) << path;
+    EXPECT_EQ(testkit::readFile(path), content) << path;
+  }
+  // The helpers name the folders users see, never the way beneath a view.
+  logs += endHelper();
+  helper_.reset();
+  EXPECT_EQ(logs.find("/proc/"), std::string::npos) << logs;
 }
 
 }  // namespace
