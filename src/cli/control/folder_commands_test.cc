@@ -31,8 +31,6 @@ using testkit::ProcessResult;
 using testkit::runProcess;
 using testkit::waitForExit;
 
-
-
 // The process owning the helper's bus name, or 0.
 pid_t helperPid() {
   ProcessResult result = runProcess(

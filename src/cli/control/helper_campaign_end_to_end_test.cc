@@ -47,26 +47,8 @@ struct CampaignScale {
   uint32_t seed = static_cast<uint32_t>(envNumber("ZEPHLORE_CAMPAIGN_SEED", 23));
 };
 
-// Text that reads like notes and code: lines of words, numbers and names.
-std::string textOf(size_t size, uint32_t seed) {
-  static const char* const kWords[] = {
-      "alpha",  "the",    "report", "budget", "meeting", "int",     "return", "value", "quarterly",
-      "notes",  "review", "draft",  "table",  "figure",  "section", "static", "const", "string",
-      "folder", "should", "could",  "before", "after",   "client",  "server", "TODO",  "index"};
-  std::mt19937 rng(seed);
-  std::string text;
-  text.reserve(size + 80);
-  while (text.size() < size) {
-    const int words = 3 + static_cast<int>(rng() % 12);
-    for (int w = 0; w < words; ++w) {
-      text += kWords[rng() % std::size(kWords)];
-      text += rng() % 7 == 0 ? std::to_string(rng() % 10000) + " " : " ";
-    }
-    text.back() = '\n';
-  }
-  text.resize(size);
-  return text;
-}
+// Lines of words: compressible, and "alpha" in them for sed to change.
+std::string textOf(size_t size, uint32_t seed) { return testkit::compressibleData(size, seed); }
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
   for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
