@@ -64,14 +64,6 @@ int run(const std::vector<std::string>& args, std::string* errors) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Whether the view on `mountPoint` lost its process. statfs always asks the
-// view's process, where stat may answer from the attributes the kernel keeps
-// for a second.
-bool viewIsDead(Env& env, const std::string& mountPoint) {
-  struct statvfs st;
-  return env.statvfs(mountPoint, &st) != 0 && errno == ENOTCONN;
-}
-
 }  // namespace
 
 ViewMounter::ViewMounter(Env& env, std::string command) : env_(env), command_(std::move(command)) {}
@@ -86,7 +78,9 @@ std::string ViewMounter::defaultCommand() {
 bool ViewMounter::mountOver(const std::string& folder, Error* error) {
   const std::string absolute = absolutePath(folder);
   if (isViewMounted(absolute)) {
-    if (!viewIsDead(env_, absolute)) return true;
+    // Asked of the mount point itself, never through env_: the helper's maps
+    // a watched folder to the tree beneath its view, which is always alive.
+    if (!isViewDisconnected(absolute)) return true;
     // A dead view answers every look with ENOTCONN: detached, the folder's
     // path shows the stored files again, and the new view opens those.
     Error detached;
