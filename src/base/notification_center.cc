@@ -25,11 +25,6 @@ const Error* userInfoError(const UserInfo& info, const std::string& key) {
   return lookup<Error>(info, key);
 }
 
-SharedInstance<NotificationCenter>& NotificationCenter::sharedInstance() {
-  static SharedInstance<NotificationCenter> instance([] { return new NotificationCenter(); });
-  return instance;
-}
-
 NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name, const void* object,
                                                                Handler handler) {
   std::lock_guard lock(mutex_);

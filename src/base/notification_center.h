@@ -1,7 +1,8 @@
 // The process-local notification center: named notifications with an
 // optional sender object and user info, delivered synchronously on the
 // posting thread to every matching observer ("analysisStarted",
-// "compressionEnded", "KRFileCompressedNotification", ...).
+// "compressionEnded", "KRFileCompressedNotification", ...). The helper's
+// one is owned by its Helper and handed to each part that posts or listens.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,6 @@
 #include <vector>
 
 #include "base/error.h"
-#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -38,9 +38,9 @@ class NotificationCenter {
   using ObserverId = uint64_t;
   using Handler = std::function<void(const Notification&)>;
 
-  static NotificationCenter& defaultCenter() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<NotificationCenter>).
-  static SharedInstance<NotificationCenter>& sharedInstance();
+  NotificationCenter() = default;
+  NotificationCenter(const NotificationCenter&) = delete;
+  NotificationCenter& operator=(const NotificationCenter&) = delete;
 
   // Observes `name` (empty: every name) from `object` (nullptr: any sender).
   ObserverId addObserver(std::string name, const void* object, Handler handler);
@@ -53,7 +53,6 @@ class NotificationCenter {
   void post(const std::string& name, const void* object = nullptr, UserInfo userInfo = {});
 
  private:
-  friend class ScopedShared<NotificationCenter>;
   bool isRegistered(ObserverId id);
 
   struct Observer {

@@ -32,26 +32,33 @@ void saveHistoryContext() {
 
 }  // namespace
 
-KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder)
-    : env_(env), loop_(loop), map_(map), dataFolder_(std::move(dataFolder)), menu_(loop) {
-  // The update bridge exists before any notice can reach it.
-  KRUpdater::sharedUpdater();
-}
+// The settings files are the user's own, never beneath a view: the real
+// system serves them.
+KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder,
+                             DistributedNotificationCenter& bus)
+    : env_(env),
+      loop_(loop),
+      map_(map),
+      dataFolder_(std::move(dataFolder)),
+      bus_(bus),
+      communicator_(bus),
+      defaults_(Env::system(), &communicator_),
+      helperDefaults_(Env::system()),
+      helper_(std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_,
+                                       Helper::Settings{defaults_, helperDefaults_},
+                                       Helper::Messaging{bus_, notices_})),
+      menu_(loop, helper_->notifications(), notices_) {}
 
 KRAppDelegate::~KRAppDelegate() = default;
 
 void KRAppDelegate::awakeFromNib() {
-  // 1. (The one-copy check ran in main, before this object was made.)
-  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  helper_ = std::make_unique<Helper>(
-      env_, loop_, map_, *this, dataFolder_,
-      Helper::Settings{KRDefaultsController::sharedDefaultsController(), KRHelperDefaults::sharedHelperDefaults()});
+  // 1. (The one-copy check ran in main, before this object and its Helper
+  // were made.)
 
   // 2. After an update, say so once.
-  KRHelperDefaults& helperDefaults = KRHelperDefaults::sharedHelperDefaults();
-  if (helperDefaults.shouldRelaunchPrefs()) {
-    helperDefaults.setShouldRelaunchPrefs(false, loop_);
-    bus.postNotificationName(kRestartingAfterUpdateNotification, {}, true);
+  if (helperDefaults_.shouldRelaunchPrefs()) {
+    helperDefaults_.setShouldRelaunchPrefs(false, loop_);
+    bus_.postNotificationName(kRestartingAfterUpdateNotification, {}, true);
   }
 
   // 3. Before any observer and before the watcher starts.
@@ -76,8 +83,8 @@ void KRAppDelegate::awakeFromNib() {
 void KRAppDelegate::checkIntegrityOfPreviousRun() { helper_->recoverPreviousRun(); }
 
 void KRAppDelegate::listenToPrefPane() {
-  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  KRUpdater& updater = KRUpdater::sharedUpdater();
+  DistributedNotificationCenter& bus = bus_;
+  KRUpdater& updater = updater_;
   bus.addObserver(kHelperShouldQuitNotification, [this](const Notification& n) { getReadyToQuit(n); }, loop_);
   bus.addObserver(kShouldCheckForUpdatesNotification, [this](const Notification& n) { checkForUpdates(n); },
                   loop_);
@@ -94,9 +101,9 @@ void KRAppDelegate::listenToPrefPane() {
 void KRAppDelegate::connectDesktop() {
   RunLoop& loop = loop_;
   noticeSender_ = std::make_shared<LibnotifySender>();
-  KRGrowlBridge::sharedGrowlBridge().setSender(noticeSender_);
+  notices_.setSender(noticeSender_);
 
-  menu_.setShowHistoryAction([&loop] { KRControlSurface::showHistory(loop); });
+  menu_.setShowHistoryAction([this, &loop] { KRControlSurface::showHistory(loop, bus_); });
   menu_.setTotalSavingsSource([this] { return helper_->totalSavings(); });
   menu_.setWorkPauser([this](bool paused) { paused ? pauseApp() : resumeApp(); });
   trayItem_ = std::make_unique<KRStatusNotifierItem>(
@@ -104,37 +111,36 @@ void KRAppDelegate::connectDesktop() {
   menu_.setView(trayItem_.get());
 
   // The live status for desktops without a tray and for scripts.
-  statusService_ = std::make_unique<KRHelperStatusService>(DistributedNotificationCenter::defaultCenter().connection(), loop);
+  statusService_ = std::make_unique<KRHelperStatusService>(bus_.connection(), loop);
   statusService_->setPauseHandler([this] {
     if (!menu_.paused()) {
       menu_.pause();
-      KRGrowlBridge::sharedGrowlBridge().notifyPause();
+      notices_.notifyPause();
     }
   });
   statusService_->setResumeHandler([this] {
     if (menu_.paused()) {
       menu_.resume();
-      KRGrowlBridge::sharedGrowlBridge().notifyResume();
+      notices_.notifyResume();
     }
   });
   menu_.setChangeObserver([this] { publishStatus(); });
   // The session bus ends with the session. A helper left without it could no
   // longer be told anything, and as a copy still running it would make the
   // helper of the user's next session quit: it ends in order instead.
-  NotificationCenter::defaultCenter().addObserver(
-      kSessionBusLostNotification, &DistributedNotificationCenter::defaultCenter(), [this, &loop](const Notification&) {
-        loop.post([this] {
-          KRLog("ZephloreHelper: the session bus is gone, quitting");
-          terminate();
-        });
-      });
+  bus_.setConnectionLostHandler([this, &loop] {
+    loop.post([this] {
+      KRLog("ZephloreHelper: the session bus is gone, quitting");
+      terminate();
+    });
+  });
 }
 
 void KRAppDelegate::publishStatus() {
   if (!statusService_) return;
   statusService_->setStatus(menu_.appStatus(), KRMenuBarController::statusText(menu_.appStatus()));
   statusService_->setPaused(menu_.paused());
-  statusService_->setActive(KRDefaultsController::sharedDefaultsController().helperActive());
+  statusService_->setActive(defaults_.helperActive());
   const Helper::Figures figures = helper_->figures();
   statusService_->setTotalSavings(figures.totalSavings);
   statusService_->setQueuedFiles(figures.queuedFiles);
@@ -175,11 +181,10 @@ void KRAppDelegate::checkOwnVersion(const Notification& notification) {
   const std::string* version = userInfoString(notification.userInfo, kVersionKey);
   if (!version || *version == ownVersion_) return;
   KRLog("ZephloreHelper: version %s announced (this is %s), relaunching", version->c_str(), ownVersion_.c_str());
-  if (!KRUpdater::sharedUpdater().relaunch()) return;
+  if (!updater_.relaunch()) return;
   // The new copy must find the name free, not queue behind this one.
-  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
-  bus.releaseNames();
-  bus.releaseName(kHelperBusName);
+  bus_.releaseNames();
+  bus_.releaseName(kHelperBusName);
   terminate();
 }
 
@@ -188,7 +193,7 @@ void KRAppDelegate::getReadyToQuit(const Notification&) {
   terminate();
 }
 
-void KRAppDelegate::checkForUpdates(const Notification&) { KRUpdater::sharedUpdater().checkForUpdates(); }
+void KRAppDelegate::checkForUpdates(const Notification&) { updater_.checkForUpdates(); }
 
 void KRAppDelegate::pauseApp() {
   if (helper_) helper_->pauseWork();
@@ -199,7 +204,7 @@ void KRAppDelegate::resumeApp() {
 }
 
 void KRAppDelegate::updateActiveStatus() {
-  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
+  KRDefaultsController& defaults = defaults_;
   defaults.reload();
   if (defaults.helperActive()) {
     watchPaths();
@@ -211,7 +216,7 @@ void KRAppDelegate::updateActiveStatus() {
 }
 
 void KRAppDelegate::updateVisibility() {
-  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
+  KRDefaultsController& defaults = defaults_;
   defaults.reload();
   menu_.setVisible(defaults.visible() && defaults.helperActive());
 }
@@ -250,8 +255,8 @@ void KRAppDelegate::terminateActivity() {
   if (activityTerminated_) return;
   activityTerminated_ = true;
   if (!helper_) return;
-  helper_->stopWork([] {
-    KRGrowlBridge::sharedGrowlBridge().notifyTerminationRequested();
+  helper_->stopWork([this] {
+    notices_.notifyTerminationRequested();
     KRLog("ZephloreHelper: finishing the file being compressed before quitting");
   });
 }

@@ -1,6 +1,8 @@
 // KRAppDelegate: the helper's application object, built by its main once
 // this copy knows it is the only one. It runs the process from start to
-// exit: builds the Helper, finishes the file the previous run left half
+// exit: owns the process's one settings controllers, update bridge and
+// notice bridge (over the session bus `main` connected), builds the
+// Helper, finishes the file the previous run left half
 // converted, connects the command's notices to the helper, the update bridge
 // and the history, applies "active" and "visible", owns the tray's
 // controller, installs the crash handling and the power monitoring, and at
@@ -14,7 +16,13 @@
 #include "base/notification_center.h"
 #include "desktop/helper.h"
 #include "desktop/menu_bar_controller.h"
+#include "helper/bus/distributed_notification_center.h"
+#include "helper/bus/preference_communicator.h"
 #include "helper/lifecycle/crash_controller.h"
+#include "helper/lifecycle/updater.h"
+#include "helper/notices/notice_bridge.h"
+#include "helper/settings/defaults_controller.h"
+#include "helper/settings/helper_defaults.h"
 
 namespace zephlore {
 
@@ -24,8 +32,9 @@ class LibnotifySender;
 
 class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
  public:
-  // What the helper works through (see Helper); nothing starts yet.
-  KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder);
+  // What the helper works through (see Helper), and the session bus of the
+  // process; the Helper is built, nothing starts yet.
+  KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder, DistributedNotificationCenter& bus);
   ~KRAppDelegate() override;
 
   // The start-up steps in their order.
@@ -82,6 +91,15 @@ class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
   RunLoop& loop_;
   PathMap& map_;
   const std::string dataFolder_;
+  DistributedNotificationCenter& bus_;
+  // The update bridge exists before any notice can reach it.
+  KRUpdater updater_;
+  KRGrowlBridge notices_;
+  KRPreferenceCommunicator communicator_;
+  KRDefaultsController defaults_;
+  KRHelperDefaults helperDefaults_;
+  // Built once this copy knows it is the only one.
+  std::unique_ptr<Helper> helper_;
   KRMenuBarController menu_;
   std::unique_ptr<KRStatusNotifierItem> trayItem_;
   std::shared_ptr<LibnotifySender> noticeSender_;
@@ -91,8 +109,6 @@ class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
   std::string ownVersion_;
   bool pausedForPower_ = false;
   std::unique_ptr<KRHelperStatusService> statusService_;
-  // Built once this copy knows it is the only one.
-  std::unique_ptr<Helper> helper_;
 };
 
 }  // namespace zephlore

@@ -45,11 +45,10 @@ void KRControlSurface::openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::fun
   if (openControlSurface(programFolder) && callback) mainLoop.post(std::move(callback));
 }
 
-void KRControlSurface::showHistory(RunLoop& mainLoop, const std::string& programFolder) {
+void KRControlSurface::showHistory(RunLoop& mainLoop, DistributedNotificationCenter& bus,
+                                   const std::string& programFolder) {
   openControlSurfaceAndRunBlock(
-      mainLoop,
-      [] { DistributedNotificationCenter::defaultCenter().postNotificationName(kShowHistoryNotification); },
-      programFolder);
+      mainLoop, [&bus] { bus.postNotificationName(kShowHistoryNotification); }, programFolder);
 }
 
 }  // namespace zephlore

@@ -13,6 +13,8 @@
 
 namespace zephlore {
 
+class DistributedNotificationCenter;
+
 class KRControlSurface {
  public:
   KRControlSurface() = delete;
@@ -25,8 +27,10 @@ class KRControlSurface {
   // Starts it, then runs `callback` on `mainLoop` if it runs.
   static void openControlSurfaceAndRunBlock(RunLoop& mainLoop, std::function<void()> callback,
                                             const std::string& programFolder = thisProgramFolder());
-  // "Open Zephlore" as the menu does it: the window, then the history.
-  static void showHistory(RunLoop& mainLoop, const std::string& programFolder = thisProgramFolder());
+  // "Open Zephlore" as the menu does it: the window, then the history
+  // (asked for on `bus`).
+  static void showHistory(RunLoop& mainLoop, DistributedNotificationCenter& bus,
+                          const std::string& programFolder = thisProgramFolder());
 };
 
 }  // namespace zephlore

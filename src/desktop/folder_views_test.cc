@@ -81,9 +81,10 @@ class FolderViewsTest : public ::testing::Test {
   ManualClock clock;
   testkit::FixedLoad load{clock};
   RunLoop loop{clock};
-  testkit::NotificationRecorder recorder{clock};
+  NotificationCenter center;
+  testkit::NotificationRecorder recorder{clock, center};
   OperationQueue queue{1};
-  KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load}};
+  KRCompressor compressor{loop, Env::shared(), center, {.compressionQueue = &queue, .load = &load}};
   ProcessViews* mounter = new ProcessViews();
   PathMap map;
   KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map, Env::shared()};

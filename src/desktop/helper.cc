@@ -16,20 +16,25 @@
 namespace zephlore {
 
 Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
-               Settings settings)
+               Settings settings, Messaging messaging)
     : env_(env),
       loop_(loop),
       map_(map),
       observer_(observer),
       dataFolder_(dataFolder),
       settings_(settings),
+      messaging_(messaging),
       record_(env, dataFolder),
       load_(std::make_unique<KernelLoadCounters>(), loop),
-      power_(std::make_unique<SysfsPowerSupplies>(), loop),
-      exclusions_(env, loop),
-      history_(loop, env, {.helperActive = [this] { return settings_.user.helperActive(); }}),
-      analyzers_(loop, env),
-      compressor_(loop, env,
+      power_(std::make_unique<SysfsPowerSupplies>(), loop, messaging.notices),
+      exclusions_(env, messaging.bus, loop),
+      history_(loop, env,
+               {.postSavingsChanged = [this] { messaging_.bus.postNotificationName(kSavingsChangedNotification); },
+                .helperActive = [this] { return settings_.user.helperActive(); },
+                .savingsIncreased = [this](uint64_t increase,
+                                           uint64_t total) { messaging_.notices.notifySavingsIncreasedBy(increase, total); }}),
+      analyzers_(loop, env, center_),
+      compressor_(loop, env, center_,
                   {.compressionQueue = &scheduler_.compressionQueue(),
                    .load = &load_,
                    .record = &record_,
@@ -41,7 +46,8 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
 }
 
 Helper::~Helper() {
-  for (NotificationCenter::ObserverId id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
+  KRHelperUtil::setNoticeBridge(nullptr);
+  for (NotificationCenter::ObserverId id : observers_) center_.removeObserver(id);
   watcher_.setWatchPaths(std::nullopt);
   compressor_.pauseCompression();
   scheduler_.analysisQueue().waitUntilAllOperationsAreFinished();
@@ -49,6 +55,8 @@ Helper::~Helper() {
 }
 
 void Helper::linkParts() {
+  // The history's alerts (a damaged database) reach the user as notices.
+  KRHelperUtil::setNoticeBridge(&messaging_.notices);
   rules_.loadExclusionRules(env_, dataFolder_);
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
@@ -114,7 +122,7 @@ void Helper::recoverPreviousRun() {
 }
 
 void Helper::start() {
-  NotificationCenter& center = NotificationCenter::defaultCenter();
+  NotificationCenter& center = center_;
   // Views mounted or lost meanwhile (a view the user mounted, a view
   // unmounted) change where the stored files are reached; a watched folder's
   // view that is gone is mounted again.

@@ -1,5 +1,5 @@
 // Helper: the helper's working parts, owned in one place. It builds the
-// scheduler, the crash record, the load and power gauges, the history, the
+// process-local notification center the parts post on, the scheduler, the crash record, the load and power gauges, the history, the
 // compressor, the path watcher and the views over the watched folders, hands
 // each what it needs through its constructor, links the analyzers to them,
 // and answers the desktop layer (tray, notices, status object), which sees
@@ -16,9 +16,11 @@
 
 #include "base/notification_center.h"
 #include "desktop/folder_views.h"
+#include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_processor.h"
 #include "helper/lifecycle/file_in_process_watchdog.h"
 #include "helper/lifecycle/scheduler.h"
+#include "helper/notices/notice_bridge.h"
 #include "helper/pipeline/compressor.h"
 #include "helper/pipeline/power_manager.h"
 #include "helper/pipeline/system_load_handler.h"
@@ -69,13 +71,20 @@ class Helper {
     KRHelperDefaults& own;
   };
 
+  // What the process shares with it: the session bus (the user's exclusion
+  // lists are heard there, savings changes posted) and the user's notices.
+  struct Messaging {
+    DistributedNotificationCenter& bus;
+    KRGrowlBridge& notices;
+  };
+
   // Builds and links the parts; nothing is watched, mounted or started
   // yet. Files are reached through `env` (the helper's maps the watched
   // folders to the trees beneath their views, which `map` lists); the crash
   // record lives in `dataFolder`. Built once this copy knows it is the only
   // one: the record's lock is taken here.
   Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
-         Settings settings);
+         Settings settings, Messaging messaging);
   // Stops the work and waits for the queues (tests; the helper's own lives
   // until the process ends).
   ~Helper();
@@ -105,6 +114,9 @@ class Helper {
 
   Figures figures();
   uint64_t totalSavings() const;
+  // Where the parts post their progress (analysis and compression started
+  // and ended): the tray follows it.
+  NotificationCenter& notifications() { return center_; }
 
  private:
   void applyWatchPaths(const std::optional<std::vector<std::string>>& folders);
@@ -117,7 +129,9 @@ class Helper {
   HelperObserver& observer_;
   const std::string dataFolder_;
   Settings settings_;
+  Messaging messaging_;
   // In the order they are built: each uses only those above it.
+  NotificationCenter center_;
   KRScheduler scheduler_;
   OwnRewrites ownRewrites_;
   KRFileInProcessWatchdog record_;

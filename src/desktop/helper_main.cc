@@ -78,9 +78,12 @@ int main() {
   // The one place the helper takes the process's Env; its parts get it from here.
   Env& env = Env::shared();
 
+  // The process's one session-bus connection; it lives until the process
+  // ends, as GLib's thread may still deliver on it.
+  auto* bus = new DistributedNotificationCenter();
+
   // One copy only; a second one touches nothing.
-  const SingleCopyVerdict verdict =
-      checkSingleCopy(env, DistributedNotificationCenter::defaultCenter().connection(), kHelperBusName);
+  const SingleCopyVerdict verdict = checkSingleCopy(env, bus->connection(), kHelperBusName);
   if (verdict.terminate) {
     KRLog("ZephloreHelper: another copy is already running (%d in all), quitting", verdict.copies);
     return 0;
@@ -92,7 +95,7 @@ int main() {
   // still be finishing a file when main returns.
   auto* views = new PathMap();
   auto* beneathViews = new PathMappingEnv(env, *views);
-  auto* delegate = new KRAppDelegate(*beneathViews, loop, *views, *folder);
+  auto* delegate = new KRAppDelegate(*beneathViews, loop, *views, *folder, *bus);
 
   const int signal_fd = watchQuitSignals(loop, *delegate);
   if (signal_fd < 0) {

@@ -24,7 +24,11 @@ TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
   MockNotificationServer server;
   ASSERT_TRUE(server.ready());
   auto sender = std::make_shared<LibnotifySender>();
-  ScopedNoticeSender installed(sender);
+  KRGrowlBridge notices(sender);
+  KRHelperUtil::setNoticeBridge(&notices);
+  struct Uninstall {
+    ~Uninstall() { KRHelperUtil::setNoticeBridge(nullptr); }
+  } uninstall;
   KRUtil::applicationSupportFolder();
   std::string noise;
   for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));

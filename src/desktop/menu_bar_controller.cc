@@ -11,10 +11,11 @@ constexpr const char* kDelayedKey = "animation";
 
 }  // namespace
 
-KRMenuBarController::KRMenuBarController(RunLoop& mainLoop) : mainLoop_(mainLoop) {
+KRMenuBarController::KRMenuBarController(RunLoop& mainLoop, NotificationCenter& center, KRGrowlBridge& notices)
+    : mainLoop_(mainLoop), center_(center), notices_(notices) {
   for (const char* name : {kAnalysisStartedNotification, kAnalysisEndedNotification, kCompressionStartedNotification,
                            kCompressionEndedNotification}) {
-    observers_.push_back(NotificationCenter::defaultCenter().addObserver(
+    observers_.push_back(center_.addObserver(
         name, nullptr, [this](const Notification& n) {
           // The fields belong to the main thread; analyses post elsewhere.
           if (mainLoop_.isLoopThread()) {
@@ -27,7 +28,7 @@ KRMenuBarController::KRMenuBarController(RunLoop& mainLoop) : mainLoop_(mainLoop
 }
 
 KRMenuBarController::~KRMenuBarController() {
-  for (NotificationCenter::ObserverId id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
+  for (NotificationCenter::ObserverId id : observers_) center_.removeObserver(id);
   cancelDelayedCalls();
 }
 
@@ -167,10 +168,10 @@ void KRMenuBarController::togglePause() {
   cancelDelayedCalls();
   if (paused_) {
     resume();
-    KRGrowlBridge::sharedGrowlBridge().notifyResume();
+    notices_.notifyResume();
   } else {
     pause();
-    KRGrowlBridge::sharedGrowlBridge().notifyPause();
+    notices_.notifyPause();
   }
 }
 

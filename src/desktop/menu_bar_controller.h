@@ -12,6 +12,7 @@
 
 #include "base/notification_center.h"
 #include "base/run_loop.h"
+#include "helper/notices/notice_bridge.h"
 #include "protocol/notification_names.h"
 
 namespace zephlore {
@@ -54,8 +55,9 @@ class KRStatusItemView {
 
 class KRMenuBarController {
  public:
-  // Subscribes to the activity notifications; shows nothing yet.
-  explicit KRMenuBarController(RunLoop& mainLoop);
+  // Subscribes to the activity notifications on `center`; shows nothing
+  // yet. Pause and Resume by hand are told through `notices`.
+  KRMenuBarController(RunLoop& mainLoop, NotificationCenter& center, KRGrowlBridge& notices);
   ~KRMenuBarController();
   KRMenuBarController(const KRMenuBarController&) = delete;
   KRMenuBarController& operator=(const KRMenuBarController&) = delete;
@@ -99,6 +101,8 @@ class KRMenuBarController {
   void menuChanged();
 
   RunLoop& mainLoop_;
+  NotificationCenter& center_;
+  KRGrowlBridge& notices_;
   std::vector<NotificationCenter::ObserverId> observers_;
   KRStatusItemView* view_ = nullptr;
   std::function<uint64_t()> totalSavings_;

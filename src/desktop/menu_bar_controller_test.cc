@@ -34,7 +34,7 @@ class MenuBarControllerTest : public ::testing::Test {
     controller.setTotalSavingsSource([this] { return total; });
     controller.setVisible(true);
   }
-  void post(const char* name) { NotificationCenter::defaultCenter().post(name); }
+  void post(const char* name) { center.post(name); }
   void advance(double s) {
     clock.advance(seconds(s));
     loop.runUntilIdle();
@@ -43,7 +43,9 @@ class MenuBarControllerTest : public ::testing::Test {
   ManualClock clock;
   RunLoop loop{clock};
   bool workPaused = false;
-  KRMenuBarController controller{loop};
+  NotificationCenter center;
+  KRGrowlBridge notices;
+  KRMenuBarController controller{loop, center, notices};
   RecordingView view;
   uint64_t total = 1000;
 };
@@ -108,7 +110,7 @@ class CountingSender final : public NoticeSender {
 
 TEST_F(MenuBarControllerTest, PausingDuringCompressionRemembersTheLatestActivityForResume) {
   auto sender = std::make_shared<CountingSender>();
-  ScopedNoticeSender useSender(sender);
+  notices.setSender(sender);
   loop.runUntilIdle();
   post(kAnalysisStartedNotification);
   post(kCompressionStartedNotification);

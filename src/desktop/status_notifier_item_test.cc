@@ -173,20 +173,23 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
   const std::string path = getenv("PATH");
   setenv("PATH", (bin + ":" + path).c_str(), 1);
 
+  DistributedNotificationCenter messages;
+  NotificationCenter center;
+  KRGrowlBridge notices;
   ManualClock clock;
   RunLoop loop(clock);
   loop.runUntilIdle();  // this thread is the main thread
-  KRMenuBarController controller(loop);
+  KRMenuBarController controller(loop, center, notices);
   bool workPaused = false;
   controller.setWorkPauser([&](bool paused) { workPaused = paused; });
   {
     // No tray yet: the item is simply not shown anywhere.
     KRStatusNotifierItem item(loop, [&] { controller.togglePause(); },
-                              [&] { KRControlSurface::showHistory(loop, programs); });
+                              [&] { KRControlSurface::showHistory(loop, messages, programs); });
     controller.setView(&item);
     controller.setTotalSavingsSource([] { return uint64_t{1234567}; });
     controller.setVisible(true);
-    NotificationCenter::defaultCenter().post(kCompressionStartedNotification);
+    center.post(kCompressionStartedNotification);
     item.sync();
 
     FakeTrayWatcher tray(bus.address());
@@ -222,11 +225,11 @@ TEST(StatusNotifierItemTest, RegistersWithTheTrayShowsTheMenuAndPausesFromIt) {
     EXPECT_EQ(command[0], bin + "/x-terminal-emulator");
     EXPECT_EQ(command[3], "folders");
     bool shown = false;
-    auto observer = DistributedNotificationCenter::defaultCenter().addObserver(
+    auto observer = messages.addObserver(
         kShowHistoryNotification, [&](const Notification&) { shown = true; }, loop);
     click(tray, service, rows[4].first);
     loop.runUntil([&] { return shown; });
-    DistributedNotificationCenter::defaultCenter().removeObserver(observer);
+    messages.removeObserver(observer);
 
     controller.setView(nullptr);
   }

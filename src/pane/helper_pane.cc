@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <memory>
+#include <mutex>
 
 #include "base/util.h"
+#include "helper/bus/preference_communicator.h"
 #include "helper/history/history_database.h"
 #include "helper/history/history_store.h"
 #include "helper/settings/exclusions_processor.h"
@@ -73,9 +76,22 @@ PaneFiles PaneFiles::standard() {
   return {KRHelperUtil::databasePath(), KRUtil::pathToExclusionPathsFile(), KRUtil::pathToExclusionExtensionsFile()};
 }
 
-PaneParts PaneParts::standard(Env& env, Clock& clock) {
-  return {env, clock, DistributedNotificationCenter::defaultCenter(),
-          []() -> KRDefaultsController& { return KRDefaultsController::sharedDefaultsController(); },
+PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCenter& center) {
+  struct Settings {
+    explicit Settings(DistributedNotificationCenter& bus) : communicator(bus) {}
+    KRPreferenceCommunicator communicator;
+    std::once_flag made;
+    std::unique_ptr<KRDefaultsController> defaults;
+  };
+  auto settings = std::make_shared<Settings>(center);
+  return {env, clock, center,
+          [settings]() -> KRDefaultsController& {
+            // The settings files are the user's own, never beneath a view.
+            std::call_once(settings->made, [&] {
+              settings->defaults = std::make_unique<KRDefaultsController>(Env::system(), &settings->communicator);
+            });
+            return *settings->defaults;
+          },
           PaneFiles::standard()};
 }
 

@@ -45,9 +45,10 @@ struct PaneParts {
   // "defaults.plist" writes it, which an unrelated action must not do.
   std::function<KRDefaultsController&()> defaults;
   PaneFiles files;
-  // This login's: the session bus's center, the shared settings file and
-  // the data folder's files, as the helper finds them.
-  static PaneParts standard(Env& env, Clock& clock);
+  // This login's, over the program's `center`: the shared settings file (a
+  // controller of the pane's own, made when first asked for) and the data
+  // folder's files, as the helper finds them.
+  static PaneParts standard(Env& env, Clock& clock, DistributedNotificationCenter& center);
 };
 
 // Whether a running helper heard what was posted.

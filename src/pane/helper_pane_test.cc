@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "desktop/helper_status_service.h"
+#include "helper/bus/preference_communicator.h"
 #include "helper/history/history_store.h"
 #include "helper/settings/plist_file.h"
 #include "protocol/bus_names.h"
@@ -125,7 +126,7 @@ class HelperPaneTest : public ::testing::Test {
   std::string data(const std::string& name) const { return home.dataFolder() + "/" + name; }
   PaneParts parts() {
     return {Env::system(), clock, center,
-            [this]() -> KRDefaultsController& { return *defaults; }, PaneFiles::standard()};
+            [this]() -> KRDefaultsController& { return defaults; }, PaneFiles::standard()};
   }
   // A helper that owns its name and answers on its status object.
   void runHelper() {
@@ -136,9 +137,9 @@ class HelperPaneTest : public ::testing::Test {
 
   testkit::TestHome home;
   testkit::TestSessionBus bus{home.root()};
-  ScopedShared<DistributedNotificationCenter> fresh_center;
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
-  ScopedShared<KRDefaultsController> defaults{Env::system()};
+  DistributedNotificationCenter center;
+  KRPreferenceCommunicator communicator{center};
+  KRDefaultsController defaults{Env::system(), &communicator};
   SystemClock clock;
   // The status object's announcements run here.
   RunLoop service_loop{clock};

@@ -307,14 +307,15 @@ TEST(MountWatcher, ParsesEscapedMountPointsAndPostsRealMounts) {
   ScratchDir dir;
   const std::string mnt = dir / "mnt with space";
   mkdir(mnt.c_str(), 0755);
-  MountWatcher watcher(loop);
+  NotificationCenter center;
+  MountWatcher watcher(loop, center);
   // Only our own mount point counts: tests running beside this one mount too.
   std::vector<std::string> seen;
-  auto a = NotificationCenter::defaultCenter().addObserver(kDidMountNotification, nullptr, [&](const auto& n) {
+  auto a = center.addObserver(kDidMountNotification, nullptr, [&](const auto& n) {
     const std::string point = *userInfoString(n.userInfo, kDevicePathKey);
     if (point == mnt) seen.push_back("mount " + point);
   });
-  auto b = NotificationCenter::defaultCenter().addObserver(kDidUnmountNotification, nullptr, [&](const auto& n) {
+  auto b = center.addObserver(kDidUnmountNotification, nullptr, [&](const auto& n) {
     const std::string point = *userInfoString(n.userInfo, kDevicePathKey);
     if (point == mnt) seen.push_back("unmount " + point);
   });
@@ -324,8 +325,8 @@ TEST(MountWatcher, ParsesEscapedMountPointsAndPostsRealMounts) {
   loop.runUntilIdle();
   umount(mnt.c_str());
   loop.runUntilIdle();
-  NotificationCenter::defaultCenter().removeObserver(a);
-  NotificationCenter::defaultCenter().removeObserver(b);
+  center.removeObserver(a);
+  center.removeObserver(b);
   EXPECT_EQ(seen, (std::vector<std::string>{"mount " + mnt, "unmount " + mnt}));
 }
 

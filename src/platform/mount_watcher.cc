@@ -26,7 +26,8 @@ std::string unescape(const std::string& field) {
 
 }  // namespace
 
-MountWatcher::MountWatcher(RunLoop& loop, std::string table) : loop_(loop), table_(std::move(table)) {
+MountWatcher::MountWatcher(RunLoop& loop, NotificationCenter& center, std::string table)
+    : loop_(loop), center_(center), table_(std::move(table)) {
   fd_ = open(table_.c_str(), O_RDONLY | O_CLOEXEC);
   mount_points_ = read();
   if (fd_ >= 0) watch_ = loop_.watchFd(fd_, POLLPRI, [this](short) { check(); });
@@ -64,12 +65,12 @@ void MountWatcher::check() {
   std::set<std::string> now = read();
   for (const std::string& point : now) {
     if (!mount_points_.count(point)) {
-      NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, point}});
+      center_.post(kDidMountNotification, nullptr, {{kDevicePathKey, point}});
     }
   }
   for (const std::string& point : mount_points_) {
     if (!now.count(point)) {
-      NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, point}});
+      center_.post(kDidUnmountNotification, nullptr, {{kDevicePathKey, point}});
     }
   }
   mount_points_ = std::move(now);

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "base/notification_center.h"
 #include "base/run_loop.h"
 
 namespace zephlore {
@@ -17,8 +18,9 @@ inline constexpr const char* kDevicePathKey = "NSDevicePath";
 
 class MountWatcher {
  public:
-  // Watches on `loop`; `table` is the file to read (tests may name another).
-  explicit MountWatcher(RunLoop& loop, std::string table = "/proc/self/mountinfo");
+  // Watches on `loop` and posts on `center`; `table` is the file to read
+  // (tests may name another).
+  MountWatcher(RunLoop& loop, NotificationCenter& center, std::string table = "/proc/self/mountinfo");
   ~MountWatcher();
   MountWatcher(const MountWatcher&) = delete;
   MountWatcher& operator=(const MountWatcher&) = delete;
@@ -33,6 +35,7 @@ class MountWatcher {
   std::set<std::string> read();
 
   RunLoop& loop_;
+  NotificationCenter& center_;
   std::string table_;
   int fd_ = -1;
   RunLoop::WatchId watch_ = 0;

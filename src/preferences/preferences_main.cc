@@ -7,6 +7,7 @@
 #include <clocale>
 #include <memory>
 
+#include "helper/bus/distributed_notification_center.h"
 #include "pane/helper_pane.h"
 #include "preferences/listener_relay.h"
 #include "preferences/preferences_window.h"
@@ -23,6 +24,8 @@ int main(int argc, char** argv) {
   // Declared before the window: the window uses the model to its end.
   ListenerRelay relay;
   SystemClock clock;
+  // The window's one session-bus connection, made before the model that uses it.
+  DistributedNotificationCenter bus;
   std::unique_ptr<pane::HelperPane> model;
   std::unique_ptr<PreferencesWindow> window;
   // libadwaita's styles, and its style manager following the desktop's
@@ -34,7 +37,7 @@ int main(int argc, char** argv) {
   app->signal_activate().connect([&] {
     if (!window) {
       // The one place the window takes the process's Env and shared parts.
-      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), clock), &relay,
+      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), clock, bus), &relay,
                                                  mainLoopDeliver());
       window = std::make_unique<PreferencesWindow>(*model);
       relay.setTarget(window.get());

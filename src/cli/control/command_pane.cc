@@ -2,10 +2,24 @@
 
 #include <iostream>
 
+#include "helper/bus/distributed_notification_center.h"
+
 namespace zephlore::cli {
 
-std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock) {
-  return std::make_unique<pane::HelperPane>(pane::PaneParts::standard(env, clock));
+namespace {
+
+// The bus connection is made before the pane and ends after it.
+struct CommandPane {
+  CommandPane(Env& env, Clock& clock) : pane(pane::PaneParts::standard(env, clock, bus)) {}
+  DistributedNotificationCenter bus;
+  pane::HelperPane pane;
+};
+
+}  // namespace
+
+std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock) {
+  auto made = std::make_shared<CommandPane>(env, clock);
+  return std::shared_ptr<pane::HelperPane>(made, &made->pane);
 }
 
 bool reportTold(pane::Told told, const char* absent, bool* silent) {

@@ -11,7 +11,8 @@
 
 namespace zephlore::cli {
 
-std::unique_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock);
+// A pane over a session-bus connection of its own, which ends with it.
+std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock);
 
 inline constexpr const char* kAppliedAtStart = "zephlore-helper is not running; it applies the change when it starts.";
 

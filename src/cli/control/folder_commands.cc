@@ -28,7 +28,7 @@ void changeFolders(Env& env, Clock& clock, int* exit_code, bool adding, const st
     *exit_code = 1;
     return;
   }
-  std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
     std::string problem;

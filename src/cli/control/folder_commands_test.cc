@@ -12,7 +12,6 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "base/shared_instance.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_test_support.h"
 #include "protocol/bus_names.h"
@@ -60,20 +59,20 @@ class FolderCommandsTest : public ::testing::Test {
     SystemClock clock;
     RunLoop loop(clock);
     bool saved = false, late = false;
-    auto observer = center_->addObserver(kSavingsChangedNotification, [&](const Notification&) { saved = true; }, loop);
-    center_->postNotificationName(kFoldersNotification, {{kFoldersToAddKey, std::vector<std::string>{folder}}},
+    auto observer = center_.addObserver(kSavingsChangedNotification, [&](const Notification&) { saved = true; }, loop);
+    center_.postNotificationName(kFoldersNotification, {{kFoldersToAddKey, std::vector<std::string>{folder}}},
                                   false);
-    center_->flush();
+    center_.flush();
     loop.performAfterDelay(seconds(10), [&] { late = true; });
     loop.runUntil([&] { return saved || late; });
-    center_->removeObserver(observer);
+    center_.removeObserver(observer);
     return saved;
   }
 
   testkit::TestHome home_;
   testkit::TestSessionBus bus_{home_.root()};
   testkit::ShmFolder shm_;
-  ScopedShared<DistributedNotificationCenter> center_;  // on this test's bus
+  DistributedNotificationCenter center_;  // on this test's bus
 };
 
 TEST_F(FolderCommandsTest, AddStartsTheHelperWhichRecordsTheFolderForFoldersToShow) {
@@ -111,7 +110,7 @@ TEST_F(FolderCommandsTest, AnotherVersionMakesTheHelperStartANewCopyAndQuit) {
 
   // Its own version changes nothing: the folder notice after it is still
   // handled by the same process.
-  DistributedNotificationCenter& center = *center_;
+  DistributedNotificationCenter& center = center_;
   center.postNotificationName(kVersionNotification, {{kVersionKey, std::string(ZEPHLORE_VERSION)}}, false);
   EXPECT_TRUE(postFoldersAndWaitForTheSave(shm_.make("v")));
   EXPECT_EQ(helperPid(), first);

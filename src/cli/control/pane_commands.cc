@@ -54,7 +54,9 @@ void printList(Env& env, const std::string& title, const std::string& path) {
 }
 
 void showSettings(Env& env) {
-  KRDefaultsController& defaults = KRDefaultsController::sharedDefaultsController();
+  // Only read here: no notice is posted. The settings files are the user's
+  // own, never beneath a view.
+  KRDefaultsController defaults(Env::system());
   std::cout << "Shared with zephlore-helper: " << defaults.defaultsFileName() << "\n"
             << "  active          " << yesNo(defaults.helperActive())
             << "   (zephlore activate / deactivate)\n"
@@ -72,7 +74,7 @@ void showSettings(Env& env) {
   std::cout << "Autostart entry: " << pane::autostartEntryPath() << " ("
             << (pane::autostartEntryInstalled(env) ? "present" : "absent") << ")\n";
 
-  KRHelperDefaults& own = KRHelperDefaults::sharedHelperDefaults();
+  KRHelperDefaults own(Env::system());
   struct stat st;
   uint64_t event = own.lastEventID();
   std::cout << "The helper's own settings: " << own.domainFileName() << "\n"
@@ -95,7 +97,7 @@ void showSettings(Env& env) {
             << "Built-in exclusion rules: " << (builtIn.empty() ? "(not found)" : builtIn)
             << "\n";
 
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  DistributedNotificationCenter center;
   std::cout << "zephlore-helper: "
             << (!center.isConnected()               ? "unknown (no D-Bus session bus)"
                 : center.nameHasOwner(kHelperBusName) ? "running"
@@ -254,7 +256,7 @@ void addUpdatesCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
       ->required()
       ->check(CLI::IsMember({"on", "off", "check"}));
   updates->callback([=, &env, &clock] {
-    std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+    std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
     if (*updates_action == "check") {
       bool told = reportTold(pane->askToCheckForUpdates(), "zephlore-helper is not running; nothing was checked.");
       if (told) std::cout << "Asked zephlore-helper to check for updates.\n";

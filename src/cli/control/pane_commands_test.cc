@@ -42,10 +42,9 @@ class PaneCommandsTest : public ::testing::Test {
 
   TestHome home;
   TestSessionBus bus{home.root()};
-  ScopedShared<DistributedNotificationCenter> fresh_center;
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
   SystemClock clock;  // the commands run for real
   RunLoop loop{clock};
+  DistributedNotificationCenter center;
 };
 
 TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
@@ -119,7 +118,7 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
 }
 
 TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
-  KRExclusionsProcessor processor{Env::system(), loop};
+  KRExclusionsProcessor processor{Env::system(), center, loop};
   EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
   ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});
   ASSERT_EQ(result.status, 0) << result.err;

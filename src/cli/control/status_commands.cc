@@ -134,7 +134,7 @@ void printSilentHelperJson(uint32_t pid, const std::optional<std::vector<StatusF
 }
 
 void showStatus(Env& env, Clock& clock, int* exit_code, bool as_json) {
-  std::unique_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
   pane::StatusReading reading = pane->readStatus(kStatusTimeoutMs);
   const std::optional<LiveStatus>& live = reading.live;
   if (!live && reading.timedOut) {

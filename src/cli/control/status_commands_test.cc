@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include "base/clock.h"
-#include "base/shared_instance.h"
 #include "desktop/helper_status_service.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "protocol/bus_names.h"
@@ -68,8 +67,7 @@ class LiveStatus : public ::testing::Test {
 
   TestHome home;
   TestSessionBus bus{home.root()};
-  ScopedShared<DistributedNotificationCenter> fresh_center;  // on this test's bus
-  DistributedNotificationCenter& center = *fresh_center;
+  DistributedNotificationCenter center;  // on this test's bus
   ManualClock clock;
   RunLoop loop{clock};
   KRHelperStatusService service{center.connection(), loop};

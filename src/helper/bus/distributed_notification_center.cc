@@ -65,11 +65,6 @@ bool isUTF8(const std::string& text) {
 
 }  // namespace
 
-SharedInstance<DistributedNotificationCenter>& DistributedNotificationCenter::sharedInstance() {
-  static SharedInstance<DistributedNotificationCenter> instance([] { return new DistributedNotificationCenter(); });
-  return instance;
-}
-
 DistributedNotificationCenter::DistributedNotificationCenter(std::optional<std::string> address) {
   glib_.run([this, &address] { connect(address); });
 }
@@ -138,8 +133,18 @@ void DistributedNotificationCenter::onClosed(GDBusConnection*, gboolean, GError*
   if (!center->closed_.exchange(true)) {
     KRLog("Lost the D-Bus session bus%s%s: no more notifications to or from zephlore-helper",
           error ? ": " : "", error ? error->message : "");
-    NotificationCenter::defaultCenter().post(kSessionBusLostNotification, center);
+    std::function<void()> handler;
+    {
+      std::lock_guard lock(center->mutex_);
+      handler = center->lost_handler_;
+    }
+    if (handler) handler();
   }
+}
+
+void DistributedNotificationCenter::setConnectionLostHandler(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  lost_handler_ = std::move(handler);
 }
 
 bool DistributedNotificationCenter::isConnected() const {

@@ -29,14 +29,9 @@
 
 #include "base/notification_center.h"
 #include "base/run_loop.h"
-#include "base/shared_instance.h"
 #include "helper/bus/glib_thread.h"
 
 namespace zephlore {
-
-// Posted on the process-local center, from a GLib thread, when the bus
-// connection is lost (the daemon ended, as it does with the session).
-inline constexpr const char* kSessionBusLostNotification = "sessionBusLost";
 
 class DistributedNotificationCenter {
  public:
@@ -47,15 +42,11 @@ class DistributedNotificationCenter {
   static constexpr const char* kObjectPath = "/com/quorvane/zephlore/DistributedNotificationCenter";
   static constexpr const char* kSignalName = "Notification";
 
-  // The center of this process, on the session bus (DBUS_SESSION_BUS_ADDRESS,
-  // else $XDG_RUNTIME_DIR/bus). Connects on first use; never destroyed.
-  static DistributedNotificationCenter& defaultCenter() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<DistributedNotificationCenter>).
-  static SharedInstance<DistributedNotificationCenter>& sharedInstance();
-
-  // A center of its own on the bus at `address` (none: the session bus).
-  // The default center is the one to use; a second one stands for a second
-  // participant, such as another copy of the helper in a test.
+  // A center on the bus at `address` (none: the session bus,
+  // DBUS_SESSION_BUS_ADDRESS, else $XDG_RUNTIME_DIR/bus). Each program's
+  // main makes its one center (it is the connection) and hands it on; a
+  // second one stands for a second participant, such as another copy of the
+  // helper in a test.
   explicit DistributedNotificationCenter(std::optional<std::string> address = std::nullopt);
   ~DistributedNotificationCenter();
   DistributedNotificationCenter(const DistributedNotificationCenter&) = delete;
@@ -66,6 +57,9 @@ class DistributedNotificationCenter {
   // The connection itself, for this process's other bus users: what they
   // export must live where the helper's name is owned. None without a bus.
   GDBusConnection* connection() const { return connection_; }
+  // Called once, on a GLib thread, when the connection is lost (the daemon
+  // ended, as it does with the session). Set before the loss can matter.
+  void setConnectionLostHandler(std::function<void()> handler);
 
   // Observes `name` from any sender. `handler` runs on `loop`. When this returns the bus routes the
   // name to us, so a notice posted afterwards by anyone reaches the handler.
@@ -99,7 +93,6 @@ class DistributedNotificationCenter {
   bool nameHasOwner(const std::string& busName);
 
  private:
-  friend class ScopedShared<DistributedNotificationCenter>;
   struct ObserverRecord;
   struct Subscription;
 
@@ -124,6 +117,7 @@ class DistributedNotificationCenter {
   std::map<ObserverId, ObserverEntry> observers_;
   ObserverId next_id_ = 1;
   std::vector<guint> owned_names_;
+  std::function<void()> lost_handler_;
 };
 
 }  // namespace zephlore

@@ -53,8 +53,7 @@ class DistributedNotificationCenterTest : public ::testing::Test {
   RunLoop loop{clock};  // outlives the centre, whose observers it runs
   TestHome home;
   TestSessionBus bus{home.root()};
-  ScopedShared<DistributedNotificationCenter> fresh_center;
-  DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+  DistributedNotificationCenter center;
 };
 
 // Signals sent by another process, as any script could: each reaches only
@@ -155,8 +154,7 @@ TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOn
   SystemClock clock;
   RunLoop loop(clock);
   {
-    ScopedShared<DistributedNotificationCenter> fresh_center;
-    DistributedNotificationCenter& center = DistributedNotificationCenter::defaultCenter();
+    DistributedNotificationCenter center;
     EXPECT_FALSE(center.isConnected());
     int calls = 0;
     center.addObserver(kHelperShouldQuitNotification, [&](const Notification&) { ++calls; }, loop);

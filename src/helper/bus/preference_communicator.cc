@@ -4,16 +4,8 @@
 #include "protocol/notification_names.h"
 
 namespace zephlore {
-namespace {
 
-void post(const char* name) { DistributedNotificationCenter::defaultCenter().postNotificationName(name); }
-
-}  // namespace
-
-SharedInstance<KRPreferenceCommunicator>& KRPreferenceCommunicator::sharedInstance() {
-  static SharedInstance<KRPreferenceCommunicator> instance([] { return new KRPreferenceCommunicator(); });
-  return instance;
-}
+void KRPreferenceCommunicator::post(const char* name) { center_.postNotificationName(name); }
 
 void KRPreferenceCommunicator::notifyHelperShouldKeepAlive() {
   post(kHelperShouldKeepAliveNotification);

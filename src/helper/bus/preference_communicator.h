@@ -4,18 +4,15 @@
 // about; the settings store uses it for the update switch.
 #pragma once
 
-#include "base/shared_instance.h"
-
 namespace zephlore {
+
+class DistributedNotificationCenter;
 
 class KRPreferenceCommunicator {
  public:
-  static KRPreferenceCommunicator& sharedCommunicatorController() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRPreferenceCommunicator>).
-  static SharedInstance<KRPreferenceCommunicator>& sharedInstance();
+  explicit KRPreferenceCommunicator(DistributedNotificationCenter& center) : center_(center) {}
 
-  // Each posts one name with no userInfo, not immediate, on the default
-  // distributed notification center.
+  // Each posts one name with no userInfo, not immediate, on `center`.
   void notifyHelperShouldKeepAlive();      // "krimbleHelperShouldKeepAlive"
   void notifyHelperShouldQuit();           // "krimbleHelperShouldQuit"
   void notifyHelperActiveStatusChanged();  // "com.quorvane.krimble.active"
@@ -24,8 +21,9 @@ class KRPreferenceCommunicator {
   void notifyAutomaticUpdatesDisabled();   // "krimbleHelperDisableUpdates"
 
  private:
-  friend class ScopedShared<KRPreferenceCommunicator>;
-  KRPreferenceCommunicator() = default;
+  void post(const char* name);
+
+  DistributedNotificationCenter& center_;
 };
 
 }  // namespace zephlore

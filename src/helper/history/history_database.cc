@@ -23,6 +23,7 @@ struct Stack {
   std::unique_ptr<HistoryContext> context;
   // A failure that repeats on every retry is told once.
   std::set<std::string> presented;
+  KRGrowlBridge* notices = nullptr;
 };
 
 Stack& stack() {
@@ -44,8 +45,10 @@ std::string KRHelperUtil::databasePath() {
 void KRHelperUtil::presentError(const std::string& title, const std::string& text) {
   if (!stack().presented.insert(title + "\n" + text).second) return;
   KRLog("*** %s: %s", title.c_str(), text.c_str());
-  KRGrowlBridge::sharedGrowlBridge().showCriticalNotice(title, text);
+  if (KRGrowlBridge* notices = stack().notices) notices->showCriticalNotice(title, text);
 }
+
+void KRHelperUtil::setNoticeBridge(KRGrowlBridge* notices) { stack().notices = notices; }
 
 const HistoryModel* KRHelperUtil::managedObjectModel() {
   Stack& s = stack();
@@ -147,6 +150,7 @@ void KRHelperUtil::resetForTesting() {
   s.context.reset();
   s.store.reset();
   s.presented.clear();
+  s.notices = nullptr;
 }
 
 }  // namespace zephlore

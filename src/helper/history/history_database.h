@@ -17,6 +17,8 @@
 
 namespace zephlore {
 
+class KRGrowlBridge;
+
 class KRHelperUtil {
  public:
   KRHelperUtil() = delete;
@@ -46,8 +48,12 @@ class KRHelperUtil {
 
   // What the platform would present to the user: a log line and a notice.
   static void presentError(const std::string& title, const std::string& text);
+  // Where presented errors are shown besides the log: the bridge of the
+  // helper that owns the store (none: the log only).
+  static void setNoticeBridge(KRGrowlBridge* notices);
 
-  // Forgets the store as well, as a restart of the helper would (tests).
+  // Forgets the store and the bridge as well, as a restart of the helper
+  // would (tests).
   static void resetForTesting();
 };
 

@@ -25,6 +25,7 @@ class HelperUtilTest : public ::testing::Test {
   void SetUp() override {
     loop_.runUntilIdle();  // this thread is the main thread
     KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
+    KRHelperUtil::setNoticeBridge(&notices_);
     KRUtil::applicationSupportFolder();
     path_ = KRHelperUtil::databasePath();
     ASSERT_FALSE(path_.empty());
@@ -40,7 +41,7 @@ class HelperUtilTest : public ::testing::Test {
   RunLoop loop_{clock_};
   TestHome home_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
-  ScopedNoticeSender scoped_{sender_};
+  KRGrowlBridge notices_{sender_};
   std::string path_;
 };
 

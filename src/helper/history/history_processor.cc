@@ -5,10 +5,8 @@
 #include "base/log.h"
 #include "engine/path_string.h"
 #include "engine/volume.h"
-#include "helper/bus/distributed_notification_center.h"
 #include "helper/history/history_database.h"
 #include "helper/history/ht_alias.h"
-#include "helper/notices/notice_bridge.h"
 #include "platform/normal_path.h"
 #include "protocol/notification_names.h"
 
@@ -49,12 +47,7 @@ bool isDirectoryPath(Env& env, const std::string& path) { return QVPathString::i
 
 KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks)
     : loop_(loop), env_(env), hooks_(std::move(hooks)) {
-  if (!hooks_.postSavingsChanged) {
-    hooks_.postSavingsChanged = [] {
-      DistributedNotificationCenter::defaultCenter().postNotificationName(
-          kSavingsChangedNotification);
-    };
-  }
+  if (!hooks_.postSavingsChanged) hooks_.postSavingsChanged = [] {};
   if (!hooks_.helperActive) hooks_.helperActive = [] { return true; };
   refreshTotalSavings();
 }
@@ -256,7 +249,7 @@ void KRHistoryProcessor::addSavingsForFolder_main(uint64_t bytes, const std::str
   const auto newCount = static_cast<uint32_t>(newTotal / kGigabyte);
   if (newTotal >= kGigabyte && oldCount != newCount) {
     const uint32_t increase = (newCount - oldCount) * static_cast<uint32_t>(kGigabyte);
-    KRGrowlBridge::sharedGrowlBridge().notifySavingsIncreasedBy(increase, newTotal);
+    if (hooks_.savingsIncreased) hooks_.savingsIncreased(increase, newTotal);
   }
 }
 

@@ -30,8 +30,8 @@ using FolderList = std::vector<std::string>;
 
 class KRHistoryProcessor {
  public:
-  // Where the processor's effects leave it; the defaults are the session
-  // bus, the shared settings and nothing (until a watcher is wired).
+  // Where the processor's effects leave it; the defaults are nothing
+  // (until the helper wires them) and an active helper.
   struct Hooks {
     // Posts "krimbleSavingsChanged".
     std::function<void()> postSavingsChanged;
@@ -40,6 +40,9 @@ class KRHistoryProcessor {
     // Whether the settings say the helper is active (none: it is, the
     // setting's default).
     std::function<bool()> helperActive;
+    // Told when the total crosses whole gigabytes: the increase and the new
+    // total (none: nobody; the helper shows a notice).
+    std::function<void(uint64_t increase, uint64_t total)> savingsIncreased;
   };
 
   static constexpr uint64_t kGigabyte = 1'000'000'000;

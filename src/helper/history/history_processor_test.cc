@@ -36,6 +36,9 @@ class HistoryProcessorTest : public ::testing::Test {
     hooks.postSavingsChanged = [this] { posts_.push_back(clock_.now()); };
     hooks.setWatchPaths = [this](const std::optional<FolderList>& list) { watched_ = list; };
     hooks.helperActive = [] { return true; };
+    hooks.savingsIncreased = [this](uint64_t increase, uint64_t total) {
+      notices_.notifySavingsIncreasedBy(increase, total);
+    };
     processor_ = std::make_unique<KRHistoryProcessor>(loop_, Env::system(), hooks);
   }
 
@@ -52,7 +55,7 @@ class HistoryProcessorTest : public ::testing::Test {
   TestHome home_;
   ShmFolder shm_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
-  ScopedNoticeSender scopedSender_{sender_};
+  KRGrowlBridge notices_{sender_};
   std::vector<TimePoint> posts_;
   std::optional<FolderList> watched_;
   std::unique_ptr<KRHistoryProcessor> processor_;

@@ -11,7 +11,7 @@
 
 int main() {
   using namespace zephlore;
-  DistributedNotificationCenter& bus = DistributedNotificationCenter::defaultCenter();
+  DistributedNotificationCenter bus;
   SingleCopyVerdict verdict = checkSingleCopy(Env::system(), bus.connection(), kHelperBusName);
   printf("%s copies=%d primary=%d\n", verdict.terminate ? "second copy" : "running", verdict.copies,
          verdict.primaryOwner ? 1 : 0);

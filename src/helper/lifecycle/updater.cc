@@ -14,11 +14,6 @@
 
 namespace zephlore {
 
-KRUpdater& KRUpdater::sharedUpdater() {
-  static KRUpdater* updater = new KRUpdater();
-  return *updater;
-}
-
 std::string KRUpdater::ownVersion() { return ZEPHLORE_VERSION; }
 
 std::string KRUpdater::installedExecutable() {

@@ -2,7 +2,8 @@
 // the helper sits in no enclosing bundle, so there is no updater: checks and
 // automatic-update switches do nothing. What stays is relaunch(): a command
 // of a newer package tells the helper its version, and the helper restarts
-// into the executable now installed.
+// into the executable now installed. The helper's application delegate owns
+// the one bridge of the process.
 #pragma once
 
 #include <string>
@@ -12,7 +13,7 @@ namespace zephlore {
 
 class KRUpdater {
  public:
-  static KRUpdater& sharedUpdater();
+  KRUpdater() = default;
 
   // The helper's own version: the project version of the build.
   static std::string ownVersion();
@@ -35,9 +36,6 @@ class KRUpdater {
 
   KRUpdater(const KRUpdater&) = delete;
   KRUpdater& operator=(const KRUpdater&) = delete;
-
- private:
-  KRUpdater() = default;
 };
 
 }  // namespace zephlore

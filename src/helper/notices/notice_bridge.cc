@@ -4,11 +4,6 @@
 
 namespace zephlore {
 
-SharedInstance<KRGrowlBridge>& KRGrowlBridge::sharedInstance() {
-  static SharedInstance<KRGrowlBridge> instance([] { return new KRGrowlBridge(); });
-  return instance;
-}
-
 std::string KRGrowlBridge::notificationNameForType(uint32_t type) {
   switch (type) {
     case kSavingsIncreased: return "Savings Increased";

@@ -2,15 +2,14 @@
 // and resume, uncompression, orderly shutdown). It owns the types, titles and
 // texts; how a notice reaches the desktop is a NoticeSender installed by the
 // desktop layer (libnotify there, a recorder in tests). With no sender a
-// notice is dropped, as with no notification server at all.
+// notice is dropped, as with no notification server at all. The helper's
+// one bridge is owned by its application delegate and handed to its users.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
-
-#include "base/shared_instance.h"
 
 namespace zephlore {
 
@@ -43,9 +42,7 @@ class KRGrowlBridge {
     kFinishingOperations = 5,
   };
 
-  static KRGrowlBridge& sharedGrowlBridge() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRGrowlBridge>).
-  static SharedInstance<KRGrowlBridge>& sharedInstance();
+  explicit KRGrowlBridge(std::shared_ptr<NoticeSender> sender = nullptr) : sender_(std::move(sender)) {}
 
   // The type's name, or "" for an unknown type.
   static std::string notificationNameForType(uint32_t type);
@@ -73,25 +70,10 @@ class KRGrowlBridge {
   KRGrowlBridge& operator=(const KRGrowlBridge&) = delete;
 
  private:
-  friend class ScopedShared<KRGrowlBridge>;
-  KRGrowlBridge() = default;
   void send(const Notice& notice);
 
   std::mutex mutex_;
   std::shared_ptr<NoticeSender> sender_;
-};
-
-// Installs `sender` for the life of the object and puts the previous one back.
-class ScopedNoticeSender {
- public:
-  explicit ScopedNoticeSender(std::shared_ptr<NoticeSender> sender)
-      : previous_(KRGrowlBridge::sharedGrowlBridge().setSender(std::move(sender))) {}
-  ~ScopedNoticeSender() { KRGrowlBridge::sharedGrowlBridge().setSender(previous_); }
-  ScopedNoticeSender(const ScopedNoticeSender&) = delete;
-  ScopedNoticeSender& operator=(const ScopedNoticeSender&) = delete;
-
- private:
-  std::shared_ptr<NoticeSender> previous_;
 };
 
 }  // namespace zephlore

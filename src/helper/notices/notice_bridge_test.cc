@@ -15,8 +15,7 @@ class RecordingSender : public NoticeSender {
 
 TEST(GrowlBridgeTest, NoticesCarryTheirTypeNameAndExactTexts) {
   auto sender = std::make_shared<RecordingSender>();
-  ScopedNoticeSender scoped(sender);
-  auto& bridge = KRGrowlBridge::sharedGrowlBridge();
+  KRGrowlBridge bridge(sender);
 
   bridge.notifySavingsIncreasedBy(1000000000, 1000000000);
   bridge.notifyPauseOnBattery();

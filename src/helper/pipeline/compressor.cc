@@ -62,9 +62,10 @@ void yieldToEverythingElse() {
 
 }  // namespace
 
-KRCompressor::KRCompressor(RunLoop& mainLoop, Env& env, Parts parts)
+KRCompressor::KRCompressor(RunLoop& mainLoop, Env& env, NotificationCenter& center, Parts parts)
     : mainLoop_(mainLoop),
       env_(env),
+      center_(center),
       compressionQueue_(parts.compressionQueue),
       load_(parts.load),
       record_(parts.record),
@@ -203,7 +204,7 @@ void KRCompressor::scheduleTick() {
     std::lock_guard lock(filesBeingCompressedLock_);
     inFlightEmpty = filesBeingCompressed_.empty();
   }
-  NotificationCenter::defaultCenter().post(
+  center_.post(
       queueEmpty && inFlightEmpty ? kCompressionEndedNotification : kCompressionStartedNotification);
 }
 
@@ -297,7 +298,7 @@ bool KRCompressor::compressQueuedFile(const std::string& path, const HFSCompress
     return false;
   }
   setFileInHand(path);
-  NotificationCenter::defaultCenter().post(kFileWillCompressNotification, this, UserInfo{{kFileCompressedPathKey, path}});
+  center_.post(kFileWillCompressNotification, this, UserInfo{{kFileCompressedPathKey, path}});
   int64_t saved = 0;
   int64_t uncompressedSize = 0;
   // Where the event source cannot tell our writes by process, it tells
@@ -366,7 +367,7 @@ bool KRCompressor::compressInPlace(const std::string& path, const HFSCompression
 void KRCompressor::postFileCompressed(const std::string& path, const Error* error) {
   UserInfo info{{kFileCompressedPathKey, path}};
   if (error) info.emplace(kFileCompressedErrorKey, *error);
-  NotificationCenter::defaultCenter().post(kFileCompressedNotification, this, std::move(info));
+  center_.post(kFileCompressedNotification, this, std::move(info));
 }
 
 void KRCompressor::removeFilesNoLongerBeingWatched() {

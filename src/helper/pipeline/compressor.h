@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "base/notification_center.h"
 #include "base/operation_queue.h"
 #include "base/run_loop.h"
 #include "engine/hfs_compressed_file_representation.h"
@@ -79,8 +80,9 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   using Parts = KRCompressorParts;
 
-  // Ticks on `mainLoop`; files are converted through `env`.
-  KRCompressor(RunLoop& mainLoop, Env& env, Parts parts = {});
+  // Ticks on `mainLoop`; files are converted through `env`; its notices
+  // (will compress, compressed, started, ended) go to `center`.
+  KRCompressor(RunLoop& mainLoop, Env& env, NotificationCenter& center, Parts parts = {});
   // Stops the running batch before its next file (and waits for it when
   // the queue is the compressor's own).
   ~KRCompressor() override;
@@ -159,6 +161,7 @@ class KRCompressor final : public QVHFSCompressedFileRepresentationDelegate {
 
   RunLoop& mainLoop_;
   Env& env_;
+  NotificationCenter& center_;
   OperationQueue* compressionQueue_;
   KRSystemLoadHandler* load_;
   KRFileInProcessWatchdog* record_;

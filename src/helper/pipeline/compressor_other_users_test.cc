@@ -30,10 +30,11 @@ std::string compressAs(const LocalUser& user, const std::string& path, const std
     ManualClock clock;
     FixedLoad load{clock};
     RunLoop loop{clock};
-    NotificationRecorder recorder{clock};
+    NotificationCenter center;
+    NotificationRecorder recorder{clock, center};
     OperationQueue queue{1};
     KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
-    KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
+    KRCompressor compressor{loop, Env::shared(), center, {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
     compressor.setFolderWatchTest([](const std::string&) { return true; });
     compressor.addFiles({path});
     loop.runUntilIdle();

@@ -73,7 +73,8 @@ TEST(CompressorQueueCrashHeavy, Child) {
   ManualClock clock;
   RunLoop loop(clock);
   OperationQueue queue(1);
-  KRCompressor compressor(loop, env, {.compressionQueue = &queue, .record = &watchdog});
+  NotificationCenter center;
+  KRCompressor compressor(loop, env, center, {.compressionQueue = &queue, .record = &watchdog});
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);

@@ -91,11 +91,12 @@ class CompressorTest : public ::testing::Test {
   ManualClock clock;
   FixedLoad load{clock};
   RunLoop loop{clock};
-  NotificationRecorder recorder{clock};
+  NotificationCenter center;
+  NotificationRecorder recorder{clock, center};
   OperationQueue queue{1};
   const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
   KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
-  KRCompressor compressor{loop, Env::shared(), {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
+  KRCompressor compressor{loop, Env::shared(), center, {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
   std::mutex watchedLock;
   std::string watched = dir.path() + "/";
   std::atomic<uint64_t> savings{0};
@@ -128,14 +129,14 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   bool idleIo = false;
   bool idleScheduling = false;
   std::vector<std::string> inHandWhenTaken, inHandWhenDone;
-  NotificationCenter::ObserverId probe = NotificationCenter::defaultCenter().addObserver(
+  NotificationCenter::ObserverId probe = center.addObserver(
       kFileCompressedNotification, nullptr, [&](const Notification&) {
         nice = currentThreadNice();
         idleIo = currentThreadHasIdleIoPriority();
         idleScheduling = currentThreadHasIdleScheduling();
         inHandWhenDone.push_back(compressor.fileInHand());
       });
-  NotificationCenter::ObserverId taken = NotificationCenter::defaultCenter().addObserver(
+  NotificationCenter::ObserverId taken = center.addObserver(
       kFileWillCompressNotification, nullptr,
       [&](const Notification&) { inHandWhenTaken.push_back(compressor.fileInHand()); });
 
@@ -151,8 +152,8 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   EXPECT_EQ(compressor.queuedFiles().size(), 20u);
   advance(1.0);  // batch 3
   finishBatches();
-  NotificationCenter::defaultCenter().removeObserver(probe);
-  NotificationCenter::defaultCenter().removeObserver(taken);
+  center.removeObserver(probe);
+  center.removeObserver(taken);
   EXPECT_EQ(inHandWhenTaken, files);
   EXPECT_EQ(inHandWhenDone, std::vector<std::string>(120, ""));
   EXPECT_EQ(compressor.fileInHand(), "");

@@ -184,10 +184,10 @@ class RecordingSender final : public NoticeSender {
 TEST(PowerManagerTest, UnplugPausesOnceAndReplugResumesOnce) {
   ScratchDir supplies;
   auto sender = std::make_shared<RecordingSender>();
-  ScopedNoticeSender useSender(sender);
+  KRGrowlBridge notices(sender);
   ManualClock clock;
   RunLoop loop(clock);
-  KRPowerManager manager(std::make_unique<SysfsPowerSupplies>(supplies.path()), loop);
+  KRPowerManager manager(std::make_unique<SysfsPowerSupplies>(supplies.path()), loop, notices);
   EXPECT_FALSE(manager.hasBattery());
   EXPECT_TRUE(manager.connectedToPowerSource());
 

@@ -83,8 +83,8 @@ struct PostedNotification {
 
 class NotificationRecorder {
  public:
-  explicit NotificationRecorder(Clock& clock) : clock_(clock) {
-    id_ = NotificationCenter::defaultCenter().addObserver("", nullptr, [this](const Notification& n) {
+  NotificationRecorder(Clock& clock, NotificationCenter& center) : clock_(clock), center_(center) {
+    id_ = center_.addObserver("", nullptr, [this](const Notification& n) {
       PostedNotification posted{n.name, "", 0, clock_.now()};
       if (const std::string* path = userInfoString(n.userInfo, kFileCompressedPathKey)) posted.path = *path;
       if (const Error* error = userInfoError(n.userInfo, kFileCompressedErrorKey)) posted.errorCode = error->code;
@@ -93,7 +93,7 @@ class NotificationRecorder {
       changed_.notify_all();
     });
   }
-  ~NotificationRecorder() { NotificationCenter::defaultCenter().removeObserver(id_); }
+  ~NotificationRecorder() { center_.removeObserver(id_); }
 
   std::vector<PostedNotification> named(const std::string& name) {
     std::lock_guard lock(mutex_);
@@ -119,6 +119,7 @@ class NotificationRecorder {
 
  private:
   Clock& clock_;
+  NotificationCenter& center_;
   NotificationCenter::ObserverId id_ = 0;
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -17,8 +17,8 @@ bool isOwnBattery(const PowerSupply& supply) {
 
 }  // namespace
 
-KRPowerManager::KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop)
-    : supplies_(std::move(supplies)), loop_(loop) {}
+KRPowerManager::KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop, KRGrowlBridge& notices)
+    : supplies_(std::move(supplies)), loop_(loop), notices_(notices) {}
 
 KRPowerManager::~KRPowerManager() { stopMonitoringPowerSource(); }
 
@@ -57,11 +57,11 @@ void KRPowerManager::monitorPowerSource() {
       // A pause the user made by hand is lifted as well.
       if (paused && hooks_.resume) {
         hooks_.resume();
-        KRGrowlBridge::sharedGrowlBridge().notifyResumeOnNonBatteryPowerSource();
+        notices_.notifyResumeOnNonBatteryPowerSource();
       }
     } else if (!paused && hooks_.pause) {
       hooks_.pause();
-      KRGrowlBridge::sharedGrowlBridge().notifyPauseOnBattery();
+      notices_.notifyPauseOnBattery();
     }
   }
   loop_.performAfterDelay(this, kPollKey, seconds(kPollingInterval), [this] { monitorPowerSource(); });

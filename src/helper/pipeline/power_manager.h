@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "base/run_loop.h"
+#include "helper/notices/notice_bridge.h"
 #include "platform/power_supplies.h"
 
 namespace zephlore {
@@ -26,7 +27,8 @@ class KRPowerManager {
  public:
   static constexpr double kPollingInterval = 10.0;
 
-  KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop);
+  // Tells the user through `notices`.
+  KRPowerManager(std::unique_ptr<PowerSupplies> supplies, RunLoop& loop, KRGrowlBridge& notices);
   ~KRPowerManager();
   KRPowerManager(const KRPowerManager&) = delete;
   KRPowerManager& operator=(const KRPowerManager&) = delete;
@@ -46,6 +48,7 @@ class KRPowerManager {
  private:
   std::unique_ptr<PowerSupplies> supplies_;
   RunLoop& loop_;
+  KRGrowlBridge& notices_;
   KRPowerManagerHooks hooks_;
   bool currentlyConnectedToPowerSource_ = true;  // the last state acted upon
 };

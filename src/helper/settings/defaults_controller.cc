@@ -33,13 +33,10 @@ const char* typeName(plist_t node) {
 
 }  // namespace
 
-SharedInstance<KRDefaultsController>& KRDefaultsController::sharedInstance() {
-  // The settings files are the user's own, never beneath a view: the real system serves them.
-  static SharedInstance<KRDefaultsController> instance([] { return new KRDefaultsController(Env::system()); });
-  return instance;
+KRDefaultsController::KRDefaultsController(Env& env, KRPreferenceCommunicator* communicator)
+    : env_(env), communicator_(communicator) {
+  setupDefaultValues();
 }
-
-KRDefaultsController::KRDefaultsController(Env& env) : env_(env) { setupDefaultValues(); }
 
 void KRDefaultsController::setupDefaultValues() {
   disableSuddenTermination();
@@ -158,11 +155,11 @@ bool KRDefaultsController::setCheckForUpdates(bool check) {
   bool written = setBool(kCheckUpdatesKey, check);
   // The file first, then the notice: the helper's reaction reads no file,
   // but a pane reading "checkUpdates" on the notice must see the new value.
-  KRPreferenceCommunicator& communicator = KRPreferenceCommunicator::sharedCommunicatorController();
+  if (!communicator_) return written;
   if (check) {
-    communicator.notifyAutomaticUpdatesEnabled();
+    communicator_->notifyAutomaticUpdatesEnabled();
   } else {
-    communicator.notifyAutomaticUpdatesDisabled();
+    communicator_->notifyAutomaticUpdatesDisabled();
   }
   return written;
 }

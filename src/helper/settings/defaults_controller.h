@@ -10,19 +10,23 @@
 #include <mutex>
 #include <string>
 
-#include "base/shared_instance.h"
 #include "helper/settings/plist_file.h"
 #include "protocol/settings_keys.h"
 
 namespace zephlore {
 
+class KRPreferenceCommunicator;
+
 class KRDefaultsController {
  public:
-  // Created on first use: reads the file and writes it back at once, so the
-  // file exists (with the built-in defaults on a first run) from then on.
-  static KRDefaultsController& sharedDefaultsController() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRDefaultsController>).
-  static SharedInstance<KRDefaultsController>& sharedInstance();
+  // Reads the file and writes it back at once, so the file exists (with the
+  // built-in defaults on a first run) from then on. One per process, made
+  // by its owner (the helper's delegate, the pane) over the real system:
+  // the settings files are the user's own, never beneath a view. The update
+  // switch is told through `communicator` (none: only written).
+  explicit KRDefaultsController(Env& env, KRPreferenceCommunicator* communicator = nullptr);
+  KRDefaultsController(const KRDefaultsController&) = delete;
+  KRDefaultsController& operator=(const KRDefaultsController&) = delete;
 
   // The data folder + "defaults.plist"; "" when there is no data folder.
   std::string defaultsFileName() const;
@@ -59,8 +63,6 @@ class KRDefaultsController {
   PlistPtr defaultValues() const;
 
  private:
-  friend class ScopedShared<KRDefaultsController>;
-  explicit KRDefaultsController(Env& env);
   void setupDefaultValues();
   bool boolForKey(const char* key) const;
   bool setBool(const char* key, bool value);
@@ -69,6 +71,7 @@ class KRDefaultsController {
   bool sayReadProblem(const std::string& problem);
 
   Env& env_;
+  KRPreferenceCommunicator* communicator_;
   mutable std::mutex mutex_;  // guards the two dictionaries and the problem said
   PlistPtr default_values_;   // built once, never changed
   PlistPtr defaults_;         // the working copy

@@ -35,12 +35,11 @@ class DefaultsControllerTest : public ::testing::Test {
   }
   // A controller started now, as at the helper's start.
   KRDefaultsController& start() {
-    started.emplace(Env::system());
-    return KRDefaultsController::sharedDefaultsController();
+    return started.emplace(Env::system());
   }
 
   TestHome home;
-  std::optional<ScopedShared<KRDefaultsController>> started;
+  std::optional<KRDefaultsController> started;
 };
 
 // No file, or one with an empty dictionary: the built-in defaults, written.

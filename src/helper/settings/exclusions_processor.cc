@@ -20,9 +20,9 @@ std::string lowercase(std::string text) {
 
 }  // namespace
 
-KRExclusionsProcessor::KRExclusionsProcessor(Env& env, RunLoop& loop)
+KRExclusionsProcessor::KRExclusionsProcessor(Env& env, DistributedNotificationCenter& center, RunLoop& loop)
     : env_(env),
-      center_(DistributedNotificationCenter::defaultCenter()),
+      center_(center),
       paths_observer_(center_.addObserver(kExcludedPathsNotification,
                                           [this](const Notification&) { excludedPathsUpdate(); }, loop)),
       extensions_observer_(center_.addObserver(

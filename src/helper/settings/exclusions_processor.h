@@ -26,9 +26,9 @@ class KRExclusionsProcessor {
   using List = std::vector<std::string>;
 
   // Made when the helper starts, before anything else, so that it listens
-  // from the first moment: observes both names (heard on `loop`), then
-  // reads both files. Paths are resolved through `env`.
-  KRExclusionsProcessor(Env& env, RunLoop& loop);
+  // from the first moment: observes both names on `center` (heard on
+  // `loop`), then reads both files. Paths are resolved through `env`.
+  KRExclusionsProcessor(Env& env, DistributedNotificationCenter& center, RunLoop& loop);
   // Stops listening (a test's own instance ends before the center).
   ~KRExclusionsProcessor();
   KRExclusionsProcessor(const KRExclusionsProcessor&) = delete;

@@ -8,12 +8,6 @@
 
 namespace zephlore {
 
-SharedInstance<KRHelperDefaults>& KRHelperDefaults::sharedInstance() {
-  // The settings files are the user's own, never beneath a view: the real system serves them.
-  static SharedInstance<KRHelperDefaults> instance([] { return new KRHelperDefaults(Env::system()); });
-  return instance;
-}
-
 KRHelperDefaults::KRHelperDefaults(Env& env)
     : env_(env),
       path_(configHome() + "/" + kDomainFileName),

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "base/run_loop.h"
-#include "base/shared_instance.h"
 #include "helper/settings/plist_file.h"
 
 namespace zephlore {
@@ -25,9 +24,12 @@ class KRHelperDefaults {
   // The event id that means "from now on".
   static constexpr uint64_t kSinceNow = UINT64_MAX;
 
-  static KRHelperDefaults& sharedHelperDefaults() { return sharedInstance().get(); }
-  // Where tests install their own (ScopedShared<KRHelperDefaults>).
-  static SharedInstance<KRHelperDefaults>& sharedInstance();
+  // One per process, made by its owner (the helper's delegate, the command)
+  // over the real system: the settings files are the user's own, never
+  // beneath a view.
+  explicit KRHelperDefaults(Env& env);
+  KRHelperDefaults(const KRHelperDefaults&) = delete;
+  KRHelperDefaults& operator=(const KRHelperDefaults&) = delete;
 
   // Where the domain lives: $XDG_CONFIG_HOME (else ~/.config) + file name.
   const std::string& domainFileName() const { return path_; }
@@ -52,8 +54,6 @@ class KRHelperDefaults {
   bool synchronize();
 
  private:
-  friend class ScopedShared<KRHelperDefaults>;
-  explicit KRHelperDefaults(Env& env);
   void setupDefaultValues();
   void registerDefaults(plist_t fallbacks);
   bool synchronizeLocked();

@@ -27,13 +27,12 @@ class HelperDefaultsTest : public ::testing::Test {
     return kept ? plist_dict_get_item(kept.get(), key) : nullptr;
   }
   KRHelperDefaults& start() {
-    started.emplace(Env::system());
-    return KRHelperDefaults::sharedHelperDefaults();
+    return started.emplace(Env::system());
   }
 
   TestHome home;
   PlistPtr kept;
-  std::optional<ScopedShared<KRHelperDefaults>> started;
+  std::optional<KRHelperDefaults> started;
 };
 
 TEST_F(HelperDefaultsTest, FallbacksWithoutAFileAndNoFileWrittenBeforeTheNextTurnOfTheLoop) {

@@ -76,7 +76,7 @@ KRPathAnalyzer::KRPathAnalyzer(KRPathAnalyzers& analyzers, std::string path, std
 }
 
 KRPathAnalyzer::~KRPathAnalyzer() {
-  if (compressed_observer_) NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
+  if (compressed_observer_) analyzers_.center_.removeObserver(compressed_observer_);
 }
 
 bool KRPathAnalyzer::excludedByRules(const std::string& path) const {
@@ -167,7 +167,7 @@ void KRPathAnalyzer::fileWasCompressed(const Notification& notification) {
 
 void KRPathAnalyzer::didFinishCompressing() {
   if (finished_.exchange(true)) return;
-  NotificationCenter::defaultCenter().removeObserver(compressed_observer_);
+  analyzers_.center_.removeObserver(compressed_observer_);
   compressed_observer_ = 0;
   auto self = shared_from_this();  // the registry lets go of it in the next step
   analyzers_.mainLoop_.postAndWait([self] { self->didFinishCompressing_main(); });

@@ -93,7 +93,7 @@ class PathAnalyzerTest : public ::testing::Test {
       files.swap(queued);
     }
     for (const std::string& f : files) {
-      NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
+      center.post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
     }
   }
   std::set<std::string> queuedFiles() {
@@ -110,7 +110,8 @@ class PathAnalyzerTest : public ::testing::Test {
   std::set<std::string> queued;
   std::vector<size_t> handed_over;
   int database_closed = 0;
-  KRPathAnalyzers analyzers{loop, Env::system()};
+  NotificationCenter center;
+  KRPathAnalyzers analyzers{loop, Env::system(), center};
   // Last: its analyses end before what they use goes away.
   KRScheduler scheduler;
 };
@@ -132,7 +133,7 @@ TEST_F(PathAnalyzerTest, PicksCandidatesInOrderAndCountsRejectedFilesAsProcessed
   EXPECT_EQ(queuedFiles(), (std::set<std::string>{root() + "/4096"}));
   EXPECT_EQ(analyzers.seenFilesForWatchedFolder(root()), 1u);
   // The compressor rejects it: it still counts as processed.
-  NotificationCenter::defaultCenter().post(
+  center.post(
       kFileCompressedNotification, nullptr,
       {{kFileCompressedPathKey, root() + "/4096"}, {kFileCompressedErrorKey, int64_t{700}}});
   runUntilNoAnalyzers();
@@ -222,7 +223,7 @@ TEST_F(PathAnalyzerTest, TheWalkPausesAtAThousandPendingFilesUntilAtMost799Remai
   std::vector<std::string> files(queued_now.begin(), queued_now.end());
   auto processed = [&](size_t from, size_t to) {
     for (size_t i = from; i < to; ++i) {
-      NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr,
+      center.post(kFileCompressedNotification, nullptr,
                                                {{kFileCompressedPathKey, files[i]}});
     }
   };
@@ -259,7 +260,7 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
   ScopedSharedEnv processEnv(&beneath);
   KRPathAnalyzerLinks shownLinks = links();
   shownLinks.watchedPathForPath = [&](const std::string&) { return shown.path(); };
-  KRPathAnalyzers beneathViews(loop, beneath, shownLinks);
+  KRPathAnalyzers beneathViews(loop, beneath, center, shownLinks);
 
   auto analyzer = beneathViews.startAnalyzerWithPath(shown.path(), true);
   runUntil([&] { return analyzer->analysisIsFinished(); });

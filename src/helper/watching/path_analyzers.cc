@@ -7,8 +7,8 @@
 
 namespace zephlore {
 
-KRPathAnalyzers::KRPathAnalyzers(RunLoop& mainLoop, Env& env, KRPathAnalyzerLinks links)
-    : mainLoop_(mainLoop), env_(env), links_(std::move(links)) {}
+KRPathAnalyzers::KRPathAnalyzers(RunLoop& mainLoop, Env& env, NotificationCenter& center, KRPathAnalyzerLinks links)
+    : mainLoop_(mainLoop), env_(env), center_(center), links_(std::move(links)) {}
 
 std::shared_ptr<KRPathAnalyzer> KRPathAnalyzers::startAnalyzerWithPath(const std::string& path, bool recursive,
                                                                        KRPathAnalyzerDelegate* delegate,
@@ -32,7 +32,7 @@ std::shared_ptr<KRPathAnalyzer> KRPathAnalyzers::startAnalyzerWithPath(const std
   std::shared_ptr<KRPathAnalyzer> analyzer(
       new KRPathAnalyzer(*this, normalized, watchedPathFor(normalized), recursive, delegate, eventID));
   std::weak_ptr<KRPathAnalyzer> weak = analyzer;
-  analyzer->compressed_observer_ = NotificationCenter::defaultCenter().addObserver(
+  analyzer->compressed_observer_ = center_.addObserver(
       kFileCompressedNotification, links_.compressor, [weak](const Notification& n) {
         if (auto self = weak.lock()) self->fileWasCompressed(n);
       });
@@ -115,7 +115,7 @@ uint32_t KRPathAnalyzers::processedFilesForWatchedFolder(const std::string& watc
 void KRPathAnalyzers::registerAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
   if (!registry_.emplace(analyzer->path_, analyzer).second) return;
   announceCountChange();
-  if (registry_.size() == 1) NotificationCenter::defaultCenter().post(kAnalysisStartedNotification);
+  if (registry_.size() == 1) center_.post(kAnalysisStartedNotification);
 }
 
 void KRPathAnalyzers::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& analyzer) {
@@ -124,7 +124,7 @@ void KRPathAnalyzers::unregisterAnalyzer(const std::shared_ptr<KRPathAnalyzer>& 
   registry_.erase(it);
   announceCountChange();
   if (registry_.empty()) {
-    NotificationCenter::defaultCenter().post(kAnalysisEndedNotification);
+    center_.post(kAnalysisEndedNotification);
     if (links_.closeDatabase) links_.closeDatabase();
   }
 }

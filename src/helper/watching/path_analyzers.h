@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/notification_center.h"
 #include "base/run_loop.h"
 #include "helper/watching/path_analyzer.h"
 #include "platform/env.h"
@@ -23,12 +24,14 @@ namespace zephlore {
 
 class KRPathAnalyzers {
  public:
-  // Analyses walk through `env` and hop to `mainLoop`.
-  KRPathAnalyzers(RunLoop& mainLoop, Env& env, KRPathAnalyzerLinks links = {});
+  // Analyses walk through `env` and hop to `mainLoop`; they follow the
+  // compressor's notices and post their own on `center`.
+  KRPathAnalyzers(RunLoop& mainLoop, Env& env, NotificationCenter& center, KRPathAnalyzerLinks links = {});
   KRPathAnalyzers(const KRPathAnalyzers&) = delete;
   KRPathAnalyzers& operator=(const KRPathAnalyzers&) = delete;
 
   RunLoop& mainLoop() { return mainLoop_; }
+  NotificationCenter& center() { return center_; }
   // Main thread, before the first analysis.
   void setLinks(KRPathAnalyzerLinks links) { links_ = std::move(links); }
 
@@ -64,6 +67,7 @@ class KRPathAnalyzers {
 
   RunLoop& mainLoop_;
   Env& env_;
+  NotificationCenter& center_;
   KRPathAnalyzerLinks links_;
   std::map<std::string, std::shared_ptr<KRPathAnalyzer>> registry_;
   std::vector<std::pair<uint64_t, std::function<void()>>> countObservers_;

@@ -28,8 +28,8 @@ KRPathWatcherEvents::KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFo
   last_event_received_ = lastEventProcessed();
   pending_events_.reserve(600);
   count_observer_ = analyzers_.addAnalyzersCountObserver([this] { throttle(); });
-  if (options_.watch_mounts) mounts_ = std::make_unique<MountWatcher>(loop_);
-  auto& center = NotificationCenter::defaultCenter();
+  if (options_.watch_mounts) mounts_ = std::make_unique<MountWatcher>(loop_, analyzers_.center());
+  auto& center = analyzers_.center();
   for (const char* name : {kDidMountNotification, kDidUnmountNotification}) {
     observers_.push_back(center.addObserver(name, nullptr, [this](const Notification& n) {
       didMountOrUnmountNotification(n);
@@ -38,7 +38,7 @@ KRPathWatcherEvents::KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFo
 }
 
 KRPathWatcherEvents::~KRPathWatcherEvents() {
-  for (auto id : observers_) NotificationCenter::defaultCenter().removeObserver(id);
+  for (auto id : observers_) analyzers_.center().removeObserver(id);
   analyzers_.removeAnalyzersCountObserver(count_observer_);
   loop_.cancelPerform(this, "sweep");
   loop_.cancelPerform(this, "startWatching");

@@ -77,7 +77,8 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     KRHelperDefaults* settings = nullptr;
   };
 
-  // Starts its analyses in `analyzers`, on their main loop.
+  // Starts its analyses in `analyzers`, on their main loop, and hears of
+  // mounts on their center.
   KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders, KRWatcherHistoryLinks history,
                       Options options);
   Env& env() const { return options_.env ? *options_.env : Env::system(); }

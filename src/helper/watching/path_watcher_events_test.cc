@@ -10,7 +10,6 @@
 #include <deque>
 #include <set>
 
-#include "base/shared_instance.h"
 #include "helper/settings/helper_defaults.h"
 #include "protocol/notification_names.h"
 #include "testing/files.h"
@@ -38,7 +37,7 @@ class PathWatcherEventsTest : public ::testing::Test {
         compressed.insert(files.begin(), files.end());
       }
       for (const std::string& f : files) {
-        NotificationCenter::defaultCenter().post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
+        center.post(kFileCompressedNotification, nullptr, {{kFileCompressedPathKey, f}});
       }
       return files.size();
     };
@@ -86,7 +85,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     options.journal_path = home.dataFolder() + "/events.journal";
     options.watch_mounts = false;
     options.map = &views;
-    options.settings = &*defaults;
+    options.settings = &defaults;
     events = std::make_unique<KRPathWatcherEvents>(analyzers, folders, history, options);
   }
 
@@ -107,7 +106,7 @@ class PathWatcherEventsTest : public ::testing::Test {
 
   bool hold_analyses = false;
   testkit::TestHome home;
-  ScopedShared<KRHelperDefaults> defaults{Env::system()};  // its domain file in this test's home
+  KRHelperDefaults defaults{Env::system()};  // its domain file in this test's home
   ManualClock clock;
   RunLoop loop{clock};  // the helper's main loop; this thread runs it
   TmpfsDir dir;
@@ -123,7 +122,8 @@ class PathWatcherEventsTest : public ::testing::Test {
   int sweep_checks = 0;  // one per folder at each successful start
   std::vector<std::string> mount_changes;
   PathMap views;  // empty but in one test
-  KRPathAnalyzers analyzers{loop, Env::system()};
+  NotificationCenter center;
+  KRPathAnalyzers analyzers{loop, Env::system(), center};
   KRScheduler scheduler;  // its analyses end before the registry goes
   std::unique_ptr<KRPathWatcherEvents> events;
 };
@@ -131,7 +131,7 @@ class PathWatcherEventsTest : public ::testing::Test {
 TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNotItsOwn) {
   mkdir((folder() + "/old").c_str(), 0755);
   shell("head -c 9000 /dev/zero > '" + folder() + "/old/a'");
-  EXPECT_EQ(KRHelperDefaults::sharedHelperDefaults().lastEventID(), kFileEventIdSinceNow);
+  EXPECT_EQ(defaults.lastEventID(), kFileEventIdSinceNow);
   makeEvents({folder()});
   events->startWatching();
   ASSERT_TRUE(events->isWatching());
@@ -147,7 +147,7 @@ TEST_F(PathWatcherEventsTest, FirstStartSweepsEverythingThenFollowsChangesButNot
         folder() + "/new/c'");
   settle();
   EXPECT_EQ(compressedCount(), 3u);
-  EXPECT_NE(KRHelperDefaults::sharedHelperDefaults().lastEventID(), kFileEventIdSinceNow);
+  EXPECT_NE(defaults.lastEventID(), kFileEventIdSinceNow);
   EXPECT_TRUE(events->pendingEvents().empty());
 
   // Our own rewriting of a file is not reported, so it starts no analysis.
@@ -176,10 +176,10 @@ TEST_F(PathWatcherEventsTest, LastEventIdIsTheSmallestPendingAndARestartRepeatsI
   events->analyzePath("/nonexistent/b", false, 12);
   events->analyzePath("/nonexistent/c", false, 15);
   events->finishedProcessingEvent(12);
-  EXPECT_EQ(KRHelperDefaults::sharedHelperDefaults().lastEventID(), 10u);
+  EXPECT_EQ(defaults.lastEventID(), 10u);
   EXPECT_EQ(events->lastEventProcessed(), 9u);
   events->finishedProcessingEvent(10);
-  EXPECT_EQ(KRHelperDefaults::sharedHelperDefaults().lastEventID(), 15u);
+  EXPECT_EQ(defaults.lastEventID(), 15u);
 
   // Must-scan together with root-changed takes only the rename path.
   runUntil([this] { return analyzers.analyzersCount() == 0; });
@@ -225,18 +225,18 @@ TEST_F(PathWatcherEventsTest, NewFolderListsAndMountsAtOrAroundTheFoldersRestart
   const int checks = sweep_checks;
   events->setPaused(true);
   views.replaceAll({{folder(), "/proc/1/fd/3"}});
-  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, "/media/disk"}});
-  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "-other"}});
-  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder()}});
+  center.post(kDidUnmountNotification, nullptr, {{kDevicePathKey, "/media/disk"}});
+  center.post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "-other"}});
+  center.post(kDidMountNotification, nullptr, {{kDevicePathKey, folder()}});
   views.clear();  // the view went
-  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, folder()}});
+  center.post(kDidUnmountNotification, nullptr, {{kDevicePathKey, folder()}});
   EXPECT_FALSE(events->isWatching());
   EXPECT_EQ(sweep_checks, checks);
   // One inside the folder, or over it, restarts it (even when paused).
-  NotificationCenter::defaultCenter().post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "/usb"}});
+  center.post(kDidMountNotification, nullptr, {{kDevicePathKey, folder() + "/usb"}});
   EXPECT_TRUE(events->isWatching());
   events->setPaused(true);
-  NotificationCenter::defaultCenter().post(kDidUnmountNotification, nullptr, {{kDevicePathKey, dir.path()}});
+  center.post(kDidUnmountNotification, nullptr, {{kDevicePathKey, dir.path()}});
   EXPECT_TRUE(events->isWatching());
   EXPECT_EQ(mount_changes, (std::vector<std::string>{"/media/disk", folder() + "-other", folder(), folder(), folder() + "/usb",
                                                    dir.path()}));

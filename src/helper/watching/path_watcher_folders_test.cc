@@ -45,10 +45,11 @@ TEST(PathWatcherFoldersTest, RemovedFolderDropsItsQueuedFilesATenthOfASecondLate
   testkit::writeFile(dir / "gone/f", testkit::compressibleData(8192));
   ManualClock clock;
   RunLoop loop(clock);
-  KRCompressor compressor(loop, Env::system());
+  NotificationCenter center;
+  KRCompressor compressor(loop, Env::system(), center);
   KRPathWatcher watcher(loop, Env::system(), &compressor);
   compressor.setFolderWatchTest([&](const std::string& path) { return watcher.isWatchingFolderForPath(path); });
-  testkit::NotificationRecorder recorder(clock);
+  testkit::NotificationRecorder recorder(clock, center);
 
   watcher.setWatchPaths(std::vector<std::string>{dir / "kept", dir / "gone"});
   EXPECT_EQ(compressor.addFiles({dir / "kept/f", dir / "gone/f"}), 2u);
