@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -147,6 +149,30 @@ TEST_F(DistributedNotificationCenterTest, PostsFromAnyThreadRemovedObserversStay
   EXPECT_TRUE(center.nameHasOwner(kHelperBusName));
 }
 
+TEST_F(DistributedNotificationCenterTest, ADaemonThatEndsIsToldToItsOwnerOnce) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int lost = 0;
+  center.setConnectionLostHandler([&] {
+    std::lock_guard lock(mutex);
+    ++lost;
+    changed.notify_all();
+  });
+  ASSERT_TRUE(center.isConnected());
+  LogLines log;
+  bus.kill();
+  {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return lost > 0; }));
+  }
+  EXPECT_FALSE(center.isConnected());
+  center.postNotificationName(kHelperShouldQuitNotification);  // goes nowhere, quietly
+  EXPECT_FALSE(center.flush());
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(lost, 1);
+  ASSERT_FALSE(log.get().empty());
+  EXPECT_NE(log.get()[0].find("Lost the D-Bus session bus"), std::string::npos);
+}
 // No bus address and no $XDG_RUNTIME_DIR/bus, or an address with no daemon.
 TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
   TestHome home;
