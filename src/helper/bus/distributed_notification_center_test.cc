@@ -173,6 +173,7 @@ TEST_F(DistributedNotificationCenterTest, ADaemonThatEndsIsToldToItsOwnerOnce) {
   ASSERT_FALSE(log.get().empty());
   EXPECT_NE(log.get()[0].find("Lost the D-Bus session bus"), std::string::npos);
 }
+
 // No bus address and no $XDG_RUNTIME_DIR/bus, or an address with no daemon.
 TEST(DistributedNotificationCenterWithoutBusTest, RunsWithoutMessagesAndSaysSoOnce) {
   TestHome home;
