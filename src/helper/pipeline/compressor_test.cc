@@ -78,7 +78,7 @@ class CompressorTest : public ::testing::Test {
     sharedEnv.reset();
     sharedEnv.emplace(&env);
     auto made = std::make_unique<KRCompressor>(
-        loop, env, KRCompressorParts{.compressionQueue = &queue, .load = &load, .record = &watchdog});
+        loop, env, center, KRCompressorParts{.compressionQueue = &queue, .load = &load, .record = &watchdog});
     made->setFolderWatchTest([](const std::string&) { return true; });
     made->setRetryHandler([this, c = made.get()](const std::string& path) {
       handedBack.emplace_back(path, c->addFiles({path}));
