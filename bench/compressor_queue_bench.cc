@@ -132,7 +132,7 @@ Timing runCommand(const std::vector<std::string>& argv) {
 // The queue as the helper runs it, with time for the debounce skipped.
 class QueueRun {
  public:
-  QueueRun() : loop_(useClock_), compressor_(loop_, Env::system(), {.compressionQueue = &queue_}) {
+  QueueRun() : loop_(useClock_), compressor_(loop_, Env::system(), center_, {.compressionQueue = &queue_}) {
     compressor_.setFolderWatchTest([](const std::string&) { return true; });
   }
   ~QueueRun() {
@@ -157,6 +157,7 @@ class QueueRun {
   // No load gauge: the queue never waits for a quiet machine.
   ManualClock useClock_;
   RunLoop loop_;
+  NotificationCenter center_;
   OperationQueue queue_{1};
   KRCompressor compressor_;
 };

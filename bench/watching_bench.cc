@@ -94,7 +94,7 @@ struct Bench {
       handed_over += files.size();
       if (!files.empty() && !first_handover) first_handover = Steady::now();
       for (const std::string& f : files) {
-        NotificationCenter::defaultCenter().post("KRFileCompressedNotification", nullptr, {{"path", f}});
+        center.post("KRFileCompressedNotification", nullptr, {{"path", f}});
       }
       return files.size();
     };
@@ -108,8 +108,9 @@ struct Bench {
 
   std::atomic<size_t> handed_over{0};
   std::optional<Steady::time_point> first_handover;
+  NotificationCenter center;
   KRScheduler scheduler;
-  KRPathAnalyzers analyzers{loop, Env::system()};
+  KRPathAnalyzers analyzers{loop, Env::system(), center};
 };
 
 Bench& bench() {
