@@ -7,10 +7,10 @@
 //   args    (s name, a{sv} userInfo, b deliverImmediately)
 //
 // userInfo values are strings or arrays of strings. Observers match the name
-// as arg0 from any sender; their handlers run on the main RunLoop.
+// as arg0 from any sender; each handler runs on the RunLoop its observer names.
 //
 // A dedicated GLib thread with its own main context owns the connection and
-// receives the signals; each one hops to the main RunLoop with its userInfo
+// receives the signals; each one hops to its observer's RunLoop with its userInfo
 // already decoded. Without a session bus the center logs one line and carries
 // on without messages: posts go nowhere and observers never fire.
 #pragma once
