@@ -9,6 +9,7 @@
 
 #include "base/error.h"
 #include "base/log.h"
+#include "platform/descriptor_paths.h"
 #include "platform/path_map.h"
 #include "view/mount_table.h"
 #include "platform/volume_capabilities.h"
@@ -244,7 +245,7 @@ void KRFolderViews::refreshMap() {
   // Our own descriptors reach the stored files whatever the views' processes do.
   std::vector<int> serving;
   for (const auto& [folder, entry] : views_) {
-    if (entry.beneath) map[view::absolutePath(folder)] = "/proc/self/fd/" + std::to_string(entry.beneath.get());
+    if (entry.beneath) map[view::absolutePath(folder)] = descriptorPath(entry.beneath.get());
     if (entry.up && entry.pid > 0) serving.push_back(entry.pid);
   }
   map_.replaceAll(std::move(map));

@@ -53,8 +53,8 @@ class FdSink final : public ForkImageSink {
   }
   bool finish(uint64_t size, Error* error) override {
     struct stat st;
-    if (fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) != size &&
-        ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+    if (env_.fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) != size &&
+        env_.ftruncate(fd_, size) != 0) {
       return writeFailure(error, errno);
     }
     return true;

@@ -31,7 +31,7 @@ bool MemoryForkSource::readAt(uint64_t off, void* buf, size_t n, Error* error) {
 
 std::unique_ptr<FdForkSource> FdForkSource::open(Env& env, int fd, Error* error) {
   struct stat st;
-  if (fstat(fd, &st) != 0) {
+  if (env.fstat(fd, &st) != 0) {
     fail(error, kHFSErrorDomain, kHFSErrorCouldNotRead, std::string("Could not read source data: ") + std::strerror(errno));
     return nullptr;
   }

@@ -14,6 +14,7 @@
 #include "helper/settings/plist_file.h"
 #include "helper/settings/resources.h"
 #include "platform/config_file.h"
+#include "platform/programs.h"
 
 namespace zephlore::pane {
 namespace {
@@ -80,10 +81,8 @@ bool autostartEntryInstalled(Env& env) {
 }
 
 std::string helperExecutablePath(Env& env) {
-  char self[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n > 0) {
-    std::string path(self, static_cast<size_t>(n));
+  const std::string path = thisProgramPath();
+  if (!path.empty()) {
     std::string helper = path.substr(0, path.rfind('/') + 1) + "zephlore-helper";
     // A newline cannot be written into the entry's Exec line.
     // Env::access() looks at a final link itself; the program is what must run.

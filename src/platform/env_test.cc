@@ -215,17 +215,6 @@ TEST(Env, VolumesAreDescribedFromStatfsTheMountTableAndSysfs) {
   EXPECT_EQ(fileSystemTypeName(0xEF53), "ext4");
   EXPECT_EQ(fileSystemTypeName(0x58465342), "xfs");
   EXPECT_EQ(fileSystemTypeName(0x12345), "Unknown");
-
-  auto entry = parseMountInfoLine(
-      "36 35 98:0 / /media/my\\040disk rw,noatime shared:1 master:2 - ext4 /dev/sdb1 rw");
-  ASSERT_TRUE(entry);
-  EXPECT_EQ(entry->major, 98u);
-  EXPECT_EQ(entry->minor, 0u);
-  EXPECT_EQ(entry->mountPoint, "/media/my disk");
-  EXPECT_EQ(entry->fsType, "ext4");
-  EXPECT_EQ(entry->source, "/dev/sdb1");
-  EXPECT_FALSE(parseMountInfoLine("36 35 98:0 / /mnt rw"));
-  EXPECT_FALSE(parseMountInfoLine(""));
 }
 
 }  // namespace

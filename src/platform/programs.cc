@@ -11,12 +11,21 @@
 
 namespace zephlore {
 
-std::string thisProgramFolder() {
+std::string thisProgramPath() {
   char buf[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", buf, sizeof buf - 1);
   if (length <= 0) return "";
-  std::string self(buf, static_cast<size_t>(length));
-  return self.substr(0, self.find_last_of('/'));
+  std::string path(buf, static_cast<size_t>(length));
+  const std::string deleted = " (deleted)";
+  if (path.size() > deleted.size() && path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
+    path.resize(path.size() - deleted.size());
+  }
+  return path;
+}
+
+std::string thisProgramFolder() {
+  const std::string self = thisProgramPath();
+  return self.empty() ? "" : self.substr(0, self.find_last_of('/'));
 }
 
 std::string findReadableFile(const std::vector<std::string>& folders, const std::string& name) {

@@ -7,6 +7,10 @@
 
 namespace zephlore {
 
+// The running program's executable; "" when it cannot be told. One replaced
+// on disk since (an upgrade) is named by its path, which now holds the new one.
+std::string thisProgramPath();
+
 // The folder of the running program (a build folder, an installation's
 // bin), where its sibling programs are; "" when it cannot be told.
 std::string thisProgramFolder();

@@ -10,29 +10,10 @@
 #include <climits>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 namespace zephlore {
 namespace {
-
-// Decodes the octal escapes the kernel writes for blanks, tabs, newlines and
-// backslashes in mount points.
-std::string unescapeMountField(const std::string& field) {
-  std::string out;
-  for (size_t i = 0; i < field.size(); ++i) {
-    if (field[i] == '\\' && i + 3 < field.size()) {
-      const char a = field[i + 1], b = field[i + 2], c = field[i + 3];
-      if (a >= '0' && a <= '3' && b >= '0' && b <= '7' && c >= '0' && c <= '7') {
-        out.push_back(static_cast<char>((a - '0') * 64 + (b - '0') * 8 + (c - '0')));
-        i += 3;
-        continue;
-      }
-    }
-    out.push_back(field[i]);
-  }
-  return out;
-}
 
 std::string readFirstLine(const std::string& path) {
   std::ifstream in(path);
@@ -96,37 +77,12 @@ std::string fileSystemTypeName(uint64_t fType) {
   return "Unknown";
 }
 
-std::optional<MountEntry> parseMountInfoLine(const std::string& line) {
-  std::istringstream in(line);
-  std::vector<std::string> fields;
-  for (std::string field; in >> field;) fields.push_back(field);
-  // id parent major:minor root mountpoint options [optional...] - type source ...
-  size_t dash = 6;
-  while (dash < fields.size() && fields[dash] != "-") ++dash;
-  if (fields.size() < 7 || dash + 2 >= fields.size()) return std::nullopt;
-  MountEntry entry;
-  const std::string& numbers = fields[2];
-  size_t colon = numbers.find(':');
-  if (colon == std::string::npos) return std::nullopt;
-  char* end = nullptr;
-  entry.major = static_cast<unsigned>(std::strtoul(numbers.c_str(), &end, 10));
-  if (end != numbers.c_str() + colon) return std::nullopt;
-  entry.minor = static_cast<unsigned>(std::strtoul(numbers.c_str() + colon + 1, &end, 10));
-  if (*end != '\0') return std::nullopt;
-  entry.mountPoint = unescapeMountField(fields[4]);
-  entry.fsType = unescapeMountField(fields[dash + 1]);
-  entry.source = unescapeMountField(fields[dash + 2]);
-  return entry;
-}
-
 std::optional<MountEntry> mountEntryFor(dev_t device, const std::string& resolvedPath) {
-  std::ifstream in("/proc/self/mountinfo");
   std::optional<MountEntry> best;
-  for (std::string line; std::getline(in, line);) {
-    std::optional<MountEntry> entry = parseMountInfoLine(line);
-    if (!entry || entry->major != major(device) || entry->minor != minor(device)) continue;
-    if (!isPathPrefix(entry->mountPoint, resolvedPath)) continue;
-    if (!best || entry->mountPoint.size() >= best->mountPoint.size()) best = entry;
+  for (MountEntry& entry : mountTable()) {
+    if (entry.major != major(device) || entry.minor != minor(device)) continue;
+    if (!isPathPrefix(entry.mountPoint, resolvedPath)) continue;
+    if (!best || entry.mountPoint.size() >= best->mountPoint.size()) best = std::move(entry);
   }
   return best;
 }

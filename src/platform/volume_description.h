@@ -9,22 +9,13 @@
 #include <string>
 
 #include "platform/env.h"
+#include "platform/mount_table.h"
 
 namespace zephlore {
 
 // The Linux name of a statfs f_type ("ext4", "xfs", "btrfs", "tmpfs", ...),
 // "Unknown" for a type we do not know.
 std::string fileSystemTypeName(uint64_t fType);
-
-// One line of /proc/self/mountinfo.
-struct MountEntry {
-  unsigned major = 0;
-  unsigned minor = 0;
-  std::string mountPoint;  // octal escapes (\040 ...) decoded
-  std::string fsType;
-  std::string source;
-};
-std::optional<MountEntry> parseMountInfoLine(const std::string& line);
 
 // The mount of device `device` whose mount point is the longest prefix of
 // `resolvedPath` (bind mounts and subvolumes share a device).

@@ -62,7 +62,4 @@ bool unmountView(const std::string& mountPoint, bool lazy, Error* error);
 // without following a final symbolic link.
 std::string absolutePath(const std::string& path);
 
-// A field of the mount table with its octal escapes undone ("\040" is a space).
-std::string unescapeMountField(const std::string& field);
-
 }  // namespace zephlore::view

@@ -1,5 +1,6 @@
 // The files beneath a view. A view's process holds the tree it shows open,
-// and /proc/PID/fd/N reaches that tree even where the view covers it; so a
+// and the path of that descriptor reaches the tree even where the view
+// covers it; so a
 // process of the same user (the helper, zephlore decompress) can work on the
 // stored files of a folder that programs see through a view.
 #pragma once
@@ -12,7 +13,7 @@ namespace zephlore::view {
 
 struct ViewCover {
   std::string mountPoint;  // where the view is mounted
-  std::string beneath;     // "/proc/PID/fd/N": the tree it shows
+  std::string beneath;     // the tree it shows, through the process's descriptor
 };
 
 // The view whose mount point is `path` or holds it (the innermost one);
@@ -20,7 +21,7 @@ struct ViewCover {
 std::optional<ViewCover> viewCovering(const std::string& path);
 
 // `path` made to reach the stored files when a view covers it
-// ("/proc/PID/fd/N/." for the mount point itself); `path` itself (absolute)
+// (the descriptor's path + "/." for the mount point itself); `path` itself (absolute)
 // otherwise.
 std::string pathBeneathViews(const std::string& path);
 

@@ -22,6 +22,7 @@
 #include "engine/hfs_uncompressor.h"
 #include "platform/acting_as.h"
 #include "platform/attribute_names.h"
+#include "platform/descriptor_paths.h"
 #include "platform/file_flags.h"
 #include "view/compressed_content.h"
 #include "view/layout_attributes.h"
@@ -131,8 +132,6 @@ class AsCaller {
   bool refused_ = false;
   std::optional<ActingAs> acting_;
 };
-
-std::string proc(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 // The content size a compressed file's header gives; none for a file that
 // is not in the compressed state (a file without the flag was left half
@@ -601,7 +600,7 @@ int viewReaddir(const char*, void* buf, fuse_fill_dir_t filler, off_t offset, fu
     if ((flags & FUSE_READDIR_PLUS) && env.fstatAt(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       fill = FUSE_FILL_DIR_PLUS;
       if (isCandidate(st)) {
-        const FileRef file = FileRef::atPath(proc(dirFd) + "/" + entry->d_name);
+        const FileRef file = FileRef::atPath(descriptorPath(dirFd) + "/" + entry->d_name);
         if (std::optional<uint64_t> size = fs().compressedSize(file, st)) {
           showContentSize(&st, *size);
         }
@@ -701,7 +700,7 @@ void showContentSize(struct stat* st, uint64_t size) {
 ViewFileSystem::ViewFileSystem(Env& env, UniqueFd root, std::string shownAs, size_t cacheBytes)
     : env_(env),
       root_(std::move(root)),
-      base_(proc(root_.get())),
+      base_(descriptorPath(root_.get())),
       shownAs_(std::move(shownAs)),
       cache_(cacheBytes),
       prefetcher_(2) {}

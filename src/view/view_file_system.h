@@ -69,7 +69,7 @@ class ViewFileSystem {
  private:
   Env& env_;
   UniqueFd root_;
-  const std::string base_;  // "/proc/self/fd/N", the root by descriptor
+  const std::string base_;  // the root, reached through its descriptor
   const std::string shownAs_;
   InflatedBlockCache cache_;
   BlockPrefetcher prefetcher_;  // after the cache: its work uses it

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "platform/descriptor_paths.h"
 #include "platform/env.h"
 #include "platform/fuse_availability.h"
 #include "platform/programs.h"
@@ -113,11 +114,9 @@ std::optional<ServingView> ViewMounter::servingView(const std::string& folder) c
   const std::string absolute = absolutePath(folder);
   std::optional<ViewCover> cover = viewCovering(absolute);
   if (!cover || cover->mountPoint != absolute) return std::nullopt;
-  // "/proc/PID/fd/N"
-  constexpr size_t kProcPrefix = 6;
-  const pid_t pid = static_cast<pid_t>(std::atoi(cover->beneath.c_str() + kProcPrefix));
-  if (cover->beneath.compare(0, kProcPrefix, "/proc/") != 0 || pid <= 0) return std::nullopt;
-  return ServingView{pid, cover->beneath};
+  const std::optional<DescriptorPathParts> served = splitDescriptorPath(cover->beneath);
+  if (!served) return std::nullopt;
+  return ServingView{served->pid, cover->beneath};
 }
 
 int ViewMounter::openTree(const ServingView& view) const {

@@ -17,7 +17,7 @@
 namespace zephlore::view {
 
 // The process serving a live view, and the path through which it reaches
-// the tree it shows ("/proc/PID/fd/N").
+// the tree it shows (through the process's descriptor on it).
 struct ServingView {
   pid_t pid = 0;
   std::string beneath;

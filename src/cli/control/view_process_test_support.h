@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/descriptor_paths.h"
 #include "view/mount_table.h"
 #include "view/underlying_tree.h"
 
@@ -22,7 +23,8 @@ inline int viewsMountedOn(const std::string& folder) {
 inline pid_t viewProcess(const std::string& folder) {
   std::optional<view::ViewCover> cover = view::viewCovering(folder);
   if (!cover || cover->mountPoint != folder) return 0;
-  return static_cast<pid_t>(atoi(cover->beneath.c_str() + 6));  // "/proc/PID/fd/N"
+  const std::optional<DescriptorPathParts> served = splitDescriptorPath(cover->beneath);
+  return served ? served->pid : 0;
 }
 
 }  // namespace zephlore::e2e

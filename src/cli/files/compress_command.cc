@@ -2,7 +2,6 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,6 +13,7 @@
 #include "cli/files/file_actions.h"
 #include "cli/files/file_command_parts.h"
 #include "cli/files/tree_run.h"
+#include "platform/descriptor_paths.h"
 #include "view/mount_table.h"
 #include "view/underlying_tree.h"
 
@@ -26,31 +26,13 @@ struct ConvertCliOptions {
   bool no_verify = false;
 };
 
-// "/proc/PID/fd/N/..." means nothing to the user: every line names the path
-// as given. `shown` pairs each path beneath a view with the path given.
-std::string asGiven(const std::vector<std::pair<std::string, std::string>>& shown, const std::string& text) {
-  std::string out = text;
-  for (const auto& [beneath, given] : shown) {
-    // "/proc/PID/fd/3" must not match in "/proc/PID/fd/31".
-    size_t at = 0;
-    while ((at = out.find(beneath, at)) != std::string::npos) {
-      const size_t end = at + beneath.size();
-      if (end < out.size() && isdigit(static_cast<unsigned char>(out[end]))) {
-        at = end;
-        continue;
-      }
-      out.replace(at, beneath.size(), given);
-      at += given.size();
-    }
-  }
-  return out;
-}
-
 // Under a view the stored files are reached beneath it: through the view
 // they look plain and their layout cannot be written. The paths to work on;
 // `run` learns to print them as given.
 std::vector<std::string> beneathViews(const std::vector<std::string>& given, RunOptions* run) {
   std::vector<std::string> paths;
+  // A path beneath a view means nothing to the user: every line names the
+  // path as given.
   auto shown = std::make_shared<std::vector<std::pair<std::string, std::string>>>();  // beneath, given
   for (const std::string& path : given) {
     const std::string beneath = view::pathBeneathViews(path);
@@ -64,7 +46,7 @@ std::vector<std::string> beneathViews(const std::vector<std::string>& given, Run
       fprintf(stderr, "zephlore: %s is covered by a view; working on the files stored beneath it\n", path.c_str());
     }
   }
-  if (!shown->empty()) run->shownAs = [shown](const std::string& text) { return asGiven(*shown, text); };
+  if (!shown->empty()) run->shownAs = [shown](const std::string& text) { return withDescriptorPathsShown(text, *shown); };
   return paths;
 }
 

@@ -1,50 +1,16 @@
 #include "helper/lifecycle/single_copy.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <climits>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "base/log.h"
+#include "platform/process_table.h"
 
 namespace zephlore {
 namespace {
-
-constexpr const char* kDeletedSuffix = " (deleted)";
-
-std::optional<std::string> executableOf(const std::string& proc_entry) {
-  char target[PATH_MAX];
-  ssize_t length = readlink((proc_entry + "/exe").c_str(), target, sizeof target - 1);
-  if (length <= 0) return std::nullopt;
-  std::string path(target, static_cast<size_t>(length));
-  const size_t suffix = strlen(kDeletedSuffix);
-  if (path.size() > suffix && path.compare(path.size() - suffix, suffix, kDeletedSuffix) == 0) {
-    path.resize(path.size() - suffix);
-  }
-  return path;
-}
-
-// Field 22 of /proc/PID/stat; the command name before it may hold spaces
-// and parentheses, so the fields are counted from its last ")".
-unsigned long long startTicksOf(const std::string& proc_entry) {
-  std::ifstream in(proc_entry + "/stat");
-  std::string line;
-  std::getline(in, line);
-  const size_t close = line.rfind(')');
-  if (close == std::string::npos) return 0;
-  std::istringstream fields(line.substr(close + 1));
-  std::string field;
-  for (int index = 3; index <= 22 && fields >> field; ++index) {
-    if (index == 22) return std::strtoull(field.c_str(), nullptr, 10);
-  }
-  return 0;
-}
 
 // RequestName with DO_NOT_QUEUE: whether this connection is the owner; none
 // when the bus could not be asked.
@@ -69,19 +35,14 @@ std::optional<bool> becomePrimaryOwner(GDBusConnection* connection, const std::s
 
 }  // namespace
 
-std::optional<std::string> ownExecutablePath() { return executableOf("/proc/self"); }
-
 std::vector<RunningCopy> runningCopiesOf(Env& env, const std::string& executable) {
   std::vector<RunningCopy> copies;
   const uid_t me = getuid();
-  for (const std::string& name : env.listDirectory("/proc").value_or(std::vector<std::string>{})) {
-    if (!isdigit(static_cast<unsigned char>(name[0]))) continue;
-    const std::string path = "/proc/" + name;
-    struct stat st;
-    if (env.lstat(path, &st) != 0 || st.st_uid != me) continue;
-    std::optional<std::string> exe = executableOf(path);
+  for (const pid_t pid : listProcesses(env)) {
+    if (processOwner(env, pid) != me) continue;
+    std::optional<std::string> exe = processExecutable(env, pid);
     if (!exe || *exe != executable) continue;
-    copies.push_back({atoi(name.c_str()), startTicksOf(path)});
+    copies.push_back({pid, processStartTicks(env, pid)});
   }
   return copies;
 }
@@ -92,7 +53,7 @@ SingleCopyVerdict checkSingleCopy(Env& env, GDBusConnection* connection, const s
   // the loser always sees two.
   const std::optional<bool> owner = connection ? becomePrimaryOwner(connection, busName) : std::nullopt;
   verdict.primaryOwner = owner.value_or(false);
-  std::optional<std::string> executable = ownExecutablePath();
+  std::optional<std::string> executable = ownExecutable(env);
   // The name decides whatever executable each copy runs (the package's and
   // a build tree's count apart, yet share the user's files).
   if (owner && !*owner) {
@@ -101,7 +62,7 @@ SingleCopyVerdict checkSingleCopy(Env& env, GDBusConnection* connection, const s
     return verdict;
   }
   if (!executable) {
-    KRLog("Cannot tell which program this is (/proc/self/exe): %s", strerror(errno));
+    KRLog("Cannot tell which program this is: %s", strerror(errno));
     verdict.copies = 1;
     return verdict;
   }

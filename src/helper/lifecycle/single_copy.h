@@ -19,11 +19,8 @@ namespace zephlore {
 
 struct RunningCopy {
   int pid = 0;
-  unsigned long long start_ticks = 0;  // since boot, from /proc/PID/stat
+  unsigned long long start_ticks = 0;  // since boot
 };
-
-// The executable this process runs (what /proc/self/exe points at).
-std::optional<std::string> ownExecutablePath();
 
 // Processes of this user whose executable is `executable`, this one included
 // when it runs it. An executable replaced on disk since (an upgrade) still

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "platform/process_table.h"
 #include "testing/session_bus.h"
 #include "testing/test_home.h"
 
@@ -22,7 +23,7 @@ bool listed(const std::vector<RunningCopy>& copies, pid_t pid) {
 }
 
 TEST(SingleCopy, CountsTheProcessesOfThisExecutableOnly) {
-  std::optional<std::string> exe = ownExecutablePath();
+  std::optional<std::string> exe = ownExecutable(Env::system());
   ASSERT_TRUE(exe);
   int hold[2];
   ASSERT_EQ(pipe(hold), 0);

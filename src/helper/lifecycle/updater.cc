@@ -11,24 +11,13 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/programs.h"
 
 namespace zephlore {
 
 std::string KRUpdater::ownVersion() { return ZEPHLORE_VERSION; }
 
-std::string KRUpdater::installedExecutable() {
-  char buf[PATH_MAX];
-  ssize_t length = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (length <= 0) return "";
-  std::string path(buf, static_cast<size_t>(length));
-  // The running file was replaced (an upgrade): the name now holds the new one.
-  const std::string deleted = " (deleted)";
-  if (path.size() > deleted.size() &&
-      path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
-    path.resize(path.size() - deleted.size());
-  }
-  return path;
-}
+std::string KRUpdater::installedExecutable() { return thisProgramPath(); }
 
 bool KRUpdater::relaunch() {
   std::string program = installedExecutable();
