@@ -5,10 +5,9 @@
 #include <libdbusmenu-glib/server.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "base/log.h"
 #include "helper/settings/resources.h"
+#include "platform/env.h"
 
 namespace zephlore {
 namespace {
@@ -44,7 +43,7 @@ GDBusInterfaceInfo* itemInterface() {
 // The folder of the SVG images, which trays search for the icon names.
 std::string iconFolder() {
   std::string any = resourcePath("icons/menubar-zephlore-normal.svg");
-  return any.empty() ? "" : std::filesystem::path(any).parent_path().string();
+  return any.empty() ? "" : parentDirectory(any);
 }
 
 DbusmenuMenuitem* addItem(DbusmenuMenuitem* root, const char* label, bool enabled) {
