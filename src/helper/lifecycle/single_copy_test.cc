@@ -35,18 +35,23 @@ TEST(SingleCopy, CountsTheProcessesOfThisExecutableOnly) {
     }
     _exit(0);
   }
+  // Closed by the exec itself: its end tells that the other one no longer
+  // runs our image.
+  int execed[2];
+  ASSERT_EQ(pipe2(execed, O_CLOEXEC), 0);
   pid_t other = fork();  // another executable
   if (other == 0) {
     dup2(hold[0], 0);
     close(hold[1]);
+    close(execed[0]);
     execlp("cat", "cat", static_cast<char*>(nullptr));
     _exit(127);
   }
   close(hold[0]);
-  // Until the other one has replaced its image it still runs ours.
-  const std::string other_exe = "/proc/" + std::to_string(other) + "/exe";
-  while (std::filesystem::read_symlink(other_exe) == *exe) {
-  }
+  close(execed[1]);
+  char c;
+  ASSERT_EQ(read(execed[0], &c, 1), 0);
+  close(execed[0]);
   const std::vector<RunningCopy> copies = runningCopiesOf(Env::system(), *exe);
   EXPECT_TRUE(listed(copies, getpid()));
   EXPECT_TRUE(listed(copies, twin));
