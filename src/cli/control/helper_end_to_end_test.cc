@@ -348,21 +348,5 @@ TEST_F(HelperEndToEnd, CommandsSentAsSoonAsTheHelperOwnsItsNameReachIt) {
   EXPECT_EQ(paused_rounds, rounds / 3);
 }
 
-TEST_F(HelperEndToEnd, TwoHelpersStartedTogetherLeaveOne) {
-  Child first({kBin + "zephlore-helper"});
-  Child second({kBin + "zephlore-helper"});
-  ASSERT_TRUE(waitForHelperName());
-  // The loser ends by itself; the winner runs until told to quit.
-  int fds[2] = {static_cast<int>(syscall(SYS_pidfd_open, first.pid(), 0)),
-                static_cast<int>(syscall(SYS_pidfd_open, second.pid(), 0))};
-  struct pollfd ends[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
-  ASSERT_EQ(poll(ends, 2, 10'000), 1) << "exactly one copy ends by itself";
-  close(fds[0]);
-  close(fds[1]);
-  ASSERT_EQ(zephlore({"quit"}).status, 0);
-  EXPECT_EQ(first.finish(), 0);
-  EXPECT_EQ(second.finish(), 0);
-}
-
 }  // namespace
 }  // namespace zephlore::e2e

@@ -279,53 +279,5 @@ TEST_F(HelperFaults, StoppedAndContinuedMidBatchFinishesItsWork) {
   EXPECT_EQ(leftovers(watched), "");
 }
 
-// A volume of its own, its blocks filled by another file and its room for
-// attributes (where the compressed data goes) too small for the whole batch.
-TEST_F(HelperFaults, AVolumeFullMidBatchLeavesEveryFileWhole) {
-  const std::string volume = folder_ / "small";
-  ASSERT_EQ(mkdir(volume.c_str(), 0755), 0);
-  // tmpfs counts attributes against its inode space, 1 KiB per inode.
-  if (mount("zephlore-full", volume.c_str(), "tmpfs", 0, "size=24m,nr_inodes=1200") != 0) {
-    GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
-  }
-  struct Unmount {
-    std::string path;
-    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-  } unmount{volume};
-
-  const std::string watched = volume + "/Batch";
-  ASSERT_EQ(mkdir(watched.c_str(), 0755), 0);
-  std::map<std::string, std::string> files;
-  for (uint32_t i = 0; i < 16; ++i) {
-    const std::string path = watched + "/file" + std::to_string(i) + ".txt";
-    files[path] = testkit::compressibleData(1 << 20, 200 + i);
-    testkit::writeFile(path, files[path]);
-  }
-  // The rest of the blocks: full, as df shows it.
-  {
-    std::ofstream filler(volume + "/filler", std::ios::binary);
-    const std::string chunk(1 << 16, 'x');
-    while (filler.write(chunk.data(), static_cast<std::streamsize>(chunk.size()))) {
-    }
-  }
-
-  ASSERT_TRUE(startHelper());
-  ASSERT_EQ(zephlore({"add", watched}).status, 0);
-  int compressed = 0, refused = 0;
-  for (const auto& [path, data] : files) {
-    const bool done = outcomeOf(path);
-    EXPECT_TRUE(toldOutcomeOf(path)) << path << "\n" << helper_->err();
-    compressed += done;
-    refused += !done && toldOutcomeOf(path);
-  }
-  std::cout << "[ NOTE     ] full volume: " << compressed << " compressed, " << refused << " refused\n";
-  EXPECT_GT(compressed, 0);
-  EXPECT_GT(refused, 0) << "the volume never ran out of room";
-  expectNoSpin("volume full");
-  EXPECT_EQ(quitHelper(), 0) << helper_->err();
-  expectContents(files);
-  EXPECT_EQ(leftovers(watched), "");
-}
-
 }  // namespace
 }  // namespace zephlore::e2e

@@ -3,12 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <future>
-#include <thread>
 
-#include "desktop/helper_status_service.h"
 #include "helper/bus/distributed_notification_center.h"
-#include "helper/settings/exclusions_processor.h"
 #include "helper/settings/plist_file.h"
 #include "pane/autostart_entry.h"
 #include "pane/exclusion_lists.h"
@@ -46,31 +42,6 @@ class PaneCommandsTest : public ::testing::Test {
   RunLoop loop{clock};
   DistributedNotificationCenter center;
 };
-
-TEST_F(PaneCommandsTest, DeactivateChangesTheFileBeforeItsNoticeIsOnTheBus) {
-  // The observer runs on a loop of its own, so it reads the file while the
-  // command may still be running: a notice posted before the write would
-  // find the old value.
-  RunLoop observer_loop{clock};
-  std::promise<std::optional<bool>> seen;
-  center.addObserver(
-      kActiveStatusNotification,
-      [&](const Notification&) {
-        seen.set_value(fileBool(defaultsFile(), "active"));
-        observer_loop.stop();
-      },
-      observer_loop);
-  std::thread observer([&] { observer_loop.run(); });
-  center.ownName(kHelperBusName);  // a helper is "running"
-  KRHelperStatusService listening(center.connection(), loop);  // and listens
-
-  ProcessResult result = testkit::runZephlore({"deactivate"});
-  std::optional<bool> active = seen.get_future().get();
-  observer.join();
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(active, false);
-  EXPECT_EQ(result.out, "zephlore-helper is inactive.\n");
-}
 
 TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
   struct Step {
@@ -115,25 +86,6 @@ TEST_F(PaneCommandsTest, EachCommandPostsItsNameAfterWritingItsFile) {
     // Without a helper on the bus the command says so.
     EXPECT_NE(result.out.find("not running"), std::string::npos) << result.out;
   }
-}
-
-TEST_F(PaneCommandsTest, ExcludeExtAddMakesAListeningProcessorReload) {
-  KRExclusionsProcessor processor{Env::system(), center, loop};
-  EXPECT_FALSE(processor.isExcluded("/x/x.jpg"));
-  ProcessResult result = testkit::runZephlore({"exclude-ext", "add", "JPG"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_TRUE(loop.runUntil([&] { return processor.isExcluded("/x/x.jpg"); }));
-  EXPECT_TRUE(processor.isExcluded("/x/PHOTO.Jpg"));
-
-  std::filesystem::create_directories(home.root() + "/Pictures/raw");
-  result = testkit::runZephlore({"exclude", "add", home.root() + "/Pictures/raw/"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_TRUE(
-      loop.runUntil([&] { return processor.isExcluded(home.root() + "/Pictures/raw/a"); }));
-
-  result = testkit::runZephlore({"exclude-ext", "remove", ".jpg"});
-  ASSERT_EQ(result.status, 0) << result.err;
-  ASSERT_TRUE(loop.runUntil([&] { return !processor.isExcluded("/x/x.jpg"); }));
 }
 
 TEST_F(PaneCommandsTest, ListsAreEditedByMeaningNotByText) {

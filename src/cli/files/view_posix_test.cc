@@ -199,34 +199,21 @@ TEST(ViewOtherUsers, AUsersViewClosedToOthersIsNamedWithTheLineThatOpensIt) {
 }
 
 // Each name of a file of several links is a file of its own to the kernel,
-// which keeps attributes for a moment: a change through one name shows at
-// once through the others, as beneath.
-TEST_F(OneFileView, AChangeThroughOneHardLinkShowsAtOnceThroughTheOthers) {
+// which keeps attributes for a moment: when another file is renamed over one
+// name, the others show the lower link count at once, as beneath. (Links,
+// modes and owners seen through every name are pjdfstest's link/00.t.)
+TEST_F(OneFileView, AFileRenamedOverOneHardLinkShowsAtOnceThroughTheOthers) {
   auto r = runZephlore({"mount", source, shown});
   ASSERT_EQ(r.status, 0) << r.err;
-  const std::string a = shown + "/a", b = shown + "/b", c = shown + "/c";
-  auto statOf = [](const std::string& path) {
-    struct stat st{};
-    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
-    return st;
-  };
-  EXPECT_EQ(statOf(a).st_nlink, 1u);  // now in the kernel's cache
+  const std::string a = shown + "/a", b = shown + "/b";
   ASSERT_EQ(link(a.c_str(), b.c_str()), 0);
-  EXPECT_EQ(statOf(a).st_nlink, 2u);
-  ASSERT_EQ(link(b.c_str(), c.c_str()), 0);
-  EXPECT_EQ(statOf(a).st_nlink, 3u);
-  ASSERT_EQ(chmod(b.c_str(), 0600), 0);
-  ASSERT_EQ(chown(c.c_str(), 65534, 65534), 0);
-  for (const std::string& name : {a, b, c}) {
-    const struct stat st = statOf(name);
-    EXPECT_EQ(st.st_mode & 07777, 0600u) << name;
-    EXPECT_EQ(st.st_uid, 65534u) << name;
-  }
-  ASSERT_EQ(unlink(a.c_str()), 0);
-  EXPECT_EQ(statOf(b).st_nlink, 2u);
+  struct stat st{};
+  ASSERT_EQ(lstat(a.c_str(), &st), 0);  // now in the kernel's cache
+  EXPECT_EQ(st.st_nlink, 2u);
   testkit::writeFile(source + "/d", "other");
-  ASSERT_EQ(rename((shown + "/d").c_str(), c.c_str()), 0);  // c's name goes to another file
-  EXPECT_EQ(statOf(b).st_nlink, 1u);
+  ASSERT_EQ(rename((shown + "/d").c_str(), b.c_str()), 0);  // b's name goes to another file
+  ASSERT_EQ(lstat(a.c_str(), &st), 0);
+  EXPECT_EQ(st.st_nlink, 1u);
 }
 
 }  // namespace
