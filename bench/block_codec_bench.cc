@@ -64,7 +64,7 @@ int sourceFile() {
 int forkFile() {
   static const int fd = [] {
     const int f = shmFile();
-    if (!writeForkImage(Env::shared(), sourceFile(), kDataSize, f, ForkWriteOptions{0, false}, nullptr, nullptr)) std::abort();
+    if (!writeForkImage(Env::system(), sourceFile(), kDataSize, f, ForkWriteOptions{0, false}, nullptr, nullptr)) std::abort();
     return f;
   }();
   return fd;
@@ -94,7 +94,7 @@ void BM_WriteFork(benchmark::State& state) {
   options.verify = state.range(1) != 0;
   for (auto _ : state) {
     Error error;
-    if (!writeForkImage(Env::shared(), source, kDataSize, fork, options, nullptr, &error)) state.SkipWithError(error.message.c_str());
+    if (!writeForkImage(Env::system(), source, kDataSize, fork, options, nullptr, &error)) state.SkipWithError(error.message.c_str());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kDataSize));
   state.counters["workers"] = options.workers;
@@ -105,8 +105,8 @@ BENCHMARK(BM_WriteFork)->Args({1, 1})->Args({1, 0})->Args({0, 1})->Unit(benchmar
 
 void BM_ExpandFork(benchmark::State& state) {
   const int workers = state.range(0) == 0 ? cores() : static_cast<int>(state.range(0));
-  auto source = FdForkSource::open(Env::shared(), forkFile(), nullptr);
-  auto reader = CompressedForkReader::open(Env::shared(), *source, kDataSize, nullptr);
+  auto source = FdForkSource::open(Env::system(), forkFile(), nullptr);
+  auto reader = CompressedForkReader::open(Env::system(), *source, kDataSize, nullptr);
   const int out = open("/dev/null", O_WRONLY);
   for (auto _ : state) {
     Error error;
@@ -121,8 +121,8 @@ BENCHMARK(BM_ExpandFork)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseReal
 // Sequential reads of the given size through the whole file.
 void BM_RangeRead(benchmark::State& state) {
   const size_t chunk = static_cast<size_t>(state.range(0));
-  auto source = FdForkSource::open(Env::shared(), forkFile(), nullptr);
-  auto reader = CompressedForkReader::open(Env::shared(), *source, kDataSize, nullptr);
+  auto source = FdForkSource::open(Env::system(), forkFile(), nullptr);
+  auto reader = CompressedForkReader::open(Env::system(), *source, kDataSize, nullptr);
   std::vector<uint8_t> buf(chunk);
   for (auto _ : state) {
     for (uint64_t offset = 0; offset < kDataSize; offset += chunk) {
@@ -136,8 +136,8 @@ BENCHMARK(BM_RangeRead)->Arg(4096)->Arg(1 << 20)->Unit(benchmark::kMillisecond)-
 
 // One random 4 KiB read: the cost of reaching into the middle of a file.
 void BM_RandomRead4K(benchmark::State& state) {
-  auto source = FdForkSource::open(Env::shared(), forkFile(), nullptr);
-  auto reader = CompressedForkReader::open(Env::shared(), *source, kDataSize, nullptr);
+  auto source = FdForkSource::open(Env::system(), forkFile(), nullptr);
+  auto reader = CompressedForkReader::open(Env::system(), *source, kDataSize, nullptr);
   std::vector<uint8_t> buf(4096);
   uint32_t x = 7;
   for (auto _ : state) {

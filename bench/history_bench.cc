@@ -15,7 +15,7 @@
 
 #include "base/clock.h"
 #include "base/run_loop.h"
-#include "base/util.h"
+#include "base/data_folder.h"
 #include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
 
@@ -33,7 +33,7 @@ struct Setting {
     std::filesystem::create_directories(root + "/data");
     setenv("XDG_DATA_HOME", (root + "/data").c_str(), 1);
     loop.runUntilIdle();  // this thread is the main thread
-    KRUtil::applicationSupportFolder();
+    findDataFolder();
     // The setting lives as long as the process; the folder goes at exit.
     std::atexit([] {
       std::error_code ignored;

@@ -102,13 +102,13 @@ void BM_RoundTrip(benchmark::State& state) {
     zephlore::HFSCompressionOptions options;
     options.workers = workers;
     auto start = Clock::now();
-    if (!zephlore::QVHFSCompressedFileRepresentation::compressInPlacePath(zephlore::Env::shared(), path, &error, &saved, nullptr, nullptr,
+    if (!zephlore::QVHFSCompressedFileRepresentation::compressInPlacePath(zephlore::Env::system(), path, &error, &saved, nullptr, nullptr,
                                                                          options)) {
       state.SkipWithError(("compress: " + error.describe()).c_str());
       break;
     }
     auto compressed = Clock::now();
-    if (!zephlore::QVHFSUncompressor::expandInPlacePath(zephlore::Env::shared(), path, &error, nullptr, nullptr, false, {workers})) {
+    if (!zephlore::QVHFSUncompressor::expandInPlacePath(zephlore::Env::system(), path, &error, nullptr, nullptr, false, {workers})) {
       state.SkipWithError(("expand: " + error.describe()).c_str());
       break;
     }

@@ -141,7 +141,7 @@ void BM_MarkingAndIdle(benchmark::State& state) {
   Bench& b = bench();
   SystemClock real;
   RunLoop loop(real);
-  EventJournal journal(Env::shared(), b.base + "/bench.journal");
+  EventJournal journal(Env::system(), b.base + "/bench.journal");
   double mark_ms = 0;
   long rss = 0;
   size_t marked = 0;

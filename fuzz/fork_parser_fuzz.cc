@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   MemoryForkSource source(data + 1 + kDecmpfsValueSize, size - 1 - kDecmpfsValueSize);
   Error error;
-  auto reader = CompressedForkReader::open(zephlore::Env::shared(), source, uncompressedSize, &error);
+  auto reader = CompressedForkReader::open(zephlore::Env::system(), source, uncompressedSize, &error);
   if (!reader) return 0;
 
   // Ranges: the start, one chosen by the control byte across a block

@@ -16,19 +16,23 @@ bool isDirectory(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-}  // namespace
-
-SharedInstance<DataFolder>& DataFolder::sharedInstance() {
-  static SharedInstance<DataFolder> instance([] { return new DataFolder; });
-  return instance;
-}
-
-std::optional<std::string> DataFolder::chooseIn(const std::string& base, Error* error) {
-  for (const char* earlier : kEarlierNames) {
+std::optional<std::string> earlierFolderIn(const std::string& base) {
+  for (const char* earlier : kEarlierDataFolderNames) {
     std::string candidate = base + "/" + earlier;
     if (isDirectory(candidate)) return candidate;
   }
-  std::string folder = base + "/" + kName;
+  return std::nullopt;
+}
+
+std::string fileIn(const std::string& folder, const char* name) {
+  return folder.empty() ? "" : folder + "/" + name;
+}
+
+}  // namespace
+
+std::optional<std::string> chooseDataFolderIn(const std::string& base, Error* error) {
+  if (std::optional<std::string> earlier = earlierFolderIn(base)) return earlier;
+  std::string folder = base + "/" + kDataFolderName;
   if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
     fail(error, kHelperErrorDomain, errno,
          "cannot create the data folder " + folder + ": " + std::strerror(errno));
@@ -41,37 +45,34 @@ std::optional<std::string> DataFolder::chooseIn(const std::string& base, Error* 
   return folder;
 }
 
-std::optional<std::string> DataFolder::path(Error* error) {
-  std::lock_guard lock(mutex_);
-  if (path_) return path_;
+std::optional<std::string> findDataFolder(Error* error) {
   std::optional<std::string> base = dataHome();
   if (!base) {
     fail(error, kHelperErrorDomain, ENOENT, "no home folder and no private runtime folder");
     return std::nullopt;
   }
   if (!makeFolders(*base, error)) return std::nullopt;
-  path_ = chooseIn(*base, error);
-  return path_;
+  return chooseDataFolderIn(*base, error);
 }
 
-// --- The forms the rest of the helper calls ----------------------------------
-
-std::optional<std::string> KRUtil::applicationSupportFolder() {
-  return DataFolder::shared().path();
+std::optional<std::string> existingDataFolder() {
+  std::optional<std::string> base = dataHome();
+  if (!base) return std::nullopt;
+  if (std::optional<std::string> earlier = earlierFolderIn(*base)) return earlier;
+  std::string folder = *base + "/" + kDataFolderName;
+  if (!isDirectory(folder)) return std::nullopt;
+  return folder;
 }
 
-std::optional<std::string> KRUtil::applicationSupportFolder(Error* error) {
-  return DataFolder::shared().path(error);
+std::string exclusionPathsFileIn(const std::string& dataFolder) {
+  return fileIn(dataFolder, kExclusionPathsFileName);
 }
 
-std::string KRUtil::pathToExclusionPathsFile() {
-  std::optional<std::string> folder = applicationSupportFolder();
-  return folder ? *folder + "/" + DataFolder::kExclusionPathsFileName : "";
+std::string exclusionExtensionsFileIn(const std::string& dataFolder) {
+  return fileIn(dataFolder, kExclusionExtensionsFileName);
 }
 
-std::string KRUtil::pathToExclusionExtensionsFile() {
-  std::optional<std::string> folder = applicationSupportFolder();
-  return folder ? *folder + "/" + DataFolder::kExclusionExtensionsFileName : "";
-}
+// Only the history still looks the folder up itself.
+std::optional<std::string> KRUtil::applicationSupportFolder() { return findDataFolder(); }
 
 }  // namespace zephlore

@@ -1,6 +1,5 @@
-// KRUtil: small helpers of the helper process: where its private data
-// folder is (cached, see DataFolder), how byte counts and dates are shown,
-// file ages and group membership for the analyzer's candidate test.
+// KRUtil: small helpers of the helper process: how byte counts and dates are
+// shown, file ages and group membership for the analyzer's candidate test.
 #pragma once
 
 #include <sys/types.h>
@@ -21,18 +20,9 @@ class KRUtil {
  public:
   KRUtil() = delete;
 
-  // --- The data folder (kept by DataFolder) ---------------------------
-
-  // The helper's data folder (see DataFolder::path()); none when it could
-  // not be made.
+  // findDataFolder(), for the history, which does not yet take the folder
+  // from its owner.
   static std::optional<std::string> applicationSupportFolder();
-  // The same, telling why it failed.
-  static std::optional<std::string> applicationSupportFolder(Error* error);
-
-  // Data folder + "excludedPaths.plist" / "excludedExtensions.plist"; "" when
-  // there is no data folder.
-  static std::string pathToExclusionPathsFile();
-  static std::string pathToExclusionExtensionsFile();
 
   // --- Display -----------------------------------------------------------
 

@@ -35,74 +35,77 @@ TEST(UtilDataFolder, OlderFolderNamesWinInOrderThenZephloreIsCreated) {
 
   // A plain file called "Krimble" is not a folder and is passed over.
   std::ofstream(base + "/Krimble") << "x";
-  auto folder = DataFolder::chooseIn(base, &error);
+  auto folder = chooseDataFolderIn(base, &error);
   ASSERT_TRUE(folder) << error.message;
   EXPECT_EQ(*folder, base + "/Zephlore");
   EXPECT_EQ(modeOf(*folder), 0700u);
 
   fs::create_directory(base + "/Krimbler");
-  EXPECT_EQ(DataFolder::chooseIn(base, &error), base + "/Krimbler");
+  EXPECT_EQ(chooseDataFolderIn(base, &error), base + "/Krimbler");
   fs::remove(base + "/Krimble");
   fs::create_directory(base + "/Krimble");
-  EXPECT_EQ(DataFolder::chooseIn(base, &error), base + "/Krimble");
+  EXPECT_EQ(chooseDataFolderIn(base, &error), base + "/Krimble");
 
   // No intermediate folders are made for the data folder itself.
-  EXPECT_FALSE(DataFolder::chooseIn(base + "/missing/deeper", &error));
+  EXPECT_FALSE(chooseDataFolderIn(base + "/missing/deeper", &error));
   EXPECT_NE(error.message.find("cannot create the data folder"), std::string::npos);
   EXPECT_FALSE(fs::exists(base + "/missing"));
 
   // "Zephlore" taken by a file: a clear failure, not a crash.
   ScratchDir other;
   std::ofstream(other.path() + "/Zephlore") << "x";
-  EXPECT_FALSE(DataFolder::chooseIn(other.path(), &error));
+  EXPECT_FALSE(chooseDataFolderIn(other.path(), &error));
   EXPECT_NE(error.message.find("is not a folder"), std::string::npos);
 }
 
-TEST(UtilDataFolder, FailureIsNotCachedSuccessIsCachedForGood) {
-  ScopedShared<DataFolder> fresh;
+TEST(UtilDataFolder, FoundAfreshEachTimeAndNeverMadeByTheLookUpOfAnExistingOne) {
   ScratchDir tmp;
   // A data home below a plain file cannot be made.
   std::ofstream(tmp.path() + "/file") << "x";
   ScopedEnvVar data("XDG_DATA_HOME", tmp.path() + "/file/data");
   Error error;
-  EXPECT_FALSE(KRUtil::applicationSupportFolder(&error));
+  EXPECT_FALSE(findDataFolder(&error));
   EXPECT_FALSE(error.message.empty());
-  EXPECT_EQ(KRUtil::pathToExclusionPathsFile(), "");
+  EXPECT_EQ(exclusionPathsFileIn(""), "");
 
   // A missing data home (a fresh account) is made, with non-UTF-8 bytes.
   const std::string home = tmp.path() + "/fresh\xff/share";
   setenv("XDG_DATA_HOME", home.c_str(), 1);
-  auto folder = KRUtil::applicationSupportFolder();
+  EXPECT_FALSE(existingDataFolder()) << "only looked for";
+  auto folder = findDataFolder();
   ASSERT_TRUE(folder);
   EXPECT_EQ(*folder, home + "/Zephlore");
   EXPECT_EQ(modeOf(home), 0700u);
-  EXPECT_EQ(KRUtil::pathToExclusionPathsFile(), home + "/Zephlore/excludedPaths.plist");
-  EXPECT_EQ(KRUtil::pathToExclusionExtensionsFile(), home + "/Zephlore/excludedExtensions.plist");
+  EXPECT_EQ(existingDataFolder(), folder);
+  EXPECT_EQ(exclusionPathsFileIn(*folder), home + "/Zephlore/excludedPaths.plist");
+  EXPECT_EQ(exclusionExtensionsFileIn(*folder), home + "/Zephlore/excludedExtensions.plist");
 
-  // Cached: neither a new environment nor a removed folder changes it.
+  // Nothing kept: a removed folder is gone for the look-up, and an earlier
+  // installation's folder is taken as soon as it is there.
   fs::remove_all(home);
-  setenv("XDG_DATA_HOME", tmp.path().c_str(), 1);
-  EXPECT_EQ(KRUtil::applicationSupportFolder(), home + "/Zephlore");
+  EXPECT_FALSE(existingDataFolder());
+  EXPECT_FALSE(fs::exists(home));
+  fs::create_directories(home + "/Krimbler");
+  EXPECT_EQ(existingDataFolder(), home + "/Krimbler");
+  EXPECT_EQ(findDataFolder(), home + "/Krimbler");
 }
 
 TEST(UtilDataFolder, RelativeXdgDataHomeIsIgnoredForHome) {
-  ScopedShared<DataFolder> fresh;
   ScratchDir tmp;
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
   ScopedEnvVar data("XDG_DATA_HOME", "relative/share");
   ScopedEnvVar home("HOME", tmp.path());
-  EXPECT_EQ(KRUtil::applicationSupportFolder(), tmp.path() + "/.local/share/Zephlore");
+  EXPECT_EQ(findDataFolder(), tmp.path() + "/.local/share/Zephlore");
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("ignoring XDG_DATA_HOME"), std::string::npos);
 
   // No home at all: the private runtime folder, never a shared one.
-  ScopedShared<DataFolder> again;
   ScopedEnvVar no_data("XDG_DATA_HOME", std::nullopt);
   ScopedEnvVar no_home("HOME", std::nullopt);
   ScopedEnvVar runtime("XDG_RUNTIME_DIR", tmp.path());
   if (homeFolder().empty()) {  // the user database may still know one
-    EXPECT_EQ(KRUtil::applicationSupportFolder(), tmp.path() + "/zephlore/Zephlore");
+    EXPECT_EQ(findDataFolder(), tmp.path() + "/zephlore/Zephlore");
   }
 }
 

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "base/clock.h"
+#include "base/data_folder.h"
 #include "base/log.h"
 #include "cli/control/commands.h"
 #include "cli/files/commands.h"
@@ -13,14 +14,18 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("zephlore ") + ZEPHLORE_VERSION);
   int exit_code = 0;
-  // The one place the command takes the process's Env and makes its clock; its parts get them from here.
-  zephlore::Env& env = zephlore::Env::shared();
+  // The one place the command takes the process's Env, makes its clock and
+  // finds the data folder; its parts get them from here.
+  zephlore::Env& env = zephlore::Env::system();
   zephlore::SystemClock clock;
-  zephlore::cli::addFileCommands(app, env, clock, &exit_code);
-  zephlore::cli::addPaneCommands(app, env, clock, &exit_code);
-  zephlore::cli::addFolderCommands(app, env, clock, &exit_code);
-  zephlore::cli::addMountCommands(app, env, clock, &exit_code);
-  zephlore::cli::addStatusCommands(app, env, clock, &exit_code);
+  zephlore::Error dataFolderError;
+  const std::optional<std::string> found = zephlore::findDataFolder(&dataFolderError);
+  const zephlore::FoundDataFolder dataFolder{found.value_or(""), dataFolderError.message};
+  zephlore::cli::addFileCommands(app, env, clock, dataFolder, &exit_code);
+  zephlore::cli::addPaneCommands(app, env, clock, dataFolder.path, &exit_code);
+  zephlore::cli::addFolderCommands(app, env, clock, dataFolder.path, &exit_code);
+  zephlore::cli::addMountCommands(app, env, clock, dataFolder, &exit_code);
+  zephlore::cli::addStatusCommands(app, env, clock, dataFolder.path, &exit_code);
   zephlore::cli::addWindowCommand(app, env, &exit_code);
   try {
     app.parse(argc, argv);

@@ -42,7 +42,7 @@ KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string 
       dataFolder_(std::move(dataFolder)),
       bus_(bus),
       communicator_(bus),
-      defaults_(Env::system(), &communicator_),
+      defaults_(Env::system(), dataFolder_, &communicator_),
       helperDefaults_(Env::system()),
       helper_(std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_,
                                        Helper::Settings{defaults_, helperDefaults_},

@@ -22,7 +22,7 @@ namespace {
 // view ending.
 class ProcessViews final : public view::ViewMounter {
  public:
-  ProcessViews() : ViewMounter(Env::shared(), "unused") {}
+  ProcessViews() : ViewMounter(Env::system(), "unused") {}
   bool mountOver(const std::string& folder, Error* error) override {
     ++mounts;
     if (!mountWorks) return fail(error, "posix", EIO, "cannot mount a view over " + folder + ": refused");
@@ -84,10 +84,10 @@ class FolderViewsTest : public ::testing::Test {
   NotificationCenter center;
   testkit::NotificationRecorder recorder{clock, center};
   OperationQueue queue{1};
-  KRCompressor compressor{loop, Env::shared(), center, {.compressionQueue = &queue, .load = &load}};
+  KRCompressor compressor{loop, Env::system(), center, {.compressionQueue = &queue, .load = &load}};
   ProcessViews* mounter = new ProcessViews();
   PathMap map;
-  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map, Env::shared()};
+  KRFolderViews views{std::unique_ptr<view::ViewMounter>(mounter), loop, map, Env::system()};
   std::vector<std::string> restored;
 };
 

@@ -27,7 +27,7 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       record_(env, dataFolder),
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop, messaging.notices),
-      exclusions_(env, messaging.bus, loop),
+      exclusions_(env, dataFolder_, messaging.bus, loop),
       history_(loop, env,
                {.postSavingsChanged = [this] { messaging_.bus.postNotificationName(kSavingsChangedNotification); },
                 .helperActive = [this] { return settings_.user.helperActive(); },
@@ -162,7 +162,6 @@ void Helper::start() {
   };
   links.mountStatusDidChangeForPath = [this](const std::string& path) { history_.mountStatusDidChangeForPath(path); };
   KRPathWatcherEvents::Options eventOptions;
-  eventOptions.env = &env_;
   eventOptions.map = &map_;
   eventOptions.ownRewrites = &ownRewrites_;
   eventOptions.settings = &settings_.own;

@@ -12,11 +12,11 @@
 #include <csignal>
 #include <cstring>
 
+#include "base/data_folder.h"
 #include "base/error.h"
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "base/sped_up_clock.h"
-#include "base/util.h"
 #include "desktop/app_delegate.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "helper/lifecycle/single_copy.h"
@@ -68,7 +68,7 @@ int main() {
   // or the record of the file being rewritten, which makes compressing
   // unsafe: say why and stop rather than run doing nothing.
   Error error;
-  std::optional<std::string> folder = KRUtil::applicationSupportFolder(&error);
+  std::optional<std::string> folder = findDataFolder(&error);
   if (!folder) {
     KRLog("*** ZephloreHelper: no data folder: %s", error.message.c_str());
     return 1;
@@ -76,7 +76,7 @@ int main() {
   KRLog("ZephloreHelper: data folder %s", folder->c_str());
 
   // The one place the helper takes the process's Env; its parts get it from here.
-  Env& env = Env::shared();
+  Env& env = Env::system();
 
   // The process's one session-bus connection; it lives until the process
   // ends, as GLib's thread may still deliver on it.

@@ -4,7 +4,6 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "base/util.h"
 #include "helper/history/history_database.h"
 #include "testing/files.h"
 #include "testing/notification_server.h"
@@ -29,7 +28,6 @@ TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
   struct Uninstall {
     ~Uninstall() { KRHelperUtil::setNoticeBridge(nullptr); }
   } uninstall;
-  KRUtil::applicationSupportFolder();
   std::string noise;
   for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));
   testkit::writeFile(KRHelperUtil::databasePath(), noise);

@@ -22,7 +22,7 @@ CandidateRejection check(const std::string& path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return CandidateRejection::kVanished;
   Error error;
-  return checkCompressCandidate(Env::shared(), {path, AT_FDCWD, path.c_str(), &st, true}, false, &error);
+  return checkCompressCandidate(Env::system(), {path, AT_FDCWD, path.c_str(), &st, true}, false, &error);
 }
 
 TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
@@ -43,7 +43,7 @@ TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
   EXPECT_EQ(check(dir / "4096"), CandidateRejection::kHardLinks);
   ASSERT_EQ(unlink((dir / "other").c_str()), 0);
 
-  ASSERT_TRUE(KRExtendedAttributesHelper::setUncompressableAttributeAt(Env::shared(), dir / "4096"));
+  ASSERT_TRUE(KRExtendedAttributesHelper::setUncompressableAttributeAt(Env::system(), dir / "4096"));
   EXPECT_EQ(check(dir / "4096"), CandidateRejection::kMarkedNotCompressible);
 
   ASSERT_EQ(symlink("4096", (dir / "link").c_str()), 0);

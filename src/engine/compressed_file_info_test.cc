@@ -27,11 +27,11 @@ TEST(CompressedFileInfoTest, TellsEachStateAndReadsAnyRangeOfTheContent) {
   Error error;
   CompressedFileInfo info;
   auto stateOf = [&] {
-    EXPECT_TRUE(CompressedFileInfo::inspect(Env::shared(), path, &info, &error)) << error.describe();
+    EXPECT_TRUE(CompressedFileInfo::inspect(Env::system(), path, &info, &error)) << error.describe();
     return info.state;
   };
   auto readsBack = [&] {
-    std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
+    std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::system(), path, &error);
     ASSERT_NE(reader, nullptr) << error.describe();
     ASSERT_EQ(reader->size(), data.size());
     const uint64_t offsets[] = {0, 65530, 65536, data.size() - 5, data.size(), 1ull << 40};
@@ -46,7 +46,7 @@ TEST(CompressedFileInfoTest, TellsEachStateAndReadsAnyRangeOfTheContent) {
   EXPECT_EQ(info.uncompressedSize, data.size());
   readsBack();
 
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error)) << error.describe();
   EXPECT_EQ(stateOf(), CompressionState::kCompressed);
   EXPECT_EQ(info.uncompressedSize, data.size());
   EXPECT_EQ(info.blockCount, 4u);
@@ -56,16 +56,16 @@ TEST(CompressedFileInfoTest, TellsEachStateAndReadsAnyRangeOfTheContent) {
 
   ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
   EXPECT_EQ(stateOf(), CompressionState::kIncomplete);
-  EXPECT_EQ(FileContentReader::open(Env::shared(), path, &error), nullptr);
+  EXPECT_EQ(FileContentReader::open(Env::system(), path, &error), nullptr);
   EXPECT_EQ(error.code, kHFSErrorNotCompressed);
   ASSERT_EQ(lsetxattr(path.c_str(), "user.com.apple.decmpfs", "abcd\x04\0\0\0\0\0\0\0\0\0\0\0", 16, 0), 0);
   EXPECT_EQ(stateOf(), CompressionState::kNotOurs);
   EXPECT_FALSE(info.problem.empty());
   writeFile(path, "new data");
   EXPECT_EQ(stateOf(), CompressionState::kMixed);
-  EXPECT_EQ(FileContentReader::open(Env::shared(), path, &error), nullptr);
+  EXPECT_EQ(FileContentReader::open(Env::system(), path, &error), nullptr);
   EXPECT_EQ(error.code, kHFSErrorWrittenAfterCompression);
-  EXPECT_FALSE(CompressedFileInfo::inspect(Env::shared(), dir.path(), &info, &error));
+  EXPECT_FALSE(CompressedFileInfo::inspect(Env::system(), dir.path(), &info, &error));
   EXPECT_EQ(error.code, kHFSErrorNotRegularFile);
 }
 

@@ -21,7 +21,7 @@ using testkit::TempFile;
 
 std::vector<uint8_t> makeFork(const std::vector<uint8_t>& data) {
   TempFile fork;
-  EXPECT_TRUE(writeForkImage(Env::shared(), data.data(), data.size(), fork.fd(), ForkWriteOptions{}, nullptr, nullptr));
+  EXPECT_TRUE(writeForkImage(Env::system(), data.data(), data.size(), fork.fd(), ForkWriteOptions{}, nullptr, nullptr));
   return fork.contents();
 }
 
@@ -56,9 +56,9 @@ TEST(CompressedForkReader, RangeReadsMatchTheContent) {
   const std::vector<uint8_t> fork = makeFork(data);
   TempFile forkFile(fork);
   Error error;
-  auto source = FdForkSource::open(Env::shared(), forkFile.fd(), &error);
+  auto source = FdForkSource::open(Env::system(), forkFile.fd(), &error);
   ASSERT_NE(source, nullptr);
-  auto reader = CompressedForkReader::open(Env::shared(), *source, data.size(), &error);
+  auto reader = CompressedForkReader::open(Env::system(), *source, data.size(), &error);
   ASSERT_NE(reader, nullptr) << error.describe();
   EXPECT_EQ(reader->uncompressedSize(), data.size());
   EXPECT_EQ(reader->blockCount(), 6u);
@@ -127,7 +127,7 @@ TEST(CompressedForkReader, HostileForksFailCleanly) {
     c.damage(fork);
     MemoryForkSource source(fork.data(), fork.size());
     Error error;
-    auto reader = CompressedForkReader::open(Env::shared(), source, c.size, &error);
+    auto reader = CompressedForkReader::open(Env::system(), source, c.size, &error);
     if (reader) {
       // The table passed: the damage must show when the blocks are read.
       std::vector<uint8_t> buf(data.size());
@@ -148,13 +148,13 @@ TEST(CompressedForkReader, HostileForksFailCleanly) {
   for (size_t length = 0; length < good.size(); length += (length < 400 ? 1 : 97)) {
     MemoryForkSource source(good.data(), length);
     Error error;
-    EXPECT_EQ(CompressedForkReader::open(Env::shared(), source, data.size(), &error), nullptr) << length;
+    EXPECT_EQ(CompressedForkReader::open(Env::system(), source, data.size(), &error), nullptr) << length;
     EXPECT_EQ(error.code, kHFSErrorCannotUncompress);
   }
   MemoryForkSource source(good.data(), good.size());
   Error error;
-  EXPECT_EQ(CompressedForkReader::open(Env::shared(), source, 65536, &error), nullptr);
-  auto reader = CompressedForkReader::open(Env::shared(), source, data.size() - 1, &error);
+  EXPECT_EQ(CompressedForkReader::open(Env::system(), source, 65536, &error), nullptr);
+  auto reader = CompressedForkReader::open(Env::system(), source, data.size() - 1, &error);
   ASSERT_NE(reader, nullptr);
   std::vector<uint8_t> buf(data.size());
   size_t got = 0;
@@ -168,16 +168,16 @@ TEST(CompressedForkReader, SourceReadFailuresPassThrough) {
   const std::vector<uint8_t> fork = makeFork(data);
   TempFile file(fork);
   // The descriptor's file shrinks after the source took its size.
-  FdForkSource source(Env::shared(), file.fd(), fork.size());
+  FdForkSource source(Env::system(), file.fd(), fork.size());
   Error error;
-  auto reader = CompressedForkReader::open(Env::shared(), source, data.size(), &error);
+  auto reader = CompressedForkReader::open(Env::system(), source, data.size(), &error);
   ASSERT_NE(reader, nullptr);
   ASSERT_EQ(ftruncate(file.fd(), static_cast<off_t>(fork.size() - 100)), 0);
   std::vector<uint8_t> buf(data.size());
   size_t got = 0;
   EXPECT_FALSE(reader->read(65536, buf.data(), 65536, &got, &error));
   EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
-  EXPECT_FALSE(FdForkSource::open(Env::shared(), -1, &error));
+  EXPECT_FALSE(FdForkSource::open(Env::system(), -1, &error));
   EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
 }
 
@@ -261,7 +261,7 @@ TEST(CompressedForkReader, BlocksStoredAsTheyAreBehindTheirMarkerAreRead) {
       {deflated(data, 0, 65536), stored(data, 65536, 65536), stored(data, 2 * 65536, 100)});
   MemoryForkSource source(fork.data(), fork.size());
   Error error;
-  auto reader = CompressedForkReader::open(Env::shared(), source, data.size(), &error);
+  auto reader = CompressedForkReader::open(Env::system(), source, data.size(), &error);
   ASSERT_NE(reader, nullptr) << error.describe();
   for (int workers : {1, 3}) {
     TempFile out;
@@ -278,7 +278,7 @@ TEST(CompressedForkReader, BlocksStoredAsTheyAreBehindTheirMarkerAreRead) {
   const std::vector<uint8_t> shortBlock =
       forkOfStoredBlocks({deflated(data, 0, 65536), stored(data, 65536, 65535), stored(data, 2 * 65536, 100)});
   MemoryForkSource shortSource(shortBlock.data(), shortBlock.size());
-  auto damaged = CompressedForkReader::open(Env::shared(), shortSource, data.size(), &error);
+  auto damaged = CompressedForkReader::open(Env::system(), shortSource, data.size(), &error);
   ASSERT_NE(damaged, nullptr) << error.describe();
   TempFile out;
   EXPECT_FALSE(damaged->expandTo(out.fd(), 1, &error));
@@ -292,7 +292,7 @@ TEST(CompressedForkReader, ZeroBlocksBecomeHoles) {
   const std::vector<uint8_t> fork = makeFork(data);
   MemoryForkSource source(fork.data(), fork.size());
   Error error;
-  auto reader = CompressedForkReader::open(Env::shared(), source, data.size(), &error);
+  auto reader = CompressedForkReader::open(Env::system(), source, data.size(), &error);
   ASSERT_NE(reader, nullptr) << error.describe();
   TempFile out;
   ASSERT_TRUE(reader->expandTo(out.fd(), 2, &error)) << error.describe();

@@ -54,7 +54,8 @@ class RecordingDelegate final : public QVHFSCompressedFileRepresentationDelegate
 
 // Runs `work` in a child that reports each system call and waits; kills it
 // at the first step `killAt` picks. Returns the last step seen.
-Step runAndKill(const std::function<void(bool& inCritical)>& work, const std::function<bool(const Step&)>& killAt) {
+Step runAndKill(const std::function<void(Env& env, bool& inCritical)>& work,
+                const std::function<bool(const Step&)>& killAt) {
   int report[2], go[2];
   if (pipe(report) != 0 || pipe(go) != 0) throw std::runtime_error("pipe");
   pid_t child = fork();
@@ -66,8 +67,7 @@ Step runAndKill(const std::function<void(bool& inCritical)>& work, const std::fu
       char ok;
       if (write(report[1], &step, sizeof step) != sizeof step || read(go[0], &ok, 1) != 1) _exit(3);
     });
-    ScopedSharedEnv use(&env);
-    work(inCritical);
+    work(env, inCritical);
     _exit(0);
   }
   close(report[1]);
@@ -109,11 +109,11 @@ TEST(CompressorCrashHeavyTest, KilledAnywhereEveryFileKeepsItsContent) {
     }
     HFSCompressionOptions options;
     options.useExchange = rng() % 4 != 0;  // the helper's setting, mostly on
-    auto compressAll = [&](bool& inCritical) {
-      InProcessRecordFile record(recordPath, Env::shared());
+    auto compressAll = [&](Env& env, bool& inCritical) {
+      InProcessRecordFile record(recordPath, env);
       RecordingDelegate delegate(record, inCritical);
       for (const std::string& name : names) {
-        Rep::compressInPlacePath(Env::shared(), dir / name, nullptr, nullptr, nullptr, &delegate, options);
+        Rep::compressInPlacePath(env, dir / name, nullptr, nullptr, nullptr, &delegate, options);
       }
     };
 
@@ -131,17 +131,17 @@ TEST(CompressorCrashHeavyTest, KilledAnywhereEveryFileKeepsItsContent) {
     killsInCritical += killed.index > 0 && killed.inCriticalSection;
 
     // The next start: recovery from the record, sometimes killed itself.
-    InProcessRecord previous = InProcessRecordFile(recordPath, Env::shared()).previous();
+    InProcessRecord previous = InProcessRecordFile(recordPath, Env::system()).previous();
     if (previous.path) {
       ++recoveries;
       const uint64_t size = static_cast<uint64_t>(previous.expectedSize);
       const uint32_t recoveryTarget = rng() % 4 == 0 ? 1 + rng() % 12 : 0;
       if (recoveryTarget) {
-        runAndKill([&](bool&) { Rep::recoverInProcessFileAtPath(Env::shared(), *previous.path, size); },
+        runAndKill([&](Env& env, bool&) { Rep::recoverInProcessFileAtPath(env, *previous.path, size); },
                    [&](const Step& step) { return step.index == recoveryTarget; });
       }
-      Rep::recoverInProcessFileAtPath(Env::shared(), *previous.path, size);
-      InProcessRecordFile(recordPath, Env::shared()).reset();
+      Rep::recoverInProcessFileAtPath(Env::system(), *previous.path, size);
+      InProcessRecordFile(recordPath, Env::system()).reset();
     }
 
     for (size_t i = 0; i < names.size(); ++i) {

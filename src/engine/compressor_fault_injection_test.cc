@@ -44,7 +44,7 @@ class CompressorFaultInjectionTest : public ::testing::Test {
     const struct timespec times[2] = {{1700000000, 111}, {1600000000, 222}};
     utimensat(AT_FDCWD, path_.c_str(), times, AT_SYMLINK_NOFOLLOW);
     if (compressed) {
-      EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+      EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
     }
     env_.clear();
     return FileSnapshot::take(path_);
@@ -70,13 +70,12 @@ class CompressorFaultInjectionTest : public ::testing::Test {
   ScratchDir dir_;
   const std::string path_ = dir_ / "file";
   FaultInjectingEnv env_;
-  ScopedSharedEnv use_{&env_};
 };
 
 TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas) {
   std::vector<Fault> faults = everyFault([&] {
     makeFile();
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
   });
   std::set<std::string> logged;  // each line with its path cut off
   ScopedLogCapture capture([&](const std::string& line) { logged.insert(line.substr(0, line.find(dir_.path()))); });
@@ -86,11 +85,11 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
     const FileSnapshot before = makeFile();
     env_.inject(fault);
     Error error;
-    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error);
+    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error);
     env_.clear();
     if (ok) {
       CompressedFileInfo info;
-      EXPECT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, &error) && info.state == CompressionState::kCompressed);
+      EXPECT_TRUE(CompressedFileInfo::inspect(env_, path_, &info, &error) && info.state == CompressionState::kCompressed);
       EXPECT_TRUE(contentOf(path_) == kData);
       // Only a failed removal of the original data leaves it beside the file.
       if (fault.op != "unlink") {
@@ -121,7 +120,7 @@ TEST_F(CompressorFaultInjectionTest, EveryCompressionFailureLeavesTheFileAsItWas
 // A converter handed an Env of its own makes its swap through that one, not
 // through the process's: a fault there fails the swap and the file stays.
 TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
-  makeFile(true);  // the volume's abilities are probed once, through the process's Env
+  makeFile(true);  // the volume's abilities are probed once, through the fixture's Env
   FaultInjectingEnv own;
   own.inject({"exchange", EIO, 1, 1, {}, false});
   const FileSnapshot plain = makeFile();
@@ -146,7 +145,7 @@ TEST_F(CompressorFaultInjectionTest, AnEnvHandedInCarriesTheSwap) {
 TEST_F(CompressorFaultInjectionTest, AFailedSwapBackStillRestoresTheOriginal) {
   everyFault([&] {
     makeFile();
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
   });
   int restoredByRename = 0;
   const int reads = env_.calls("getxattr"), checks = reads + env_.calls("lstat");
@@ -157,7 +156,7 @@ TEST_F(CompressorFaultInjectionTest, AFailedSwapBackStillRestoresTheOriginal) {
     const FileSnapshot before = makeFile();
     env_.inject({op, EIO, nth, 1, {}, false});
     env_.inject({"exchange", EIO, 2, 1, {}, false});
-    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_);
+    bool ok = QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_);
     restoredByRename += !ok && env_.calls("exchange") == 2;
     env_.clear();
     if (!ok) {
@@ -172,7 +171,7 @@ TEST_F(CompressorFaultInjectionTest, EveryExpansionFailureLeavesTheFileCompresse
   const FileSnapshot plain = makeFile();
   std::vector<Fault> faults = everyFault([&] {
     makeFile(true);
-    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_));
+    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(env_, path_));
   });
   int failures = 0;
   for (const Fault& fault : faults) {
@@ -180,7 +179,7 @@ TEST_F(CompressorFaultInjectionTest, EveryExpansionFailureLeavesTheFileCompresse
     const FileSnapshot before = makeFile(true);
     env_.inject(fault);
     Error error;
-    bool ok = QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error, nullptr, nullptr, false, {2});
+    bool ok = QVHFSUncompressor::expandInPlacePath(env_, path_, &error, nullptr, nullptr, false, {2});
     env_.clear();
     failures += !ok;
     if (ok) {

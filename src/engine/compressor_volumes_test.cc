@@ -47,7 +47,7 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
     ASSERT_EQ(lstat(path.c_str(), &before), 0);
 
     Error error;
-    bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error);
+    bool compressed = QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error);
     char names[64] = {};
     if (!largeValues) {
       EXPECT_FALSE(compressed);
@@ -65,7 +65,7 @@ TEST(CompressorOnRealVolumesTest, DefaultExt4RefusesCleanlyWhileLargeAttributeVa
       ASSERT_TRUE(compressed) << error.describe();
       EXPECT_EQ(testkit::stateOf(path), CompressionState::kCompressed);
       EXPECT_TRUE(testkit::contentOf(path) == data);
-      ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error)) << error.describe();
+      ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::system(), path, &error)) << error.describe();
       EXPECT_TRUE(testkit::readFile(path) == data);
     }
     EXPECT_EQ(std::system(("test \"$(ls -A " + ext4.path() + ")\" = \"file.log\nlost+found\"").c_str()), 0);
@@ -97,7 +97,7 @@ TEST(CompressorOnRealVolumesTest, Ext4WithLargeValuesRefusesAForkLargerThanOneFi
   const std::string data = barelyCompressible(64, 7);  // 4 MiB
   testkit::writeFile(path, data, 0640);
   Error error;
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorTooLargeForForm) << error.describe();
   EXPECT_NE(error.message.find("refused more"), std::string::npos) << error.message;
   EXPECT_EQ(error.message.find("No space left"), std::string::npos) << error.message;
@@ -130,7 +130,7 @@ TEST(CompressorOnRealVolumesTest, AForkPastTheAttributeListIsRefusedAsSoonAsItPa
   HFSCompressionOptions options;
   options.workers = 2;
   EXPECT_FALSE(
-      QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error, nullptr, nullptr, nullptr, options));
+      QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error, nullptr, nullptr, nullptr, options));
   EXPECT_EQ(error.code, kHFSErrorTooLargeForForm) << error.describe();
   EXPECT_NE(error.message.find("2016 fork pieces of 65536 bytes"), std::string::npos) << error.message;
   ASSERT_EQ(lstat(path.c_str(), &after), 0);

@@ -11,7 +11,7 @@ namespace zephlore::testkit {
 // The whole content, or "<error>" when it cannot be read.
 inline std::string contentOf(const std::string& path) {
   Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
+  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::system(), path, &error);
   std::string content(reader ? reader->size() : 0, '\0');
   size_t got = 0;
   if (!reader || !reader->read(0, content.data(), content.size(), &got, &error)) return "<" + error.describe() + ">";

@@ -94,20 +94,20 @@ TEST(CopiesKeepAccess, EveryFileMadeFromAUserFileHasItsAccessAndNoMore) {
     const Access original = accessOf(file);
 
     Error error;
-    ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), file, &error)) << error.describe();
+    ASSERT_TRUE(Rep::compressInPlacePath(Env::system(), file, &error)) << error.describe();
     EXPECT_EQ(accessOf(file), original) << "compressed in place";
 
     const std::string expanded = folder + "/expanded";
-    ASSERT_TRUE(QVHFSUncompressor(Env::shared(), file).expandTo(expanded, &error)) << error.describe();
+    ASSERT_TRUE(QVHFSUncompressor(Env::system(), file).expandTo(expanded, &error)) << error.describe();
     EXPECT_EQ(accessOf(expanded), original) << "expanded copy";
 
     const std::string compressedCopy = folder + "/compressed-copy";
-    auto representation = Rep::createFromContentsOfFile(Env::shared(), expanded, &error);
+    auto representation = Rep::createFromContentsOfFile(Env::system(), expanded, &error);
     ASSERT_NE(representation, nullptr) << error.describe();
     ASSERT_TRUE(representation->saveToHFSCompressedFile(compressedCopy, &error)) << error.describe();
     EXPECT_EQ(accessOf(compressedCopy), original) << "compressed copy";
 
-    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), compressedCopy, &error)) << error.describe();
+    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::system(), compressedCopy, &error)) << error.describe();
     EXPECT_EQ(accessOf(compressedCopy), original) << "expanded in place";
     EXPECT_TRUE(readFile(compressedCopy) == data);
 
@@ -116,7 +116,7 @@ TEST(CopiesKeepAccess, EveryFileMadeFromAUserFileHasItsAccessAndNoMore) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, "new", 3), 3);
     close(fd);
-    ASSERT_EQ(QVFileRepair::repairFile(Env::shared(), file, &error), QVFileRepair::Outcome::kRepaired) << error.describe();
+    ASSERT_EQ(QVFileRepair::repairFile(Env::system(), file, &error), QVFileRepair::Outcome::kRepaired) << error.describe();
     const std::string recovered = QVFileRepair::recoveredPathFor(file);
     EXPECT_EQ(accessOf(recovered), original) << "recovered copy";
     EXPECT_TRUE(readFile(recovered) == data);

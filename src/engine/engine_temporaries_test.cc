@@ -27,7 +27,7 @@ std::string baseName(const std::string& path) { return path.substr(path.rfind('/
 
 // Compressed, then without its flag: a kill inside the swap.
 void compressHalfway(const std::string& path) {
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path));
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path));
   ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
 }
 
@@ -49,7 +49,7 @@ TEST(EngineTemporariesTest, LeftoversAreSettledThroughTheirFileAndNeverTakenFrom
   // Killed after the swap, before the original data was removed.
   const std::string done = dir / "done";
   writeFile(done, data);
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), done));
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), done));
   writeFile(copyNameOf(done), data);
 
   // Killed inside the swap: the file has its fork but no flag.
@@ -71,7 +71,7 @@ TEST(EngineTemporariesTest, LeftoversAreSettledThroughTheirFileAndNeverTakenFrom
   int held = open(copyNameOf(busy).c_str(), O_RDONLY);
   ASSERT_EQ(flock(held, LOCK_EX), 0);
 
-  EXPECT_EQ(EngineTemporaries::cleanFolder(Env::shared(), dir.path()), 4);
+  EXPECT_EQ(EngineTemporaries::cleanFolder(Env::system(), dir.path()), 4);
   close(held);
   EXPECT_THAT(listFolder(dir.path()),
               UnorderedElementsAre("done", "half", "busy", baseName(copyNameOf(busy)), ".zephlore-00000000000000ff.c"));
@@ -80,7 +80,7 @@ TEST(EngineTemporariesTest, LeftoversAreSettledThroughTheirFileAndNeverTakenFrom
   EXPECT_EQ(readFile(half), data);
 
   // Once the run is gone its copy goes too.
-  EXPECT_EQ(EngineTemporaries::cleanFolder(Env::shared(), dir.path()), 1);
+  EXPECT_EQ(EngineTemporaries::cleanFolder(Env::system(), dir.path()), 1);
 }
 
 TEST(ProcessInProcessRecordTest, RecordsOfGoneRunsAreRepairedAndRemovedLiveOnesKept) {
@@ -101,7 +101,7 @@ TEST(ProcessInProcessRecordTest, RecordsOfGoneRunsAreRepairedAndRemovedLiveOnesK
   ASSERT_EQ(flock(held, LOCK_EX), 0);
   writeFile(data / "inprocess.kr", "");
 
-  EXPECT_EQ(ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env::shared(), data.path()), 1);
+  EXPECT_EQ(ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env::system(), data.path()), 1);
   EXPECT_EQ(stateOf(half), CompressionState::kPlain);
   EXPECT_EQ(readFile(half), content);
   EXPECT_THAT(listFolder(data.path()), UnorderedElementsAre("inprocess.kr", baseName(live)));
@@ -109,12 +109,12 @@ TEST(ProcessInProcessRecordTest, RecordsOfGoneRunsAreRepairedAndRemovedLiveOnesK
   {
     // This run's own record: present while it runs, holding one file at a
     // time, and gone when it ends.
-    ProcessInProcessRecord own(Env::shared(), data.path());
+    ProcessInProcessRecord own(Env::system(), data.path());
     own.willProcessFile(half);
     EXPECT_EQ(readFile(own.filename()), InProcessRecordFile::format(half, content.size()));
     own.didProcessFile();
     EXPECT_EQ(readFile(own.filename()), "");
-    EXPECT_EQ(ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env::shared(), data.path()), 0);
+    EXPECT_EQ(ProcessInProcessRecord::repairRecordsOfGoneProcesses(Env::system(), data.path()), 0);
   }
   EXPECT_THAT(listFolder(data.path()), UnorderedElementsAre("inprocess.kr", baseName(live)));
   close(held);

@@ -32,39 +32,39 @@ TEST(KRExtendedAttributesHelper, ExcludeMarkerIsValidUntilTheFileIsModified) {
   writeFile(file, "data");
   setMtime(file, 1600000000, 123456789);
 
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file));
-  ASSERT_TRUE(Helper::setUncompressableAttributeAt(Env::shared(), file));
-  auto raw = Env::shared().getxattrValue(FileRef::atPath(file), "com.quorvane.zephlore.exclude");
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::system(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::system(), file));
+  ASSERT_TRUE(Helper::setUncompressableAttributeAt(Env::system(), file));
+  auto raw = Env::system().getxattrValue(FileRef::atPath(file), "com.quorvane.zephlore.exclude");
   ASSERT_TRUE(raw);
   ASSERT_EQ(raw->size(), 16u);
   int64_t stored[2];
   memcpy(stored, raw->data(), 16);  // host order, little-endian here
   EXPECT_EQ(stored[0], 1600000000);
   EXPECT_EQ(stored[1], 123456789);
-  EXPECT_TRUE(Helper::isUncompressableAttributeValidAt(Env::shared(), file, true));
+  EXPECT_TRUE(Helper::isUncompressableAttributeValidAt(Env::system(), file, true));
 
   // Only the nanoseconds change: no longer valid; kept unless asked.
   setMtime(file, 1600000000, 123456790);
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file));
-  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file, true));
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::system(), file));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::system(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::system(), file, true));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::system(), file));
 
   // A marker of another length is invalid and never removed.
-  ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(file), "com.quorvane.zephlore.exclude",
+  ASSERT_EQ(Env::system().setxattr(FileRef::atPath(file), "com.quorvane.zephlore.exclude",
                                    "short", 5, 0),
             0);
-  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::shared(), file, true));
-  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
-  EXPECT_TRUE(Helper::removeUncompressableAttributeAt(Env::shared(), file));
-  EXPECT_FALSE(Helper::removeUncompressableAttributeAt(Env::shared(), file));
+  EXPECT_FALSE(Helper::isUncompressableAttributeValidAt(Env::system(), file, true));
+  EXPECT_TRUE(Helper::isUncompressableAttributeSetAt(Env::system(), file));
+  EXPECT_TRUE(Helper::removeUncompressableAttributeAt(Env::system(), file));
+  EXPECT_FALSE(Helper::removeUncompressableAttributeAt(Env::system(), file));
 
   // Not through a symbolic link; nothing for a missing file.
   ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
-  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::shared(), dir / "link"));
-  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::shared(), file));
-  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::shared(), dir / "missing"));
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::system(), dir / "link"));
+  EXPECT_FALSE(Helper::isUncompressableAttributeSetAt(Env::system(), file));
+  EXPECT_FALSE(Helper::setUncompressableAttributeAt(Env::system(), dir / "missing"));
 }
 
 // The store beneath the helper: written and removed raw, failing with the errno.
@@ -73,21 +73,21 @@ TEST(KRExtendedAttributesHelper, EitherCompressionAttributeCountsAndTheStoreGive
   const std::string path = dir / "f";
   writeFile(path, "");
   const FileRef file = FileRef::atPath(path);
-  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
-  ASSERT_EQ(Env::shared().setxattr(file, "com.apple.ResourceFork", "r", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
-  ASSERT_EQ(Env::shared().removexattr(file, "com.apple.ResourceFork"), 0);
-  ASSERT_EQ(Env::shared().setxattr(file, "com.apple.decmpfs", "d", 1, 0), 0);
-  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::shared(), path));
+  EXPECT_FALSE(Helper::isCompressionAttributeSetAt(Env::system(), path));
+  ASSERT_EQ(Env::system().setxattr(file, "com.apple.ResourceFork", "r", 1, 0), 0);
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::system(), path));
+  ASSERT_EQ(Env::system().removexattr(file, "com.apple.ResourceFork"), 0);
+  ASSERT_EQ(Env::system().setxattr(file, "com.apple.decmpfs", "d", 1, 0), 0);
+  EXPECT_TRUE(Helper::isCompressionAttributeSetAt(Env::system(), path));
 
   Error error;
-  ASSERT_TRUE(Store::setData(Env::shared(), std::vector<uint8_t>{0, 1, 2}, "raw", path, false, &error));
-  EXPECT_EQ(Env::shared().getxattrValue(file, "raw"), (std::vector<uint8_t>{0, 1, 2}));
-  ASSERT_TRUE(Store::removeKey(Env::shared(), "raw", path, false, &error));
-  EXPECT_FALSE(Store::removeKey(Env::shared(), "raw", path, false, &error));
+  ASSERT_TRUE(Store::setData(Env::system(), std::vector<uint8_t>{0, 1, 2}, "raw", path, false, &error));
+  EXPECT_EQ(Env::system().getxattrValue(file, "raw"), (std::vector<uint8_t>{0, 1, 2}));
+  ASSERT_TRUE(Store::removeKey(Env::system(), "raw", path, false, &error));
+  EXPECT_FALSE(Store::removeKey(Env::system(), "raw", path, false, &error));
   EXPECT_EQ(error.domain, kXattrErrorDomain);
   EXPECT_EQ(error.code, ENODATA);
-  EXPECT_FALSE(Store::setData(Env::shared(), "x", 1, "k", dir / "missing", false, &error));
+  EXPECT_FALSE(Store::setData(Env::system(), "x", 1, "k", dir / "missing", false, &error));
   EXPECT_EQ(error.code, ENOENT);
   EXPECT_TRUE(error.message.empty());
 }
@@ -123,14 +123,14 @@ TEST(KRCompressionSignature, ArchivesAsABinaryPropertyListAndSurvivesGarbage) {
 
   ScratchDir dir;
   writeFile(dir / "f", "");
-  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::shared(), dir / "f"));
-  ASSERT_TRUE(Helper::setCompressionSignature(Env::shared(), signature, dir / "f"));
-  EXPECT_EQ(Helper::compressionSignatureAtPath(Env::shared(), dir / "f"), signature);
-  ASSERT_EQ(Env::shared().setxattr(FileRef::atPath(dir / "f"), "com.quorvane.zephlore.signature",
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::system(), dir / "f"));
+  ASSERT_TRUE(Helper::setCompressionSignature(Env::system(), signature, dir / "f"));
+  EXPECT_EQ(Helper::compressionSignatureAtPath(Env::system(), dir / "f"), signature);
+  ASSERT_EQ(Env::system().setxattr(FileRef::atPath(dir / "f"), "com.quorvane.zephlore.signature",
                                    "\x00\x01garbage", 9, 0),
             0);
-  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::shared(), dir / "f"));
-  EXPECT_FALSE(Helper::setCompressionSignature(Env::shared(), signature, dir / "missing"));
+  EXPECT_FALSE(Helper::compressionSignatureAtPath(Env::system(), dir / "f"));
+  EXPECT_FALSE(Helper::setCompressionSignature(Env::system(), signature, dir / "missing"));
 }
 
 }  // namespace

@@ -78,7 +78,7 @@ inline std::vector<std::string> listFolder(const std::string& dir) {
 // The state the engine sees; kNotOurs when it cannot say.
 inline CompressionState stateOf(const std::string& path, bool checkFork = true) {
   CompressedFileInfo info;
-  return CompressedFileInfo::inspect(Env::shared(), path, &info, nullptr, checkFork) ? info.state
+  return CompressedFileInfo::inspect(Env::system(), path, &info, nullptr, checkFork) ? info.state
                                                                                        : CompressionState::kNotOurs;
 }
 

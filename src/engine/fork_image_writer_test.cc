@@ -60,14 +60,14 @@ std::vector<uint8_t> forkOf(const std::vector<uint8_t>& data, int workers, ForkW
   Error error;
   ForkWriteOptions options;
   options.workers = workers;
-  EXPECT_TRUE(writeForkImage(Env::shared(), data.data(), data.size(), fork.fd(), options, result, &error)) << error.describe();
+  EXPECT_TRUE(writeForkImage(Env::system(), data.data(), data.size(), fork.fd(), options, result, &error)) << error.describe();
   return fork.contents();
 }
 
 std::vector<uint8_t> expandAll(const std::vector<uint8_t>& fork, uint64_t size, int workers) {
   MemoryForkSource source(fork.data(), fork.size());
   Error error;
-  auto reader = CompressedForkReader::open(Env::shared(), source, size, &error);
+  auto reader = CompressedForkReader::open(Env::system(), source, size, &error);
   EXPECT_NE(reader, nullptr) << error.describe();
   if (!reader) return {};
   TempFile out;
@@ -98,7 +98,7 @@ TEST(ForkImageWriter, MatchesIndependentlyBuiltForks) {
     ForkWriteOptions options;
     options.workers = 3;
     Error error;
-    ASSERT_TRUE(writeForkImage(Env::shared(), source.fd(), data.size(), fdFork.fd(), options, nullptr, &error)) << error.describe();
+    ASSERT_TRUE(writeForkImage(Env::system(), source.fd(), data.size(), fdFork.fd(), options, nullptr, &error)) << error.describe();
     EXPECT_EQ(sha256Hex(fdFork.contents()), g.forkSha256);
     EXPECT_EQ(expandAll(fork, g.size, 2), data);
   }
@@ -120,7 +120,7 @@ TEST(ForkImageWriter, ParallelOutputIsIdenticalAroundBlockBoundaries) {
     ForkWriteOptions unverified;
     unverified.verify = false;
     TempFile fork;
-    ASSERT_TRUE(writeForkImage(Env::shared(), data.data(), data.size(), fork.fd(), unverified, nullptr, nullptr));
+    ASSERT_TRUE(writeForkImage(Env::system(), data.data(), data.size(), fork.fd(), unverified, nullptr, nullptr));
     EXPECT_EQ(fork.contents(), single);
   }
 }
@@ -138,17 +138,17 @@ TEST(ForkImageWriter, FailuresAreNamedAndARewriteTruncatesTheImage) {
     options.workers = workers;
     TempFile fork;
     Error error;
-    EXPECT_FALSE(writeForkImage(Env::shared(), noisy.data(), noisy.size(), fork.fd(), options, nullptr, &error));
+    EXPECT_FALSE(writeForkImage(Env::system(), noisy.data(), noisy.size(), fork.fd(), options, nullptr, &error));
     EXPECT_EQ(error.domain, kHFSErrorDomain);
     EXPECT_EQ(error.code, kHFSErrorNotCompressible);
     EXPECT_NE(error.message.find("block 1 "), std::string::npos) << error.message;
     // Shorter than promised.
-    EXPECT_FALSE(writeForkImage(Env::shared(), source.fd(), data.size() + 70000, fork.fd(), options, nullptr, &error));
+    EXPECT_FALSE(writeForkImage(Env::system(), source.fd(), data.size() + 70000, fork.fd(), options, nullptr, &error));
     EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
     EXPECT_NE(error.message.find("changed while being read"), std::string::npos) << error.message;
     // Longer than promised.
     error = {};
-    EXPECT_FALSE(writeForkImage(Env::shared(), source.fd(), data.size() - 1, fork.fd(), options, nullptr, &error));
+    EXPECT_FALSE(writeForkImage(Env::system(), source.fd(), data.size() - 1, fork.fd(), options, nullptr, &error));
     EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
     EXPECT_NE(error.message.find("grew"), std::string::npos) << error.message;
   }
@@ -156,18 +156,18 @@ TEST(ForkImageWriter, FailuresAreNamedAndARewriteTruncatesTheImage) {
   const int readOnly = open(source.path().c_str(), O_RDONLY);
   ASSERT_GE(readOnly, 0);
   Error error;
-  EXPECT_FALSE(writeForkImage(Env::shared(), data.data(), data.size(), readOnly, ForkWriteOptions{}, nullptr, &error));
+  EXPECT_FALSE(writeForkImage(Env::system(), data.data(), data.size(), readOnly, ForkWriteOptions{}, nullptr, &error));
   EXPECT_EQ(error.code, kHFSErrorCouldNotWrite);
   EXPECT_NE(error.message.find("Could not write"), std::string::npos) << error.message;
   close(readOnly);
   TempFile fork(std::vector<uint8_t>(100000, 0xAB));
   error = {};
-  EXPECT_FALSE(writeForkImage(Env::shared(), -1, 10, fork.fd(), ForkWriteOptions{}, nullptr, &error));
+  EXPECT_FALSE(writeForkImage(Env::system(), -1, 10, fork.fd(), ForkWriteOptions{}, nullptr, &error));
   EXPECT_EQ(error.code, kHFSErrorCouldNotRead);
 
   data.resize(1000);
   ForkWriteResult result;
-  ASSERT_TRUE(writeForkImage(Env::shared(), data.data(), data.size(), fork.fd(), ForkWriteOptions{}, &result, nullptr));
+  ASSERT_TRUE(writeForkImage(Env::system(), data.data(), data.size(), fork.fd(), ForkWriteOptions{}, &result, nullptr));
   EXPECT_EQ(fork.contents(), forkOf(data, 1));
   EXPECT_EQ(fork.contents().size(), result.forkSize);
 }

@@ -23,7 +23,7 @@ using Rep = QVHFSCompressedFileRepresentation;
 // cut short by an older version leaves it.
 void compress(const std::string& path, bool halfMade = false) {
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::system(), path, &error)) << error.describe();
   if (halfMade) {
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.apple.decmpfs"), 0);
     ASSERT_EQ(lremovexattr(path.c_str(), "user.com.quorvane.zephlore.flags"), 0);
@@ -38,7 +38,7 @@ class QVHFSCompressedFileRepresentationRecoveryTest : public ::testing::Test {
 
 TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWhatIsNotAndClearsTheCopies) {
   const std::string data = compressibleData(3 * 65536 + 5);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), dir / "gone", 5));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), dir / "gone", 5));
 
   // Swap never made: the file is plain, the prepared copy lies beside it.
   const std::string plain = dir / "plain";
@@ -47,7 +47,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWha
   compress(dir / "prepared");
   ASSERT_EQ(rename((dir / "prepared").c_str(), copyNameOf(plain).c_str()), 0);
   const FileSnapshot plainBefore = FileSnapshot::take(plain);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), plain, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), plain, data.size()));
   EXPECT_EQ(FileSnapshot::take(plain), plainBefore);
 
   // Swap made: the copy's name holds the original data.
@@ -55,7 +55,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWha
   writeFile(done, data);
   compress(done);
   writeFile(copyNameOf(done), data);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), done, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), done, data.size()));
   EXPECT_EQ(stateOf(done), CompressionState::kCompressed);
 
   // Half made: given the header for the recorded size, and expanded.
@@ -64,7 +64,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWha
   compress(half, true);
   writeFile(copyNameOf(half), data);
   EXPECT_EQ(stateOf(half), CompressionState::kIncomplete);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), half, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), half, data.size()));
   EXPECT_TRUE(readFile(half) == data);
 
   // Half made with a broken fork: the original beside it comes back.
@@ -73,11 +73,11 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWha
   compress(broken, true);
   ASSERT_EQ(lsetxattr(broken.c_str(), "user.com.apple.ResourceFork", "garbage", 7, 0), 0);
   writeFile(copyNameOf(broken), data);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), broken, data.size()));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), broken, data.size()));
   EXPECT_TRUE(readFile(broken) == data);
 
   writeFile(dir / "empty", "");  // an empty plain file reports false, and stays
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), dir / "empty", 0));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::system(), dir / "empty", 0));
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("broken", "done", "empty", "half", "plain"));
 
   // Nothing to restore from: reported, and the file is left as it is.
@@ -85,7 +85,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, KeepsWhatIsWholeRepairsWha
   ASSERT_EQ(lremovexattr(broken.c_str(), "user.com.quorvane.zephlore.flags"), 0);
   ASSERT_EQ(lsetxattr(broken.c_str(), "user.com.apple.ResourceFork", "garbage", 7, 0), 0);
   const FileSnapshot before = FileSnapshot::take(broken);
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), broken, data.size()));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::system(), broken, data.size()));
   EXPECT_EQ(FileSnapshot::take(broken), before);
 }
 
@@ -99,7 +99,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, AFileSomebodyWritesIsLeftF
   writeFile(copyNameOf(half), data);
   const int writer = open(half.c_str(), O_WRONLY | O_APPEND);
   ASSERT_GE(writer, 0);
-  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::shared(), half, data.size()));
+  EXPECT_FALSE(Rep::recoverInProcessFileAtPath(Env::system(), half, data.size()));
   ASSERT_EQ(write(writer, "late", 4), 4);
   close(writer);
   EXPECT_EQ(readFile(half), "late");
@@ -113,7 +113,7 @@ TEST_F(QVHFSCompressedFileRepresentationRecoveryTest, NeverTouchesWhatIsNotOursB
   ASSERT_EQ(symlink((dir / "victim").c_str(), copyNameOf(path).c_str()), 0);
   const std::string expanded = SiblingTempFile::nameFor(path, SiblingTempFile::Kind::kExpandedCopy);
   ASSERT_EQ(mkdir(expanded.c_str(), 0700), 0);
-  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::shared(), path, 7));
+  EXPECT_TRUE(Rep::recoverInProcessFileAtPath(Env::system(), path, 7));
   EXPECT_EQ(readFile(dir / "victim"), "must stay");
   EXPECT_EQ(listFolder(dir.path()).size(), 4u);
 }

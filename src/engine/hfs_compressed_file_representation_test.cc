@@ -56,12 +56,12 @@ TEST_F(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAt
     int64_t saved = -7, uncompressed = -7;
     HFSCompressionOptions options;
     options.workers = size > 65536 ? 2 : 1;
-    ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error, &saved, &uncompressed, nullptr, options)) << error.describe();
+    ASSERT_TRUE(Rep::compressInPlacePath(Env::system(), path, &error, &saved, &uncompressed, nullptr, options)) << error.describe();
     EXPECT_EQ(uncompressed, static_cast<int64_t>(size));
     EXPECT_EQ(saved == -7, size == 0);  // an empty file saves nothing: left as it was
 
     CompressedFileInfo info;
-    ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path, &info, &error)) << error.describe();
+    ASSERT_TRUE(CompressedFileInfo::inspect(Env::system(), path, &info, &error)) << error.describe();
     EXPECT_EQ(info.state, CompressionState::kCompressed);
     EXPECT_EQ(info.dataForkSize, 0u);
     EXPECT_EQ(info.uncompressedSize, size);
@@ -85,7 +85,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, RoundTripKeepsContentAndMetadataAt
     EXPECT_THAT(listFolder(dir.path()), ElementsAre("file.txt"));  // nothing left beside it
 
     int64_t forkBytes = 0, contentBytes = 0;
-    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error, &forkBytes, &contentBytes, false, {2}))
+    ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::system(), path, &error, &forkBytes, &contentBytes, false, {2}))
         << error.describe();
     EXPECT_EQ(contentBytes, static_cast<int64_t>(size));
     EXPECT_EQ(static_cast<uint64_t>(forkBytes), info.forkSize);
@@ -102,13 +102,13 @@ TEST_F(QVHFSCompressedFileRepresentationTest, WritesTheReferenceForkByteForByte)
   const std::string path = dir / "words";
   writeFile(path, original);
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::system(), path, &error)) << error.describe();
   std::map<std::string, std::string> attributes = attributesOf(path);
   EXPECT_TRUE(attributes["user.com.apple.ResourceFork"] == readFile(testdata + "real_zlib_rsrc.rsrc"));
   EXPECT_EQ(attributes["user.com.apple.decmpfs"], std::string("fpmc\x04\0\0\0\xf0\x49\x02\0\0\0\0\0", 16));
   EXPECT_EQ(attributes["user.com.quorvane.zephlore.flags"], std::string("\x20\0\0\0", 4));
   EXPECT_EQ(readFile(path), "");
-  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::system(), path, &error)) << error.describe();
   EXPECT_TRUE(readFile(path) == original);
   EXPECT_TRUE(attributesOf(path).empty());
 }
@@ -122,7 +122,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
     const bool regular = lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
     const FileSnapshot before = regular ? FileSnapshot::take(path) : FileSnapshot();
     Error error;
-    EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
+    EXPECT_FALSE(Rep::compressInPlacePath(Env::system(), path, &error));
     EXPECT_EQ(error.domain, kHFSErrorDomain);
     EXPECT_EQ(error.code, code);
     EXPECT_THAT(error.message, HasSubstr(message));
@@ -153,7 +153,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, RefusesFilesItMustNotRewrite) {
   expectRefused(target, kHFSErrorLocked, "File at path " + target + " is locked by other process");
   close(holder);
   Error error;
-  ASSERT_TRUE(Rep::compressInPlacePath(Env::shared(), target, &error)) << error.describe();
+  ASSERT_TRUE(Rep::compressInPlacePath(Env::system(), target, &error)) << error.describe();
   expectRefused(target, kHFSErrorAlreadyCompressed, "File at path " + target + " already compressed");
   writeFile(target, "written by a program that knows nothing of compression");
   expectRefused(target, kHFSErrorWrittenAfterCompression, "was written after it was compressed");
@@ -167,7 +167,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcess
 
   // Changed between reading and the swap.
   Error error;
-  auto representation = Rep::createFromContentsOfFile(Env::shared(), path, &error);
+  auto representation = Rep::createFromContentsOfFile(Env::system(), path, &error);
   ASSERT_NE(representation, nullptr) << error.describe();
   writeFile(path, compressibleData(200001));
   FileSnapshot before = FileSnapshot::take(path);
@@ -191,13 +191,13 @@ TEST_F(QVHFSCompressedFileRepresentationTest, LeavesAFileAloneThatAnotherProcess
   ASSERT_EQ(read(ready[0], &c, 1), 1);
   ASSERT_EQ(c, 'y');
   lines.clear();
-  EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
+  EXPECT_FALSE(Rep::compressInPlacePath(Env::system(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   EXPECT_THAT(lines, ::testing::IsEmpty());
   EXPECT_EQ(FileSnapshot::take(path), before);
   ASSERT_EQ(write(release[1], "x", 1), 1);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  EXPECT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();  // the writer is gone
+  EXPECT_TRUE(Rep::compressInPlacePath(Env::system(), path, &error)) << error.describe();  // the writer is gone
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("busy.log"));
 }
 
@@ -208,7 +208,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, SavesWhereNothingIsThenInPlace) {
   const std::string data = compressibleData(300000);
   writeFile(dir / "source", data);
   Error error;
-  auto fromFile = Rep::createFromContentsOfFile(Env::shared(), dir / "source", &error);
+  auto fromFile = Rep::createFromContentsOfFile(Env::system(), dir / "source", &error);
   ASSERT_NE(fromFile, nullptr) << error.describe();
   ASSERT_TRUE(fromFile->saveToHFSCompressedFile(dir / "elsewhere", &error)) << error.describe();
   EXPECT_TRUE(contentOf(dir / "elsewhere") == data);
@@ -230,7 +230,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFo
   ASSERT_EQ(symlink((dir / "victim").c_str(), copyName.c_str()), 0);
   const FileSnapshot before = FileSnapshot::take(path);
   Error error;
-  EXPECT_FALSE(Rep::compressInPlacePath(Env::shared(), path, &error));
+  EXPECT_FALSE(Rep::compressInPlacePath(Env::system(), path, &error));
   EXPECT_EQ(error.code, kHFSErrorSwapFailed);
   EXPECT_EQ(FileSnapshot::take(path), before);
   EXPECT_EQ(readFile(dir / "victim"), "must stay");
@@ -239,7 +239,7 @@ TEST_F(QVHFSCompressedFileRepresentationTest, PlantedLinkAtTheCopysNameIsNeverFo
 
   unlink(copyName.c_str());
   writeFile(copyName, "a leftover of ours");
-  EXPECT_TRUE(Rep::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
+  EXPECT_TRUE(Rep::compressInPlacePath(Env::system(), path, &error)) << error.describe();
   EXPECT_THAT(listFolder(dir.path()), ElementsAre("file", "victim"));
 }
 

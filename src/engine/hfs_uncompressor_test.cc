@@ -28,7 +28,7 @@ TEST_F(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
   auto expectRefused = [&](bool ignoreFlag, int code, const std::string& message) {
     const FileSnapshot before = FileSnapshot::take(path);
     Error error;
-    EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error, nullptr, nullptr, ignoreFlag));
+    EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::system(), path, &error, nullptr, nullptr, ignoreFlag));
     EXPECT_EQ(error.code, code);
     EXPECT_THAT(error.message, HasSubstr(message));
     EXPECT_EQ(FileSnapshot::take(path), before);
@@ -38,7 +38,7 @@ TEST_F(QVHFSUncompressorTest, RefusesWhatItCannotExpandAndLeavesItAlone) {
   expectRefused(false, kHFSErrorNotCompressed, "Source file is not compressed at " + path);
 
   Error error;
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error)) << error.describe();
   writeFile(path, "late");  // written into after compression
   expectRefused(false, kHFSErrorWrittenAfterCompression, "was written after it was compressed");
   ASSERT_EQ(truncate(path.c_str(), 0), 0);
@@ -63,12 +63,12 @@ TEST_F(QVHFSUncompressorTest, ExpandsToAnotherPathWithTheAttributesButNotTheMark
   writeFile(source, data);
   ASSERT_EQ(lsetxattr(source.c_str(), "user.kept", "yes", 3, 0), 0);
   Error error;
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), source, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), source, &error)) << error.describe();
   ASSERT_EQ(lsetxattr(source.c_str(), "user.com.quorvane.zephlore.exclude", "0123456789abcdef", 16, 0), 0);
   ASSERT_EQ(lsetxattr(source.c_str(), "user.com.quorvane.zephlore.signature", "sig", 3, 0), 0);
   const FileSnapshot compressed = FileSnapshot::take(source);
 
-  QVHFSUncompressor expander(Env::shared(), source, {2});
+  QVHFSUncompressor expander(Env::system(), source, {2});
   int64_t forkBytes = 0, contentBytes = 0;
   ASSERT_TRUE(expander.expandTo(dir / "copy", &error, &forkBytes, &contentBytes)) << error.describe();
   EXPECT_TRUE(readFile(dir / "copy") == data);

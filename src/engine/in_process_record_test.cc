@@ -41,7 +41,7 @@ TEST(InProcessRecordTest, OneHolderWritesTheOthersLogAndStaySilent) {
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
 
-  InProcessRecordFile first(record, Env::shared());
+  InProcessRecordFile first(record, Env::system());
   EXPECT_EQ(first.previous().path, "/a/b");
   EXPECT_EQ(readFile(record), "/a/b\n42");  // kept until reset
   first.reset();
@@ -50,7 +50,7 @@ TEST(InProcessRecordTest, OneHolderWritesTheOthersLogAndStaySilent) {
   EXPECT_TRUE(lines.empty());
 
   EXPECT_FALSE(first.heldElsewhere());
-  InProcessRecordFile second(record, Env::shared());  // the lock is held by `first`
+  InProcessRecordFile second(record, Env::system());  // the lock is held by `first`
   EXPECT_FALSE(second.isOpen());
   EXPECT_TRUE(second.heldElsewhere()) << "its helper must compress nothing";
   ASSERT_EQ(lines.size(), 1u);

@@ -45,14 +45,14 @@ std::string outcome(bool ok, const Error& error) {
 std::string compressAs(const LocalUser& user, const std::string& path) {
   return user.run([&] {
     Error error;
-    return outcome(Rep::compressInPlacePath(Env::shared(), path, &error), error);
+    return outcome(Rep::compressInPlacePath(Env::system(), path, &error), error);
   }).value_or("died");
 }
 
 std::string expandAs(const LocalUser& user, const std::string& path) {
   return user.run([&] {
     Error error;
-    return outcome(QVHFSUncompressor::expandInPlacePath(Env::shared(), path, &error), error);
+    return outcome(QVHFSUncompressor::expandInPlacePath(Env::system(), path, &error), error);
   }).value_or("died");
 }
 
@@ -60,7 +60,7 @@ std::string expandAs(const LocalUser& user, const std::string& path) {
 std::string repairAs(const LocalUser& user, const std::string& path) {
   return user.run([&] {
     Error error;
-    const int result = static_cast<int>(QVFileRepair::repairFile(Env::shared(), path, &error));
+    const int result = static_cast<int>(QVFileRepair::repairFile(Env::system(), path, &error));
     return std::to_string(result) + " " + std::to_string(error.code) + " " + error.message;
   }).value_or("died");
 }
@@ -208,11 +208,11 @@ TEST_F(OtherUsersTest, FilesAnotherUserSwapsInAreNeverConverted) {
       long rounds = 0;
       while (Clock::now() < until) {
         Error error;
-        if (Rep::compressInPlacePath(Env::shared(), target, &error)) {
+        if (Rep::compressInPlacePath(Env::system(), target, &error)) {
           ++seen["compressed"];
         } else if (error.code != kHFSErrorAlreadyCompressed) {
           ++seen[std::to_string(error.code)];
-        } else if (QVHFSUncompressor::expandInPlacePath(Env::shared(), target, &error)) {
+        } else if (QVHFSUncompressor::expandInPlacePath(Env::system(), target, &error)) {
           ++seen["expanded"];
         } else {
           ++seen[std::to_string(error.code)];

@@ -81,7 +81,6 @@ class SwapWindowTest : public ::testing::Test {
   ScopedRuntimeDir runtime_;
   const std::string path_ = dir_ / "file";
   FaultInjectingEnv env_;
-  ScopedSharedEnv use_{&env_};
   std::thread opener_;
 };
 
@@ -103,27 +102,27 @@ TEST_F(SwapWindowTest, AnOpenerInTheWindowKeepsItsWritesAtTheName) {
     unlink(path_.c_str());
     writeFile(path_, kData);
     if (c.expand) {
-      ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+      ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
     }
     openerAt(c.op);
     Error error;
-    EXPECT_FALSE(c.expand ? QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error)
-                          : QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
+    EXPECT_FALSE(c.expand ? QVHFSUncompressor::expandInPlacePath(env_, path_, &error)
+                          : QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error));
     joinOpener();
     env_.clear();
     EXPECT_EQ(error.code, kHFSErrorOpenedDuringSwap) << error.message;
     EXPECT_EQ(readFile(path_), c.content);
     CompressedFileInfo info;
-    ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
+    ASSERT_TRUE(CompressedFileInfo::inspect(env_, path_, &info, nullptr, false));
     EXPECT_EQ(info.state, c.state);
     EXPECT_TRUE(onlyTheFileIsLeft());
   }
 }
 
 TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothingAfterTheSwap) {
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
   CompressedFileInfo info;
-  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), path_, &info, nullptr, false));
+  ASSERT_TRUE(CompressedFileInfo::inspect(env_, path_, &info, nullptr, false));
   EXPECT_EQ(info.state, CompressionState::kCompressed);
   EXPECT_TRUE(onlyTheFileIsLeft());
 
@@ -131,7 +130,7 @@ TEST_F(SwapWindowTest, WithoutTheWindowUndisturbedTheFileEndsCompressedWithNothi
   unlink(path_.c_str());
   writeFile(path_, kData);
   env_.failOn("takeWriteLease", EINVAL);
-  EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_));
+  EXPECT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_));
 }
 
 // A file system without leases: /proc can clear a file only when every
@@ -146,27 +145,27 @@ TEST_F(SwapWindowTest, WithoutLeasesProcIsTrustedOnlyWhereNobodyElseMayWrite) {
   }
   Error error;
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   EXPECT_THAT(error.message,
               ::testing::HasSubstr("grants no lease: Invalid argument, and others may write its folder"));
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
   ASSERT_EQ(chmod(path_.c_str(), 0664), 0);
-  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
+  EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error));
   EXPECT_THAT(error.message, ::testing::HasSubstr("others may write it"));
   ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
   {
     const int writer = ::open(path_.c_str(), O_WRONLY | O_APPEND);  // ours, seen in /proc
-    EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error));
+    EXPECT_FALSE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error));
     EXPECT_THAT(error.message, ::testing::HasSubstr(" writes it"));
     ::close(writer);
   }
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path_, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(env_, path_, &error)) << error.describe();
   ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error));
+  EXPECT_FALSE(QVHFSUncompressor::expandInPlacePath(env_, path_, &error));
   EXPECT_EQ(error.code, kHFSErrorOpenForWriting);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0700), 0);
-  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), path_, &error)) << error.describe();
+  EXPECT_TRUE(QVHFSUncompressor::expandInPlacePath(env_, path_, &error)) << error.describe();
   EXPECT_EQ(readFile(path_), kData);
 }
 

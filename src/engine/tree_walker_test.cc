@@ -50,7 +50,7 @@ class WalkRecorder : public WalkVisitor {
 Seen walk(const std::string& root, WalkOptions options) {
   Seen seen;
   WalkRecorder recorder(seen);
-  TreeWalker(Env::shared(), options).walk(root, recorder);
+  TreeWalker(Env::system(), options).walk(root, recorder);
   return seen;
 }
 
@@ -114,7 +114,7 @@ TEST(TreeWalker, WalksDepthFirstWithoutFollowingLinksAndKeepsHostileNames) {
   };
   Seen picked;
   Picky picky(picked);
-  TreeWalker(Env::shared(), WalkOptions{.recursive = true}).walk(root, picky);
+  TreeWalker(Env::system(), WalkOptions{.recursive = true}).walk(root, picky);
   EXPECT_EQ(picked.entries.count(root + "/a.txt"), 1u);
   EXPECT_EQ(picked.entries.count(root + "/sub/c.txt"), 0u);
   EXPECT_EQ(picked.entries.count(root + "/sub"), 0u);
@@ -231,7 +231,7 @@ TEST(TreeWalker, WalksBeyondThePathLimitAndStopsWhenAsked) {
     void walkError(std::string_view, int, const char*, bool) override {}
   } stopper;
   stopper.stop = &stop;
-  TreeWalker(Env::shared(), WalkOptions{.recursive = true}, &stop).walk(root, stopper);
+  TreeWalker(Env::system(), WalkOptions{.recursive = true}, &stop).walk(root, stopper);
   EXPECT_EQ(stopper.visits, 1);
 
   // The scratch folder's own clean-up cannot reach that deep.

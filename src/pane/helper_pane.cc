@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "base/data_folder.h"
 #include "base/util.h"
 #include "helper/bus/preference_communicator.h"
 #include "helper/history/history_database.h"
@@ -72,11 +73,12 @@ Outcome toldOutcome(Told told) {
 
 }  // namespace
 
-PaneFiles PaneFiles::standard() {
-  return {KRHelperUtil::databasePath(), KRUtil::pathToExclusionPathsFile(), KRUtil::pathToExclusionExtensionsFile()};
+PaneFiles PaneFiles::standard(const std::string& dataFolder) {
+  return {KRHelperUtil::databasePath(), exclusionPathsFileIn(dataFolder), exclusionExtensionsFileIn(dataFolder)};
 }
 
-PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCenter& center) {
+PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCenter& center,
+                              const std::string& dataFolder) {
   struct Settings {
     explicit Settings(DistributedNotificationCenter& bus) : communicator(bus) {}
     KRPreferenceCommunicator communicator;
@@ -85,14 +87,15 @@ PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCen
   };
   auto settings = std::make_shared<Settings>(center);
   return {env, clock, center,
-          [settings]() -> KRDefaultsController& {
+          [settings, dataFolder]() -> KRDefaultsController& {
             // The settings files are the user's own, never beneath a view.
             std::call_once(settings->made, [&] {
-              settings->defaults = std::make_unique<KRDefaultsController>(Env::system(), &settings->communicator);
+              settings->defaults =
+                  std::make_unique<KRDefaultsController>(Env::system(), dataFolder, &settings->communicator);
             });
             return *settings->defaults;
           },
-          PaneFiles::standard()};
+          PaneFiles::standard(dataFolder)};
 }
 
 HelperPane::HelperPane(PaneParts parts, PaneListener* listener, Deliver deliver)

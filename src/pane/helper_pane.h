@@ -32,8 +32,8 @@ struct PaneFiles {
   std::string database;            // the history, "" without a data folder
   std::string excludedPaths;       // "excludedPaths.plist"
   std::string excludedExtensions;  // "excludedExtensions.plist"
-  // The data folder's, as the helper finds them.
-  static PaneFiles standard();
+  // Those in `dataFolder` ("": none), where the helper keeps them.
+  static PaneFiles standard(const std::string& dataFolder);
 };
 
 // What the pane works through.
@@ -46,9 +46,10 @@ struct PaneParts {
   std::function<KRDefaultsController&()> defaults;
   PaneFiles files;
   // This login's, over the program's `center`: the shared settings file (a
-  // controller of the pane's own, made when first asked for) and the data
-  // folder's files, as the helper finds them.
-  static PaneParts standard(Env& env, Clock& clock, DistributedNotificationCenter& center);
+  // controller of the pane's own, made when first asked for) and the files
+  // in `dataFolder`, which the program's main found.
+  static PaneParts standard(Env& env, Clock& clock, DistributedNotificationCenter& center,
+                            const std::string& dataFolder);
 };
 
 // Whether a running helper heard what was posted.

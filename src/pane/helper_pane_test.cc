@@ -126,7 +126,7 @@ class HelperPaneTest : public ::testing::Test {
   std::string data(const std::string& name) const { return home.dataFolder() + "/" + name; }
   PaneParts parts() {
     return {Env::system(), clock, center,
-            [this]() -> KRDefaultsController& { return defaults; }, PaneFiles::standard()};
+            [this]() -> KRDefaultsController& { return defaults; }, PaneFiles::standard(home.dataFolder())};
   }
   // A helper that owns its name and answers on its status object.
   void runHelper() {
@@ -139,7 +139,7 @@ class HelperPaneTest : public ::testing::Test {
   testkit::TestSessionBus bus{home.root()};
   DistributedNotificationCenter center;
   KRPreferenceCommunicator communicator{center};
-  KRDefaultsController defaults{Env::system(), &communicator};
+  KRDefaultsController defaults{Env::system(), home.dataFolder(), &communicator};
   SystemClock clock;
   // The status object's announcements run here.
   RunLoop service_loop{clock};
@@ -369,8 +369,8 @@ TEST_F(HelperPaneTest, FoldersTotalAndSamplesComeFromTheHistory) {
     std::optional<HistoryModel> model = HistoryModel::load(Env::system());
     ASSERT_TRUE(model);
     Error error;
-    std::unique_ptr<HistoryStore> store = HistoryStore::open(Env::system(), PaneFiles::standard().database, *model,
-                                                              &error);
+    std::unique_ptr<HistoryStore> store =
+        HistoryStore::open(Env::system(), PaneFiles::standard(home.dataFolder()).database, *model, &error);
     ASSERT_TRUE(store) << error.message;
     HistoryContext context(*store);
     HistoryContext::Object* music = context.insertNewObject();

@@ -27,7 +27,7 @@ std::vector<uint8_t> noise(size_t n, uint32_t seed) {
 }
 
 std::vector<std::string> sortedNames(const FileRef& file) {
-  auto names = Env::shared().listxattr(file);
+  auto names = Env::system().listxattr(file);
   EXPECT_TRUE(names);
   std::sort(names->begin(), names->end());
   return *names;
@@ -60,10 +60,10 @@ TEST_F(AttributeForkTest, RoundTripsAroundPieceBoundaries) {
     SCOPED_TRACE(size);
     const std::vector<uint8_t> fork = noise(size, static_cast<uint32_t>(size));
     Error error;
-    ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error)) << error.message;
-    EXPECT_TRUE(AttributeFork::isPresent(Env::shared(), file));
+    ASSERT_TRUE(AttributeFork::write(Env::system(), file, fork.data(), fork.size(), &error)) << error.message;
+    EXPECT_TRUE(AttributeFork::isPresent(Env::system(), file));
 
-    auto reader = AttributeForkReader::open(Env::shared(), file, &error);
+    auto reader = AttributeForkReader::open(Env::system(), file, &error);
     ASSERT_TRUE(reader) << error.message;
     EXPECT_EQ(reader->size(), size);
     EXPECT_EQ(reader->pieceCount(), AttributeFork::piecesFor(size, 65536));
@@ -83,37 +83,37 @@ TEST_F(AttributeForkTest, RoundTripsAroundPieceBoundaries) {
   UniqueFd source(::open((dir / "image").c_str(), O_RDONLY));
   UniqueFd target(::open(path.c_str(), O_RDONLY));
   Error error;
-  ASSERT_TRUE(AttributeFork::writeFromFd(Env::shared(), FileRef::descriptor(target.get()), source.get(),
+  ASSERT_TRUE(AttributeFork::writeFromFd(Env::system(), FileRef::descriptor(target.get()), source.get(),
                                          image.size(), &error))
       << error.message;
-  auto reader = AttributeForkReader::open(Env::shared(), FileRef::descriptor(target.get()), &error);
+  auto reader = AttributeForkReader::open(Env::system(), FileRef::descriptor(target.get()), &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), image);
 }
 
 TEST_F(AttributeForkTest, RewriteAndRemoveLeaveNoStalePiece) {
-  Env& env = Env::shared();
+  Env& env = Env::system();
   const std::vector<uint8_t> big = noise(3 * 65536 + 7, 1);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, big.data(), big.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, big.data(), big.size(), &error));
   // A piece far beyond the fork, as an interrupted older write could leave.
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.9", "x", 1, 0), 0);
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.09", "not ours", 8, 0), 0);
   ASSERT_EQ(env.setxattr(file, "other", "kept", 4, 0), 0);
 
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "tiny", 4, &error)) << error.message;
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, "tiny", 4, &error)) << error.message;
   EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork",
                                                          "com.apple.ResourceFork.09", "other"}));
-  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
+  auto reader = AttributeForkReader::open(Env::system(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'t', 'i', 'n', 'y'}));
 
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, big.data(), big.size(), &error));
-  ASSERT_TRUE(AttributeFork::remove(Env::shared(), file, &error)) << error.message;
-  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, big.data(), big.size(), &error));
+  ASSERT_TRUE(AttributeFork::remove(Env::system(), file, &error)) << error.message;
+  EXPECT_FALSE(AttributeFork::isPresent(Env::system(), file));
   EXPECT_EQ(sortedNames(file), (std::vector<std::string>{"com.apple.ResourceFork.09", "other"}));
-  EXPECT_TRUE(AttributeFork::remove(Env::shared(), file, &error));  // nothing left to remove is no failure
-  EXPECT_FALSE(AttributeForkReader::open(Env::shared(), file, &error));
+  EXPECT_TRUE(AttributeFork::remove(Env::system(), file, &error));  // nothing left to remove is no failure
+  EXPECT_FALSE(AttributeForkReader::open(Env::system(), file, &error));
   EXPECT_EQ(error.code, ENODATA);
 
   EXPECT_EQ(AttributeFork::pieceIndex("com.apple.ResourceFork"), 0u);
@@ -125,7 +125,7 @@ TEST_F(AttributeForkTest, RewriteAndRemoveLeaveNoStalePiece) {
 
 TEST_F(AttributeForkTest, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChanges) {
   Error error;
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, &error));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, "old fork", 8, &error));
 
   // About 2200 names of 30 bytes pass the 64 KiB list: a sparse source of
   // that many 64 KiB pieces costs no memory, and is never read.
@@ -134,12 +134,12 @@ TEST_F(AttributeForkTest, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChan
   writeFile(image, "");
   ASSERT_EQ(truncate(image.c_str(), static_cast<off_t>(size)), 0);
   UniqueFd source(::open(image.c_str(), O_RDONLY));
-  EXPECT_FALSE(AttributeFork::writeFromFd(Env::shared(), file, source.get(), size, &error));
+  EXPECT_FALSE(AttributeFork::writeFromFd(Env::system(), file, source.get(), size, &error));
   EXPECT_EQ(error.code, EFBIG);
   EXPECT_NE(error.message.find("attribute list"), std::string::npos) << error.message;
 
   EXPECT_EQ(sortedNames(file), std::vector<std::string>{"com.apple.ResourceFork"});
-  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
+  auto reader = AttributeForkReader::open(Env::system(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), (std::vector<uint8_t>{'o', 'l', 'd', ' ', 'f', 'o', 'r', 'k'}));
 }
@@ -147,24 +147,23 @@ TEST_F(AttributeForkTest, AForkTooLargeForTheNameListIsRefusedBeforeAnythingChan
 TEST_F(AttributeForkTest, AFailedWriteLeavesNoPieceBehind) {
   const std::vector<uint8_t> fork = noise(3 * 65536 + 7, 2);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, fork.data(), fork.size(), &error));
 
   // The volume filling up on the third piece cannot be made to happen on
   // demand on tmpfs: injected.
   FaultInjectingEnv faults;
-  ScopedSharedEnv use(&faults);
   faults.inject({.op = "setxattr", .error = ENOSPC, .nth = 3, .match = "ResourceFork"});
-  EXPECT_FALSE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
+  EXPECT_FALSE(AttributeFork::write(faults, file, fork.data(), fork.size(), &error));
   EXPECT_EQ(error.code, ENOSPC);
   EXPECT_NE(error.message.find("piece 2"), std::string::npos) << error.message;
   EXPECT_EQ(faults.fired(), 1);
-  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
+  EXPECT_FALSE(AttributeFork::isPresent(faults, file));
   EXPECT_TRUE(sortedNames(file).empty());
 
   // A source shorter than promised.
   writeFile(dir / "short", "only this");
   UniqueFd source(::open((dir / "short").c_str(), O_RDONLY));
-  EXPECT_FALSE(AttributeFork::writeFromFd(Env::shared(), file, source.get(), 70000, &error));
+  EXPECT_FALSE(AttributeFork::writeFromFd(faults, file, source.get(), 70000, &error));
   EXPECT_EQ(error.code, EIO);
   EXPECT_TRUE(sortedNames(file).empty());
 }
@@ -172,10 +171,10 @@ TEST_F(AttributeForkTest, AFailedWriteLeavesNoPieceBehind) {
 // The way the fork writer streams: the middle first in odd-sized runs, the
 // end, then the front; pieces are stored as soon as they are whole.
 TEST_F(AttributeForkWriterTest, StoresPiecesAsTheyCompleteInAnyOrder) {
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, "old fork", 8, nullptr));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, "old fork", 8, nullptr));
   const std::vector<uint8_t> fork = noise(4 * 65536 + 300, 5);
   Error error;
-  auto writer = AttributeForkWriter::open(Env::shared(), file, true, &error);
+  auto writer = AttributeForkWriter::open(Env::system(), file, true, &error);
   ASSERT_TRUE(writer) << error.message;
   const size_t front = 70000;
   for (size_t offset = front; offset < 3 * 65536;) {
@@ -190,25 +189,25 @@ TEST_F(AttributeForkWriterTest, StoresPiecesAsTheyCompleteInAnyOrder) {
   EXPECT_EQ(error.code, EINVAL);
   EXPECT_TRUE(sortedNames(file).empty());  // and a failure takes every piece away
 
-  writer = AttributeForkWriter::open(Env::shared(), file, true, &error);
+  writer = AttributeForkWriter::open(Env::system(), file, true, &error);
   ASSERT_TRUE(writer);
   ASSERT_TRUE(writer->write(front, fork.data() + front, fork.size() - front, &error));
   // Bytes missing at the front.
-  EXPECT_FALSE(AttributeForkWriter::open(Env::shared(), file, true, &error)->finish(fork.size(), &error));
+  EXPECT_FALSE(AttributeForkWriter::open(Env::system(), file, true, &error)->finish(fork.size(), &error));
   ASSERT_TRUE(writer->write(0, fork.data(), front, &error));
   ASSERT_TRUE(writer->finish(fork.size(), &error)) << error.message;
   writer.reset();
-  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
+  auto reader = AttributeForkReader::open(Env::system(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(readAll(*reader), fork);
 
   // A writer dropped before finishing takes its pieces away; one that would
   // need more pieces than the name list holds fails on the first of them.
-  writer = AttributeForkWriter::open(Env::shared(), file, false, &error);
+  writer = AttributeForkWriter::open(Env::system(), file, false, &error);
   ASSERT_TRUE(writer->write(0, fork.data(), 2 * 65536, &error));
   writer.reset();
-  EXPECT_FALSE(AttributeFork::isPresent(Env::shared(), file));
-  writer = AttributeForkWriter::open(Env::shared(), file, false, &error);
+  EXPECT_FALSE(AttributeFork::isPresent(Env::system(), file));
+  writer = AttributeForkWriter::open(Env::system(), file, false, &error);
   EXPECT_FALSE(writer->write(2300ull * 65536, fork.data(), 65536, &error));
   EXPECT_EQ(error.code, EFBIG);
   // The count, from the names themselves ("user." + name + NUL each).
@@ -222,17 +221,17 @@ TEST_F(AttributeForkWriterTest, StoresPiecesAsTheyCompleteInAnyOrder) {
 }
 
 TEST_F(AttributeForkTest, ReadingStopsAtAGapAndNoticesAPieceThatChanged) {
-  Env& env = Env::shared();
+  Env& env = Env::system();
   const std::vector<uint8_t> fork = noise(3 * 65536, 3);
   Error error;
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, fork.data(), fork.size(), &error));
   ASSERT_EQ(env.removexattr(file, "com.apple.ResourceFork.1"), 0);
-  auto reader = AttributeForkReader::open(Env::shared(), file, &error);
+  auto reader = AttributeForkReader::open(Env::system(), file, &error);
   ASSERT_TRUE(reader);
   EXPECT_EQ(reader->size(), 65536u);
 
-  ASSERT_TRUE(AttributeFork::write(Env::shared(), file, fork.data(), fork.size(), &error));
-  reader = AttributeForkReader::open(Env::shared(), file, &error);
+  ASSERT_TRUE(AttributeFork::write(Env::system(), file, fork.data(), fork.size(), &error));
+  reader = AttributeForkReader::open(Env::system(), file, &error);
   ASSERT_TRUE(reader);
   ASSERT_EQ(env.setxattr(file, "com.apple.ResourceFork.2", "short", 5, 0), 0);
   std::vector<uint8_t> buf(100);

@@ -2,28 +2,15 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "base/write_all.h"
 
 namespace zephlore {
-namespace {
-
-std::atomic<Env*> g_shared{nullptr};
-
-}  // namespace
 
 std::string FileRef::describe() const {
   return isDescriptor() ? "descriptor " + std::to_string(fd) : path;
 }
-
-Env& Env::shared() {
-  Env* env = g_shared.load(std::memory_order_acquire);
-  return env ? *env : system();
-}
-
-void Env::setShared(Env* env) { g_shared.store(env, std::memory_order_release); }
 
 ssize_t Env::preadFully(int fd, void* buf, size_t n, uint64_t offset) {
   size_t done = 0;

@@ -74,12 +74,8 @@ class Env {
  public:
   virtual ~Env() = default;
 
-  // The process-wide Env: the real system unless a test installed another.
-  static Env& shared();
-  // Installs `env` (nullptr restores the system). The caller keeps ownership
-  // and must outlive every user of it.
-  static void setShared(Env* env);
-  // The real system, whatever is installed.
+  // The real system. It keeps no state: each main hands it (or an Env over
+  // it) to the parts it makes.
   static Env& system();
 
   // --- Descriptors ---------------------------------------------------------
@@ -260,15 +256,6 @@ class Env {
   std::optional<std::vector<uint8_t>> getxattrValue(const FileRef& file, const std::string& name);
   // fsync of the directory that holds `path`.
   int fsyncParentDirectory(const std::string& path);
-};
-
-// Installs an Env as the shared one for the lifetime of a scope (tests).
-class ScopedSharedEnv {
- public:
-  explicit ScopedSharedEnv(Env* env) { Env::setShared(env); }
-  ~ScopedSharedEnv() { Env::setShared(nullptr); }
-  ScopedSharedEnv(const ScopedSharedEnv&) = delete;
-  ScopedSharedEnv& operator=(const ScopedSharedEnv&) = delete;
 };
 
 // The directory part of a path ("." when there is none, "/" for "/x").

@@ -30,7 +30,7 @@ TEST(Env, AttributesLiveInTheUserNamespaceAndListWithoutThePrefix) {
   ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
-  Env& env = Env::shared();
+  Env& env = Env::system();
   const FileRef ref = FileRef::atPath(file);
 
   ASSERT_EQ(env.setxattr(ref, "com.apple.decmpfs", "abc", 3, 0), 0);
@@ -74,7 +74,7 @@ TEST(Env, OpenNeverFollowsAFinalSymlinkAndLocksFailAtOnce) {
   writeFile(file, "data");
   const std::string link = dir / "link";
   ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
-  Env& env = Env::shared();
+  Env& env = Env::system();
 
   EXPECT_EQ(env.open(link, O_RDONLY), -1);
   EXPECT_EQ(errno, ELOOP);
@@ -102,7 +102,7 @@ TEST(Env, OpenNeverFollowsAFinalSymlinkAndLocksFailAtOnce) {
 
 TEST(Env, ExchangeSwapsNamesAndUnnamedFilesAreLinkedOnlyWhenDone) {
   ScratchDir dir;
-  Env& env = Env::shared();
+  Env& env = Env::system();
   writeFile(dir / "a", "old contents");
   writeFile(dir / "b", "new");
   ASSERT_EQ(env.exchange(dir / "a", dir / "b"), 0);
@@ -132,7 +132,7 @@ TEST(Env, FileUsersFindOpenDescriptorsWithTheirModeAndCurrentDirectories) {
   ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
-  Env& env = Env::shared();
+  Env& env = Env::system();
   struct stat st, dirSt;
   ASSERT_EQ(env.lstat(file, &st), 0);
   ASSERT_EQ(env.lstat(dir.path(), &dirSt), 0);
@@ -177,7 +177,7 @@ TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
   ScratchDir dir;
   const std::string file = dir / "f";
   writeFile(file, "data");
-  Env& env = Env::shared();
+  Env& env = Env::system();
   UniqueFd probe(::open(file.c_str(), O_RDONLY));
   std::optional<bool> writers = env.hasWriters(probe.get());
   if (!writers) GTEST_SKIP() << "file leases are turned off here: " << std::strerror(errno);
@@ -204,13 +204,13 @@ TEST(Env, HasWritersCountsEveryWritableDescriptorAndLeavesNoLeaseBehind) {
 }
 
 TEST(Env, VolumesAreDescribedFromStatfsTheMountTableAndSysfs) {
-  auto volume = Env::shared().describeVolume("/dev/shm");
+  auto volume = Env::system().describeVolume("/dev/shm");
   ASSERT_TRUE(volume);
   EXPECT_EQ(volume->fileSystemType, "tmpfs");
   EXPECT_EQ(volume->mountPoint, "/dev/shm");
   EXPECT_TRUE(volume->writable);
   EXPECT_FALSE(volume->removable || volume->ejectable || volume->internal || volume->external);
-  EXPECT_FALSE(Env::shared().describeVolume("/dev/shm/no such file"));
+  EXPECT_FALSE(Env::system().describeVolume("/dev/shm/no such file"));
 
   EXPECT_EQ(fileSystemTypeName(0xEF53), "ext4");
   EXPECT_EQ(fileSystemTypeName(0x58465342), "xfs");

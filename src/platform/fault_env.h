@@ -3,7 +3,7 @@
 //
 //   FaultInjectingEnv env;
 //   env.inject({.op = "setxattr", .error = ENOSPC, .nth = 2, .match = "decmpfs"});
-//   ScopedSharedEnv use(&env);
+//   AttributeFork::write(env, file, data, size, &error);  // fails at its second piece
 //
 // Operation names are the Env method names (kEnvOperationNames: "open",
 // "openLocked", "pwrite", "exchange", "setxattr", "fileUsers", ...). A fault fires on the nth call of

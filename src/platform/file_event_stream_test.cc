@@ -34,7 +34,7 @@ void shell(const std::string& command) {
 
 class FileEventStreamTest : public ::testing::TestWithParam<DirectoryWatcher::Kind> {
  protected:
-  FileEventStreamTest() : loop(clock), journal(Env::shared(), journal_dir / "events.journal") {
+  FileEventStreamTest() : loop(clock), journal(Env::system(), journal_dir / "events.journal") {
     mkdir(root().c_str(), 0755);
   }
 
@@ -160,7 +160,7 @@ TEST_P(FileEventStreamTest, ReplaysTheJournalAfterAnIdThenAsksForAFullRecheck) {
   batches.clear();
 
   // A restart: ids go on, the journal replays after `first`.
-  EventJournal reopened(Env::shared(), journal_dir / "events.journal");
+  EventJournal reopened(Env::system(), journal_dir / "events.journal");
   EXPECT_GT(reopened.nextId(), second);
   auto replayed = reopened.eventsAfter(first, {root()});
   ASSERT_EQ(replayed.size(), 1u);
@@ -206,7 +206,7 @@ int markLimitScenario() {
   ManualClock clock;
   RunLoop loop(clock);
   ScratchDir dir;
-  EventJournal journal(Env::shared(), dir / "events.journal");
+  EventJournal journal(Env::system(), dir / "events.journal");
   const std::string root = dir / "root";
   mkdir(root.c_str(), 0755);
   for (int i = 0; i < 10; ++i) mkdir((root + "/d" + std::to_string(i)).c_str(), 0755);
@@ -251,7 +251,7 @@ TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
   ScratchDir dir;
   const std::string path = dir / "events.journal";
   {
-    EventJournal journal(Env::shared(), path, 10);
+    EventJournal journal(Env::system(), path, 10);
     for (int i = 0; i < 25; ++i) {
       std::vector<FileEvent> events{{"/r/d" + std::to_string(i), 0, 0}};
       journal.record(events, {7}, int64_t{1000 + i} * 1'000'000'000);
@@ -268,7 +268,7 @@ TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
   ASSERT_EQ(truncate(path.c_str(), st.st_size - 3), 0);
   {
     ScopedLogCapture capture([](const std::string&) {});
-    EventJournal journal(Env::shared(), path, 10);
+    EventJournal journal(Env::system(), path, 10);
     EXPECT_EQ(journal.nextId(), 26u);
     EXPECT_EQ(journal.eventsAfter(0, {"/r"}).back().id, 24u);
   }
@@ -281,7 +281,7 @@ TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
   {
     std::vector<std::string> lines;
     ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-    EventJournal journal(Env::shared(), path, 10);
+    EventJournal journal(Env::system(), path, 10);
     EXPECT_EQ(journal.nextId(), 25u);  // past the last record kept
     EXPECT_EQ(lines.size(), 1u);
   }
@@ -289,7 +289,7 @@ TEST(EventJournal, BoundedDamagedAndFutureJournalsKeepIdsRising) {
   writeFile(path, std::string(1000, '\x7f'));
   {
     ScopedLogCapture capture([](const std::string&) {});
-    EventJournal journal(Env::shared(), path, 10);
+    EventJournal journal(Env::system(), path, 10);
     EXPECT_EQ(journal.size(), 0u);
     EXPECT_EQ(journal.takeId(), 1u);
   }

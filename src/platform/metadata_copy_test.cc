@@ -50,7 +50,7 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   }
   const struct timespec times[2] = {{1000000000, 123456789}, {1200000000, 987654321}};
   ASSERT_EQ(utimensat(AT_FDCWD, from.c_str(), times, 0), 0);
-  Env& env = Env::shared();
+  Env& env = Env::system();
   const FileRef fromRef = FileRef::atPath(from);
   ASSERT_EQ(env.setxattr(fromRef, "com.example.tag", "blue", 4, 0), 0);
   ASSERT_EQ(env.setxattr(fromRef, "Com.Quorvane.Zephlore.Signature", "sig", 3, 0), 0);
@@ -67,10 +67,10 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   UniqueFd fromFd(::open(from.c_str(), O_RDONLY));
   UniqueFd toFd(::open(to.c_str(), O_RDONLY));
   Error error;
-  auto snapshot = MetadataCopy::capture(Env::shared(), fromFd.get(), &error);
+  auto snapshot = MetadataCopy::capture(Env::system(), fromFd.get(), &error);
   ASSERT_TRUE(snapshot) << error.message;
-  ASSERT_TRUE(MetadataCopy::apply(Env::shared(), *snapshot, toFd.get(), &error)) << error.message;
-  ASSERT_TRUE(MetadataCopy::copyUserAttributes(Env::shared(),
+  ASSERT_TRUE(MetadataCopy::apply(Env::system(), *snapshot, toFd.get(), &error)) << error.message;
+  ASSERT_TRUE(MetadataCopy::copyUserAttributes(Env::system(),
       fromRef, FileRef::descriptor(toFd.get()),
       {"com.quorvane.zephlore.signature", "COM.APPLE.RESOURCEFORK"}, &error))
       << error.message;
@@ -101,10 +101,10 @@ TEST(MetadataCopy, KeepsModeOwnerTimesAclAndUserAttributes) {
   EXPECT_NE(aclText(to2).find("65533"), std::string::npos);
   UniqueFd plainFd(::open(plain.c_str(), O_RDONLY));
   UniqueFd to2Fd(::open(to2.c_str(), O_RDONLY));
-  snapshot = MetadataCopy::capture(Env::shared(), plainFd.get(), &error);
+  snapshot = MetadataCopy::capture(Env::system(), plainFd.get(), &error);
   ASSERT_TRUE(snapshot);
   EXPECT_TRUE(snapshot->acl.empty());
-  ASSERT_TRUE(MetadataCopy::apply(Env::shared(), *snapshot, to2Fd.get(), &error)) << error.message;
+  ASSERT_TRUE(MetadataCopy::apply(Env::system(), *snapshot, to2Fd.get(), &error)) << error.message;
   EXPECT_EQ(aclText(to2), "u::rw-,g::---,o::r--");
 }
 
@@ -112,18 +112,17 @@ TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
   ScratchDir dir;
   writeFile(dir / "from", "");
   writeFile(dir / "to", "");
-  Env& env = Env::shared();
+  Env& env = Env::system();
   // Names with a dot: the fault matches by substring, and a random temporary
   // folder name never holds a dot.
   for (const char* name : {"x.one", "x.two", "x.three"}) {
     ASSERT_EQ(env.setxattr(FileRef::atPath(dir / "from"), name, "v", 1, 0), 0);
   }
   FaultInjectingEnv faults;
-  ScopedSharedEnv use(&faults);
   faults.inject({.op = "setxattr", .error = ENOSPC, .match = "x.two"});
   faults.inject({.op = "futimens", .error = EPERM});
   Error error;
-  EXPECT_FALSE(MetadataCopy::copyUserAttributes(Env::shared(), FileRef::atPath(dir / "from"),
+  EXPECT_FALSE(MetadataCopy::copyUserAttributes(faults, FileRef::atPath(dir / "from"),
                                                 FileRef::atPath(dir / "to"), {}, &error));
   EXPECT_EQ(error.code, ENOSPC);
   EXPECT_NE(error.message.find("attribute x.two"), std::string::npos) << error.message;
@@ -132,9 +131,9 @@ TEST(MetadataCopy, EveryAttributeIsTriedAndTheFirstFailureReported) {
   EXPECT_EQ(*names, (std::vector<std::string>{"x.one", "x.three"}));
 
   UniqueFd fd(::open((dir / "to").c_str(), O_RDONLY));
-  auto snapshot = MetadataCopy::capture(Env::shared(), fd.get(), &error);
+  auto snapshot = MetadataCopy::capture(faults, fd.get(), &error);
   ASSERT_TRUE(snapshot);
-  EXPECT_FALSE(MetadataCopy::apply(Env::shared(), *snapshot, fd.get(), &error));
+  EXPECT_FALSE(MetadataCopy::apply(faults, *snapshot, fd.get(), &error));
   EXPECT_EQ(error.code, EPERM);
   EXPECT_NE(error.message.find("times"), std::string::npos);
 }

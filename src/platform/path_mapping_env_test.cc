@@ -35,7 +35,7 @@ TEST(PathMappingEnv, WorksBeneathWhatThePathShows) {
   ASSERT_GE(held, 0);
   PathMap map;
   map.replaceAll({{shown.path(), "/proc/self/fd/" + std::to_string(held)}});
-  PathMappingEnv env(Env::shared(), map);
+  PathMappingEnv env(Env::system(), map);
 
   const std::string a = shown.path() + "/a.txt";
   struct stat st;

@@ -9,15 +9,20 @@
 #include <cstdlib>
 #include <random>
 
-#include "base/util.h"
+#include "base/data_folder.h"
 #include "base/xdg.h"
 #include "platform/platform_error.h"
 
 namespace zephlore {
 std::optional<std::string> TemporaryFiles::privateDirectory(Error* error) {
   if (auto runtime = privateRuntimeFolder()) return runtime;
-  std::optional<std::string> data = KRUtil::applicationSupportFolder(error);
-  if (!data || !isSafeParent(*data, error)) return std::nullopt;
+  // The folder the process's main found; one removed since is not made anew.
+  std::optional<std::string> data = existingDataFolder();
+  if (!data) {
+    failWithErrno(error, ENOENT, "no private runtime folder and no data folder");
+    return std::nullopt;
+  }
+  if (!isSafeParent(*data, error)) return std::nullopt;
   return makePrivateDirectory(*data + "/tmp", error);
 }
 

@@ -1,9 +1,9 @@
 // Temporary files, created only where no other user can interfere: a
 // private per-user directory ($XDG_RUNTIME_DIR/zephlore where that is set,
-// else "tmp" in the data folder; mode 0700, checked to be ours), or names
-// chosen by the caller beside a file. A symbolic link or a file of another
-// user planted at a temporary name is never followed or written through; a
-// leftover of our own from a crash is replaced.
+// else "tmp" in the data folder the process's main found; mode 0700, checked
+// to be ours), or names chosen by the caller beside a file. A symbolic link
+// or a file of another user planted at a temporary name is never followed or
+// written through; a leftover of our own from a crash is replaced.
 #pragma once
 
 #include <sys/types.h>

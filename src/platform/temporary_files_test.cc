@@ -26,7 +26,7 @@ TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
   ASSERT_EQ(chmod(runtime.path().c_str(), 0700), 0);
   testkit::ScopedEnvVar runtime_env("XDG_RUNTIME_DIR", runtime.path());
   testkit::ScopedEnvVar data_env("XDG_DATA_HOME", data.path());
-  ScopedShared<DataFolder> data_folder;  // looked up afresh in `data`
+  ASSERT_TRUE(findDataFolder());  // as the process's main does
 
   Error error;
   auto dir = TemporaryFiles::privateDirectory(&error);
@@ -34,8 +34,8 @@ TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
   EXPECT_EQ(*dir, runtime / "zephlore");
   EXPECT_EQ(modeOf(*dir), 0700u);
 
-  auto a = TemporaryFiles::create(Env::shared(), "QVS-tmp.", &error);
-  auto b = TemporaryFiles::create(Env::shared(), "QVS-tmp.", &error);
+  auto a = TemporaryFiles::create(Env::system(), "QVS-tmp.", &error);
+  auto b = TemporaryFiles::create(Env::system(), "QVS-tmp.", &error);
   ASSERT_TRUE(a && b) << error.message;
   EXPECT_NE(a->path, b->path);
   EXPECT_EQ(a->path.rfind(*dir + "/QVS-tmp.", 0), 0u) << a->path;
@@ -63,12 +63,12 @@ TEST(TemporaryFiles, ThePrivateDirectoryIsOursAndNeverInASharedOne) {
 
 TEST(TemporaryFiles, OwnLeftoversAreReplacedAndPlantedFilesRefused) {
   ScratchDir dir;
-  Env& env = Env::shared();
+  Env& env = Env::system();
   Error error;
 
   const std::string leftover = dir / "QVS-tmp-1";
   writeFile(leftover, "from a crash");
-  UniqueFd fd(TemporaryFiles::createReplacingOwnLeftover(Env::shared(), leftover, O_WRONLY, 0600, true, &error));
+  UniqueFd fd(TemporaryFiles::createReplacingOwnLeftover(Env::system(), leftover, O_WRONLY, 0600, true, &error));
   ASSERT_TRUE(fd) << error.message;
   EXPECT_EQ(readFile(leftover), "");
   // It holds the exclusive lock.
@@ -91,7 +91,7 @@ TEST(TemporaryFiles, OwnLeftoversAreReplacedAndPlantedFilesRefused) {
   }
 
   for (const std::string& name : {linkName, hardName, fifoName}) {
-    EXPECT_EQ(TemporaryFiles::createReplacingOwnLeftover(Env::shared(), name, O_WRONLY, 0600, false, &error), -1)
+    EXPECT_EQ(TemporaryFiles::createReplacingOwnLeftover(Env::system(), name, O_WRONLY, 0600, false, &error), -1)
         << name;
     EXPECT_EQ(error.code, EEXIST);
     EXPECT_NE(error.message.find("refusing"), std::string::npos);
@@ -99,17 +99,17 @@ TEST(TemporaryFiles, OwnLeftoversAreReplacedAndPlantedFilesRefused) {
     EXPECT_EQ(lstat(name.c_str(), &st), 0) << name << " was removed";
   }
   if (root) {
-    EXPECT_EQ(TemporaryFiles::createReplacingOwnLeftover(Env::shared(), foreignName, O_WRONLY, 0600, false, &error),
+    EXPECT_EQ(TemporaryFiles::createReplacingOwnLeftover(Env::system(), foreignName, O_WRONLY, 0600, false, &error),
               -1);
     EXPECT_EQ(readFile(foreignName), "theirs");
   }
   EXPECT_EQ(readFile(victim), "precious");
 
   // create() in a chosen directory never reuses a name.
-  auto made = TemporaryFiles::create(Env::shared(), "x.", &error, dir.path());
+  auto made = TemporaryFiles::create(Env::system(), "x.", &error, dir.path());
   ASSERT_TRUE(made) << error.message;
   EXPECT_EQ(made->path.rfind(dir / "x.", 0), 0u);
-  EXPECT_FALSE(TemporaryFiles::create(Env::shared(), "x.", &error, dir / "missing"));
+  EXPECT_FALSE(TemporaryFiles::create(Env::system(), "x.", &error, dir / "missing"));
   EXPECT_EQ(error.code, ENOENT);
 }
 

@@ -7,6 +7,7 @@
 #include <clocale>
 #include <memory>
 
+#include "base/data_folder.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "pane/helper_pane.h"
 #include "preferences/listener_relay.h"
@@ -36,9 +37,10 @@ int main(int argc, char** argv) {
   });
   app->signal_activate().connect([&] {
     if (!window) {
-      // The one place the window takes the process's Env and shared parts.
-      model = std::make_unique<pane::HelperPane>(pane::PaneParts::standard(Env::shared(), clock, bus), &relay,
-                                                 mainLoopDeliver());
+      // The one place the window takes the process's Env and finds the data folder.
+      model = std::make_unique<pane::HelperPane>(
+          pane::PaneParts::standard(Env::system(), clock, bus, findDataFolder().value_or("")), &relay,
+          mainLoopDeliver());
       window = std::make_unique<PreferencesWindow>(*model);
       relay.setTarget(window.get());
       app->add_window(*window);

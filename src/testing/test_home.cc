@@ -21,7 +21,9 @@ TestHome::TestHome()
       // must not change what the tests see.
       system_config_("XDG_CONFIG_DIRS", makeFolder(root_ / "xdg", 0755)),
       runtime_("XDG_RUNTIME_DIR", makeFolder(root_ / "run", 0700)),
-      bus_("DBUS_SESSION_BUS_ADDRESS", std::nullopt) {}
+      bus_("DBUS_SESSION_BUS_ADDRESS", std::nullopt) {
+  makeFolder(dataFolder(), 0700);
+}
 
 ScopedRuntimeDir::ScopedRuntimeDir() : runtime_("XDG_RUNTIME_DIR", dir_.path()) {}
 

@@ -1,11 +1,11 @@
 // A fresh home for one test: HOME and the XDG folders point into a scratch
 // folder, no session bus is known until a TestSessionBus provides one, and
-// the data folder is looked up afresh. Everything is put back at the end.
+// the data folder is made there, as a main finds it. Everything is put back
+// at the end.
 #pragma once
 
 #include <string>
 
-#include "base/data_folder.h"
 #include "testing/scoped_env.h"
 #include "testing/scratch_dir.h"
 
@@ -25,7 +25,6 @@ class TestHome {
  private:
   ScratchDir root_{"/tmp"};
   ScopedEnvVar home_, data_, config_, system_config_, runtime_, bus_;
-  ScopedShared<DataFolder> data_folder_;
 };
 
 // Keeps private temporary files ($XDG_RUNTIME_DIR) in a scratch folder

@@ -10,15 +10,16 @@ namespace {
 
 // The bus connection is made before the pane and ends after it.
 struct CommandPane {
-  CommandPane(Env& env, Clock& clock) : pane(pane::PaneParts::standard(env, clock, bus)) {}
+  CommandPane(Env& env, Clock& clock, const std::string& dataFolder)
+      : pane(pane::PaneParts::standard(env, clock, bus, dataFolder)) {}
   DistributedNotificationCenter bus;
   pane::HelperPane pane;
 };
 
 }  // namespace
 
-std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock) {
-  auto made = std::make_shared<CommandPane>(env, clock);
+std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock, const std::string& dataFolder) {
+  auto made = std::make_shared<CommandPane>(env, clock, dataFolder);
   return std::shared_ptr<pane::HelperPane>(made, &made->pane);
 }
 

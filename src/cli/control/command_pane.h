@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "pane/helper_pane.h"
 #include "base/clock.h"
@@ -11,8 +12,9 @@
 
 namespace zephlore::cli {
 
-// A pane over a session-bus connection of its own, which ends with it.
-std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock);
+// A pane over a session-bus connection of its own, which ends with it, and
+// the shared files in `dataFolder`.
+std::shared_ptr<pane::HelperPane> makeCommandPane(Env& env, Clock& clock, const std::string& dataFolder);
 
 inline constexpr const char* kAppliedAtStart = "zephlore-helper is not running; it applies the change when it starts.";
 

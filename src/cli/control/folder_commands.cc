@@ -23,12 +23,12 @@
 namespace zephlore::cli {
 namespace {
 
-void changeFolders(Env& env, Clock& clock, int* exit_code, bool adding, const std::vector<std::string>& arguments) {
+void changeFolders(Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, bool adding, const std::vector<std::string>& arguments) {
   if (reportDeadViews(arguments, adding ? "add" : "remove")) {
     *exit_code = 1;
     return;
   }
-  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock, dataFolder);
   std::vector<std::string> folders;
   for (const std::string& argument : arguments) {
     std::string problem;
@@ -127,7 +127,7 @@ void showFolders(Env& env, int* exit_code, bool json) {
 
 }  // namespace
 
-void addFolderCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addFolderCommands(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   for (bool adding : {true, false}) {
     auto arguments = std::make_shared<std::vector<std::string>>();
     CLI::App* sub = app.add_subcommand(
@@ -153,12 +153,12 @@ void addFolderCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
                     "Watch folders whose volume cannot hold compressed files all the same (nothing in them is "
                     "compressed until it can)");
     }
-    sub->callback([=, &env, &clock] {
+    sub->callback([=, &env, &clock, &dataFolder] {
       if (adding && !volumesCanHoldOrAnyway(env, *arguments, *anyway)) {
         *exit_code = 1;
         return;
       }
-      changeFolders(env, clock, exit_code, adding, *arguments);
+      changeFolders(env, clock, dataFolder, exit_code, adding, *arguments);
     });
   }
   auto json = std::make_shared<bool>(false);

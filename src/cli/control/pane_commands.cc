@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "base/util.h"
+#include "base/data_folder.h"
 #include "cli/control/command_pane.h"
 #include "cli/control/commands.h"
 #include "helper/bus/distributed_notification_center.h"
@@ -53,10 +53,10 @@ void printList(Env& env, const std::string& title, const std::string& path) {
   for (const std::string& entry : list.value_or(StringList{})) std::cout << "  " << entry << "\n";
 }
 
-void showSettings(Env& env) {
+void showSettings(Env& env, const std::string& dataFolder) {
   // Only read here: no notice is posted. The settings files are the user's
   // own, never beneath a view.
-  KRDefaultsController defaults(Env::system());
+  KRDefaultsController defaults(Env::system(), dataFolder);
   std::cout << "Shared with zephlore-helper: " << defaults.defaultsFileName() << "\n"
             << "  active          " << yesNo(defaults.helperActive())
             << "   (zephlore activate / deactivate)\n"
@@ -88,8 +88,8 @@ void showSettings(Env& env) {
                     ? "   (set by hand in that file)\n"
                     : "   (the default; that file does not exist yet, it may be made by hand)\n");
 
-  printList(env, "Excluded paths (zephlore exclude)", KRUtil::pathToExclusionPathsFile());
-  printList(env, "Excluded extensions (zephlore exclude-ext)", KRUtil::pathToExclusionExtensionsFile());
+  printList(env, "Excluded paths (zephlore exclude)", exclusionPathsFileIn(dataFolder));
+  printList(env, "Excluded extensions (zephlore exclude-ext)", exclusionExtensionsFileIn(dataFolder));
   std::string system = KRExclusionRules::kSystemRulesPath;
   std::string builtIn = resourcePath(KRExclusionRules::kHelperRulesName);
   std::cout << "System exclusion rules: " << system << " ("
@@ -113,9 +113,9 @@ struct ListCommand {
   const char* argumentKind;  // "a path"
 };
 
-void editList(Env& env, Clock& clock, int* exit_code, const ListCommand& command, bool adding,
+void editList(Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, const ListCommand& command, bool adding,
               const std::vector<std::string>& arguments) {
-  ListEdit edit = makeCommandPane(env, clock)->editExclusions(command.list, adding, arguments);
+  ListEdit edit = makeCommandPane(env, clock, dataFolder)->editExclusions(command.list, adding, arguments);
   switch (edit.status) {
     case ListEdit::Status::kNoDataFolder:
       std::cerr << "zephlore: no data folder for the " << command.what << "\n";
@@ -150,11 +150,11 @@ void editList(Env& env, Clock& clock, int* exit_code, const ListCommand& command
   reportTold(edit.told);
 }
 
-void listEntries(Env& env, int* exit_code, const ListCommand& command) {
+void listEntries(Env& env, const std::string& dataFolder, int* exit_code, const ListCommand& command) {
   std::string problem;
   // Read without the pane, which would reach for the bus.
-  std::string path = command.list == ExclusionList::kPaths ? KRUtil::pathToExclusionPathsFile()
-                                                           : KRUtil::pathToExclusionExtensionsFile();
+  std::string path = command.list == ExclusionList::kPaths ? exclusionPathsFileIn(dataFolder)
+                                                           : exclusionExtensionsFileIn(dataFolder);
   std::optional<StringList> list = path.empty() ? std::nullopt : pane::readListForEditing(env, path, &problem);
   if (!list) {
     std::cerr << "zephlore: cannot read the " << command.what << ": "
@@ -165,7 +165,7 @@ void listEntries(Env& env, int* exit_code, const ListCommand& command) {
   for (const std::string& entry : *list) std::cout << entry << "\n";
 }
 
-void addListCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code, const char* name, const char* description,
+void addListCommand(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, const char* name, const char* description,
                     const char* argument_name, const char* argument_help,
                     const ListCommand& command) {
   CLI::App* group = app.add_subcommand(name, description);
@@ -176,15 +176,16 @@ void addListCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code, const
         adding ? "add" : "remove",
         std::string(adding ? "Add to the " : "Remove from the ") + command.what);
     sub->add_option(argument_name, *arguments, argument_help)->required();
-    sub->callback([=, &env, &clock] { editList(env, clock, exit_code, command, adding, *arguments); });
+    sub->callback(
+        [=, &env, &clock, &dataFolder] { editList(env, clock, dataFolder, exit_code, command, adding, *arguments); });
   }
   group->add_subcommand("list", std::string("Print the ") + command.what + ", one per line")
-      ->callback([=, &env] { listEntries(env, exit_code, command); });
+      ->callback([=, &env, &dataFolder] { listEntries(env, dataFolder, exit_code, command); });
 }
 
 // Writes a switch and tells the helper, saying `done` in between.
-void applySwitch(Env& env, Clock& clock, int* exit_code, PaneSwitch which, bool on, const char* done) {
-  pane::SwitchResult result = makeCommandPane(env, clock)->applySwitch(which, on);
+void applySwitch(Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, PaneSwitch which, bool on, const char* done) {
+  pane::SwitchResult result = makeCommandPane(env, clock, dataFolder)->applySwitch(which, on);
   if (!result.saved) {
     std::cerr << "zephlore: " << result.problem << "\n";
     *exit_code = 1;
@@ -195,7 +196,7 @@ void applySwitch(Env& env, Clock& clock, int* exit_code, PaneSwitch which, bool 
 }
 
 // The four on/off settings of the helper, each a command of its own.
-void addSwitchCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addSwitchCommands(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   struct Switch {
     const char* name;
     const char* description;
@@ -221,22 +222,22 @@ void addSwitchCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
        PaneSwitch::kTransparentView, false, "zephlore-helper mounts no new views."},
   };
   for (const Switch& entry : kSwitches) {
-    app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry, &env, &clock] {
-      applySwitch(env, clock, exit_code, entry.which, entry.value, entry.done);
+    app.add_subcommand(entry.name, entry.description)->callback([exit_code, &entry, &env, &clock, &dataFolder] {
+      applySwitch(env, clock, dataFolder, exit_code, entry.which, entry.value, entry.done);
     });
   }
 }
 
-void addLoginCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addLoginCommand(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   auto login_state = std::make_shared<std::string>();
   CLI::App* login = app.add_subcommand(
       "login", "Start zephlore-helper at login or not (an autostart entry of the desktop)");
   login->add_option("state", *login_state, "on or off")
       ->required()
       ->check(CLI::IsMember({"on", "off"}));
-  login->callback([=, &env, &clock] {
+  login->callback([=, &env, &clock, &dataFolder] {
     bool on = *login_state == "on";
-    pane::SwitchResult result = makeCommandPane(env, clock)->applySwitch(PaneSwitch::kRunAtLogin, on);
+    pane::SwitchResult result = makeCommandPane(env, clock, dataFolder)->applySwitch(PaneSwitch::kRunAtLogin, on);
     if (!result.saved) {
       std::cerr << "zephlore: " << result.problem << "\n";
       *exit_code = 1;
@@ -248,15 +249,15 @@ void addLoginCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   });
 }
 
-void addUpdatesCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addUpdatesCommand(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   auto updates_action = std::make_shared<std::string>();
   CLI::App* updates = app.add_subcommand(
       "updates", "Turn automatic update checks on or off, or ask for a check now");
   updates->add_option("action", *updates_action, "on, off or check")
       ->required()
       ->check(CLI::IsMember({"on", "off", "check"}));
-  updates->callback([=, &env, &clock] {
-    std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+  updates->callback([=, &env, &clock, &dataFolder] {
+    std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock, dataFolder);
     if (*updates_action == "check") {
       bool told = reportTold(pane->askToCheckForUpdates(), "zephlore-helper is not running; nothing was checked.");
       if (told) std::cout << "Asked zephlore-helper to check for updates.\n";
@@ -274,12 +275,12 @@ void addUpdatesCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   });
 }
 
-void addExclusionCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
-  addListCommand(app, env, clock, exit_code, "exclude",
+void addExclusionCommands(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
+  addListCommand(app, env, clock, dataFolder, exit_code, "exclude",
                  "Folders and files zephlore-helper never compresses (by path prefix)", "PATH",
                  "Folders or files; relative paths are taken from the working folder",
                  ListCommand{"excluded paths", ExclusionList::kPaths, "a path"});
-  addListCommand(app, env, clock, exit_code, "exclude-ext",
+  addListCommand(app, env, clock, dataFolder, exit_code, "exclude-ext",
                  "File extensions zephlore-helper never compresses (any case)", "EXT",
                  "Extensions such as jpg, .JPG or ..jpg (all the same)",
                  ListCommand{"excluded extensions", ExclusionList::kExtensions, "a file extension"});
@@ -287,18 +288,18 @@ void addExclusionCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code)
 
 }  // namespace
 
-void addPaneCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addPaneCommands(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   app.add_subcommand("settings",
                      "Show every setting of zephlore-helper and the file it is kept in")
-      ->callback([&env] { showSettings(env); });
-  addSwitchCommands(app, env, clock, exit_code);
-  addLoginCommand(app, env, clock, exit_code);
-  addUpdatesCommand(app, env, clock, exit_code);
-  addExclusionCommands(app, env, clock, exit_code);
+      ->callback([&env, &dataFolder] { showSettings(env, dataFolder); });
+  addSwitchCommands(app, env, clock, dataFolder, exit_code);
+  addLoginCommand(app, env, clock, dataFolder, exit_code);
+  addUpdatesCommand(app, env, clock, dataFolder, exit_code);
+  addExclusionCommands(app, env, clock, dataFolder, exit_code);
   app.add_subcommand("quit", "Ask zephlore-helper to finish the file in hand and quit")
-      ->callback([exit_code, &env, &clock] {
+      ->callback([exit_code, &env, &clock, &dataFolder] {
         bool silent = false;
-        bool told = reportTold(makeCommandPane(env, clock)->quitHelper(), "zephlore-helper is not running.", &silent);
+        bool told = reportTold(makeCommandPane(env, clock, dataFolder)->quitHelper(), "zephlore-helper is not running.", &silent);
         if (told) std::cout << "Asked zephlore-helper to quit.\n";
         if (silent) *exit_code = 1;
       });

@@ -133,8 +133,8 @@ void printSilentHelperJson(uint32_t pid, const std::optional<std::vector<StatusF
   std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }
 
-void showStatus(Env& env, Clock& clock, int* exit_code, bool as_json) {
-  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock);
+void showStatus(Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, bool as_json) {
+  std::shared_ptr<pane::HelperPane> pane = makeCommandPane(env, clock, dataFolder);
   pane::StatusReading reading = pane->readStatus(kStatusTimeoutMs);
   const std::optional<LiveStatus>& live = reading.live;
   if (!live && reading.timedOut) {
@@ -163,10 +163,10 @@ void showStatus(Env& env, Clock& clock, int* exit_code, bool as_json) {
   *exit_code = live ? 0 : kNotRunning;
 }
 
-void callPauseOrResume(Env& env, Clock& clock, int* exit_code, bool pause, const char* done) {
+void callPauseOrResume(Env& env, Clock& clock, const std::string& dataFolder, int* exit_code, bool pause, const char* done) {
   bool absent = false, silent = false;
   std::string problem;
-  if (!makeCommandPane(env, clock)->pauseOrResume(pause, &absent, &silent, &problem)) {
+  if (!makeCommandPane(env, clock, dataFolder)->pauseOrResume(pause, &absent, &silent, &problem)) {
     if (silent) {
       std::cerr << "zephlore: zephlore-helper owns its bus name but did not answer within "
                 << pane::kHelperStartTimeoutSeconds << " s\n";
@@ -183,18 +183,18 @@ void callPauseOrResume(Env& env, Clock& clock, int* exit_code, bool pause, const
 
 }  // namespace
 
-void addStatusCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addStatusCommands(CLI::App& app, Env& env, Clock& clock, const std::string& dataFolder, int* exit_code) {
   auto* status = app.add_subcommand(
       "status", "Show whether zephlore-helper runs, what it does, its savings and the watched folders "
                 "(exit status 3 when it is not running; 1 when it runs but does not answer within 1.5 s, "
                 "stopped or busy: then the folders and savings its history holds)");
   auto as_json = std::make_shared<bool>(false);
   status->add_flag("--json", *as_json, "One JSON object");
-  status->callback([=, &env, &clock] { showStatus(env, clock, exit_code, *as_json); });
+  status->callback([=, &env, &clock, &dataFolder] { showStatus(env, clock, dataFolder, exit_code, *as_json); });
   app.add_subcommand("pause", "Pause the running helper: it stops watching and compressing until resumed")
-      ->callback([=, &env, &clock] { callPauseOrResume(env, clock, exit_code, true, "zephlore-helper is paused."); });
+      ->callback([=, &env, &clock, &dataFolder] { callPauseOrResume(env, clock, dataFolder, exit_code, true, "zephlore-helper is paused."); });
   app.add_subcommand("resume", "Resume the paused helper")
-      ->callback([=, &env, &clock] { callPauseOrResume(env, clock, exit_code, false, "zephlore-helper resumes its work."); });
+      ->callback([=, &env, &clock, &dataFolder] { callPauseOrResume(env, clock, dataFolder, exit_code, false, "zephlore-helper resumes its work."); });
 }
 
 }  // namespace zephlore::cli

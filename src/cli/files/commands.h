@@ -7,13 +7,15 @@
 #include <CLI/CLI.hpp>
 
 #include "base/clock.h"
+#include "base/data_folder.h"
 #include "platform/env.h"
 
 namespace zephlore::cli {
 
 // Each adds its subcommands to `app`. A subcommand's callback stores its exit
 // status in `*exit_code` (0 success, 1 failure; usage errors are CLI11's 2).
-void addFileCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code);
-void addMountCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code);
+// Converting runs keep their in-process record in `dataFolder`.
+void addFileCommands(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code);
+void addMountCommands(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code);
 
 }  // namespace zephlore::cli

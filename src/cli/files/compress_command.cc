@@ -50,7 +50,8 @@ std::vector<std::string> beneathViews(const std::vector<std::string>& given, Run
   return paths;
 }
 
-CLI::App* addConvertCommand(CLI::App& app, Env& env, Clock& clock, Operation op, const char* description, int* exit_code) {
+CLI::App* addConvertCommand(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, Operation op,
+                            const char* description, int* exit_code) {
   auto options = std::make_shared<ConvertCliOptions>();
   options->run.op = op;
   const bool compress = op == Operation::kCompress;
@@ -93,10 +94,11 @@ CLI::App* addConvertCommand(CLI::App& app, Env& env, Clock& clock, Operation op,
                     "after it was compressed is refused, so that neither version is lost.\n"
                     "Exit status: 0 when every file was decompressed or skipped, 1 when any failed, 2 "
                     "on usage errors, 130 when interrupted (Ctrl-C), 143 when ended by SIGTERM.\n");
-  cmd->callback([&env, &clock, options, exit_code] {
+  cmd->callback([&env, &clock, &dataFolder, options, exit_code] {
     RunOptions run = options->run;
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
-    std::unique_ptr<ConversionSafety> safety = run.dry_run ? nullptr : std::make_unique<ConversionSafety>(env);
+    std::unique_ptr<ConversionSafety> safety =
+        run.dry_run ? nullptr : std::make_unique<ConversionSafety>(env, dataFolder);
     std::unique_ptr<FileAction> action = run.op == Operation::kCompress
                                              ? makeCompressAction(env, clock, !options->no_verify, safety.get())
                                              : makeDecompressAction(env, safety.get());
@@ -122,10 +124,10 @@ int defaultJobs() {
   return n > 0 ? static_cast<int>(n) : 1;
 }
 
-void addCompressCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
-  addConvertCommand(app, env, clock, Operation::kCompress,
+void addCompressCommands(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code) {
+  addConvertCommand(app, env, clock, dataFolder, Operation::kCompress,
                     "Compress files in place into the transparent compressed form", exit_code);
-  addConvertCommand(app, env, clock, Operation::kDecompress, "Expand compressed files in place into plain files",
+  addConvertCommand(app, env, clock, dataFolder, Operation::kDecompress, "Expand compressed files in place into plain files",
                     exit_code);
 }
 

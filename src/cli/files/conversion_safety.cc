@@ -1,23 +1,20 @@
 #include "cli/files/conversion_safety.h"
 
 #include "base/log.h"
-#include "base/util.h"
 #include "engine/engine_temporaries.h"
 #include "platform/env.h"
 
 namespace zephlore::cli {
 
-ConversionSafety::ConversionSafety(Env& env) : env_(env) {
-  Error error;
-  std::optional<std::string> folder = KRUtil::applicationSupportFolder(&error);
-  if (!folder) {
+ConversionSafety::ConversionSafety(Env& env, const FoundDataFolder& dataFolder) : env_(env) {
+  if (dataFolder.path.empty()) {
     KRLog("No data folder for the in-process record (%s): a kill during a swap is repaired by the next run in "
           "that folder only",
-          error.message.c_str());
+          dataFolder.whyNone.c_str());
     return;
   }
-  ProcessInProcessRecord::repairRecordsOfGoneProcesses(env, *folder);
-  record_ = std::make_unique<ProcessInProcessRecord>(env, *folder);
+  ProcessInProcessRecord::repairRecordsOfGoneProcesses(env, dataFolder.path);
+  record_ = std::make_unique<ProcessInProcessRecord>(env, dataFolder.path);
 }
 
 void ConversionSafety::cleanFolderOf(const std::string& path) {

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "base/data_folder.h"
 #include "engine/process_records.h"
 
 namespace zephlore::cli {
@@ -16,7 +17,7 @@ namespace zephlore::cli {
 class ConversionSafety {
  public:
   // Without a data folder the run goes on unrecorded (a line says so).
-  explicit ConversionSafety(Env& env);
+  ConversionSafety(Env& env, const FoundDataFolder& dataFolder);
   ConversionSafety(const ConversionSafety&) = delete;
   ConversionSafety& operator=(const ConversionSafety&) = delete;
 

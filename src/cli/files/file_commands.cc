@@ -4,9 +4,9 @@
 
 namespace zephlore::cli {
 
-void addFileCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
-  addCompressCommands(app, env, clock, exit_code);
-  addRepairCommand(app, env, clock, exit_code);
+void addFileCommands(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code) {
+  addCompressCommands(app, env, clock, dataFolder, exit_code);
+  addRepairCommand(app, env, clock, dataFolder, exit_code);
   addInfoCommand(app, env, exit_code);
   addCatCommand(app, env, exit_code);
 }

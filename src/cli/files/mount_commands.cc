@@ -67,18 +67,18 @@ std::string filesCount(size_t n) { return std::to_string(n) + (n == 1 ? " compre
 
 // Expands the compressed files stored in `beneath`, as zephlore
 // decompress -r does; how many are left.
-size_t expandBeneath(Env& env, Clock& clock, const std::string& beneath) {
+size_t expandBeneath(Env& env, Clock& clock, const FoundDataFolder& dataFolder, const std::string& beneath) {
   RunOptions run;
   run.op = Operation::kDecompress;
   run.recursive = true;
   run.progress = isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
-  ConversionSafety safety(env);
+  ConversionSafety safety(env, dataFolder);
   std::unique_ptr<FileAction> action = makeDecompressAction(env, &safety);
   runFiles(env, clock, {beneath}, run, *action);
   return view::compressedFilesIn(env, beneath).count;
 }
 
-int runUnmount(Env& env, Clock& clock, const UnmountOptions& options) {
+int runUnmount(Env& env, Clock& clock, const FoundDataFolder& dataFolder, const UnmountOptions& options) {
   const std::string folder = view::absolutePath(options.mountPoint);
   std::optional<view::ViewMountEntry> mounted;
   for (view::ViewMountEntry& entry : view::viewMounts()) {
@@ -118,7 +118,7 @@ int runUnmount(Env& env, Clock& clock, const UnmountOptions& options) {
                          " (or zephlore decompress -r " + folder + ", then zephlore unmount " + folder +
                          "); --force unmounts anyway");
   }
-  if (left > 0) left = expandBeneath(env, clock, beneath);
+  if (left > 0) left = expandBeneath(env, clock, dataFolder, beneath);
   if (left > 0) {
     return unmountFailed(filesCount(left) + " in " + folder + " could not be expanded; the view stays");
   }
@@ -127,7 +127,7 @@ int runUnmount(Env& env, Clock& clock, const UnmountOptions& options) {
 
 }  // namespace
 
-void addMountCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addMountCommands(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code) {
   auto options = std::make_shared<MountOptions>();
   CLI::App* mount = app.add_subcommand("mount", "Show a folder with every compressed file at its full content");
   mount->footer(
@@ -184,7 +184,9 @@ void addMountCommands(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
   unmount->add_flag("--force", unmountOptions->force,
                     "Unmount even though programs would then read the folder's compressed files as empty")
       ->excludes(expand);
-  unmount->callback([&env, &clock, unmountOptions, exit_code] { *exit_code = runUnmount(env, clock, *unmountOptions); });
+  unmount->callback([&env, &clock, &dataFolder, unmountOptions, exit_code] {
+    *exit_code = runUnmount(env, clock, dataFolder, *unmountOptions);
+  });
 }
 
 }  // namespace zephlore::cli

@@ -581,7 +581,7 @@ TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUn
   mkdir((source_ + "/sub").c_str(), 0755);
   writeFile(source_ + "/sub/report", text);
   compress(source_);
-  view::ViewMounter mounter(Env::shared(), testkit::zephloreBinary());
+  view::ViewMounter mounter(Env::system(), testkit::zephloreBinary());
   LazyUnmount unmounter{source_};
   Error error;
   ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;

@@ -70,7 +70,7 @@ struct RepairCliOptions {
 
 }  // namespace
 
-void addRepairCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
+void addRepairCommand(CLI::App& app, Env& env, Clock& clock, const FoundDataFolder& dataFolder, int* exit_code) {
   auto options = std::make_shared<RepairCliOptions>();
   options->run.op = Operation::kRepair;
   CLI::App* cmd = app.add_subcommand("repair", "Repair files written after compression or cut short");
@@ -89,7 +89,7 @@ void addRepairCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
       "and left as it is. Temporary files that stopped runs left in the folders are settled too.\n"
       "Exit status: 0 when every file is whole or was repaired, 1 when any could not be, 2 on usage "
       "errors, 130 when interrupted, 143 on SIGTERM.\n");
-  cmd->callback([&env, &clock, options, exit_code] {
+  cmd->callback([&env, &clock, &dataFolder, options, exit_code] {
     RunOptions run = options->run;
     run.jobs = 1;
     run.progress = !run.quiet && !run.json && isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
@@ -99,7 +99,7 @@ void addRepairCommand(CLI::App& app, Env& env, Clock& clock, int* exit_code) {
     }
     WorkBeneathViews beneath(env, options->paths, "repair", run.quiet || run.json);
     std::unique_ptr<ConversionSafety> safety =
-        run.dry_run ? nullptr : std::make_unique<ConversionSafety>(beneath.env());
+        run.dry_run ? nullptr : std::make_unique<ConversionSafety>(beneath.env(), dataFolder);
     RepairAction action(beneath.env(), safety.get());
     *exit_code = runFiles(beneath.env(), clock, beneath.paths(), run, action);
   });

@@ -126,18 +126,18 @@ TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRun
     testkit::writeFile(path, text);
     Error error;
     int64_t saved = 0;
-    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), path, &error, &saved)) << error.describe();
+    ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), path, &error, &saved)) << error.describe();
     processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
     processor_->addSavingsForPath(static_cast<uint64_t>(saved), path);
   }
   testkit::writeFile(folder + "/plain", text);
-  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::shared(), folder + "/expanded"));
+  ASSERT_TRUE(QVHFSUncompressor::expandInPlacePath(Env::system(), folder + "/expanded"));
   ASSERT_EQ(unlink((folder + "/deleted").c_str()), 0);
 
   CompressedFileInfo kept;
   Error error;
-  ASSERT_TRUE(CompressedFileInfo::inspect(Env::shared(), folder + "/kept", &kept, &error)) << error.describe();
-  const std::optional<uint64_t> measured = measureFolderSavings(Env::shared(), folder);
+  ASSERT_TRUE(CompressedFileInfo::inspect(Env::system(), folder + "/kept", &kept, &error)) << error.describe();
+  const std::optional<uint64_t> measured = measureFolderSavings(Env::system(), folder);
   ASSERT_TRUE(measured.has_value());
   EXPECT_EQ(*measured, kept.savedBytes());
   EXPECT_GT(*measured, text.size() / 2);
@@ -146,7 +146,7 @@ TEST_F(HistoryProcessorTest, SweptSavingsAreMeasuredFromTheFilesAndReplaceTheRun
   EXPECT_EQ(processor_->totalSavings(), *measured);
   ASSERT_EQ(processor_->allFolderEntries().size(), 1u);
   EXPECT_EQ(processor_->allFolderEntries()[0].savings, *measured);
-  EXPECT_EQ(measureFolderSavings(Env::shared(), folder + "/gone"), std::nullopt);
+  EXPECT_EQ(measureFolderSavings(Env::system(), folder + "/gone"), std::nullopt);
 }
 
 TEST_F(HistoryProcessorTest, EachWholeGigabyteCrossedIsAnnouncedOnceCountedIn32Bits) {

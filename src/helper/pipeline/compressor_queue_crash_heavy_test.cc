@@ -19,7 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "base/log.h"
-#include "base/util.h"
+#include "base/data_folder.h"
 #include "engine/file_content_reader.h"
 #include "engine/file_snapshot_for_tests.h"
 #include "engine/hooked_env_for_tests.h"
@@ -57,7 +57,7 @@ void reportAndWait(const Step& step) {
 TEST(CompressorQueueCrashHeavy, Child) {
   const char* dir = getenv(kDirVariable);
   if (!dir) GTEST_SKIP() << "run by CompressorQueueCrashHeavy.KilledAnywhere";
-  const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
+  const std::string dataFolder = findDataFolder().value_or("");
   KRFileInProcessWatchdog watchdog(Env::system(), dataFolder);
   checkIntegrityOfPreviousRun(Env::system(), watchdog, dataFolder);
   reportAndWait(Step{0, 0});
@@ -78,7 +78,6 @@ TEST(CompressorQueueCrashHeavy, Child) {
   compressor.setFolderWatchTest([](const std::string&) { return true; });
   std::vector<std::string> paths;
   for (const std::string& name : listFolder(dir)) paths.push_back(std::string(dir) + "/" + name);
-  ScopedSharedEnv hooked(&env);
   compressor.addFiles(paths);
   loop.runUntilIdle();
   while (!compressor.queuedFiles().empty() || compressor.filesBeingCompressedCount() > 0) {
@@ -155,7 +154,7 @@ class ChildProcess {
 
 std::string readContent(const std::string& path) {
   Error error;
-  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::shared(), path, &error);
+  std::unique_ptr<FileContentReader> reader = FileContentReader::open(Env::system(), path, &error);
   if (!reader) return "unreadable: " + error.describe();
   std::string content(reader->size(), '\0');
   size_t got = 0;
@@ -169,7 +168,7 @@ TEST(CompressorQueueCrashHeavy, KilledAnywhereEveryFileKeepsItsContent) {
   ScopedLogCapture quiet([](const std::string&) {});
   ScratchDir dir;
   const std::string record =
-      KRFileInProcessWatchdog::watchdogFilename(KRUtil::applicationSupportFolder().value_or(""));
+      KRFileInProcessWatchdog::watchdogFilename(findDataFolder().value_or(""));
   std::mt19937 rng(20261123);
   std::vector<std::string> names, originals;
   for (int i = 0; i < kFiles; ++i) {

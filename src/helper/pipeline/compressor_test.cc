@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "base/util.h"
+#include "base/data_folder.h"
 
 #include "engine/extended_attributes_helper.h"
 #include "engine/file_content_reader.h"
@@ -72,11 +72,9 @@ class CompressorTest : public ::testing::Test {
     advance(KRCompressor::kTickDelay);
     finishBatches();
   }
-  // A compressor whose engine reads through `env`, as the helper's does
-  // through the process's Env; each file handed back is queued again.
+  // A compressor whose engine reads through `env`; each file handed back is
+  // queued again.
   std::unique_ptr<KRCompressor> compressorThrough(Env& env) {
-    sharedEnv.reset();
-    sharedEnv.emplace(&env);
     auto made = std::make_unique<KRCompressor>(
         loop, env, center, KRCompressorParts{.compressionQueue = &queue, .load = &load, .record = &watchdog});
     made->setFolderWatchTest([](const std::string&) { return true; });
@@ -94,14 +92,13 @@ class CompressorTest : public ::testing::Test {
   NotificationCenter center;
   NotificationRecorder recorder{clock, center};
   OperationQueue queue{1};
-  const std::string dataFolder = KRUtil::applicationSupportFolder().value_or("");
+  const std::string dataFolder = findDataFolder().value_or("");
   KRFileInProcessWatchdog watchdog{Env::system(), dataFolder};
-  KRCompressor compressor{loop, Env::shared(), center, {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
+  KRCompressor compressor{loop, Env::system(), center, {.compressionQueue = &queue, .load = &load, .record = &watchdog}};
   std::mutex watchedLock;
   std::string watched = dir.path() + "/";
   std::atomic<uint64_t> savings{0};
   std::vector<std::pair<std::string, uint64_t>> handedBack;  // path, files it queued again
-  std::optional<ScopedSharedEnv> sharedEnv;
 };
 
 // Another writer appending just before the engine reads: the file changes under it.
@@ -168,9 +165,9 @@ TEST_F(CompressorTest, QueuesOnceAndRunsBatchesOf50Every5SecondsAfterTheLastFini
   }
   for (const std::string& file : files) {
     Error error;
-    auto reader = FileContentReader::open(Env::shared(), file, &error);
+    auto reader = FileContentReader::open(Env::system(), file, &error);
     ASSERT_TRUE(reader && reader->isCompressed()) << file;
-    EXPECT_TRUE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), file)) << file;
+    EXPECT_TRUE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::system(), file)) << file;
   }
   EXPECT_GT(savings.load(), 0u);
   EXPECT_EQ(nice, KRCompressor::kCompressionThreadNice);
@@ -295,15 +292,15 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
   ASSERT_EQ(done.size(), 7u);
   EXPECT_EQ(done[0].errorCode, 704);
-  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), noise));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), noise));
   EXPECT_EQ(done[1].errorCode, 704);
-  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), smallNoise));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), smallNoise));
   EXPECT_EQ(testkit::readFile(smallNoise), testkit::randomData(20000, 8)) << "left plain";
   for (size_t i = 2; i < done.size(); ++i) {
     EXPECT_NE(done[i].errorCode, 0) << done[i].path;
     EXPECT_NE(done[i].errorCode, 704) << done[i].path;
   }
-  EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::shared(), linked));
+  EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), linked));
   EXPECT_EQ(testkit::readFile(linked), testkit::compressibleData(20000));
   EXPECT_EQ(testkit::readFile(beingWritten), testkit::compressibleData(20000));
   EXPECT_EQ(savings.load(), 0u);
@@ -367,13 +364,13 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
 
   busy->addFiles({growing, noise});
   runBatch();
-  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing)) << "refused while it grew";
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), growing)) << "refused while it grew";
   advance(KRCompressor::kBusyRetryDelay - 0.1);
   EXPECT_TRUE(handedBack.empty());
   advance(0.2);
   EXPECT_EQ(handedBack, (HandedBack{{growing, 1}})) << "the noise is not tried again";
   runBatch();
-  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), growing));
   EXPECT_EQ(testkit::readFile(growing), "") << "its data is in the compressed form now";
 
   // A file that changes at every attempt is tried less and less often, but
@@ -394,7 +391,7 @@ TEST_F(CompressorTest, AFileCaughtWhileBeingWrittenIsTriedAgainOnceItSettled) {
     EXPECT_EQ(handedBack.size(), static_cast<size_t>(refusals));
   }
   EXPECT_EQ(KRCompressor::busyRetryDelay(100), KRCompressor::kMaxBusyRetryDelay);
-  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), endless));
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), endless));
 }
 
 // A file the batch is done with is no longer in process though the batch
@@ -432,12 +429,12 @@ TEST_F(CompressorTest, AFileDoneWithLeavesTheBatchAtOnceSoItsRetryIsNotLost) {
   EXPECT_EQ(busy->queuedFiles(), std::vector<std::string>{growing});
   released.countDown();
   finishBatches();
-  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), slow));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), slow));
   EXPECT_EQ(busy->queuedFiles(), std::vector<std::string>{growing}) << "its batch's end does not take it out";
   EXPECT_EQ(busy->filesBeingCompressedCount(), 0u);
   advance(KRCompressor::kTickDelay);
   finishBatches();
-  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), growing));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), growing));
 }
 
 // An editor's save renamed over the name right after the swap: the plain
@@ -459,15 +456,15 @@ TEST_F(CompressorTest, AFileSavedOverJustAfterTheSwapIsTriedAgain) {
   racing->addFiles({note});
   runBatch();
   ASSERT_TRUE(saved.load()) << "the save did not land after the swap";
-  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
-  EXPECT_FALSE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::shared(), note)) << "not marked as ours";
+  EXPECT_FALSE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), note));
+  EXPECT_FALSE(KRExtendedAttributesHelper::compressionSignatureAtPath(Env::system(), note)) << "not marked as ours";
   EXPECT_EQ(testkit::readFile(note), testkit::compressibleData(90000, 9));
   advance(KRCompressor::kBusyRetryDelay + 0.1);
   EXPECT_EQ(handedBack.size(), 1u);
   EXPECT_EQ(handedBack[0].first, note);
   advance(KRCompressor::kTickDelay);
   finishBatches();
-  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::shared(), note));
+  EXPECT_TRUE(KRExtendedAttributesHelper::isCompressionAttributeSetAt(Env::system(), note));
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 #include "helper/settings/defaults_controller.h"
 
 #include <optional>
+#include <utility>
 
 #include "base/log.h"
-#include "base/util.h"
 #include "helper/bus/preference_communicator.h"
 #include "platform/fuse_availability.h"
 
@@ -33,8 +33,9 @@ const char* typeName(plist_t node) {
 
 }  // namespace
 
-KRDefaultsController::KRDefaultsController(Env& env, KRPreferenceCommunicator* communicator)
-    : env_(env), communicator_(communicator) {
+KRDefaultsController::KRDefaultsController(Env& env, std::string dataFolder,
+                                           KRPreferenceCommunicator* communicator)
+    : env_(env), dataFolder_(std::move(dataFolder)), communicator_(communicator) {
   setupDefaultValues();
 }
 
@@ -56,8 +57,7 @@ void KRDefaultsController::setupDefaultValues() {
 }
 
 std::string KRDefaultsController::defaultsFileName() const {
-  std::optional<std::string> folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/" + kDefaultsFileName : "";
+  return dataFolder_.empty() ? "" : dataFolder_ + "/" + kDefaultsFileName;
 }
 
 bool KRDefaultsController::sayReadProblem(const std::string& problem) {

@@ -22,9 +22,10 @@ class KRDefaultsController {
   // Reads the file and writes it back at once, so the file exists (with the
   // built-in defaults on a first run) from then on. One per process, made
   // by its owner (the helper's delegate, the pane) over the real system:
-  // the settings files are the user's own, never beneath a view. The update
-  // switch is told through `communicator` (none: only written).
-  explicit KRDefaultsController(Env& env, KRPreferenceCommunicator* communicator = nullptr);
+  // the settings files are the user's own, never beneath a view. The file
+  // is kept in `dataFolder` ("": none, the built-in settings only). The
+  // update switch is told through `communicator` (none: only written).
+  KRDefaultsController(Env& env, std::string dataFolder, KRPreferenceCommunicator* communicator = nullptr);
   KRDefaultsController(const KRDefaultsController&) = delete;
   KRDefaultsController& operator=(const KRDefaultsController&) = delete;
 
@@ -71,6 +72,7 @@ class KRDefaultsController {
   bool sayReadProblem(const std::string& problem);
 
   Env& env_;
+  const std::string dataFolder_;
   KRPreferenceCommunicator* communicator_;
   mutable std::mutex mutex_;  // guards the two dictionaries and the problem said
   PlistPtr default_values_;   // built once, never changed

@@ -35,7 +35,7 @@ class DefaultsControllerTest : public ::testing::Test {
   }
   // A controller started now, as at the helper's start.
   KRDefaultsController& start() {
-    return started.emplace(Env::system());
+    return started.emplace(Env::system(), home.dataFolder());
   }
 
   TestHome home;

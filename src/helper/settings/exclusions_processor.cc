@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "base/log.h"
-#include "base/util.h"
+#include "base/data_folder.h"
 #include "helper/bus/distributed_notification_center.h"
 #include "helper/settings/plist_file.h"
 #include "protocol/notification_names.h"
@@ -20,8 +20,11 @@ std::string lowercase(std::string text) {
 
 }  // namespace
 
-KRExclusionsProcessor::KRExclusionsProcessor(Env& env, DistributedNotificationCenter& center, RunLoop& loop)
+KRExclusionsProcessor::KRExclusionsProcessor(Env& env, const std::string& dataFolder,
+                                             DistributedNotificationCenter& center, RunLoop& loop)
     : env_(env),
+      pathsFile_(exclusionPathsFileIn(dataFolder)),
+      extensionsFile_(exclusionExtensionsFileIn(dataFolder)),
       center_(center),
       paths_observer_(center_.addObserver(kExcludedPathsNotification,
                                           [this](const Notification&) { excludedPathsUpdate(); }, loop)),
@@ -68,7 +71,7 @@ void KRExclusionsProcessor::excludedPathsUpdate() {
     std::lock_guard lock(mutex_);
     paths_.reset();
   }
-  std::optional<List> entries = readListFile(env_, KRUtil::pathToExclusionPathsFile(), "excluded paths");
+  std::optional<List> entries = readListFile(env_, pathsFile_, "excluded paths");
   if (!entries) return;
   auto resolved = std::make_shared<List>();
   for (const std::string& entry : *entries) {
@@ -85,7 +88,7 @@ void KRExclusionsProcessor::excludedExtensionsUpdate() {
     extensions_.reset();
   }
   std::optional<List> entries =
-      readListFile(env_, KRUtil::pathToExclusionExtensionsFile(), "excluded extensions");
+      readListFile(env_, extensionsFile_, "excluded extensions");
   if (!entries) return;
   auto normalized = std::make_shared<List>();
   for (const std::string& entry : *entries) {

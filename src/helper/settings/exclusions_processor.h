@@ -27,8 +27,10 @@ class KRExclusionsProcessor {
 
   // Made when the helper starts, before anything else, so that it listens
   // from the first moment: observes both names on `center` (heard on
-  // `loop`), then reads both files. Paths are resolved through `env`.
-  KRExclusionsProcessor(Env& env, DistributedNotificationCenter& center, RunLoop& loop);
+  // `loop`), then reads both files, kept in `dataFolder` ("": none). Paths
+  // are resolved through `env`.
+  KRExclusionsProcessor(Env& env, const std::string& dataFolder, DistributedNotificationCenter& center,
+                        RunLoop& loop);
   // Stops listening (a test's own instance ends before the center).
   ~KRExclusionsProcessor();
   KRExclusionsProcessor(const KRExclusionsProcessor&) = delete;
@@ -62,6 +64,8 @@ class KRExclusionsProcessor {
 
  private:
   Env& env_;
+  const std::string pathsFile_;
+  const std::string extensionsFile_;
   DistributedNotificationCenter& center_;
   DistributedNotificationCenter::ObserverId paths_observer_, extensions_observer_;
   mutable std::mutex mutex_;  // guards the two pointers, never the lists

@@ -35,7 +35,7 @@ class ExclusionsProcessorTest : public ::testing::Test {
 TEST_F(ExclusionsProcessorTest, PathsArePlainPrefixesAndExtensionsAreNormalised) {
   writeFile(pathsFile(), stringArray({"/a/b", "", "/c/d/"}));
   writeFile(extensionsFile(), stringArray({"Jpg", ".", "..TXT", "", "tar.GZ", "..."}));
-  KRExclusionsProcessor processor{Env::system(), bus, loop};
+  KRExclusionsProcessor processor{Env::system(), home.dataFolder(), bus, loop};
 
   EXPECT_EQ(processor.excludedPaths(), (std::vector<std::string>{"/a/b", "/c/d/"}));
   EXPECT_EQ(processor.excludedExtensions(),
@@ -66,7 +66,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
   writeFile(real + "/other.txt", "x");
   // The user chose the folder through the link.
   writeFile(pathsFile(), stringArray({link + "/sub"}));
-  KRExclusionsProcessor processor{Env::system(), bus, loop};
+  KRExclusionsProcessor processor{Env::system(), home.dataFolder(), bus, loop};
 
   EXPECT_EQ(processor.excludedPaths(), std::vector<std::string>{real + "/sub"});
   EXPECT_TRUE(processor.isExcluded(real + "/sub/file.txt"));
@@ -75,7 +75,7 @@ TEST_F(ExclusionsProcessorTest, PathsInSymlinkedFoldersMatchByTheirResolvedForm)
 }
 
 TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothingAndUpdatesReplaceTheListsFromTheFiles) {
-  KRExclusionsProcessor processor{Env::system(), bus, loop};
+  KRExclusionsProcessor processor{Env::system(), home.dataFolder(), bus, loop};
   EXPECT_TRUE(processor.excludedPaths().empty());
   EXPECT_TRUE(processor.excludedExtensions().empty());
   EXPECT_FALSE(processor.isExcluded(""));
@@ -98,7 +98,7 @@ TEST_F(ExclusionsProcessorTest, NoFilesExcludeNothingAndUpdatesReplaceTheListsFr
 }
 
 TEST_F(ExclusionsProcessorTest, BadListFilesGiveNoListAndOneLogLine) {
-  KRExclusionsProcessor processor{Env::system(), bus, loop};
+  KRExclusionsProcessor processor{Env::system(), home.dataFolder(), bus, loop};
   const std::string header = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
   struct Case {
     std::string bytes;

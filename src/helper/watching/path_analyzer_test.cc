@@ -255,9 +255,7 @@ TEST_F(PathAnalyzerTest, BeneathAViewTheStoredTreeIsWalkedWholeAndNamedAsShown) 
   ASSERT_GE(held, 0);
   PathMap views;
   views.replaceAll({{shown.path(), "/proc/self/fd/" + std::to_string(held)}});
-  PathMappingEnv beneath(Env::shared(), views);
-  // The engine's attribute reads use the process's Env, as in the helper.
-  ScopedSharedEnv processEnv(&beneath);
+  PathMappingEnv beneath(Env::system(), views);
   KRPathAnalyzerLinks shownLinks = links();
   shownLinks.watchedPathForPath = [&](const std::string&) { return shown.path(); };
   KRPathAnalyzers beneathViews(loop, beneath, center, shownLinks);

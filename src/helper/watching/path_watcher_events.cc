@@ -16,15 +16,16 @@ double secondsSince1970(WallTime t) { return toSeconds(t.time_since_epoch()); }
 
 }  // namespace
 
-KRPathWatcherEvents::KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders,
+KRPathWatcherEvents::KRPathWatcherEvents(Env& env, KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders,
                                          KRWatcherHistoryLinks history, Options options)
-    : folders_(std::move(folders)),
+    : env_(env),
+      folders_(std::move(folders)),
       history_(std::move(history)),
       analyzers_(analyzers),
       options_(std::move(options)),
       loop_(analyzers.mainLoop()) {
   journal_ = std::make_unique<EventJournal>(
-      env(), options_.journal_path.empty() ? std::string("/dev/null") : options_.journal_path);
+      env_, options_.journal_path.empty() ? std::string("/dev/null") : options_.journal_path);
   last_event_received_ = lastEventProcessed();
   pending_events_.reserve(600);
   count_observer_ = analyzers_.addAnalyzersCountObserver([this] { throttle(); });

@@ -64,9 +64,6 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
     DirectoryWatcher::Kind backend = DirectoryWatcher::Kind::kAny;
     double latency = kLatency;
     bool watch_mounts = true;
-    // The file calls on watched paths (the helper's reaches the files
-    // beneath its views); null: the system's.
-    Env* env = nullptr;
     // The same paths' directories for the event stream (the views'); null:
     // at their own paths.
     const PathMap* map = nullptr;
@@ -78,10 +75,11 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   };
 
   // Starts its analyses in `analyzers`, on their main loop, and hears of
-  // mounts on their center.
-  KRPathWatcherEvents(KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders, KRWatcherHistoryLinks history,
-                      Options options);
-  Env& env() const { return options_.env ? *options_.env : Env::system(); }
+  // mounts on their center. The file calls on watched paths go through `env`
+  // (the helper's reaches the files beneath its views).
+  KRPathWatcherEvents(Env& env, KRPathAnalyzers& analyzers, KRWatcherFolderLinks folders,
+                      KRWatcherHistoryLinks history, Options options);
+  Env& env() const { return env_; }
   ~KRPathWatcherEvents() override;
   KRPathWatcherEvents(const KRPathWatcherEvents&) = delete;
   KRPathWatcherEvents& operator=(const KRPathWatcherEvents&) = delete;
@@ -134,6 +132,7 @@ class KRPathWatcherEvents : public KRPathAnalyzerDelegate {
   std::vector<std::string> watchPaths() const;
   void restartStream();
 
+  Env& env_;
   KRWatcherFolderLinks folders_;
   KRWatcherHistoryLinks history_;
   KRPathAnalyzers& analyzers_;

@@ -86,7 +86,7 @@ class PathWatcherEventsTest : public ::testing::Test {
     options.watch_mounts = false;
     options.map = &views;
     options.settings = &defaults;
-    events = std::make_unique<KRPathWatcherEvents>(analyzers, folders, history, options);
+    events = std::make_unique<KRPathWatcherEvents>(Env::system(), analyzers, folders, history, options);
   }
 
   void runUntil(const std::function<bool()>& done) {

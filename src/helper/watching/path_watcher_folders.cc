@@ -77,8 +77,8 @@ KRPathWatcherEvents& KRPathWatcher::startEvents(KRPathAnalyzers& analyzers, KRWa
   folders.watchedPathForPath = [this](const std::string& path) { return watchedPathForPath(path); };
   folders.haveNewPaths = [this] { return haveNewPaths(); };
   folders.clearHaveNewPaths = [this] { setHaveNewPaths(false); };
-  options.env = &env_;
-  events_ = std::make_unique<KRPathWatcherEvents>(analyzers, std::move(folders), std::move(history), std::move(options));
+  events_ = std::make_unique<KRPathWatcherEvents>(env_, analyzers, std::move(folders), std::move(history),
+                                                  std::move(options));
   return *events_;
 }
 

@@ -113,7 +113,7 @@ class ForkedView {
       options.foreground = true;
       // As on the tmpfs beneath: the suite makes devices and set-user-ID files.
       options.fuseOptions = {"dev", "suid"};
-      _exit(runView(Env::shared(), options));
+      _exit(runView(Env::system(), options));
     }
     close(fds[1]);
     pollfd ready{fds[0], POLLIN, 0};
