@@ -187,7 +187,7 @@ void BM_WriteToHandOverLatency(benchmark::State& state) {
   options.journal_path = b.base + "/latency.journal";
   options.latency = 0;
   options.watch_mounts = false;
-  KRPathWatcherEvents events(b.analyzers, folders, history, options);
+  KRPathWatcherEvents events(Env::system(), b.analyzers, folders, history, options);
   events.startWatching();
   double latency_ms = 0;
   for (auto _ : state) {
