@@ -32,9 +32,7 @@ void saveHistoryContext() {
 
 }  // namespace
 
-// The settings files are the user's own, never beneath a view: the real
-// system serves them.
-KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder,
+KRAppDelegate::KRAppDelegate(Env& env, Env& system, RunLoop& loop, PathMap& map, std::string dataFolder,
                              DistributedNotificationCenter& bus)
     : env_(env),
       loop_(loop),
@@ -42,8 +40,8 @@ KRAppDelegate::KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string 
       dataFolder_(std::move(dataFolder)),
       bus_(bus),
       communicator_(bus),
-      defaults_(Env::system(), dataFolder_, &communicator_),
-      helperDefaults_(Env::system()),
+      defaults_(system, dataFolder_, &communicator_),
+      helperDefaults_(system),
       helper_(std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_,
                                        Helper::Settings{defaults_, helperDefaults_},
                                        Helper::Messaging{bus_, notices_})),

@@ -32,9 +32,12 @@ class LibnotifySender;
 
 class KRAppDelegate : public KRCrashControllerDelegate, public HelperObserver {
  public:
-  // What the helper works through (see Helper), and the session bus of the
+  // What the helper works through (`env`, beneath the views; see Helper),
+  // the system itself for the settings files (the user's own, read where
+  // the user sees them, never beneath a view), and the session bus of the
   // process; the Helper is built, nothing starts yet.
-  KRAppDelegate(Env& env, RunLoop& loop, PathMap& map, std::string dataFolder, DistributedNotificationCenter& bus);
+  KRAppDelegate(Env& env, Env& system, RunLoop& loop, PathMap& map, std::string dataFolder,
+                DistributedNotificationCenter& bus);
   ~KRAppDelegate() override;
 
   // The start-up steps in their order.

@@ -95,7 +95,7 @@ int main() {
   // still be finishing a file when main returns.
   auto* views = new PathMap();
   auto* beneathViews = new PathMappingEnv(env, *views);
-  auto* delegate = new KRAppDelegate(*beneathViews, loop, *views, *folder, *bus);
+  auto* delegate = new KRAppDelegate(*beneathViews, env, loop, *views, *folder, *bus);
 
   const int signal_fd = watchQuitSignals(loop, *delegate);
   if (signal_fd < 0) {

@@ -87,11 +87,9 @@ PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCen
   };
   auto settings = std::make_shared<Settings>(center);
   return {env, clock, center,
-          [settings, dataFolder]() -> KRDefaultsController& {
-            // The settings files are the user's own, never beneath a view.
+          [settings, &env, dataFolder]() -> KRDefaultsController& {
             std::call_once(settings->made, [&] {
-              settings->defaults =
-                  std::make_unique<KRDefaultsController>(Env::system(), dataFolder, &settings->communicator);
+              settings->defaults = std::make_unique<KRDefaultsController>(env, dataFolder, &settings->communicator);
             });
             return *settings->defaults;
           },

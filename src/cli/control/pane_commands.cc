@@ -54,9 +54,8 @@ void printList(Env& env, const std::string& title, const std::string& path) {
 }
 
 void showSettings(Env& env, const std::string& dataFolder) {
-  // Only read here: no notice is posted. The settings files are the user's
-  // own, never beneath a view.
-  KRDefaultsController defaults(Env::system(), dataFolder);
+  // Only read here: no notice is posted.
+  KRDefaultsController defaults(env, dataFolder);
   std::cout << "Shared with zephlore-helper: " << defaults.defaultsFileName() << "\n"
             << "  active          " << yesNo(defaults.helperActive())
             << "   (zephlore activate / deactivate)\n"
@@ -74,7 +73,7 @@ void showSettings(Env& env, const std::string& dataFolder) {
   std::cout << "Autostart entry: " << pane::autostartEntryPath() << " ("
             << (pane::autostartEntryInstalled(env) ? "present" : "absent") << ")\n";
 
-  KRHelperDefaults own(Env::system());
+  KRHelperDefaults own(env);
   struct stat st;
   uint64_t event = own.lastEventID();
   std::cout << "The helper's own settings: " << own.domainFileName() << "\n"
