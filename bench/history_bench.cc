@@ -50,12 +50,20 @@ Setting& setting() {
   return *s;
 }
 
+HistoryDatabase& database() {
+  static HistoryDatabase* d = [] {
+    setting();  // the data folder first
+    return new HistoryDatabase(Env::system(), *KRUtil::applicationSupportFolder(), nullptr);
+  }();
+  return *d;
+}
+
 KRHistoryProcessor& processor() {
   static KRHistoryProcessor* p = [] {
     KRHistoryProcessor::Hooks hooks;
     hooks.postSavingsChanged = [] {};
     hooks.helperActive = [] { return false; };
-    return new KRHistoryProcessor(setting().loop, Env::system(), hooks);
+    return new KRHistoryProcessor(setting().loop, Env::system(), database(), hooks);
   }();
   return *p;
 }
@@ -73,7 +81,7 @@ void BM_AddSavingsBurstFromAWorker(benchmark::State& state) {
   std::ofstream(folder + "/file") << "x";
   processor().foldersChanged({folder}, {});
   processor().saveNow();
-  HistoryStore* store = KRHelperUtil::persistentStoreCoordinator();
+  HistoryStore* store = database().persistentStoreCoordinator();
   double transactions = 0, mainMs = 0;
   for (auto _ : state) {
     const uint64_t before = store->transactionCount();

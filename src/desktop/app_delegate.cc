@@ -10,7 +10,6 @@
 #include "desktop/menu_bar_controller.h"
 #include "desktop/status_notifier_item.h"
 #include "helper/bus/distributed_notification_center.h"
-#include "helper/history/history_database.h"
 #include "helper/lifecycle/updater.h"
 #include "helper/notices/notice_bridge.h"
 #include "helper/settings/defaults_controller.h"
@@ -23,8 +22,8 @@ namespace {
 
 // Saves what the history holds in memory; a failure is only logged, as
 // nothing better can be done on the way out.
-void saveHistoryContext() {
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
+void saveHistoryContext(HistoryDatabase& database) {
+  HistoryContext* context = database.managedObjectContext();
   if (!context || !context->hasChanges()) return;
   Error error;
   if (!context->save(&error)) KRLog("ZephloreHelper: could not save the history: %s", error.message.c_str());
@@ -231,7 +230,7 @@ void KRAppDelegate::terminate() {
 }
 
 bool KRAppDelegate::applicationShouldTerminate() {
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
+  HistoryContext* context = helper_ ? helper_->historyDatabase().managedObjectContext() : nullptr;
   if (!context) return true;
   if (!context->commitEditing()) {
     KRLog("%s:%s unable to commit editing to terminate", "KRAppDelegate", "applicationShouldTerminate:");
@@ -261,7 +260,7 @@ void KRAppDelegate::terminateActivity() {
 
 void KRAppDelegate::crashControllerDidReceiveSignal(KRCrashController* controller, int32_t signal) {
   KRLog("*** ZephloreHelper received signal %d and is about to crash. Orderly saving database.", signal);
-  saveHistoryContext();
+  if (helper_) saveHistoryContext(helper_->historyDatabase());
   terminateActivity();
   controller->forwardToDefaultHandler();
 }

@@ -5,7 +5,6 @@
 
 #include "base/run_loop.h"
 #include "helper/history/folder_savings.h"
-#include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
 #include "helper/lifecycle/previous_run_recovery.h"
 #include "helper/settings/defaults_controller.h"
@@ -28,7 +27,11 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop, messaging.notices),
       exclusions_(env, dataFolder_, messaging.bus, loop),
-      history_(loop, env,
+      // SQLite opens the database by its path, never beneath a view: the
+      // checks before it look through the real system too. Its alerts (a
+      // damaged database) reach the user as notices.
+      database_(Env::system(), dataFolder, &messaging.notices),
+      history_(loop, env, database_,
                {.postSavingsChanged = [this] { messaging_.bus.postNotificationName(kSavingsChangedNotification); },
                 .helperActive = [this] { return settings_.user.helperActive(); },
                 .savingsIncreased = [this](uint64_t increase,
@@ -46,7 +49,6 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
 }
 
 Helper::~Helper() {
-  KRHelperUtil::setNoticeBridge(nullptr);
   for (NotificationCenter::ObserverId id : observers_) center_.removeObserver(id);
   watcher_.setWatchPaths(std::nullopt);
   compressor_.pauseCompression();
@@ -55,8 +57,6 @@ Helper::~Helper() {
 }
 
 void Helper::linkParts() {
-  // The history's alerts (a damaged database) reach the user as notices.
-  KRHelperUtil::setNoticeBridge(&messaging_.notices);
   rules_.loadExclusionRules(env_, dataFolder_);
   history_.setWatchPathsHandler([this](const std::optional<FolderList>& folders) { applyWatchPaths(folders); });
 
@@ -106,7 +106,7 @@ void Helper::linkParts() {
     return static_cast<size_t>(compressor_.addFiles(files));
   };
   analyzerLinks.isFileInProcess = [this](const std::string& path) { return compressor_.isInProcess(path); };
-  analyzerLinks.closeDatabase = [&loop = loop_] { KRHelperUtil::closeDatabase(loop); };
+  analyzerLinks.closeDatabase = [this] { database_.closeDatabase(loop_); };
   analyzerLinks.addAnalysisOperation = [this](Operation operation) {
     scheduler_.queueAnalysisOperation(std::move(operation));
   };

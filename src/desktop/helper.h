@@ -1,10 +1,11 @@
 // Helper: the helper's working parts, owned in one place. It builds the
-// process-local notification center the parts post on, the scheduler, the crash record, the load and power gauges, the history, the
-// compressor, the path watcher and the views over the watched folders, hands
-// each what it needs through its constructor, links the analyzers to them,
-// and answers the desktop layer (tray, notices, status object), which sees
-// it only through HelperObserver and the calls below and never links the
-// parts itself. Everything here runs on the main run loop's thread.
+// process-local notification center the parts post on, the scheduler, the
+// crash record, the load and power gauges, the history's database and
+// processor, the compressor, the path watcher and the views over the watched
+// folders, hands each what it needs through its constructor, links the
+// analyzers to them, and answers the desktop layer (tray, notices, status
+// object), which sees it only through HelperObserver and the calls below and
+// never links the parts itself. Everything here runs on the main run loop's thread.
 #pragma once
 
 #include <atomic>
@@ -17,6 +18,7 @@
 #include "base/notification_center.h"
 #include "desktop/folder_views.h"
 #include "helper/bus/distributed_notification_center.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_processor.h"
 #include "helper/lifecycle/file_in_process_watchdog.h"
 #include "helper/lifecycle/scheduler.h"
@@ -114,6 +116,8 @@ class Helper {
 
   Figures figures();
   uint64_t totalSavings() const;
+  // The history's store (the quit saves what it holds).
+  HistoryDatabase& historyDatabase() { return database_; }
   // Where the parts post their progress (analysis and compression started
   // and ended): the tray follows it.
   NotificationCenter& notifications() { return center_; }
@@ -140,6 +144,7 @@ class Helper {
   KRExclusionRules rules_;
   // The user's exclusion lists are followed from the helper's start.
   KRExclusionsProcessor exclusions_;
+  HistoryDatabase database_;
   KRHistoryProcessor history_;
   KRPathAnalyzers analyzers_;
   KRCompressor compressor_;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "base/log.h"
 #include "base/run_loop.h"
 #include "helper/history/history_database.h"
@@ -24,14 +26,12 @@ TEST(LibnotifySenderTest, TheServerSeesACriticalAlertAndATypedNotice) {
   ASSERT_TRUE(server.ready());
   auto sender = std::make_shared<LibnotifySender>();
   KRGrowlBridge notices(sender);
-  KRHelperUtil::setNoticeBridge(&notices);
-  struct Uninstall {
-    ~Uninstall() { KRHelperUtil::setNoticeBridge(nullptr); }
-  } uninstall;
+  std::filesystem::create_directories(home.dataFolder());
+  HistoryDatabase database(Env::system(), home.dataFolder(), &notices);
   std::string noise;
   for (int i = 0; i < 4096; ++i) noise.push_back(static_cast<char>(i * 7919 % 251));
-  testkit::writeFile(KRHelperUtil::databasePath(), noise);
-  ASSERT_NE(KRHelperUtil::managedObjectContext(), nullptr);
+  testkit::writeFile(database.databasePath(), noise);
+  ASSERT_NE(database.managedObjectContext(), nullptr);
   sender->send(Notice{0, "Savings Increased", "Savings Increased",
                       "Total savings of Zephlore have increased by 1.00 GB, they are now 1.00 GB."});
   sender->flush();

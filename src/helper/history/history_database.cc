@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <optional>
-#include <set>
 
 #include "base/log.h"
 #include "base/run_loop.h"
@@ -15,50 +13,32 @@
 #include "helper/notices/notice_bridge.h"
 
 namespace zephlore {
-namespace {
 
-struct Stack {
-  std::optional<HistoryModel> model;
-  std::unique_ptr<HistoryStore> store;
-  std::unique_ptr<HistoryContext> context;
-  // A failure that repeats on every retry is told once.
-  std::set<std::string> presented;
-  KRGrowlBridge* notices = nullptr;
-};
-
-Stack& stack() {
-  static Stack* instance = new Stack();
-  return *instance;
+std::string HistoryDatabase::pathInFolder(const std::string& dataFolder) {
+  return dataFolder.empty() ? std::string() : dataFolder + "/" + kDatabaseFileName;
 }
-
-// SQLite opens the database by its path through the real system, never
-// through an Env: the checks before it look at the same file.
-Env& databaseEnv() { return Env::system(); }
-
-}  // namespace
 
 std::string KRHelperUtil::databasePath() {
-  std::optional<std::string> folder = KRUtil::applicationSupportFolder();
-  return folder ? *folder + "/" + kDatabaseFileName : std::string();
+  return HistoryDatabase::pathInFolder(KRUtil::applicationSupportFolder().value_or(""));
 }
 
-void KRHelperUtil::presentError(const std::string& title, const std::string& text) {
-  if (!stack().presented.insert(title + "\n" + text).second) return;
+HistoryDatabase::HistoryDatabase(Env& env, const std::string& dataFolder, KRGrowlBridge* notices)
+    : env_(env), path_(pathInFolder(dataFolder)), notices_(notices) {}
+
+void HistoryDatabase::presentError(const std::string& title, const std::string& text) {
+  if (!presented_.insert(title + "\n" + text).second) return;
   KRLog("*** %s: %s", title.c_str(), text.c_str());
-  if (KRGrowlBridge* notices = stack().notices) notices->showCriticalNotice(title, text);
+  if (notices_) notices_->showCriticalNotice(title, text);
 }
 
-void KRHelperUtil::setNoticeBridge(KRGrowlBridge* notices) { stack().notices = notices; }
-
-const HistoryModel* KRHelperUtil::managedObjectModel() {
-  Stack& s = stack();
-  if (!s.model) s.model = HistoryModel::load(databaseEnv());
-  return s.model ? &*s.model : nullptr;
+const HistoryModel* HistoryDatabase::managedObjectModel() {
+  if (!model_) model_ = HistoryModel::load(env_);
+  return model_ ? &*model_ : nullptr;
 }
 
-bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env& env, const std::string& path) {
+bool HistoryDatabase::ensureIntegrityOfDatabaseAtPath(const std::string& path) {
   struct stat st;
-  if (env.lstat(path, &st) != 0) return true;
+  if (env_.lstat(path, &st) != 0) return true;
 
   // Only the preparation decides: a file SQLite can parse passes, whatever
   // the pragma would report.
@@ -81,76 +61,64 @@ bool KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env& env, const std::string& 
   }
 
   presentError(kDatabaseErrorTitle, kDatabaseCorruptMessage);
-  if (env.unlink(path) != 0) {
+  if (env_.unlink(path) != 0) {
     KRLog("*** Cannot delete the damaged history database %s: %s", path.c_str(), strerror(errno));
   }
   // Journals of the damaged file must not be replayed into the new one.
-  env.unlink(path + "-wal");
-  env.unlink(path + "-shm");
+  env_.unlink(path + "-wal");
+  env_.unlink(path + "-shm");
   return false;
 }
 
-HistoryStore* KRHelperUtil::persistentStoreCoordinator() {
-  Stack& s = stack();
-  if (s.store) return s.store.get();
+HistoryStore* HistoryDatabase::persistentStoreCoordinator() {
+  if (store_) return store_.get();
   const HistoryModel* model = managedObjectModel();
   if (!model) {
     KRLog("*** Managed object model is nil");
     KRLog("KRHelperUtil:persistentStoreCoordinator No model to generate a store from");
     return nullptr;
   }
-  std::string path = databasePath();
-  if (path.empty()) {
+  if (path_.empty()) {
     presentError("Failed to open the history database", "There is no data folder to keep it in.");
     return nullptr;
   }
   // Checked before SQLite opens it, which would wait forever on a FIFO.
   std::string refusal;
-  if (!HistoryStore::databaseFilesUsable(databaseEnv(), path, &refusal)) {
+  if (!HistoryStore::databaseFilesUsable(env_, path_, &refusal)) {
     presentError("Failed to open the history database", refusal);
     return nullptr;
   }
-  ensureIntegrityOfDatabaseAtPath(databaseEnv(), path);
+  ensureIntegrityOfDatabaseAtPath(path_);
   Error error;
-  s.store = HistoryStore::open(databaseEnv(), path, *model, &error);
-  if (!s.store) {
+  store_ = HistoryStore::open(env_, path_, *model, &error);
+  if (!store_) {
     presentError("Failed to open the history database", error.message);
     return nullptr;
   }
-  s.presented.clear();
-  return s.store.get();
+  presented_.clear();
+  return store_.get();
 }
 
-HistoryContext* KRHelperUtil::managedObjectContext() {
-  Stack& s = stack();
-  if (s.context) return s.context.get();
+HistoryContext* HistoryDatabase::managedObjectContext() {
+  if (context_) return context_.get();
   HistoryStore* store = persistentStoreCoordinator();
   if (!store) {
     // The helper's domain, code 9999.
     presentError("Failed to initialize the store", "There was an error building up the data file.");
     return nullptr;
   }
-  s.context = std::make_unique<HistoryContext>(*store);
-  return s.context.get();
+  context_ = std::make_unique<HistoryContext>(*store);
+  return context_.get();
 }
 
-void KRHelperUtil::closeDatabase(RunLoop& mainLoop) {
+void HistoryDatabase::closeDatabase(RunLoop& mainLoop) {
   if (!mainLoop.isLoopThread()) {
-    mainLoop.postAndWait([&mainLoop] { closeDatabase(mainLoop); });
+    mainLoop.postAndWait([this, &mainLoop] { closeDatabase(mainLoop); });
     return;
   }
-  Stack& s = stack();
-  if (!s.context) return;
-  if (s.context->hasChanges()) s.context->save(nullptr);
-  s.context.reset();
-}
-
-void KRHelperUtil::resetForTesting() {
-  Stack& s = stack();
-  s.context.reset();
-  s.store.reset();
-  s.presented.clear();
-  s.notices = nullptr;
+  if (!context_) return;
+  if (context_->hasChanges()) context_->save(nullptr);
+  context_.reset();
 }
 
 }  // namespace zephlore

@@ -8,7 +8,6 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "base/util.h"
 #include "helper/history/history_test_support.h"
 #include "testing/files.h"
 #include "testing/test_home.h"
@@ -21,14 +20,17 @@ using testkit::TestHome;
 
 class HelperUtilTest : public ::testing::Test {
  protected:
-  void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
     loop_.runUntilIdle();  // this thread is the main thread
-    KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
-    KRHelperUtil::setNoticeBridge(&notices_);
-    KRUtil::applicationSupportFolder();
-    path_ = KRHelperUtil::databasePath();
+    std::filesystem::create_directories(home_.dataFolder());
+    restart();
+    path_ = database_->databasePath();
     ASSERT_FALSE(path_.empty());
+  }
+  // A new database over the same folder, as a restarted helper makes.
+  void restart() {
+    database_.reset();
+    database_ = std::make_unique<HistoryDatabase>(Env::system(), home_.dataFolder(), &notices_);
   }
 
   std::optional<int64_t> userVersion() {
@@ -42,6 +44,7 @@ class HelperUtilTest : public ::testing::Test {
   TestHome home_;
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
   KRGrowlBridge notices_{sender_};
+  std::unique_ptr<HistoryDatabase> database_;
   std::string path_;
 };
 
@@ -53,7 +56,7 @@ TEST_F(HelperUtilTest, RandomBytesAreReportedDeletedAndReplacedByAnEmptyStore) {
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
 
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
+  HistoryContext* context = database_->managedObjectContext();
   ASSERT_NE(context, nullptr);
   EXPECT_TRUE(context->allObjects().empty());
   EXPECT_EQ(userVersion(), HistoryModel::kVersion);
@@ -62,22 +65,22 @@ TEST_F(HelperUtilTest, RandomBytesAreReportedDeletedAndReplacedByAnEmptyStore) {
   ASSERT_EQ(notices.size(), 1u);
   EXPECT_TRUE(notices[0].critical);
   EXPECT_EQ(notices[0].title, "Zephlore Database Error");
-  EXPECT_EQ(notices[0].description, KRHelperUtil::kDatabaseCorruptMessage);
+  EXPECT_EQ(notices[0].description, HistoryDatabase::kDatabaseCorruptMessage);
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0].rfind("*** Zephlore Database Error: Zephlore database is corrupt", 0), 0u);
 }
 
 TEST_F(HelperUtilTest, AZeroByteFilePassesAndBecomesTheStore) {
   testkit::writeFile(path_, "");
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_));
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_ + ".none"));
-  ASSERT_NE(KRHelperUtil::managedObjectContext(), nullptr);
+  EXPECT_TRUE(database_->ensureIntegrityOfDatabaseAtPath(path_));
+  EXPECT_TRUE(database_->ensureIntegrityOfDatabaseAtPath(path_ + ".none"));
+  ASSERT_NE(database_->managedObjectContext(), nullptr);
   EXPECT_TRUE(sender_->taken().empty());
   EXPECT_EQ(userVersion(), HistoryModel::kVersion);
 }
 
 TEST_F(HelperUtilTest, RecordsSurviveCloseAndRestartAndCloseTwiceIsHarmless) {
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
+  HistoryContext* context = database_->managedObjectContext();
   ASSERT_NE(context, nullptr);
   EXPECT_FALSE(context->hasChanges());
   HistoryContext::Object* record = context->insertNewObject();
@@ -87,15 +90,15 @@ TEST_F(HelperUtilTest, RecordsSurviveCloseAndRestartAndCloseTwiceIsHarmless) {
   record->setLastSweep(WallTime(std::chrono::seconds(1'700'000'000)));
   record->setStatus(100);
   EXPECT_TRUE(context->hasChanges());
-  HistoryStore* store = KRHelperUtil::persistentStoreCoordinator();
+  HistoryStore* store = database_->persistentStoreCoordinator();
   const uint64_t before = store->transactionCount();
 
-  KRHelperUtil::closeDatabase(loop_);
-  KRHelperUtil::closeDatabase(loop_);
+  database_->closeDatabase(loop_);
+  database_->closeDatabase(loop_);
   EXPECT_EQ(store->transactionCount(), before + 1);
 
-  KRHelperUtil::resetForTesting();
-  context = KRHelperUtil::managedObjectContext();
+  restart();
+  context = database_->managedObjectContext();
   ASSERT_NE(context, nullptr);
   ASSERT_EQ(context->allObjects().size(), 1u);
   const HistoryRecord& read = context->allObjects()[0]->record();
@@ -117,15 +120,15 @@ TEST_F(HelperUtilTest, RecordsSurviveCloseAndRestartAndCloseTwiceIsHarmless) {
   SqliteConnection other;
   ASSERT_TRUE(other.open(path_, SQLITE_OPEN_READWRITE, nullptr));
   ASSERT_TRUE(other.exec("INSERT INTO History (folder) VALUES ('/x');", nullptr));
-  KRHelperUtil::resetForTesting();
-  context = KRHelperUtil::managedObjectContext();
+  restart();
+  context = database_->managedObjectContext();
   ASSERT_EQ(context->allObjects().size(), 2u);
   EXPECT_TRUE(context->allObjects()[1]->record().enabled);
   EXPECT_EQ(context->allObjects()[1]->record().savings, 0u);
 }
 
 TEST_F(HelperUtilTest, ASaveBlockedByAnotherWriterKeepsItsChangesForTheNextSave) {
-  HistoryContext* context = KRHelperUtil::managedObjectContext();
+  HistoryContext* context = database_->managedObjectContext();
   ASSERT_NE(context, nullptr);
   context->insertNewObject()->setFolder("/kept");
   SqliteConnection writer;
@@ -133,7 +136,7 @@ TEST_F(HelperUtilTest, ASaveBlockedByAnotherWriterKeepsItsChangesForTheNextSave)
   ASSERT_TRUE(writer.exec("BEGIN IMMEDIATE;", nullptr));
 
   // Locked, not damaged: the check keeps the file.
-  EXPECT_TRUE(KRHelperUtil::ensureIntegrityOfDatabaseAtPath(Env::system(), path_));
+  EXPECT_TRUE(database_->ensureIntegrityOfDatabaseAtPath(path_));
   Error error;
   EXPECT_FALSE(context->save(&error));
   EXPECT_TRUE(context->hasChanges());
@@ -148,8 +151,8 @@ TEST_F(HelperUtilTest, ADirectoryInItsPlaceIsReportedOnceAndRetried) {
   std::filesystem::create_directory(path_);
   std::vector<std::string> lines;
   ScopedLogCapture capture([&](const std::string& line) { lines.push_back(line); });
-  EXPECT_EQ(KRHelperUtil::managedObjectContext(), nullptr);
-  EXPECT_EQ(KRHelperUtil::managedObjectContext(), nullptr);
+  EXPECT_EQ(database_->managedObjectContext(), nullptr);
+  EXPECT_EQ(database_->managedObjectContext(), nullptr);
   std::vector<Notice> notices = sender_->taken();
   // Not damage, and not ours to delete: the refusal and the 9999 error, each once.
   ASSERT_EQ(notices.size(), 2u);
@@ -162,7 +165,7 @@ TEST_F(HelperUtilTest, ADirectoryInItsPlaceIsReportedOnceAndRetried) {
 
   // The folder is cleared: the next request builds the store.
   std::filesystem::remove(path_);
-  EXPECT_NE(KRHelperUtil::managedObjectContext(), nullptr);
+  EXPECT_NE(database_->managedObjectContext(), nullptr);
 }
 
 }  // namespace

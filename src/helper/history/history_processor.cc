@@ -5,8 +5,6 @@
 #include "base/log.h"
 #include "engine/path_string.h"
 #include "engine/volume.h"
-#include "helper/history/history_database.h"
-#include "helper/history/ht_alias.h"
 #include "platform/normal_path.h"
 #include "protocol/notification_names.h"
 
@@ -45,8 +43,8 @@ bool isDirectoryPath(Env& env, const std::string& path) { return QVPathString::i
 
 }  // namespace
 
-KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks)
-    : loop_(loop), env_(env), hooks_(std::move(hooks)) {
+KRHistoryProcessor::KRHistoryProcessor(RunLoop& loop, Env& env, HistoryDatabase& database, Hooks hooks)
+    : loop_(loop), env_(env), database_(database), hooks_(std::move(hooks)) {
   if (!hooks_.postSavingsChanged) hooks_.postSavingsChanged = [] {};
   if (!hooks_.helperActive) hooks_.helperActive = [] { return true; };
   refreshTotalSavings();
@@ -64,7 +62,7 @@ void KRHistoryProcessor::addTotalSavingsObserver(std::function<void(uint64_t)> o
   total_observers_.push_back(std::move(observer));
 }
 
-HistoryContext* KRHistoryProcessor::context() { return KRHelperUtil::managedObjectContext(); }
+HistoryContext* KRHistoryProcessor::context() { return database_.managedObjectContext(); }
 
 void KRHistoryProcessor::runOnMain(std::function<void()> fn) {
   if (!loop_.postAndWait(std::move(fn))) {
@@ -83,7 +81,7 @@ std::optional<FolderList> KRHistoryProcessor::folders() {
   FolderList list;
   for (HistoryContext::Object* object : *enabled) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock());
+    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock(), aliases_);
     if (resolved && !resolved->empty() && isDirectoryPath(env_, *resolved)) {
       list.push_back(QVPathString::stringByCanonicalizingPath(env_, *resolved));
     } else if (alias.originalAliasInfo()) {
@@ -124,7 +122,7 @@ HistoryContext::Object* KRHistoryProcessor::enabledFolderHistoryForFolderPath(
   std::optional<std::vector<HistoryContext::Object*>> found =
       ctx->fetch("historyForEnabledFolder", {{"HISTORY_PATH", folder}}, &error);
   if (!found) {
-    KRHelperUtil::presentError("Cannot read the history", error.message);
+    database_.presentError("Cannot read the history", error.message);
     return nullptr;
   }
   return found->empty() ? nullptr : found->front();
@@ -344,7 +342,7 @@ void KRHistoryProcessor::foldersChanged(const FolderList& toAdd, const FolderLis
         continue;
       }
       Error error;
-      std::optional<HTAlias> alias = HTAlias::aliasWithPath(env_, loop_.clock(), path, &error);
+      std::optional<HTAlias> alias = HTAlias::aliasWithPath(env_, loop_.clock(), aliases_, path, &error);
       if (!alias) {
         KRLog("Folder %s cannot be watched: %s", path.c_str(), error.message.c_str());
         continue;
@@ -363,7 +361,7 @@ void KRHistoryProcessor::resolveAliases() {
   if (!ctx) return;
   for (HistoryContext::Object* object : ctx->allObjects()) {
     HTAlias alias(object->record().folderAlias);
-    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock());
+    std::optional<std::string> resolved = alias.fullPath(env_, loop_.clock(), aliases_);
     if (resolved && !resolved->empty()) {
       std::string path = QVPathString::stringByCanonicalizingPath(env_, *resolved);
       const std::string& folder = object->record().folder;
@@ -373,7 +371,7 @@ void KRHistoryProcessor::resolveAliases() {
       }
       object->setFolder(path);
       // A fresh record finds it at once next time instead of searching.
-      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), path)) {
+      if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), aliases_, path)) {
         object->setFolderAlias(fresh->aliasData());
       }
       continue;
@@ -382,7 +380,7 @@ void KRHistoryProcessor::resolveAliases() {
     const std::string recorded = alias.originalAliasInfo()->pathString;
     struct stat st;
     if (recorded.empty() || env_.stat(recorded, &st) != 0) continue;
-    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), recorded)) {
+    if (std::optional<HTAlias> fresh = HTAlias::aliasWithPath(env_, loop_.clock(), aliases_, recorded)) {
       object->setFolderAlias(fresh->aliasData());
       object->setFolder(recorded);
     }

@@ -21,7 +21,9 @@
 #include "base/clock.h"
 #include "base/notification_center.h"
 #include "base/run_loop.h"
+#include "helper/history/history_database.h"
 #include "helper/history/history_store.h"
+#include "helper/history/ht_alias.h"
 #include "platform/env.h"
 
 namespace zephlore {
@@ -49,8 +51,9 @@ class KRHistoryProcessor {
   static constexpr double kSaveDelaySeconds = 0.2;
 
   // Computes the total at once (a database access on the calling thread).
-  // The watched folders are looked at through `env`.
-  KRHistoryProcessor(RunLoop& loop, Env& env, Hooks hooks = {});
+  // The watched folders are looked at through `env`; the history is kept in
+  // `database`, which outlives the processor.
+  KRHistoryProcessor(RunLoop& loop, Env& env, HistoryDatabase& database, Hooks hooks = {});
   ~KRHistoryProcessor();
   KRHistoryProcessor(const KRHistoryProcessor&) = delete;
   KRHistoryProcessor& operator=(const KRHistoryProcessor&) = delete;
@@ -118,6 +121,9 @@ class KRHistoryProcessor {
 
   RunLoop& loop_;
   Env& env_;
+  HistoryDatabase& database_;
+  // What resolving the folders' aliases remembers between look-ups.
+  FolderAliases aliases_;
   Hooks hooks_;
   std::atomic<uint64_t> total_savings_{0};
   std::mutex observers_mutex_;

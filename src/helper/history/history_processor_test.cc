@@ -27,11 +27,16 @@ using testkit::TestHome;
 
 class HistoryProcessorTest : public ::testing::Test {
  protected:
-  void TearDown() override { KRHelperUtil::resetForTesting(); }
   void SetUp() override {
     loop_.runUntilIdle();  // this thread is the main thread
-    KRHelperUtil::resetForTesting();  // no store left open in an earlier test's home
-    KRUtil::applicationSupportFolder();
+    std::filesystem::create_directories(home_.dataFolder());
+    restart();
+  }
+  // A new database and processor over the same folder, as a restarted
+  // helper makes.
+  void restart() {
+    processor_.reset();
+    database_ = std::make_unique<HistoryDatabase>(Env::system(), home_.dataFolder(), nullptr);
     KRHistoryProcessor::Hooks hooks;
     hooks.postSavingsChanged = [this] { posts_.push_back(clock_.now()); };
     hooks.setWatchPaths = [this](const std::optional<FolderList>& list) { watched_ = list; };
@@ -39,7 +44,7 @@ class HistoryProcessorTest : public ::testing::Test {
     hooks.savingsIncreased = [this](uint64_t increase, uint64_t total) {
       notices_.notifySavingsIncreasedBy(increase, total);
     };
-    processor_ = std::make_unique<KRHistoryProcessor>(loop_, Env::system(), hooks);
+    processor_ = std::make_unique<KRHistoryProcessor>(loop_, Env::system(), *database_, hooks);
   }
 
   void advance(double s) {
@@ -58,6 +63,7 @@ class HistoryProcessorTest : public ::testing::Test {
   KRGrowlBridge notices_{sender_};
   std::vector<TimePoint> posts_;
   std::optional<FolderList> watched_;
+  std::unique_ptr<HistoryDatabase> database_;
   std::unique_ptr<KRHistoryProcessor> processor_;
 };
 
@@ -187,7 +193,7 @@ TEST_F(HistoryProcessorTest, TwoFolderNoticesInQuickSuccessionGiveOneSaveAfterTh
   EXPECT_EQ(posts_[0], secondAt + seconds(0.2));
 
   // The save reached the file: a restarted helper sees both folders.
-  KRHelperUtil::resetForTesting();
+  restart();
   EXPECT_EQ(folders(), (FolderList{a, b}));
 }
 
@@ -196,7 +202,7 @@ TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   testkit::writeFile(folder + "/f", "x");
   add(folder);
   advance(0.2);
-  const uint64_t before = KRHelperUtil::persistentStoreCoordinator()->transactionCount();
+  const uint64_t before = database_->persistentStoreCoordinator()->transactionCount();
 
   std::atomic<bool> done{false};
   std::thread worker([&] {
@@ -208,11 +214,11 @@ TEST_F(HistoryProcessorTest, ABurstFromAWorkerThreadEndsInOneTransaction) {
   worker.join();
   advance(0.2);
   EXPECT_EQ(processor_->totalSavings(), 5'120'000u);
-  EXPECT_LE(KRHelperUtil::persistentStoreCoordinator()->transactionCount() - before, 2u);
+  EXPECT_LE(database_->persistentStoreCoordinator()->transactionCount() - before, 2u);
   EXPECT_EQ(posts_.size(), 2u);  // the add's save, then the burst's
   // The save that changed the total sampled it at the helper's clock.
   std::vector<HistorySample> samples;
-  ASSERT_TRUE(HistoryStore::readSamples(Env::system(), KRHelperUtil::databasePath(), &samples, nullptr));
+  ASSERT_TRUE(HistoryStore::readSamples(Env::system(), database_->databasePath(), &samples, nullptr));
   ASSERT_EQ(samples.size(), 1u);
   EXPECT_EQ(samples[0].totalSaved, 5'120'000u);
   EXPECT_EQ(std::chrono::duration_cast<std::chrono::seconds>(samples[0].time.time_since_epoch()),

@@ -9,9 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <deque>
-#include <map>
 #include <memory>
-#include <mutex>
 
 #include "base/clock.h"
 #include "helper/settings/plist_file.h"
@@ -81,65 +79,14 @@ std::string computeVolumeIdentity(Env& env, dev_t device, const std::string& pat
   return mount->source + " " + mount->fsType;
 }
 
-// Reading the mount table for every look-up would make a burst of savings
-// updates slow; an identity is kept for a short while per device number.
-class IdentityCache {
- public:
-  std::string identity(Env& env, const Clock& clock, dev_t device, const std::string& path) {
-    const TimePoint now = clock.now();
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      auto it = entries_.find(device);
-      if (it != entries_.end() && it->second.first > now) return it->second.second;
-    }
-    std::string identity = computeVolumeIdentity(env, device, path);
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_[device] = {now + seconds(2.0), identity};
-    return identity;
-  }
-
- private:
-  std::mutex mutex_;
-  std::map<dev_t, std::pair<TimePoint, std::string>> entries_;
-};
-
-IdentityCache& identityCache() {
-  static IdentityCache* cache = new IdentityCache();
-  return *cache;
-}
-
-// A folder that is gone would be searched for on every look-up of the
-// watched folders; a failed search is remembered for a few seconds.
-class MissCache {
- public:
-  bool recentlyMissed(const Clock& clock, const std::vector<uint8_t>& bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = misses_.find(bytes);
-    return it != misses_.end() && it->second > clock.now();
-  }
-  void remember(const Clock& clock, const std::vector<uint8_t>& bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (misses_.size() > 256) misses_.clear();
-    misses_[bytes] = clock.now() + seconds(5.0);
-  }
-
- private:
-  std::mutex mutex_;
-  std::map<std::vector<uint8_t>, TimePoint> misses_;
-};
-
-MissCache& missCache() {
-  static MissCache* cache = new MissCache();
-  return *cache;
-}
-
-bool matches(Env& env, const Clock& clock, const AliasInfo& info, const std::string& path) {
+bool matches(Env& env, const Clock& clock, FolderAliases& aliases, const AliasInfo& info,
+             const std::string& path) {
   std::optional<NodeFacts> facts = directoryFacts(env, path);
   if (!facts || facts->inode != info.nodeID) return false;
   if (info.birthTimeNs != 0 && facts->birthTimeNs != 0 && facts->birthTimeNs != info.birthTimeNs) {
     return false;
   }
-  return identityCache().identity(env, clock, facts->device, path) == info.volumeNameString;
+  return aliases.volumeIdentity(env, clock.now(), facts->device, path) == info.volumeNameString;
 }
 
 // The subdirectories of `dir` (never through a link) whose inode is `inode`,
@@ -155,8 +102,8 @@ void subdirectories(Env& env, const std::string& dir, std::optional<uint64_t> in
   }
 }
 
-std::optional<std::string> searchBelow(Env& env, const Clock& clock, const std::string& root,
-                                       const AliasInfo& info) {
+std::optional<std::string> searchBelow(Env& env, const Clock& clock, FolderAliases& aliases,
+                                       const std::string& root, const AliasInfo& info) {
   std::optional<NodeFacts> rootFacts = directoryFacts(env, root);
   if (!rootFacts) return std::nullopt;
   std::deque<std::string> queue{root};
@@ -170,7 +117,7 @@ std::optional<std::string> searchBelow(Env& env, const Clock& clock, const std::
     for (auto& [child, st] : children) {
       // Never onto another volume.
       if (st.st_dev != rootFacts->device) continue;
-      if (st.st_ino == info.nodeID && matches(env, clock, info, child)) return child;
+      if (st.st_ino == info.nodeID && matches(env, clock, aliases, info, child)) return child;
       queue.push_back(std::move(child));
     }
   }
@@ -207,6 +154,30 @@ std::optional<std::string> stringItem(plist_t dict, const char* key) {
 
 }  // namespace
 
+std::string FolderAliases::volumeIdentity(Env& env, TimePoint now, dev_t device, const std::string& path) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = identities_.find(device);
+    if (it != identities_.end() && it->second.first > now) return it->second.second;
+  }
+  std::string identity = computeVolumeIdentity(env, device, path);
+  std::lock_guard<std::mutex> lock(mutex_);
+  identities_[device] = {now + seconds(kIdentitySeconds), identity};
+  return identity;
+}
+
+bool FolderAliases::recentlyMissed(TimePoint now, const std::vector<uint8_t>& bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = misses_.find(bytes);
+  return it != misses_.end() && it->second > now;
+}
+
+void FolderAliases::rememberMiss(TimePoint now, const std::vector<uint8_t>& bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (misses_.size() > 256) misses_.clear();
+  misses_[bytes] = now + seconds(kMissSeconds);
+}
+
 HTAlias::HTAlias(std::vector<uint8_t> bytes) { setAliasData(std::move(bytes)); }
 
 void HTAlias::setAliasData(std::vector<uint8_t> bytes) {
@@ -238,7 +209,8 @@ std::optional<AliasInfo> HTAlias::aliasInfoForAliasData(const std::vector<uint8_
   return info;
 }
 
-std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const Clock& clock, const std::string& path, Error* error) {
+std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const Clock& clock, FolderAliases& aliases,
+                                              const std::string& path, Error* error) {
   std::optional<NodeFacts> facts;
   struct stat st;
   if (!path.empty() && path[0] == '/' && env.stat(path, &st) == 0) {
@@ -255,7 +227,7 @@ std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const Clock& clock, cons
   AliasInfo info;
   info.pathString = path;
   info.targetNameString = nameOf(path);
-  info.volumeNameString = identityCache().identity(env, clock, facts->device, path);
+  info.volumeNameString = aliases.volumeIdentity(env, clock.now(), facts->device, path);
   info.nodeID = facts->inode;
   info.birthTimeNs = facts->birthTimeNs;
   struct stat parent;
@@ -263,38 +235,39 @@ std::optional<HTAlias> HTAlias::aliasWithPath(Env& env, const Clock& clock, cons
   return HTAlias(encode(info));
 }
 
-std::optional<std::string> HTAlias::fullPath(Env& env, const Clock& clock) const {
+std::optional<std::string> HTAlias::fullPath(Env& env, const Clock& clock, FolderAliases& aliases) const {
   if (!info_ || info_->pathString.empty() || info_->pathString[0] != '/') return std::nullopt;
   const AliasInfo& info = *info_;
-  if (matches(env, clock, info, info.pathString)) return info.pathString;
+  if (matches(env, clock, aliases, info, info.pathString)) return info.pathString;
 
   // Renamed in place: the parent still holds it under another name.
   const std::string parent = parentOf(info.pathString);
   std::vector<std::pair<std::string, struct stat>> candidates;
   if (!parent.empty()) subdirectories(env, parent, info.nodeID, &candidates);
   for (const auto& [candidate, st] : candidates) {
-    if (matches(env, clock, info, candidate)) return candidate;
+    if (matches(env, clock, aliases, info, candidate)) return candidate;
   }
 
   // Moved: search below the nearest ancestor that still exists.
-  if (missCache().recentlyMissed(clock, bytes_)) return std::nullopt;
+  if (aliases.recentlyMissed(clock.now(), bytes_)) return std::nullopt;
   std::string ancestor = parent;
   while (!ancestor.empty() && !directoryFacts(env, ancestor)) ancestor = parentOf(ancestor);
   std::optional<std::string> found =
-      ancestor.empty() ? std::nullopt : searchBelow(env, clock, ancestor, info);
-  if (!found) missCache().remember(clock, bytes_);
+      ancestor.empty() ? std::nullopt : searchBelow(env, clock, aliases, ancestor, info);
+  if (!found) aliases.rememberMiss(clock.now(), bytes_);
   return found;
 }
 
-bool HTAlias::sameFolderAs(Env& env, const Clock& clock, const HTAlias& other) const {
-  std::optional<std::string> mine = fullPath(env, clock);
-  return mine && mine == other.fullPath(env, clock);
+bool HTAlias::sameFolderAs(Env& env, const Clock& clock, FolderAliases& aliases, const HTAlias& other) const {
+  std::optional<std::string> mine = fullPath(env, clock, aliases);
+  return mine && mine == other.fullPath(env, clock, aliases);
 }
 
-std::string HTAlias::volumeIdentityForPath(Env& env, const Clock& clock, const std::string& path) {
+std::string HTAlias::volumeIdentityForPath(Env& env, const Clock& clock, FolderAliases& aliases,
+                                           const std::string& path) {
   struct stat st;
   if (env.stat(path, &st) != 0) return "";
-  return identityCache().identity(env, clock, st.st_dev, path);
+  return aliases.volumeIdentity(env, clock.now(), st.st_dev, path);
 }
 
 }  // namespace zephlore

@@ -17,8 +17,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/clock.h"
@@ -46,6 +49,31 @@ struct AliasInfo {
   int64_t birthTimeNs = 0;  // 0: the file system keeps none
 };
 
+// What alias look-ups remember for a few seconds, owned by whoever resolves
+// aliases (the history processor): the identity of each volume (reading the
+// mount table on every look-up would make a burst of savings updates slow)
+// and the aliases whose search failed (a folder that is gone would be
+// searched for on every look-up of the watched folders). Any thread.
+class FolderAliases {
+ public:
+  static constexpr double kIdentitySeconds = 2.0;
+  static constexpr double kMissSeconds = 5.0;
+
+  FolderAliases() = default;
+  FolderAliases(const FolderAliases&) = delete;
+  FolderAliases& operator=(const FolderAliases&) = delete;
+
+  // The identity of the volume `device` that holds `path`.
+  std::string volumeIdentity(Env& env, TimePoint now, dev_t device, const std::string& path);
+  bool recentlyMissed(TimePoint now, const std::vector<uint8_t>& bytes);
+  void rememberMiss(TimePoint now, const std::vector<uint8_t>& bytes);
+
+ private:
+  std::mutex mutex_;
+  std::map<dev_t, std::pair<TimePoint, std::string>> identities_;
+  std::map<std::vector<uint8_t>, TimePoint> misses_;
+};
+
 class HTAlias {
  public:
   // Directories a move search visits at most.
@@ -56,15 +84,15 @@ class HTAlias {
 
   // None (error -43, file not found, in the OS-status domain) when nothing
   // is at the path.
-  static std::optional<HTAlias> aliasWithPath(Env& env, const Clock& clock, const std::string& path,
-                                              Error* error = nullptr);
+  static std::optional<HTAlias> aliasWithPath(Env& env, const Clock& clock, FolderAliases& aliases,
+                                              const std::string& path, Error* error = nullptr);
   static HTAlias aliasWithData(const std::vector<uint8_t>& bytes) { return HTAlias(bytes); }
 
   const std::vector<uint8_t>& aliasData() const { return bytes_; }
   void setAliasData(std::vector<uint8_t> bytes);
 
   // The current path of the folder, or none.
-  std::optional<std::string> fullPath(Env& env, const Clock& clock) const;
+  std::optional<std::string> fullPath(Env& env, const Clock& clock, FolderAliases& aliases) const;
 
   // The record's description; none when the bytes are not a record.
   const std::optional<AliasInfo>& originalAliasInfo() const { return info_; }
@@ -72,12 +100,13 @@ class HTAlias {
 
   // Both resolve to the same path; an unresolvable alias is the same as
   // nothing, not even itself.
-  bool sameFolderAs(Env& env, const Clock& clock, const HTAlias& other) const;
+  bool sameFolderAs(Env& env, const Clock& clock, FolderAliases& aliases, const HTAlias& other) const;
 
   // The identity of the volume holding `path`: "uuid:<UUID>" where the file
   // system has one, else "<source> <type>" from the mount table. "" when the
   // path cannot be examined.
-  static std::string volumeIdentityForPath(Env& env, const Clock& clock, const std::string& path);
+  static std::string volumeIdentityForPath(Env& env, const Clock& clock, FolderAliases& aliases,
+                                           const std::string& path);
 
  private:
   std::vector<uint8_t> bytes_;
