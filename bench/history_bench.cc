@@ -53,7 +53,7 @@ Setting& setting() {
 HistoryDatabase& database() {
   static HistoryDatabase* d = [] {
     setting();  // the data folder first
-    return new HistoryDatabase(Env::system(), *KRUtil::applicationSupportFolder(), nullptr);
+    return new HistoryDatabase(Env::system(), findDataFolder().value_or(""), nullptr);
   }();
   return *d;
 }

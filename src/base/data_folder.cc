@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/util.h"
 #include "base/xdg.h"
 
 namespace zephlore {
@@ -71,8 +70,5 @@ std::string exclusionPathsFileIn(const std::string& dataFolder) {
 std::string exclusionExtensionsFileIn(const std::string& dataFolder) {
   return fileIn(dataFolder, kExclusionExtensionsFileName);
 }
-
-// Only the history still looks the folder up itself.
-std::optional<std::string> KRUtil::applicationSupportFolder() { return findDataFolder(); }
 
 }  // namespace zephlore

@@ -20,10 +20,6 @@ class KRUtil {
  public:
   KRUtil() = delete;
 
-  // findDataFolder(), for the history, which does not yet take the folder
-  // from its owner.
-  static std::optional<std::string> applicationSupportFolder();
-
   // --- Display -----------------------------------------------------------
 
   // "0 b" .. "1023 b", then decimal units: "1.02 KB", "1.50 MB", "123 GB".

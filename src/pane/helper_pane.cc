@@ -74,7 +74,7 @@ Outcome toldOutcome(Told told) {
 }  // namespace
 
 PaneFiles PaneFiles::standard(const std::string& dataFolder) {
-  return {KRHelperUtil::databasePath(), exclusionPathsFileIn(dataFolder), exclusionExtensionsFileIn(dataFolder)};
+  return {HistoryDatabase::pathInFolder(dataFolder), exclusionPathsFileIn(dataFolder), exclusionExtensionsFileIn(dataFolder)};
 }
 
 PaneParts PaneParts::standard(Env& env, Clock& clock, DistributedNotificationCenter& center,

@@ -66,8 +66,8 @@ std::string lastSweepText(const HistoryRecord& record) {
                           : "never";
 }
 
-void showFolders(Env& env, int* exit_code, bool json) {
-  std::string path = KRHelperUtil::databasePath();
+void showFolders(Env& env, const std::string& dataFolder, int* exit_code, bool json) {
+  std::string path = HistoryDatabase::pathInFolder(dataFolder);
   std::vector<HistoryRecord> records;
   Error error;
   if (path.empty() || !HistoryStore::readRecords(env, path, &records, &error)) {
@@ -165,7 +165,7 @@ void addFolderCommands(CLI::App& app, Env& env, Clock& clock, const std::string&
   CLI::App* folders = app.add_subcommand(
       "folders", "Show every folder in the history: watched or not, savings, sweeps, the total");
   folders->add_flag("--json", *json, "Print one JSON object");
-  folders->callback([=, &env] { showFolders(env, exit_code, *json); });
+  folders->callback([=, &env, &dataFolder] { showFolders(env, dataFolder, exit_code, *json); });
 }
 
 }  // namespace zephlore::cli

@@ -9,17 +9,12 @@
 
 #include "base/log.h"
 #include "base/run_loop.h"
-#include "base/util.h"
 #include "helper/notices/notice_bridge.h"
 
 namespace zephlore {
 
 std::string HistoryDatabase::pathInFolder(const std::string& dataFolder) {
   return dataFolder.empty() ? std::string() : dataFolder + "/" + kDatabaseFileName;
-}
-
-std::string KRHelperUtil::databasePath() {
-  return HistoryDatabase::pathInFolder(KRUtil::applicationSupportFolder().value_or(""));
 }
 
 HistoryDatabase::HistoryDatabase(Env& env, const std::string& dataFolder, KRGrowlBridge* notices)

@@ -72,13 +72,4 @@ class HistoryDatabase {
   std::set<std::string> presented_;
 };
 
-// The path of the history database for programs that only read it (the
-// command, the preference pane): the data folder's "history.db", "" without
-// a data folder.
-class KRHelperUtil {
- public:
-  KRHelperUtil() = delete;
-  static std::string databasePath();
-};
-
 }  // namespace zephlore
