@@ -41,7 +41,7 @@ KRAppDelegate::KRAppDelegate(Env& env, Env& system, RunLoop& loop, PathMap& map,
       communicator_(bus),
       defaults_(system, dataFolder_, &communicator_),
       helperDefaults_(system),
-      helper_(std::make_unique<Helper>(env_, loop_, map_, *this, dataFolder_,
+      helper_(std::make_unique<Helper>(env_, system, loop_, map_, *this, dataFolder_,
                                        Helper::Settings{defaults_, helperDefaults_},
                                        Helper::Messaging{bus_, notices_})),
       menu_(loop, helper_->notifications(), notices_) {}

@@ -14,7 +14,7 @@
 
 namespace zephlore {
 
-Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
+Helper::Helper(Env& env, Env& system, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
                Settings settings, Messaging messaging)
     : env_(env),
       loop_(loop),
@@ -27,10 +27,8 @@ Helper::Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, 
       load_(std::make_unique<KernelLoadCounters>(), loop),
       power_(std::make_unique<SysfsPowerSupplies>(), loop, messaging.notices),
       exclusions_(env, dataFolder_, messaging.bus, loop),
-      // SQLite opens the database by its path, never beneath a view: the
-      // checks before it look through the real system too. Its alerts (a
-      // damaged database) reach the user as notices.
-      database_(Env::system(), dataFolder, &messaging.notices),
+      // Its alerts (a damaged database) reach the user as notices.
+      database_(system, dataFolder, &messaging.notices),
       history_(loop, env, database_,
                {.postSavingsChanged = [this] { messaging_.bus.postNotificationName(kSavingsChangedNotification); },
                 .helperActive = [this] { return settings_.user.helperActive(); },

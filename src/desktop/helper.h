@@ -83,9 +83,11 @@ class Helper {
   // Builds and links the parts; nothing is watched, mounted or started
   // yet. Files are reached through `env` (the helper's maps the watched
   // folders to the trees beneath their views, which `map` lists); the crash
-  // record lives in `dataFolder`. Built once this copy knows it is the only
-  // one: the record's lock is taken here.
-  Helper(Env& env, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
+  // record and the history database live in `dataFolder`, the database
+  // reached through `system` (SQLite opens it by its path, never beneath a
+  // view). Built once this copy knows it is the only one: the record's lock
+  // is taken here.
+  Helper(Env& env, Env& system, RunLoop& loop, PathMap& map, HelperObserver& observer, const std::string& dataFolder,
          Settings settings, Messaging messaging);
   // Stops the work and waits for the queues (tests; the helper's own lives
   // until the process ends).
