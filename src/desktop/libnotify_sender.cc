@@ -5,7 +5,7 @@
 #include <string>
 
 #include "base/log.h"
-#include "helper/bus/session_bus_address.h"
+#include "platform/session_bus_address.h"
 
 namespace zephlore {
 

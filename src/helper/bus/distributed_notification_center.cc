@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "base/log.h"
-#include "helper/bus/session_bus_address.h"
+#include "platform/session_bus_address.h"
 
 namespace zephlore {
 
