@@ -20,6 +20,7 @@
 #include "testing/bounded_wait.h"
 #include "testing/private_tmpfs.h"
 #include "view/mount_table.h"
+#include "view/forked_view_for_tests.h"
 #include "view/view_mount.h"
 
 namespace zephlore::view {
@@ -95,48 +96,6 @@ std::string listed(const Failures& failures) {
   return out;
 }
 
-// A view run by root in a child process, in the foreground, until the
-// object ends; the child's output tells when it is mounted.
-class ForkedView {
- public:
-  ForkedView(const std::string& source, const std::string& mountPoint) : mountPoint_(mountPoint) {
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fds[1], STDOUT_FILENO);
-      close(fds[0]);
-      close(fds[1]);
-      ViewMountOptions options;
-      options.source = source;
-      options.mountPoint = mountPoint;
-      options.foreground = true;
-      // As on the tmpfs beneath: the suite makes devices and set-user-ID files.
-      options.fuseOptions = {"dev", "suid"};
-      _exit(runView(Env::system(), options));
-    }
-    close(fds[1]);
-    pollfd ready{fds[0], POLLIN, 0};
-    char c;
-    mounted_ = pid_ > 0 &&
-               poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(testkit::kWaitLimit).count())) == 1 &&
-               read(fds[0], &c, 1) == 1 && isViewMounted(mountPoint);
-    close(fds[0]);
-  }
-  ~ForkedView() {
-    if (pid_ <= 0) return;
-    Error error;
-    if (!unmountView(mountPoint_, true, &error)) kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  bool mounted() const { return mounted_; }
-
- private:
-  std::string mountPoint_;
-  pid_t pid_ = -1;
-  bool mounted_ = false;
-};
-
 TEST(PosixSuiteHeavy, PjdfstestPassesOverAViewButForTheListedAssertions) {
   if (std::string(PJDFSTEST_MISSING) != "") GTEST_SKIP() << PJDFSTEST_MISSING;
   if (geteuid() != 0) GTEST_SKIP() << "pjdfstest runs as root (it acts as other users and mounts a view)";
@@ -147,7 +106,8 @@ TEST(PosixSuiteHeavy, PjdfstestPassesOverAViewButForTheListedAssertions) {
   const std::string source = tmpfs / "source", shown = tmpfs / "view";
   ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
   ASSERT_EQ(mkdir(shown.c_str(), 0755), 0);
-  ForkedView view(source, shown);
+  // As on the tmpfs beneath: the suite makes devices and set-user-ID files.
+  ForkedView view(Env::system(), source, shown, {"dev", "suid"});
   ASSERT_TRUE(view.mounted());
 
   // The suite's files mostly wait out timestamps' granularity: run side by
