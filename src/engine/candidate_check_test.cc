@@ -8,6 +8,7 @@
 #include <string>
 
 #include "engine/extended_attributes_helper.h"
+#include "engine/hfs_compressed_file_representation.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
@@ -48,6 +49,20 @@ TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
 
   ASSERT_EQ(symlink("4096", (dir / "link").c_str()), 0);
   EXPECT_EQ(check(dir / "link"), CandidateRejection::kNotRegular);
+
+  // Compressed, then written into: told apart by the data fork, short or long.
+  testkit::ScopedRuntimeDir runtime;
+  const std::string packed = dir / "packed";
+  writeFile(packed, testkit::compressibleData(20000));
+  Error error;
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), packed, &error)) << error.describe();
+  EXPECT_EQ(check(packed), CandidateRejection::kAlreadyCompressed);
+  for (size_t appended : {4, 5000}) {
+    const int fd = open(packed.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_EQ(write(fd, std::string(appended, 'x').data(), appended), static_cast<ssize_t>(appended));
+    close(fd);
+    EXPECT_EQ(check(packed), CandidateRejection::kCompressionAttributes) << appended;
+  }
 }
 
 }  // namespace

@@ -127,19 +127,9 @@ TEST_F(FileCommands, CompressTreeReportsEveryOutcomeAsValidJson) {
   EXPECT_EQ(readFile(hostile), compressibleData(9000)) << "a skipped file is left as it was";
   EXPECT_EQ(readFile(root + "/random"), randomData(200000));
 
-  // A second run: what is compressed or marked stays so; a compressed file
-  // written into since is left alone.
-  int fd = open((root + "/sub/text2").c_str(), O_WRONLY | O_APPEND);
-  ASSERT_EQ(write(fd, "more", 4), 4);
-  close(fd);
-  unlink(hostile.c_str());
-  auto second = runZephlore({"compress", "-r", "--json", "--verbose", root});
-  EXPECT_EQ(second.status, 0) << second.out << second.err;
-  Report s = report(second.out);
-  EXPECT_EQ(s.files[root + "/text"]["reason"], "already_compressed");
-  EXPECT_EQ(s.files[root + "/random"]["reason"], "marked_not_compressible");
-  EXPECT_EQ(s.files[root + "/sub/text2"]["reason"], "compression_attributes");
-  EXPECT_EQ(s.summary["files"]["compressed"], 0);
+  // Data that does not shrink is marked, so later runs pass it over (which
+  // reason the next run gives is CandidateCheck's).
+  EXPECT_GT(getxattr((root + "/random").c_str(), "user.com.quorvane.zephlore.exclude", nullptr, 0), 0);
 
   // Without --verbose: exactly one JSON object. Without -j, a thread per core.
   auto quiet = runZephlore({"compress", "-r", "--json", root});
@@ -237,14 +227,10 @@ TEST_F(FileCommands, CatGivesTheContentOfCompressedAndPlainFilesAndRanges) {
 
   EXPECT_EQ(cat({compressed}), data);
   EXPECT_EQ(cat({plain, compressed}), data + data);
-  const std::vector<std::pair<uint64_t, uint64_t>> ranges = {
-      {0, 1}, {65535, 2}, {65536, 65536}, {100, 150000}, {3 * 65536, 100}, {3 * 65536 + 7, 10}, {1 << 30, 5}};
-  for (const auto& [offset, length] : ranges) {
-    const std::string expected = offset < data.size() ? data.substr(offset, length) : "";
-    for (const std::string& file : {compressed, plain}) {
-      EXPECT_EQ(cat({"--offset", std::to_string(offset), "--length", std::to_string(length), file}), expected)
-          << file << " at " << offset;
-    }
+  // Ranges inside and across blocks are the reader's (CompressedForkReader,
+  // CompressedFileInfoTest): here only that the options reach it.
+  for (const std::string& file : {compressed, plain}) {
+    EXPECT_EQ(cat({"--offset", "65535", "--length", "70000", file}), data.substr(65535, 70000)) << file;
   }
   EXPECT_EQ(cat({"--offset", "65000", compressed}), data.substr(65000));
   // Where no attributes are kept, and with a size of 0 but content: as it is.
