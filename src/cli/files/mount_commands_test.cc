@@ -21,14 +21,12 @@
 #include <thread>
 #include <vector>
 
-#include "platform/env.h"
 #include "testing/zephlore_command.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
 #include "view/mount_table.h"
 #include "view/underlying_tree.h"
-#include "view/view_mounter.h"
 
 namespace zephlore::cli {
 namespace {
@@ -574,37 +572,6 @@ TEST_F(MountCommands, InfoCatAndRepairLookBeneathAView) {
   EXPECT_EQ(readFile(source_ + "/written"), "new");
   EXPECT_TRUE(readFile(source_ + "/written.zephlore-recovered") == text);
   EXPECT_EQ(view_->unmount(), 0) << view_->child().err();
-}
-
-TEST_F(MountCommands, HelperViewStaysWhileFilesAreCompressedAndDecompressWorksUnderIt) {
-  const std::string text = compressibleData(100000, 13);
-  mkdir((source_ + "/sub").c_str(), 0755);
-  writeFile(source_ + "/sub/report", text);
-  compress(source_);
-  view::ViewMounter mounter(Env::system(), testkit::zephloreBinary());
-  LazyUnmount unmounter{source_};
-  Error error;
-  ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;
-  ASSERT_TRUE(mounter.mountOver(source_, &error)) << error.message;  // already there: nothing to do
-  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
-  // Beneath the view the file is stored compressed.
-  const std::string beneath = mounter.beneath(source_);
-  ASSERT_NE(beneath, source_);
-  EXPECT_TRUE(hasAttribute(beneath + "/sub/report", "user.com.apple.decmpfs"));
-
-  std::string why;
-  EXPECT_FALSE(mounter.unmountIfUnused(source_, &why));
-  EXPECT_NE(why.find(source_ + "/sub/report is compressed"), std::string::npos) << why;
-
-  auto r = runZephlore({"decompress", "-r", "-q", source_});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_FALSE(hasAttribute(beneath + "/sub/report", "user.com.apple.decmpfs"));
-  EXPECT_TRUE(readFile(beneath + "/sub/report") == text);
-  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
-
-  EXPECT_TRUE(mounter.unmountIfUnused(source_, &why)) << why;
-  EXPECT_EQ(mounter.beneath(source_), source_);
-  EXPECT_TRUE(readFile(source_ + "/sub/report") == text);
 }
 
 // Debian ships /dev/fuse open to every user, and fusermount3 mounts for
