@@ -22,7 +22,6 @@
 #include "helper/pipeline/pipeline_test_support.h"
 #include "platform/thread_priority.h"
 #include "testing/bounded_wait.h"
-#include "testing/child.h"
 #include "testing/files.h"
 #include "testing/scratch_dir.h"
 #include "testing/test_home.h"
@@ -259,6 +258,9 @@ TEST_F(CompressorTest, PauseMidBatchPutsItsPathsBackInFrontAndResumeStartsWithTh
   EXPECT_EQ(firstAgain, std::set<std::string>(files.begin() + 2, files.begin() + 52));
 }
 
+// Which files the engine refuses, and that a refusal leaves the file as it
+// was, is the engine's (QVHFSCompressedFileRepresentationTest): here only
+// that the compressor marks no refusal but data that does not shrink.
 TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string noise = dir / "noise";
   testkit::writeFile(noise, testkit::randomData(200000, 7));
@@ -268,41 +270,21 @@ TEST_F(CompressorTest, OnlyIncompressibleDataIsMarkedAndRefusalsTouchNothing) {
   const std::string linked = dir / "linked";
   testkit::writeFile(linked, testkit::compressibleData(20000));
   ASSERT_EQ(link(linked.c_str(), (dir / "second-name").c_str()), 0);
-  const std::string vanished = dir / "vanished";
-  testkit::writeFile(vanished, testkit::compressibleData(20000));
-  const std::string becameDirectory = dir / "became-directory";
-  testkit::writeFile(becameDirectory, testkit::compressibleData(20000));
-  const std::string becameLink = dir / "became-link";
-  testkit::writeFile(becameLink, testkit::compressibleData(20000));
 
-  const std::string beingWritten = dir / "being-written";
-  testkit::writeFile(beingWritten, testkit::compressibleData(20000));
-
-  compressor.addFiles({noise, smallNoise, linked, vanished, becameDirectory, becameLink, beingWritten});
-  // Another process has it open for writing (our own descriptors do not count).
-  testkit::Child writer({"sh", "-c", "exec 3>>'" + beingWritten + "'; echo open; exec sleep 600"});
-  ASSERT_TRUE(writer.waitForLine());
-  unlink(vanished.c_str());
-  unlink(becameDirectory.c_str());
-  mkdir(becameDirectory.c_str(), 0755);
-  unlink(becameLink.c_str());
-  ASSERT_EQ(symlink(linked.c_str(), becameLink.c_str()), 0);
+  compressor.addFiles({noise, smallNoise, linked});
   runBatch();
 
   std::vector<PostedNotification> done = recorder.named(kFileCompressedNotification);
-  ASSERT_EQ(done.size(), 7u);
+  ASSERT_EQ(done.size(), 3u);
   EXPECT_EQ(done[0].errorCode, 704);
   EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), noise));
   EXPECT_EQ(done[1].errorCode, 704);
   EXPECT_TRUE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), smallNoise));
   EXPECT_EQ(testkit::readFile(smallNoise), testkit::randomData(20000, 8)) << "left plain";
-  for (size_t i = 2; i < done.size(); ++i) {
-    EXPECT_NE(done[i].errorCode, 0) << done[i].path;
-    EXPECT_NE(done[i].errorCode, 704) << done[i].path;
-  }
+  EXPECT_NE(done[2].errorCode, 0);
+  EXPECT_NE(done[2].errorCode, 704);
   EXPECT_FALSE(KRExtendedAttributesHelper::isUncompressableAttributeSetAt(Env::system(), linked));
   EXPECT_EQ(testkit::readFile(linked), testkit::compressibleData(20000));
-  EXPECT_EQ(testkit::readFile(beingWritten), testkit::compressibleData(20000));
   EXPECT_EQ(savings.load(), 0u);
 }
 
