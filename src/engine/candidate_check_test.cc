@@ -55,7 +55,7 @@ TEST(CandidateCheck, SizeLinksExecuteBitsAndMarkers) {
   const std::string packed = dir / "packed";
   writeFile(packed, testkit::compressibleData(20000));
   Error error;
-  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::shared(), packed, &error)) << error.describe();
+  ASSERT_TRUE(QVHFSCompressedFileRepresentation::compressInPlacePath(Env::system(), packed, &error)) << error.describe();
   EXPECT_EQ(check(packed), CandidateRejection::kAlreadyCompressed);
   for (size_t appended : {4, 5000}) {
     const int fd = open(packed.c_str(), O_WRONLY | O_APPEND);
