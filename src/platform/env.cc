@@ -4,7 +4,6 @@
 
 #include <cerrno>
 
-#include "base/write_all.h"
 
 namespace zephlore {
 
@@ -26,8 +25,23 @@ ssize_t Env::preadFully(int fd, void* buf, size_t n, uint64_t offset) {
   return static_cast<ssize_t>(done);
 }
 
+// Through the pwrite operation, so that a fault injected there reaches
+// every whole-buffer write too.
 bool Env::pwriteFully(int fd, const void* buf, size_t n, uint64_t offset) {
-  return pwriteAll(fd, buf, n, offset);
+  size_t done = 0;
+  while (done < n) {
+    ssize_t put = pwrite(fd, static_cast<const char*>(buf) + done, n - done, offset + done);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (put == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(put);
+  }
+  return true;
 }
 
 std::optional<std::vector<uint8_t>> Env::getxattrValue(const FileRef& file,
