@@ -2,37 +2,16 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-#include <optional>
-
 namespace zephlore {
-namespace {
 
-bool writeLoop(int fd, const void* data, size_t n, std::optional<uint64_t> offset) {
-  const char* bytes = static_cast<const char*>(data);
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t put = offset ? pwrite(fd, bytes + done, n - done, static_cast<off_t>(*offset + done))
-                               : write(fd, bytes + done, n - done);
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (put == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(put);
-  }
-  return true;
+bool writeAll(int fd, const void* data, size_t n) {
+  return writeEvery(data, n, [fd](const char* bytes, size_t count, size_t) { return write(fd, bytes, count); });
 }
 
-}  // namespace
-
-bool writeAll(int fd, const void* data, size_t n) { return writeLoop(fd, data, n, std::nullopt); }
-
 bool pwriteAll(int fd, const void* data, size_t n, uint64_t offset) {
-  return writeLoop(fd, data, n, offset);
+  return writeEvery(data, n, [fd, offset](const char* bytes, size_t count, size_t done) {
+    return pwrite(fd, bytes, count, static_cast<off_t>(offset + done));
+  });
 }
 
 }  // namespace zephlore

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "base/write_all.h"
 
 namespace zephlore {
 
@@ -28,20 +29,9 @@ ssize_t Env::preadFully(int fd, void* buf, size_t n, uint64_t offset) {
 // Through the pwrite operation, so that a fault injected there reaches
 // every whole-buffer write too.
 bool Env::pwriteFully(int fd, const void* buf, size_t n, uint64_t offset) {
-  size_t done = 0;
-  while (done < n) {
-    ssize_t put = pwrite(fd, static_cast<const char*>(buf) + done, n - done, offset + done);
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (put == 0) {
-      errno = EIO;
-      return false;
-    }
-    done += static_cast<size_t>(put);
-  }
-  return true;
+  return writeEvery(buf, n, [&](const char* bytes, size_t count, size_t done) {
+    return pwrite(fd, bytes, count, offset + done);
+  });
 }
 
 std::optional<std::vector<uint8_t>> Env::getxattrValue(const FileRef& file,
