@@ -70,7 +70,10 @@ DistributedNotificationCenter::DistributedNotificationCenter(std::optional<std::
 }
 
 DistributedNotificationCenter::~DistributedNotificationCenter() {
+  // Closed by its owner, not lost: nothing to tell.
+  closed_ = true;
   glib_.run([this] {
+    if (connection_) g_signal_handlers_disconnect_by_data(connection_, this);
     std::lock_guard lock(mutex_);
     for (auto& [id, entry] : observers_) {
       entry.record->active = false;

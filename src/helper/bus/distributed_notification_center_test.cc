@@ -159,6 +159,18 @@ TEST_F(DistributedNotificationCenterTest, ADaemonThatEndsIsToldToItsOwnerOnce) {
     changed.notify_all();
   });
   ASSERT_TRUE(center.isConnected());
+  {
+    // A centre its owner ends (as each command does) has lost nothing.
+    LogLines quiet;
+    bool ownLost = false;
+    {
+      DistributedNotificationCenter ended;
+      ASSERT_TRUE(ended.isConnected());
+      ended.setConnectionLostHandler([&] { ownLost = true; });
+    }
+    EXPECT_FALSE(ownLost);
+    EXPECT_TRUE(quiet.get().empty()) << quiet.get()[0];
+  }
   LogLines log;
   bus.kill();
   {
